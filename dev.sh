@@ -1,0 +1,104 @@
+#!/usr/bin/env bash
+# The one entry point for working on ZNVStorage.
+#
+#   ./dev.sh deps    install the Debian packages the build needs (only the missing ones)
+#   ./dev.sh build   configure and build (warnings are errors)
+#   ./dev.sh test    deps + build + every test through CTest
+#   ./dev.sh demo    deps + build + `znv demo` (upload, download and verify a sample file)
+#   ./dev.sh bench   deps + build + the benchmarks of bench/
+#
+# ZNV_SANITIZE=address (address + undefined behaviour) or ZNV_SANITIZE=thread builds
+# into its own build directory (build-asan, build-tsan) and runs the tests there.
+# Tests whose name contains "Heavy" (gigabyte transfers, memory ceilings) are left
+# out of sanitizer runs, where they would measure the sanitizer, not the code.
+set -euo pipefail
+cd "$(dirname "$0")"
+ROOT=$(pwd)
+
+PACKAGES=(
+  build-essential cmake ninja-build pkg-config
+  libcurl4-openssl-dev nlohmann-json3-dev libspdlog-dev libfmt-dev uuid-dev
+  libcli11-dev libcpp-httplib-dev
+  googletest libgtest-dev libgmock-dev libbenchmark-dev hyperfine curl
+  iproute2
+)
+
+log() { printf '[dev.sh] %s\n' "$*" >&2; }
+
+deps() {
+  local missing=()
+  for p in "${PACKAGES[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+      missing+=("$p")
+    fi
+  done
+  if [ ${#missing[@]} -eq 0 ]; then
+    log "all packages present"
+    return 0
+  fi
+  log "installing: ${missing[*]}"
+  local sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo="sudo"
+  $sudo apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+build_dir() {
+  case "${ZNV_SANITIZE:-}" in
+    "") echo "$ROOT/build" ;;
+    address) echo "$ROOT/build-asan" ;;
+    thread) echo "$ROOT/build-tsan" ;;
+    *) log "ZNV_SANITIZE must be empty, address or thread"; exit 2 ;;
+  esac
+}
+
+jobs() { nproc 2>/dev/null || echo 2; }
+
+build() {
+  local dir
+  dir=$(build_dir)
+  cmake -S "$ROOT" -B "$dir" -G Ninja -DZNV_WERROR=ON -DZNV_SANITIZE="${ZNV_SANITIZE:-}" >/dev/null
+  cmake --build "$dir" -j "$(jobs)"
+}
+
+run_tests() {
+  local dir
+  dir=$(build_dir)
+  local args=(--test-dir "$dir" --output-on-failure -j "$(jobs)" --timeout 900)
+  if [ -n "${ZNV_SANITIZE:-}" ]; then
+    args+=(-E Heavy)
+    export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+    export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+    export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+  fi
+  ctest "${args[@]}" "$@"
+}
+
+cmd=${1:-}
+[ $# -gt 0 ] && shift
+case "$cmd" in
+  deps) deps ;;
+  build) deps; build ;;
+  test) deps; build; run_tests "$@" ;;
+  demo)
+    deps; build
+    znv="$(build_dir)/znv"
+    if [ ! -x "$znv" ]; then
+      log "the znv command-line client is not built yet; there is no demo to run"
+      exit 1
+    fi
+    exec "$znv" demo "$@"
+    ;;
+  bench)
+    deps; build
+    if [ -x "$ROOT/bench/run.sh" ]; then
+      exec "$ROOT/bench/run.sh" "$(build_dir)" "$@"
+    fi
+    log "no benchmarks yet (bench/run.sh is missing)"
+    exit 1
+    ;;
+  *)
+    sed -n '2,13p' "$0" | sed 's/^# \{0,1\}//'
+    [ -z "$cmd" ] && exit 2 || { log "unknown verb: $cmd"; exit 2; }
+    ;;
+esac
