@@ -7,6 +7,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/test_support.h"
+
 namespace znv {
 namespace {
 
@@ -64,6 +66,7 @@ TEST(Log, SinksCanBeSwappedWhileOtherThreadsLog) {
                 ZNVLogInfo("writer {} line {}", t, i);
         });
     }
+    ASSERT_TRUE(test::waitFor([&] { return !capture.lines().empty(); }));
     auto other = std::make_shared<spdlog::sinks::ringbuffer_sink_mt>(16);
     for (int i = 0; i < 200; ++i) {
         ZNVLogAddSink(other);
