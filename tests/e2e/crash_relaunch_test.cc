@@ -1,0 +1,285 @@
+// Killed and relaunched: a child process uploads a large file by chunks
+// through a throttled emulator and is killed with SIGKILL at a chosen point;
+// this process then launches a storage manager on the same home directory,
+// restores the upload and completes it. The remote file must equal the source
+// and no batch whose acknowledgement had been saved may be sent again.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <set>
+
+#include "tests/e2e/e2e_support.h"
+
+extern char** environ;
+
+namespace znv {
+namespace {
+
+constexpr uint64_t kMiB = 1024 * 1024;
+constexpr uint64_t kChunk = 4 * kMiB;
+const char* const kIdentifier = "crash";
+
+ZNVAccountConfigurationRef crashConfiguration(const std::string& baseURL) {
+    return std::make_shared<ZNVAccountConfiguration>(ZNVURL::fromString(baseURL).value(),
+                                                     kIdentifier);
+}
+
+// The child processes' side. It only runs when the parent test starts this
+// executable with the variables below; a plain run of the suite skips it.
+// "upload" starts the upload and keeps going until the parent kills the
+// process; "relaunch" restores the upload, completes it and writes its remote
+// file ID to ZNV_CRASH_RESULT.
+TEST(CrashHelper, Run) {
+    const char* mode = std::getenv("ZNV_CRASH_MODE");
+    const char* baseURL = std::getenv("ZNV_CRASH_BASE_URL");
+    const char* home = std::getenv("ZNV_CRASH_HOME");
+    const char* source = std::getenv("ZNV_CRASH_SOURCE");
+    const char* result = std::getenv("ZNV_CRASH_RESULT");
+    if (!mode || !baseURL || !home || !source || !result) {
+        GTEST_SKIP() << "runs only as a child of the crash tests";
+    }
+    setenv("HOME", home, 1);
+    test::installManualReachability();
+    test::LogCapture log;
+    auto account = ZNVTokenAccount::createWithToken(crashConfiguration(baseURL), "dev-token");
+    auto storage = ZNVStorage::storageForAccount(account);
+    ASSERT_NE(storage, nullptr);
+
+    if (std::string(mode) == "upload") {
+        ASSERT_TRUE(storage->uploads().empty());
+        ASSERT_NE(storage->uploadFromFile(ZNVURL::fileURL(source), "", "", "", false, true),
+                  nullptr);
+        test::waitFor([] { return false; }, std::chrono::minutes(5));
+        FAIL() << "the parent never killed the helper";
+    }
+
+    auto uploads = storage->uploads();
+    ASSERT_EQ(uploads.size(), 1u) << "the upload was not restored";
+    auto upload = uploads[0];
+    EXPECT_TRUE(upload->wasDecoded());
+    EXPECT_TRUE(log.contains("restoring task state:"));
+    ASSERT_TRUE(test::waitFor([&] { return upload->state() == ZNVNetworkTaskStateCompleted; },
+                              std::chrono::minutes(3)))
+        << upload->description();
+    ASSERT_EQ(upload->error(), nullptr) << upload->error()->description();
+    test::writeFile(result, upload->remoteFileID());
+    storage->invalidateClientAndCancelTasks();
+}
+
+std::set<uint64_t> chunkIndicesOf(const nlohmann::json& entry) {
+    std::set<uint64_t> indices;
+    for (const auto& part : entry.value("parts", nlohmann::json::array())) {
+        const std::string name = part.get<std::string>();
+        const std::string prefix = "chunkData.";
+        if (name.rfind(prefix, 0) == 0) indices.insert(std::stoull(name.substr(prefix.size())));
+    }
+    return indices;
+}
+
+bool isBatch(const nlohmann::json& entry) {
+    const std::string path = entry.value("path", "");
+    return entry.value("method", "") == "PUT" && path.rfind("/api/files/", 0) == 0 &&
+           !path.ends_with("/fullfile");
+}
+
+class CrashRelaunch : public test::EmulatorTest {
+  protected:
+    emulator::EmulatorOptions emulatorOptions() override {
+        auto options = test::EmulatorTest::emulatorOptions();
+        options.maxFullFileBytes = kMiB;  // always by chunks, also after a relaunch
+        return options;
+    }
+
+    void SetUp() override {
+        test::EmulatorTest::SetUp();
+        home_ = test::makeTempDir("crash-home");
+        source_ = writeSource("large.bin", 18 * kChunk + 4321, 99);  // batches 0-7, 8-15, 16-18
+        statePath_ = home_ + "/Library/Network/" + kIdentifier + ".state";
+        // About a second per batch, so that a kill lands inside one.
+        ASSERT_TRUE(emulator_->addFault({{"method", "PUT"},
+                                         {"path", "/api/files/*"},
+                                         {"action", "throttle"},
+                                         {"bytesPerSecond", 24 * kMiB}}));
+    }
+
+    void TearDown() override {
+        if (child_ > 0) {
+            ::kill(child_, SIGKILL);
+            ::waitpid(child_, nullptr, 0);
+        }
+        test::EmulatorTest::TearDown();
+    }
+
+    pid_t startChild(const std::string& mode) {
+        std::vector<std::string> variables{
+            "ZNV_CRASH_MODE=" + mode,          "ZNV_CRASH_BASE_URL=" + emulator_->baseURL(),
+            "ZNV_CRASH_HOME=" + home_,         "ZNV_CRASH_SOURCE=" + source_,
+            "ZNV_CRASH_RESULT=" + resultPath_, "ZNV_TEST_SCRATCH=" + test::makeTempDir("child")};
+        std::vector<char*> envp;
+        for (char** e = environ; *e; ++e)
+            envp.push_back(*e);
+        for (auto& v : variables)
+            envp.push_back(v.data());
+        envp.push_back(nullptr);
+        std::string self = "/proc/self/exe";
+        std::string filter = "--gtest_filter=CrashHelper.Run";
+        char* argv[] = {self.data(), filter.data(), nullptr};
+        pid_t pid = -1;
+        if (::posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv, envp.data()) != 0) return -1;
+        return pid;
+    }
+
+    // The exit status of a child, or -1 when it did not end in time.
+    static int waitForExit(pid_t pid, std::chrono::seconds timeout) {
+        int status = 0;
+        bool ended = test::waitFor([&] { return ::waitpid(pid, &status, WNOHANG) == pid; },
+                                   std::chrono::duration_cast<std::chrono::milliseconds>(timeout));
+        if (!ended) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, nullptr, 0);
+            return -1;
+        }
+        return status;
+    }
+
+    void killChild() {
+        ASSERT_GT(child_, 0);
+        ASSERT_EQ(::kill(child_, SIGKILL), 0);
+        int status = 0;
+        ASSERT_EQ(::waitpid(child_, &status, 0), child_);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "status " << status;
+        child_ = -1;
+    }
+
+    // The saved upload as the state file holds it now.
+    nlohmann::json savedUpload() const {
+        try {
+            auto json = nlohmann::json::parse(test::readFile(statePath_));
+            const auto& objects = json.at("$top").at("tasks").at("$objects");
+            return objects.empty() ? nlohmann::json() : objects[0];
+        } catch (const std::exception&) {
+            return nlohmann::json();
+        }
+    }
+
+    static std::set<uint64_t> savedChunkIndices(const nlohmann::json& upload) {
+        std::set<uint64_t> indices;
+        if (!upload.contains("chunk indices to upload")) return indices;
+        for (const auto& range : upload["chunk indices to upload"]["$indexes"]) {
+            for (uint64_t i = 0; i < range[1].get<uint64_t>(); ++i) {
+                indices.insert(range[0].get<uint64_t>() + i);
+            }
+        }
+        return indices;
+    }
+
+    bool inFlight(const std::string& method, const std::string& pathSuffix) const {
+        for (const auto& entry : emulator_->requestLog()) {
+            if (entry.value("method", "") == method && entry.value("status", 0) == 0 &&
+                entry.value("path", "").ends_with(pathSuffix)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    size_t acknowledgedBatches() const {
+        size_t count = 0;
+        for (const auto& entry : emulator_->requestLog()) {
+            if (isBatch(entry) && entry.value("status", 0) == 200) ++count;
+        }
+        return count;
+    }
+
+    // Kills the uploading child once `ready` holds, relaunches the upload in
+    // a second child and checks the result.
+    void killAndRelaunch(const std::function<bool()>& ready) {
+        child_ = startChild("upload");
+        ASSERT_GT(child_, 0);
+        ASSERT_TRUE(test::waitFor(ready, std::chrono::seconds(120))) << "kill point never reached";
+        killChild();
+        const nlohmann::json logAtKill = emulator_->requestLog();
+        const nlohmann::json savedAtKill = savedUpload();
+        emulator_->clearFaults();  // releases stalls and the throttle
+
+        // What the dead process had been told, and what it had written down.
+        const std::set<uint64_t> pendingAtKill = savedChunkIndices(savedAtKill);
+        std::vector<std::set<uint64_t>> acknowledged;
+        for (const auto& entry : logAtKill) {
+            if (isBatch(entry) && entry.value("status", 0) == 200) {
+                acknowledged.push_back(chunkIndicesOf(entry));
+            }
+        }
+
+        pid_t relaunch = startChild("relaunch");
+        ASSERT_GT(relaunch, 0);
+        const int status = waitForExit(relaunch, std::chrono::seconds(300));
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+            << "the relaunched process failed (status " << status << ")";
+        const std::string fileID = test::readFile(resultPath_);
+        ASSERT_FALSE(fileID.empty());
+        EXPECT_TRUE(test::filesEqual(remoteContentPath(fileID), source_));
+
+        // Batches sent after the relaunch.
+        std::set<uint64_t> resent;
+        const auto logAfter = emulator_->requestLog();
+        for (size_t i = logAtKill.size(); i < logAfter.size(); ++i) {
+            if (isBatch(logAfter[i])) {
+                auto indices = chunkIndicesOf(logAfter[i]);
+                resent.insert(indices.begin(), indices.end());
+            }
+        }
+        size_t repeatedAcknowledged = 0;
+        for (const auto& batch : acknowledged) {
+            bool saved = !savedAtKill.is_null() && savedAtKill.contains("remote file ID");
+            for (auto index : batch)
+                saved = saved && pendingAtKill.count(index) == 0;
+            bool repeated = false;
+            for (auto index : batch)
+                repeated = repeated || resent.count(index) != 0;
+            // A batch whose acknowledgement reached the state file is never repeated.
+            if (saved) {
+                EXPECT_FALSE(repeated) << "an acknowledged, saved batch was sent again";
+            }
+            if (repeated) ++repeatedAcknowledged;
+        }
+        // At most the one acknowledged just before the kill and not saved yet.
+        EXPECT_LE(repeatedAcknowledged, 1u);
+    }
+
+    pid_t child_ = -1;
+    std::string home_;
+    std::string source_;
+    std::string statePath_;
+    std::string resultPath_ = test::makeTempDir("result") + "/file-id";
+};
+
+TEST_F(CrashRelaunch, KilledWhileCreatingTheRemoteFile) {
+    ASSERT_TRUE(emulator_->addFault(
+        {{"method", "POST"}, {"path", "/api/files"}, {"action", "stall"}, {"times", 1}}));
+    killAndRelaunch([&] { return inFlight("POST", "/api/files"); });
+}
+
+TEST_F(CrashRelaunch, KilledDuringABatchAfterOthersWereSaved) {
+    killAndRelaunch([&] {
+        // The first batch is acknowledged and saved, the second is on its way.
+        const auto pending = savedChunkIndices(savedUpload());
+        return acknowledgedBatches() >= 1 && !pending.empty() && pending.count(0) == 0 &&
+               inFlight("PUT", "");
+    });
+}
+
+TEST_F(CrashRelaunch, KilledDuringAssembly) {
+    ASSERT_TRUE(emulator_->addFault({{"method", "POST"},
+                                     {"path", "/api/files/*/complete"},
+                                     {"action", "stall"},
+                                     {"times", 1}}));
+    killAndRelaunch([&] { return inFlight("POST", "/complete"); });
+}
+
+}  // namespace
+}  // namespace znv

@@ -1,0 +1,233 @@
+// ZNVStorage without a service: creation, the upload entry points and the
+// upload half of the activation policy. Traffic against a real emulator is
+// exercised in tests/e2e.
+#include "znv/managers/storage.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/managers/managers_test_support.h"
+#include "tests/support/test_support.h"
+#include "znv/platform/main_queue.h"
+
+namespace znv {
+namespace {
+
+using test::AnnouncementRecorder;
+using test::LogCapture;
+
+ZNVAccountConfigurationRef configuration(const std::string& identifier) {
+    // Nothing listens on the discard port; these tests never let a request out.
+    return std::make_shared<ZNVAccountConfiguration>(
+        ZNVURL::fromString("http://127.0.0.1:9/api/").value(), identifier);
+}
+
+class StorageTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        test::installManualReachability();
+        account_ = ZNVTokenAccount::createWithToken(configuration(name()), "dev-token",
+                                                    ZNVAccountStatusSignedOut);
+        directory_ = test::makeTempDir("sources");
+    }
+    void TearDown() override {
+        for (auto& storage : storages_)
+            storage->invalidateClientAndCancelTasks();
+        ZNVMainQueue::waitUntilDrained();
+    }
+    static std::string name() {
+        return ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    }
+    std::shared_ptr<ZNVStorage> makeStorage() {
+        auto storage = ZNVStorage::storageForAccount(account_);
+        if (storage) storages_.push_back(storage);
+        return storage;
+    }
+    ZNVURL sourceFile(const std::string& fileName, uint64_t size) {
+        const std::string path = directory_ + "/" + fileName;
+        test::writePatternFile(path, size);
+        return ZNVURL::fileURL(path);
+    }
+    // Waits until a refresh has run on the session's queue after this call.
+    void settle(const std::shared_ptr<ZNVStorage>& storage) {
+        ASSERT_TRUE(ZNVMainQueue::waitUntilDrained());
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        storage->sessionManager()->performBackgroundSessionBlock([done] { *done = true; });
+        ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
+    }
+
+    std::shared_ptr<ZNVTokenAccount> account_;
+    std::string directory_;
+    std::vector<std::shared_ptr<ZNVStorage>> storages_;
+};
+
+TEST_F(StorageTest, EveryCallMakesANewLaunchedManagerAndAccountsNeedAConfiguration) {
+    auto first = makeStorage();
+    auto second = makeStorage();
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+    EXPECT_NE(first, second);
+    EXPECT_TRUE(first->storageIsLaunched());
+    EXPECT_TRUE(first->networkIsLaunched());
+    EXPECT_NE(first->sessionManager(), nullptr);
+    EXPECT_NE(first->sessionManager(), second->sessionManager());
+    EXPECT_EQ(first->account(), account_);
+
+    EXPECT_EQ(ZNVStorage::storageForAccount(nullptr), nullptr);
+    auto unconfigured = ZNVTokenAccount::createWithToken(nullptr, "dev-token");
+    EXPECT_EQ(ZNVStorage::storageForAccount(unconfigured), nullptr);
+}
+
+TEST_F(StorageTest, UploadsJoinTasksAndUploadsAndAnEmptyNameMeansNone) {
+    auto storage = makeStorage();
+    AnnouncementRecorder recorder(*storage, {"uploads", "tasks"});
+    auto named = storage->uploadFromFile(sourceFile("clip one.mov", 1000), "", "", "", true, true);
+    auto plain = storage->uploadFromFile(sourceFile("notes.txt", 10), false);
+    ASSERT_NE(named, nullptr);
+    ASSERT_NE(plain, nullptr);
+    // No name given: the sanitised name of the source file.
+    EXPECT_EQ(named->remoteFilename(),
+              storage->uploadFromFile(sourceFile("clip one.mov", 1000), false)->remoteFilename());
+    EXPECT_TRUE(named->requiresVideoPostProcessing());
+    EXPECT_TRUE(named->forceChunkUploading());
+    EXPECT_FALSE(plain->forceChunkUploading());
+
+    auto uploads = storage->uploads();
+    ASSERT_EQ(uploads.size(), 3u);
+    EXPECT_EQ(uploads[0], named);
+    EXPECT_EQ(uploads[1], plain);
+    EXPECT_EQ(storage->tasks().size(), 3u);
+
+    // "uploads" brackets the inherited "tasks" announcements.
+    auto records = recorder.records();
+    ASSERT_GE(records.size(), 4u);
+    EXPECT_EQ(records[0], (test::Announcement{"uploads", ZNVKeyValueChange::Insertion, {0}, true}));
+    EXPECT_EQ(records[1], (test::Announcement{"tasks", ZNVKeyValueChange::Insertion, {0}, true}));
+    EXPECT_EQ(records[2], (test::Announcement{"tasks", ZNVKeyValueChange::Insertion, {0}, false}));
+    EXPECT_EQ(records[3],
+              (test::Announcement{"uploads", ZNVKeyValueChange::Insertion, {0}, false}));
+
+    recorder.clear();
+    storage->finishTask(plain);
+    const std::vector<test::Announcement> expected{
+        {"uploads", ZNVKeyValueChange::Removal, {1}, true},
+        {"tasks", ZNVKeyValueChange::Removal, {1}, true},
+        {"tasks", ZNVKeyValueChange::Removal, {1}, false},
+        {"uploads", ZNVKeyValueChange::Removal, {1}, false},
+    };
+    EXPECT_EQ(recorder.records(), expected);
+    EXPECT_EQ(storage->uploads().size(), 2u);
+    EXPECT_EQ(storage->tasks().size(), 2u);
+}
+
+TEST_F(StorageTest, AnUploadThatCannotStartIsNotAdded) {
+    LogCapture log;
+    auto storage = makeStorage();
+    EXPECT_EQ(storage->uploadFromFile(sourceFile("empty.bin", 0), false), nullptr);
+    EXPECT_EQ(storage->uploadFromFile(ZNVURL::fileURL(directory_ + "/missing.bin"), false),
+              nullptr);
+    EXPECT_TRUE(storage->uploads().empty());
+    EXPECT_TRUE(storage->tasks().empty());
+    EXPECT_EQ(log.count("failed to initiate upload: "), 2u);
+}
+
+TEST_F(StorageTest, SignedOutOrUnreachableActivatesNothing) {
+    auto storage = makeStorage();
+    auto upload = storage->uploadFromFile(sourceFile("waiting.bin", 100), false);
+    ASSERT_NE(upload, nullptr);
+    {
+        LogCapture log;
+        settle(storage);
+        ASSERT_TRUE(test::waitFor([&] {
+            return log.contains("Account must be signed in before uploads can be activated.");
+        }));
+        EXPECT_EQ(upload->state(), ZNVNetworkTaskStateSuspended);
+        EXPECT_FALSE(storage->refreshUploadActivity());
+    }
+
+    // Signed in while the network is down: the network is named instead.
+    test::manualReachability(storage)->setReachable(false);
+    LogCapture log;
+    account_->setStatus(ZNVAccountStatusSignedIn);
+    ASSERT_TRUE(test::waitFor([&] {
+        return log.contains("Network must be reachable before uploads can be activated.");
+    }));
+    EXPECT_EQ(upload->state(), ZNVNetworkTaskStateSuspended);
+    EXPECT_FALSE(log.contains("Account must be signed in"));
+}
+
+TEST_F(StorageTest, UploadCapacityIsTwoRunningUploads) {
+    LogCapture log;
+    auto storage = makeStorage();
+    test::manualReachability(storage)->setReachable(false);
+    auto first = storage->uploadFromFile(sourceFile("1.bin", 10), false);
+    auto second = storage->uploadFromFile(sourceFile("2.bin", 10), false);
+    auto third = storage->uploadFromFile(sourceFile("3.bin", 10), false);
+    first->setState(ZNVNetworkTaskStateRunning);
+    second->setState(ZNVNetworkTaskStateRunning);
+    account_->setStatus(ZNVAccountStatusSignedIn);
+    test::manualReachability(storage)->setReachable(true);
+    EXPECT_FALSE(storage->refreshUploadActivity());
+    EXPECT_TRUE(log.contains("2 upload(s) are currently active."));
+    EXPECT_EQ(third->state(), ZNVNetworkTaskStateSuspended);
+}
+
+TEST_F(StorageTest, RemoteFileOperationsFailOnTheMainQueueWithoutASession) {
+    LogCapture log;
+    auto storage = makeStorage();
+    storage->invalidateClientAndCancelTasks();
+
+    std::atomic<int> answers{0};
+    std::atomic<bool> onMainQueue{true};
+    storage->URLForRemoteFile("some-id", [&](const std::optional<ZNVURL>& url) {
+        EXPECT_FALSE(url.has_value());
+        if (!ZNVMainQueue::isCurrent()) onMainQueue = false;
+        ++answers;
+    });
+    storage->deleteRemoteFile("some-id", [&](bool deleted) {
+        EXPECT_FALSE(deleted);
+        if (!ZNVMainQueue::isCurrent()) onMainQueue = false;
+        ++answers;
+    });
+    storage->deleteRemoteFile("some-id", nullptr);  // no completion: nothing to call
+    ASSERT_TRUE(test::waitFor([&] { return answers.load() == 2; }));
+    EXPECT_TRUE(onMainQueue);
+    EXPECT_EQ(log.count("a cloud session manager is required"), 3u);
+}
+
+TEST_F(StorageTest, InvalidationEmptiesUploadsWithOneAnnouncement) {
+    auto storage = makeStorage();
+    storage->uploadFromFile(sourceFile("a.bin", 10), false);
+    storage->uploadFromFile(sourceFile("b.bin", 10), false);
+    AnnouncementRecorder recorder(*storage, {"uploads"});
+    storage->invalidateClientAndCancelTasks();
+    const std::vector<test::Announcement> expected{
+        {"uploads", ZNVKeyValueChange::Removal, {0, 1}, true},
+        {"uploads", ZNVKeyValueChange::Removal, {0, 1}, false},
+    };
+    EXPECT_EQ(recorder.records(), expected);
+    EXPECT_TRUE(storage->uploads().empty());
+    EXPECT_TRUE(storage->tasks().empty());
+}
+
+TEST_F(StorageTest, RestoredUploadsReturnToTheUploadsCollection) {
+    auto storage = makeStorage();
+    auto upload =
+        storage->uploadFromFile(sourceFile("kept.bin", 5000), "kept", "", "", false, false);
+    ASSERT_NE(upload, nullptr);
+    settle(storage);
+
+    LogCapture log;
+    auto relaunched = makeStorage();
+    auto uploads = relaunched->uploads();
+    ASSERT_EQ(uploads.size(), 1u);
+    EXPECT_TRUE(uploads[0]->wasDecoded());
+    EXPECT_EQ(uploads[0]->remoteFilename(), "kept");
+    EXPECT_EQ(uploads[0]->sourceFileSize(), 5000u);
+    EXPECT_EQ(uploads[0]->account(), account_);
+    EXPECT_EQ(relaunched->tasks().size(), 1u);
+    EXPECT_TRUE(test::waitFor(
+        [&] { return log.contains("reconciling 1 uploads against 0 session tasks"); }));
+}
+
+}  // namespace
+}  // namespace znv

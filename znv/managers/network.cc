@@ -1,0 +1,601 @@
+#include "znv/managers/network.h"
+
+#include <fmt/format.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <mutex>
+
+#include "znv/foundation/device.h"
+#include "znv/foundation/log.h"
+#include "znv/platform/main_queue.h"
+#include "znv/platform/url_session.h"
+
+namespace znv {
+
+const char* const ZNVNetwork_TaskDidResumeNotification = "ZNVNetwork: task did resume";
+const char* const ZNVNetwork_TaskDidSuspendNotification = "ZNVNetwork: task did suspend";
+const char* const ZNVNetwork_TaskDidCompleteNotification = "ZNVNetwork: task did complete";
+const char* const ZNVNetwork_TaskKey = "ZNVNetwork: task";
+const char* const ZNVNetwork_PreviousTaskStateKey = "ZNVNetwork: previous task state";
+const char* const ZNVNetwork_NewTaskStateKey = "ZNVNetwork: new task state";
+const char* const ZNVNetwork_TaskDidResumeBackgroundNotification =
+    "ZNVNetwork background: task did resume";
+const char* const ZNVNetwork_TaskDidSuspendBackgroundNotification =
+    "ZNVNetwork background: task did suspend";
+const char* const ZNVNetwork_TaskDidCompleteBackgroundNotification =
+    "ZNVNetwork background: task did complete";
+
+namespace {
+
+constexpr uint64_t kDownloadCapacity = 2;
+
+// A one-element index set for a position, or an empty set for "absent".
+ZNVIndexSet positionSet(size_t position, size_t count) {
+    if (position >= count) return {};
+    return ZNVIndexSet{static_cast<uint64_t>(position)};
+}
+
+template <class T>
+size_t indexOfIdentical(const std::vector<std::shared_ptr<T>>& items, const void* object) {
+    for (size_t i = 0; i < items.size(); ++i) {
+        if (items[i].get() == object) return i;
+    }
+    return items.size();
+}
+
+// The description of a list of tasks as the log shows it: "(\n    a,\n    b\n)".
+std::string describeTasks(const std::vector<ZNVNetworkTaskRef>& tasks) {
+    std::string text = "(";
+    for (size_t i = 0; i < tasks.size(); ++i) {
+        text += "\n    " + tasks[i]->description();
+        if (i + 1 < tasks.size()) text += ",";
+    }
+    text += "\n)";
+    return text;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// ZNVNetworkBackground
+
+std::shared_ptr<ZNVNetworkBackground> ZNVNetworkBackground::backgroundForNetwork(ZNVNetwork*) {
+    return nullptr;
+}
+
+std::shared_ptr<ZNVNetworkBackground> ZNVNetworkBackground::backgroundForStorage(ZNVStorage*) {
+    return nullptr;
+}
+
+std::function<void()> ZNVNetworkBackground::networkSessionCompletion() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return networkSessionCompletion_;
+}
+
+void ZNVNetworkBackground::setNetworkSessionCompletion(std::function<void()> completion) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    networkSessionCompletion_ = std::move(completion);
+}
+
+// ---------------------------------------------------------------------------
+// Creation
+
+std::shared_ptr<ZNVNetwork> ZNVNetwork::create(ZNVAccountConfigurationRef configuration) {
+    return std::shared_ptr<ZNVNetwork>(new ZNVNetwork(std::move(configuration)));
+}
+
+ZNVNetwork::ZNVNetwork(ZNVAccountConfigurationRef configuration)
+    : accountConfiguration_(std::move(configuration)) {
+    // Class set-up, once per process.
+    static std::once_flag classSetUp;
+    std::call_once(classSetUp, [] { ZNVNetworkDevice_enableBatteryMonitoring(); });
+    // Watch the IPv6 wildcard address, that is "the network" as a whole.
+    sockaddr_in6 wildcard{};
+    wildcard.sin6_family = AF_INET6;
+    reachabilityManager_ = ZNVReachabilityManager::createWithAddress(
+        reinterpret_cast<const sockaddr*>(&wildcard), sizeof(wildcard));
+}
+
+ZNVNetwork::~ZNVNetwork() {
+    for (auto token : notificationTokens_) {
+        ZNVNotificationCenter::defaultCenter().removeObserver(token);
+    }
+    if (reachabilityManager_) reachabilityManager_->stopMonitoring();
+    std::lock_guard<std::mutex> lock(collectionsMutex_);
+    mutableDownloads_.clear();
+    mutableTasks_.clear();
+}
+
+std::string ZNVNetwork::description() const {
+    auto session = sessionManager();
+    return fmt::format("<{}: {}>: {}", className(), static_cast<const void*>(this),
+                       session ? session->description() : std::string("(null)"));
+}
+
+std::shared_ptr<ZNVNetworkSessionManager> ZNVNetwork::sessionManager() const {
+    std::lock_guard<std::mutex> lock(sessionMutex_);
+    return sessionManager_;
+}
+
+std::vector<ZNVNetworkTaskRef> ZNVNetwork::tasks() const {
+    std::lock_guard<std::mutex> lock(collectionsMutex_);
+    return mutableTasks_;
+}
+
+std::vector<ZNVNetworkDownloadRef> ZNVNetwork::downloads() const {
+    assertValidDownloadCount();
+    std::lock_guard<std::mutex> lock(collectionsMutex_);
+    return mutableDownloads_;
+}
+
+void ZNVNetwork::incrementBackgroundActivity() const {
+    if (auto background = backgroundManager_) background->incrementBackgroundActivity();
+}
+
+void ZNVNetwork::decrementBackgroundActivity() const {
+    if (auto background = backgroundManager_) background->decrementBackgroundActivity();
+}
+
+std::shared_ptr<ZNVNetworkBackground> ZNVNetwork::createBackgroundManager() {
+    return ZNVNetworkBackground::backgroundForNetwork(this);
+}
+
+// ---------------------------------------------------------------------------
+// Launch
+
+void ZNVNetwork::launch() {
+    readState();
+
+    auto session = ZNVNetworkSessionManager::create(accountConfiguration_, shared_from_this());
+    {
+        std::lock_guard<std::mutex> lock(sessionMutex_);
+        sessionManager_ = session;
+    }
+
+    std::weak_ptr<ZNVNetwork> weak = weakSelf();
+    if (session) {
+        // Only this manager's tasks: their notifications name its session manager.
+        auto& center = ZNVNotificationCenter::defaultCenter();
+        notificationTokens_.push_back(
+            center.addObserver(ZNVNetworkTask_DidChangeStateNotification, session.get(),
+                               [weak](const ZNVNotification& notification) {
+                                   if (auto self = weak.lock())
+                                       self->forwardTaskNotification(notification);
+                               }));
+        notificationTokens_.push_back(
+            center.addObserver(ZNVNetworkTask_DidChangeStateBackgroundNotification, session.get(),
+                               [weak](const ZNVNotification& notification) {
+                                   if (auto self = weak.lock())
+                                       self->handleBackgroundNetworkTaskNotification(notification);
+                               }));
+    }
+
+    backgroundManager_ = createBackgroundManager();
+
+    if (session) session->launch();
+
+    reachabilityManager_->startMonitoring([weak](bool /*reachable*/, ZNVReachabilityFlags) {
+        ZNVMainQueue::async([weak] {
+            if (auto self = weak.lock()) self->refreshAndSave();
+        });
+    });
+
+    connectSessionToDownloads();
+    networkIsLaunched_ = true;
+    scheduleRefreshAndSave();
+}
+
+void ZNVNetwork::scheduleRefreshAndSave() {
+    std::weak_ptr<ZNVNetwork> weak = weakSelf();
+    ZNVMainQueue::async([weak] {
+        if (auto self = weak.lock()) self->refreshAndSave();
+    });
+}
+
+// ---------------------------------------------------------------------------
+// Tasks
+
+bool ZNVNetwork::hasTask(const ZNVNetworkTaskRef& task) const {
+    if (!task) return false;
+    std::lock_guard<std::mutex> lock(collectionsMutex_);
+    return indexOfIdentical(mutableTasks_, task.get()) < mutableTasks_.size();
+}
+
+void ZNVNetwork::addTask(const ZNVNetworkTaskRef& task) {
+    std::lock_guard<std::recursive_mutex> mutation(mutationMutex());
+    if (!task || hasTask(task)) return;
+    incrementBackgroundActivity();
+
+    auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task);
+    ZNVIndexSet downloadPosition;
+    ZNVIndexSet taskPosition;
+    {
+        std::lock_guard<std::mutex> lock(collectionsMutex_);
+        downloadPosition = ZNVIndexSet{static_cast<uint64_t>(mutableDownloads_.size())};
+        taskPosition = ZNVIndexSet{static_cast<uint64_t>(mutableTasks_.size())};
+    }
+    if (download) willChange("downloads", ZNVKeyValueChange::Insertion, downloadPosition);
+    willChange("tasks", ZNVKeyValueChange::Insertion, taskPosition);
+    {
+        std::lock_guard<std::mutex> lock(collectionsMutex_);
+        mutableTasks_.push_back(task);
+    }
+    // The state file holds only the task list, so saving before the download
+    // joins its sub-collection loses nothing.
+    writeState();
+    didChange("tasks", ZNVKeyValueChange::Insertion, taskPosition);
+    if (download) {
+        {
+            std::lock_guard<std::mutex> lock(collectionsMutex_);
+            mutableDownloads_.push_back(download);
+        }
+        didChange("downloads", ZNVKeyValueChange::Insertion, downloadPosition);
+    }
+    if (!isReadingState()) scheduleRefreshAndSave();
+    decrementBackgroundActivity();
+}
+
+void ZNVNetwork::finishTask(const ZNVNetworkTaskRef& task) {
+    std::lock_guard<std::recursive_mutex> mutation(mutationMutex());
+    if (!task) return;
+    ZNVIndexSet taskPosition;
+    bool inDownloads = false;
+    {
+        std::lock_guard<std::mutex> lock(collectionsMutex_);
+        taskPosition =
+            positionSet(indexOfIdentical(mutableTasks_, task.get()), mutableTasks_.size());
+        inDownloads = indexOfIdentical(mutableDownloads_, task.get()) < mutableDownloads_.size();
+    }
+    if (taskPosition.empty()) return;
+
+    // Both "downloads" announcements carry the position in "tasks", and the
+    // completing one is made for every finished task; observers of "downloads"
+    // rely on exactly this pairing.
+    if (inDownloads) willChange("downloads", ZNVKeyValueChange::Removal, taskPosition);
+    willChange("tasks", ZNVKeyValueChange::Removal, taskPosition);
+    {
+        std::lock_guard<std::mutex> lock(collectionsMutex_);
+        std::erase_if(mutableTasks_, [&](const auto& t) { return t.get() == task.get(); });
+        std::erase_if(mutableDownloads_, [&](const auto& d) { return d.get() == task.get(); });
+    }
+    writeState();
+    didChange("tasks", ZNVKeyValueChange::Removal, taskPosition);
+    didChange("downloads", ZNVKeyValueChange::Removal, taskPosition);
+    task->taskDidFinish();
+}
+
+ZNVNetworkDownloadRef ZNVNetwork::downloadFromRemoteFile(const ZNVURL& remoteURL) {
+    auto download = ZNVNetworkDownload::create(remoteURL, sessionManager());
+    if (download && download->error()) {
+        ZNVLogError("failed to initiate download: {}", download->error()->description());
+        download = nullptr;
+    }
+    addTask(download);
+    return download;
+}
+
+void ZNVNetwork::beginBatch() {
+    batchingSave_ = true;
+}
+
+void ZNVNetwork::commitBatch() {
+    batchingSave_ = false;
+    writeState();
+}
+
+// ---------------------------------------------------------------------------
+// Activity
+
+bool ZNVNetwork::refreshTaskActivity() {
+    if (!networkIsLaunched()) return false;
+    return refreshDownloadActivity();
+}
+
+void ZNVNetwork::refreshAndSave() {
+    std::weak_ptr<ZNVNetwork> weak = weakSelf();
+    auto refresh = [weak] {
+        auto self = weak.lock();
+        if (!self) return;
+        if (self->refreshTaskActivity()) self->writeState();
+    };
+    if (auto session = sessionManager()) {
+        session->performBackgroundSessionBlock(refresh);
+    } else {
+        ZNVLogDefault("No session manager available to serialize refresh.");
+    }
+}
+
+bool ZNVNetwork::isReachableEvenInBackground() const {
+    const bool pluggedIn = ZNVNetworkDevice_deviceIsPluggedIn();
+    const bool batteryIsGood = ZNVNetworkDevice_batteryLevelIsGood();
+    const bool inBackground = ZNVNetworkDevice_appIsInBackground();
+    return reachabilityManager_->isReachable() && (pluggedIn || batteryIsGood || !inBackground);
+}
+
+void ZNVNetwork::prepareTasksForActivation(const std::vector<ZNVNetworkTaskRef>& tasks,
+                                           bool reachableNetwork) {
+    for (const auto& task : tasks) {
+        if (!task) continue;
+        if (reachableNetwork) task->automaticallyResumeFromStall();
+        task->automaticallyRecoverFromError();
+    }
+}
+
+bool ZNVNetwork::activateTasks(uint64_t count, const std::vector<ZNVNetworkTaskRef>& collection,
+                               const std::string& taskDescription) {
+    ZNVLogInfo("Have capacity to activate {} more {}(s) ...", count, taskDescription);
+    std::vector<ZNVNetworkTaskRef> selected;
+    for (const auto& task : collection) {
+        if (!task || task->state() != ZNVNetworkTaskStateSuspended) continue;
+        if (count > 0) {
+            selected.push_back(task);
+            --count;
+        } else if (task->needsEarlyActivation()) {
+            selected.push_back(task);
+        }
+    }
+    if (selected.empty()) {
+        ZNVLogInfo("   No suspended {}(s) left to activate.", taskDescription);
+    } else {
+        ZNVLogInfo("   Activating {}(s): {}", taskDescription, describeTasks(selected));
+    }
+    bool resumed = false;
+    for (const auto& task : selected) {
+        if (task->resume()) resumed = true;
+    }
+    return resumed;
+}
+
+uint64_t ZNVNetwork::activeDownloadCount() const {
+    uint64_t active = 0;
+    for (const auto& download : downloads()) {
+        if (download->state() == ZNVNetworkTaskStateRunning) ++active;
+    }
+    ZNVLogInfo("{} download(s) are currently active.", active);
+    return active;
+}
+
+bool ZNVNetwork::refreshDownloadActivity() {
+    const bool reachable = isReachableEvenInBackground();
+    const bool pluggedIn = ZNVNetworkDevice_deviceIsPluggedIn();
+    auto downloadList = downloads();
+    std::vector<ZNVNetworkTaskRef> collection(downloadList.begin(), downloadList.end());
+    prepareTasksForActivation(collection, reachable);
+    const uint64_t active = activeDownloadCount();
+    if (active > 1) return false;
+    if (reachable) return activateTasks(kDownloadCapacity - active, collection, "download");
+    if (pluggedIn) {
+        ZNVLogInfo("Network must be reachable before downloads can be activated.");
+    } else {
+        ZNVLogInfo("Device must be plugged in before downloads can be activated.");
+    }
+    return false;
+}
+
+void ZNVNetwork::recycleDiscretionaryTasksIfNeeded() {
+    if (ZNVNetworkDevice_appIsInBackground()) return;
+    if (ZNVNetworkDevice_deviceIsPluggedIn()) {
+        ZNVLogInfo("Not recycling discretionary tasks because {}.", "device is plugged in");
+        return;
+    }
+    if (ZNVNetworkDevice_batteryLevelIsGood()) {
+        ZNVLogInfo("Not recycling discretionary tasks because {}.", "battery level is good");
+        return;
+    }
+    ZNVLogInfo("recycling discretionary tasks:");
+    for (const auto& task : tasks()) {
+        if (!task->isDiscretionary()) continue;
+        ZNVLogInfo("   {} automatically cancelling task", task->description());
+        task->cancelTaskWithRecoverableErrorMessage(
+            "Discretionary URL session task intentionally cancelled to restart in the "
+            "foreground.");
+    }
+}
+
+void ZNVNetwork::connectSessionToDownloads() {
+    auto session = sessionManager();
+    for (const auto& download : downloads())
+        download->connectToSession(session, nullptr);
+    if (!session) return;
+    std::weak_ptr<ZNVNetwork> weak = weakSelf();
+    std::weak_ptr<ZNVNetworkSessionManager> weakSession = session;
+    session->getTasksWithCompletionHandler(
+        [weak, weakSession](
+            const std::vector<std::shared_ptr<ZNVURLSessionDataTask>>& /*data*/,
+            const std::vector<std::shared_ptr<ZNVURLSessionUploadTask>>& /*upload*/,
+            const std::vector<std::shared_ptr<ZNVURLSessionDownloadTask>>& download) {
+            auto self = weak.lock();
+            if (!self) return;
+            auto session = weakSession.lock();
+            ZNVLogInfo("reconciling {} downloads against {} session download tasks",
+                       self->downloads().size(), download.size());
+            for (const auto& task : download) {
+                if (auto found = self->downloadForTask(task))
+                    found->connectToSession(session, task);
+            }
+        });
+}
+
+// ---------------------------------------------------------------------------
+// Session manager delegate
+
+ZNVNetworkDownloadRef ZNVNetwork::downloadForTask(
+    const std::shared_ptr<ZNVURLSessionTask>& task) const {
+    if (!task || !ZNVNetworkSessionManager::taskIsForDownload(task)) return nullptr;
+    const uint64_t identifier = task->taskIdentifier();
+    for (const auto& download : downloads()) {
+        if (download->taskIdentifier() == identifier) return download;
+    }
+    return nullptr;
+}
+
+void ZNVNetwork::didFinishDownloadingToURL(
+    const std::shared_ptr<ZNVNetworkSessionManager>& /*manager*/,
+    const std::shared_ptr<ZNVURLSessionDownloadTask>& task, const ZNVURL& location) {
+    incrementBackgroundActivity();
+    auto download = downloadForTask(task);
+    if (!download) {
+        ZNVLogInfo("no download found for {}", task ? task->taskDescription() : std::string());
+    } else {
+        download->handleDownloadedFile(location);
+    }
+    decrementBackgroundActivity();
+}
+
+void ZNVNetwork::didCompleteWithData(const std::shared_ptr<ZNVNetworkSessionManager>& manager,
+                                     const std::shared_ptr<ZNVURLSessionTask>& task,
+                                     const std::optional<ZNVBytes>& /*data*/,
+                                     const ZNVErrorRef& error) {
+    incrementBackgroundActivity();
+    if (auto download = downloadForTask(task)) {
+        download->connectToSession(manager, task);
+        download->handleCompletionWithError(error);
+    }
+    decrementBackgroundActivity();
+}
+
+void ZNVNetwork::didUpdateProgress(const std::shared_ptr<ZNVNetworkSessionManager>& /*manager*/,
+                                   const std::shared_ptr<ZNVURLSessionTask>& task, float progress) {
+    if (auto download = downloadForTask(task)) download->handleProgress(progress);
+}
+
+void ZNVNetwork::sessionManagerDidFinishBackgroundSessionEvents(
+    const std::shared_ptr<ZNVNetworkSessionManager>& manager) {
+    invokeNetworkSessionCompletionWithDescription(
+        manager ? manager->sessionIdentifier().value_or("(null)") : std::string("(null)"));
+}
+
+// ---------------------------------------------------------------------------
+// Background session completion
+
+void ZNVNetwork::setCompletionHandler(std::function<void()> handler,
+                                      const std::string& forBackgroundURLSession) {
+    auto background = backgroundManager();
+    if (background && background->networkSessionCompletion()) {
+        ZNVLogDefault("A previous network session completion handler already existed.");
+    }
+    auto session = sessionManager();
+    std::optional<std::string> ownIdentifier;
+    if (session) ownIdentifier = session->sessionIdentifier();
+    if (ownIdentifier && *ownIdentifier == forBackgroundURLSession) {
+        ZNVLogInfo("storing background URL session completion handler ...");
+        if (background) background->setNetworkSessionCompletion(std::move(handler));
+        return;
+    }
+    ZNVLogDefault(
+        "Failed to process tasks for {} with network session {}\nCanceling previous tasks.",
+        forBackgroundURLSession, ownIdentifier.value_or("(null)"));
+    if (handler) handler();
+}
+
+void ZNVNetwork::invokeNetworkSessionCompletionWithDescription(const std::string& description) {
+    auto background = backgroundManager();
+    if (background && background->networkSessionCompletion()) {
+        ZNVLogInfo("   dispatching background URL session completion handler: {}", description);
+    } else {
+        ZNVLogInfo("   no completion available for background: {}", description);
+    }
+    // The stored completion is released without being called: the session's
+    // events are over and nothing waits for it on this platform.
+    if (background) background->setNetworkSessionCompletion(nullptr);
+}
+
+// ---------------------------------------------------------------------------
+// Notifications
+
+void ZNVNetwork::forwardTaskNotification(const ZNVNotification& notification) {
+    const auto* task =
+        ZNVNotificationValue<ZNVNetworkTaskRef>(notification, ZNVNetworkTask_TaskKey);
+    const auto* previous =
+        ZNVNotificationValue<uint64_t>(notification, ZNVNetworkTask_PreviousStateKey);
+    const auto* current = ZNVNotificationValue<uint64_t>(notification, ZNVNetworkTask_NewStateKey);
+    const uint64_t previousState = previous ? *previous : 0;
+    const uint64_t newState = current ? *current : 0;
+
+    ZNVNotificationUserInfo userInfo;
+    userInfo[ZNVNetwork_TaskKey] = task ? *task : ZNVNetworkTaskRef();
+    userInfo[ZNVNetwork_PreviousTaskStateKey] = previousState;
+    userInfo[ZNVNetwork_NewTaskStateKey] = newState;
+
+    const char* name = nullptr;
+    switch (newState) {
+        case ZNVNetworkTaskStateSuspended:
+            name = ZNVNetwork_TaskDidSuspendNotification;
+            break;
+        case ZNVNetworkTaskStateRunning:
+            name = ZNVNetwork_TaskDidResumeNotification;
+            break;
+        case ZNVNetworkTaskStateCompleted:
+            name = ZNVNetwork_TaskDidCompleteNotification;
+            break;
+        default:
+            return;
+    }
+    ZNVNotificationCenter::defaultCenter().post(name, this, std::move(userInfo));
+}
+
+void ZNVNetwork::handleBackgroundNetworkTaskNotification(const ZNVNotification& notification) {
+    const auto* task =
+        ZNVNotificationValue<ZNVNetworkTaskRef>(notification, ZNVNetworkTask_TaskKey);
+    const auto* previous =
+        ZNVNotificationValue<uint64_t>(notification, ZNVNetworkTask_PreviousStateKey);
+    const auto* current = ZNVNotificationValue<uint64_t>(notification, ZNVNetworkTask_NewStateKey);
+    const uint64_t previousState = previous ? *previous : 0;
+    const uint64_t newState = current ? *current : 0;
+
+    if (newState == ZNVNetworkTaskStateRunning) {
+        if (previousState != ZNVNetworkTaskStateRunning && task && *task &&
+            (*task)->needsEarlyActivation()) {
+            writeState();
+        }
+        return;
+    }
+    refreshTaskActivity();
+    writeState();
+}
+
+void ZNVNetwork::handleDidEnterBackgroundNotification(const ZNVNotification&) {
+    commitBatch();
+}
+
+void ZNVNetwork::handleDidBecomeActiveNotification(const ZNVNotification&) {
+    recycleDiscretionaryTasksIfNeeded();
+    refreshAndSave();
+}
+
+// ---------------------------------------------------------------------------
+// Invalidation
+
+void ZNVNetwork::invalidateClientAndCancelTasks() {
+    std::lock_guard<std::recursive_mutex> mutation(mutationMutex());
+    if (auto session = sessionManager()) session->invalidate();
+
+    size_t taskCount = 0;
+    size_t downloadCount = 0;
+    {
+        std::lock_guard<std::mutex> lock(collectionsMutex_);
+        taskCount = mutableTasks_.size();
+        downloadCount = mutableDownloads_.size();
+    }
+    const auto taskRange = ZNVIndexSet::withRange(0, taskCount);
+    const auto downloadRange = ZNVIndexSet::withRange(0, downloadCount);
+    if (taskCount > 0) {
+        if (downloadCount > 0) willChange("downloads", ZNVKeyValueChange::Removal, downloadRange);
+        willChange("tasks", ZNVKeyValueChange::Removal, taskRange);
+        {
+            std::lock_guard<std::mutex> lock(collectionsMutex_);
+            mutableTasks_.clear();
+            mutableDownloads_.clear();
+        }
+        commitBatch();
+        didChange("tasks", ZNVKeyValueChange::Removal, taskRange);
+        if (downloadCount > 0) didChange("downloads", ZNVKeyValueChange::Removal, downloadRange);
+    }
+
+    std::lock_guard<std::mutex> lock(sessionMutex_);
+    sessionManager_ = nullptr;
+}
+
+}  // namespace znv

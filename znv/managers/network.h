@@ -1,0 +1,215 @@
+// ZNVNetwork: the task manager of one network configuration.
+//
+// Contract
+// - Owns one session manager (created by `launch`, dropped by
+//   `invalidateClientAndCancelTasks`), a reachability watcher and the ordered
+//   collections `tasks` and `downloads`. Create it with `create`, then call
+//   `launch` once; until then refreshes activate nothing.
+// - Collection changes (`addTask`, `finishTask`, invalidation) may be made from
+//   any thread; they are announced to observers of the keys "tasks" and
+//   "downloads" as indexed insertions and removals, synchronously on the thread
+//   that makes the change, will-change before the mutation and did-change after.
+//   The collections are guarded by a mutex that is never held while calling out;
+//   every walk works on a copy taken under the lock.
+// - `refreshAndSave` hops to the main queue and from there hands the activation
+//   policy (`refreshTaskActivity`) and the save to the session manager's
+//   background queue, so refreshes, saves and session callbacks never overlap.
+// - At most two downloads run at a time; activation waits for a reachable
+//   network. Every task state change is re-posted on the default notification
+//   center under "ZNVNetwork: task did resume/suspend/complete" with this
+//   manager as sender, on the main queue.
+// - The state file (see network_state.cc) is rewritten after every change of
+//   the collection; a save superseded by a newer queued one is skipped.
+// - Posted work and observer callbacks hold only weak references to the manager.
+//   The session manager keeps the manager alive as its delegate until the
+//   session is invalidated; call `invalidateClientAndCancelTasks` to end it.
+// - Failures are logged to the library's log channel, never thrown.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "znv/account/account_configuration.h"
+#include "znv/account/reachability_manager.h"
+#include "znv/platform/notification_center.h"
+#include "znv/platform/observable.h"
+#include "znv/session/network_session_manager.h"
+#include "znv/tasks/network_download.h"
+#include "znv/tasks/network_task.h"
+
+namespace znv {
+
+// Notification names and user-info keys posted by the manager.
+extern const char* const ZNVNetwork_TaskDidResumeNotification;
+extern const char* const ZNVNetwork_TaskDidSuspendNotification;
+extern const char* const ZNVNetwork_TaskDidCompleteNotification;
+extern const char* const ZNVNetwork_TaskKey;
+extern const char* const ZNVNetwork_PreviousTaskStateKey;
+extern const char* const ZNVNetwork_NewTaskStateKey;
+// Published for hosts that distinguish background delivery; never posted here.
+extern const char* const ZNVNetwork_TaskDidResumeBackgroundNotification;
+extern const char* const ZNVNetwork_TaskDidSuspendBackgroundNotification;
+extern const char* const ZNVNetwork_TaskDidCompleteBackgroundNotification;
+
+class ZNVNetwork;
+class ZNVStorage;
+
+using ZNVNetworkTaskRef = std::shared_ptr<ZNVNetworkTask>;
+using ZNVNetworkDownloadRef = std::shared_ptr<ZNVNetworkDownload>;
+
+// Holder of background activity and of the background-session completion.
+// A desktop application is never suspended, so both factories answer none and
+// a manager's `backgroundManager` is always empty; the calls that bracket work
+// stay in place so that a port to a suspending platform only fills this in.
+class ZNVNetworkBackground {
+  public:
+    static std::shared_ptr<ZNVNetworkBackground> backgroundForNetwork(ZNVNetwork* network);
+    static std::shared_ptr<ZNVNetworkBackground> backgroundForStorage(ZNVStorage* storage);
+
+    void incrementBackgroundActivity() {}
+    void decrementBackgroundActivity() {}
+
+    std::function<void()> networkSessionCompletion() const;
+    void setNetworkSessionCompletion(std::function<void()> completion);
+
+  private:
+    mutable std::mutex mutex_;
+    std::function<void()> networkSessionCompletion_;  // guarded by mutex_
+};
+
+class ZNVNetwork : public ZNVObservable,
+                   public ZNVNetworkSessionBackgroundDelegate,
+                   public std::enable_shared_from_this<ZNVNetwork> {
+  public:
+    // A manager for a configuration (or none). Starts nothing; call `launch`.
+    static std::shared_ptr<ZNVNetwork> create(ZNVAccountConfigurationRef configuration = nullptr);
+    ~ZNVNetwork() override;
+
+    // Restores the saved tasks, creates and launches the session manager,
+    // starts watching reachability and notifications, reconnects downloads and
+    // schedules a first refresh. Call once, after `create`.
+    virtual void launch();
+
+    // Properties.
+    bool isReadingState() const { return readingState_.load(); }
+    bool isBatchingSave() const { return batchingSave_.load(); }
+    bool networkIsLaunched() const { return networkIsLaunched_.load(); }
+    std::shared_ptr<ZNVNetworkSessionManager> sessionManager() const;
+    const ZNVAccountConfigurationRef& accountConfiguration() const { return accountConfiguration_; }
+    const std::shared_ptr<ZNVReachabilityManager>& reachabilityManager() const {
+        return reachabilityManager_;
+    }
+    std::shared_ptr<ZNVNetworkBackground> backgroundManager() const { return backgroundManager_; }
+    std::vector<ZNVNetworkTaskRef> tasks() const;
+    std::vector<ZNVNetworkDownloadRef> downloads() const;
+    // "<ZNVNetwork: 0x...>: <session manager description>"
+    std::string description() const;
+    virtual const char* className() const { return "ZNVNetwork"; }
+
+    // Tasks.
+    bool hasTask(const ZNVNetworkTaskRef& task) const;
+    virtual void addTask(const ZNVNetworkTaskRef& task);
+    virtual void finishTask(const ZNVNetworkTaskRef& task);
+    // A new download of a remote URL, added to the collection; none when the
+    // download cannot be made (logged).
+    ZNVNetworkDownloadRef downloadFromRemoteFile(const ZNVURL& remoteURL);
+
+    void beginBatch();
+    void commitBatch();
+
+    // Activity.
+    virtual bool refreshTaskActivity();
+    void refreshAndSave();
+    bool refreshDownloadActivity();
+    uint64_t activeDownloadCount() const;
+    bool isReachableEvenInBackground() const;
+    void recycleDiscretionaryTasksIfNeeded();
+    static void prepareTasksForActivation(const std::vector<ZNVNetworkTaskRef>& tasks,
+                                          bool reachableNetwork);
+    static bool activateTasks(uint64_t count, const std::vector<ZNVNetworkTaskRef>& collection,
+                              const std::string& taskDescription);
+
+    // Persistence (network_state.cc).
+    void writeState();
+    void readState();
+
+    // Session manager delegate (runs on the session's callback queue).
+    void didFinishDownloadingToURL(const std::shared_ptr<ZNVNetworkSessionManager>& manager,
+                                   const std::shared_ptr<ZNVURLSessionDownloadTask>& task,
+                                   const ZNVURL& location) override;
+    void didCompleteWithData(const std::shared_ptr<ZNVNetworkSessionManager>& manager,
+                             const std::shared_ptr<ZNVURLSessionTask>& task,
+                             const std::optional<ZNVBytes>& data,
+                             const ZNVErrorRef& error) override;
+    void didUpdateProgress(const std::shared_ptr<ZNVNetworkSessionManager>& manager,
+                           const std::shared_ptr<ZNVURLSessionTask>& task, float progress) override;
+    void sessionManagerDidFinishBackgroundSessionEvents(
+        const std::shared_ptr<ZNVNetworkSessionManager>& manager) override;
+    ZNVNetworkDownloadRef downloadForTask(const std::shared_ptr<ZNVURLSessionTask>& task) const;
+
+    // Background session completion.
+    void setCompletionHandler(std::function<void()> handler,
+                              const std::string& forBackgroundURLSession);
+    void invokeNetworkSessionCompletionWithDescription(const std::string& description);
+
+    // Entry points for the host's application-state notifications.
+    void handleDidEnterBackgroundNotification(const ZNVNotification& notification);
+    void handleDidBecomeActiveNotification(const ZNVNotification& notification);
+
+    // Invalidates the session (cancelling its transfers), empties the
+    // collections, saves the empty list and drops the session manager.
+    virtual void invalidateClientAndCancelTasks();
+
+  protected:
+    explicit ZNVNetwork(ZNVAccountConfigurationRef configuration);
+
+    virtual std::shared_ptr<ZNVNetworkBackground> createBackgroundManager();
+    void connectSessionToDownloads();
+    void forwardTaskNotification(const ZNVNotification& notification);
+    void handleBackgroundNetworkTaskNotification(const ZNVNotification& notification);
+
+    // Consistency hooks, deliberately empty.
+    void assertValidDownloadCount() const {}
+
+    void incrementBackgroundActivity() const;
+    void decrementBackgroundActivity() const;
+
+    // Schedules `refreshAndSave` on the main queue through a weak reference.
+    void scheduleRefreshAndSave();
+    std::weak_ptr<ZNVNetwork> weakSelf() { return weak_from_this(); }
+
+    // Serialises collection changes (adding, finishing, invalidating) so that
+    // the announcements of one change never interleave with another's. Held
+    // while announcing; recursive because subclasses extend these operations.
+    std::recursive_mutex& mutationMutex() { return mutationMutex_; }
+
+  private:
+    std::atomic<bool> readingState_{false};
+    std::atomic<bool> batchingSave_{false};
+    std::atomic<bool> networkIsLaunched_{false};
+    const ZNVAccountConfigurationRef accountConfiguration_;
+    std::shared_ptr<ZNVReachabilityManager> reachabilityManager_;
+    std::shared_ptr<ZNVNetworkBackground> backgroundManager_;  // set once by launch
+
+    mutable std::mutex sessionMutex_;
+    std::shared_ptr<ZNVNetworkSessionManager> sessionManager_;  // guarded by sessionMutex_
+
+    std::recursive_mutex mutationMutex_;
+    mutable std::mutex collectionsMutex_;
+    std::vector<ZNVNetworkTaskRef> mutableTasks_;          // guarded by collectionsMutex_
+    std::vector<ZNVNetworkDownloadRef> mutableDownloads_;  // guarded by collectionsMutex_
+
+    // Tokens of the notification-center registrations made by launch.
+    std::vector<ZNVNotificationToken> notificationTokens_;
+
+    // Bumped by every queued save; a save that finds a newer number skips itself.
+    std::shared_ptr<std::atomic<uint64_t>> saveGeneration_ =
+        std::make_shared<std::atomic<uint64_t>>(0);
+};
+
+}  // namespace znv

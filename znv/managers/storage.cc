@@ -1,0 +1,478 @@
+#include "znv/managers/storage.h"
+
+#include <utility>
+
+#include "znv/foundation/device.h"
+#include "znv/foundation/log.h"
+#include "znv/platform/main_queue.h"
+#include "znv/platform/url_session.h"
+#include "znv/upload/storage_response.h"
+
+namespace znv {
+
+namespace {
+
+constexpr uint64_t kUploadCapacity = 2;
+
+std::string describe(const ZNVErrorRef& error) {
+    return error ? error->description() : std::string("(null)");
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Creation
+
+std::shared_ptr<ZNVStorage> ZNVStorage::storageForAccount(
+    const std::shared_ptr<ZNVAccount>& account) {
+    if (!account || !account->configuration()) return nullptr;
+    auto storage = std::shared_ptr<ZNVStorage>(new ZNVStorage(account));
+    storage->launch();
+    return storage;
+}
+
+ZNVStorage::ZNVStorage(std::shared_ptr<ZNVAccount> account)
+    : ZNVNetwork(account ? account->configuration() : nullptr), account_(std::move(account)) {}
+
+ZNVStorage::~ZNVStorage() {
+    disconnectFromAccount();
+    std::lock_guard<std::mutex> lock(storageMutex_);
+    mutableUploads_.clear();
+    uploadForRemoteFile_.clear();
+}
+
+std::shared_ptr<ZNVNetworkBackground> ZNVStorage::createBackgroundManager() {
+    return ZNVNetworkBackground::backgroundForStorage(this);
+}
+
+std::weak_ptr<ZNVStorage> ZNVStorage::weakStorage() {
+    return std::static_pointer_cast<ZNVStorage>(shared_from_this());
+}
+
+void ZNVStorage::launch() {
+    ZNVNetwork::launch();
+    connectSessionToUploads();
+    connectToAccount();
+    storageIsLaunched_ = true;
+    scheduleRefreshAndSave();
+}
+
+std::vector<ZNVStorageUploadRef> ZNVStorage::uploads() const {
+    assertValidUploadsCount();
+    std::lock_guard<std::mutex> lock(storageMutex_);
+    return mutableUploads_;
+}
+
+// ---------------------------------------------------------------------------
+// Uploads
+
+ZNVStorageUploadRef ZNVStorage::uploadFromFile(const ZNVURL& fileURL,
+                                               bool applyVideoPostProcessing) {
+    return uploadFromFile(fileURL, "", "", "", applyVideoPostProcessing, false);
+}
+
+ZNVStorageUploadRef ZNVStorage::uploadFromFile(
+    const ZNVURL& fileURL, const std::string& remoteFilename, const std::string& sharedStorageID,
+    const std::string& multiplexingHint, bool applyVideoPostProcessing, bool forceChunkUploading) {
+    auto upload =
+        ZNVStorageUpload::create(fileURL, remoteFilename, account_, sharedStorageID,
+                                 multiplexingHint, applyVideoPostProcessing, sessionManager());
+    if (upload) {
+        upload->setForceChunkUploading(forceChunkUploading);
+        if (auto error = upload->error()) {
+            ZNVLogError("failed to initiate upload: {}", describe(error));
+            upload = nullptr;
+        }
+    }
+    addTask(upload);
+    return upload;
+}
+
+void ZNVStorage::addTask(const ZNVNetworkTaskRef& task) {
+    std::lock_guard<std::recursive_mutex> mutation(mutationMutex());
+    auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(task);
+    if (!upload || hasTask(task)) {
+        ZNVNetwork::addTask(task);
+        return;
+    }
+    assertValidUploadsCount();
+    ZNVIndexSet position;
+    {
+        std::lock_guard<std::mutex> lock(storageMutex_);
+        position = ZNVIndexSet{static_cast<uint64_t>(mutableUploads_.size())};
+    }
+    willChange("uploads", ZNVKeyValueChange::Insertion, position);
+    ZNVNetwork::addTask(task);
+    const std::string fileID = upload->remoteFileID();
+    {
+        std::lock_guard<std::mutex> lock(storageMutex_);
+        mutableUploads_.push_back(upload);
+        if (!fileID.empty()) uploadForRemoteFile_[fileID] = upload;
+    }
+    didChange("uploads", ZNVKeyValueChange::Insertion, position);
+    assertValidUploadsCount();
+}
+
+void ZNVStorage::finishTask(const ZNVNetworkTaskRef& task) {
+    std::lock_guard<std::recursive_mutex> mutation(mutationMutex());
+    ZNVIndexSet position;
+    ZNVStorageUploadRef upload;
+    {
+        std::lock_guard<std::mutex> lock(storageMutex_);
+        for (size_t i = 0; i < mutableUploads_.size(); ++i) {
+            if (task && mutableUploads_[i].get() == task.get()) {
+                position = ZNVIndexSet{static_cast<uint64_t>(i)};
+                upload = mutableUploads_[i];
+                break;
+            }
+        }
+    }
+    if (!upload) {
+        ZNVNetwork::finishTask(task);
+        return;
+    }
+    assertValidUploadsCount();
+    willChange("uploads", ZNVKeyValueChange::Removal, position);
+    const std::string fileID = upload->remoteFileID();
+    {
+        std::lock_guard<std::mutex> lock(storageMutex_);
+        if (!fileID.empty()) uploadForRemoteFile_.erase(fileID);
+        std::erase_if(mutableUploads_, [&](const auto& u) { return u.get() == upload.get(); });
+    }
+    ZNVNetwork::finishTask(task);
+    didChange("uploads", ZNVKeyValueChange::Removal, position);
+    assertValidUploadsCount();
+}
+
+// ---------------------------------------------------------------------------
+// Activity
+
+bool ZNVStorage::refreshTaskActivity() {
+    if (!storageIsLaunched()) return false;
+    const bool uploadsActivated = refreshUploadActivity();
+    const bool downloadsActivated = ZNVNetwork::refreshTaskActivity();
+    return uploadsActivated || downloadsActivated;
+}
+
+uint64_t ZNVStorage::activeUploadCount() const {
+    uint64_t active = 0;
+    for (const auto& upload : uploads()) {
+        if (upload->state() == ZNVNetworkTaskStateRunning) ++active;
+    }
+    ZNVLogInfo("{} upload(s) are currently active.", active);
+    return active;
+}
+
+bool ZNVStorage::refreshUploadActivity() {
+    const bool signedIn = account_ && account_->status() == ZNVAccountStatusSignedIn;
+    const bool reachable = signedIn && isReachableEvenInBackground();
+    const bool pluggedIn = ZNVNetworkDevice_deviceIsPluggedIn();
+
+    auto uploadList = uploads();
+    std::vector<ZNVNetworkTaskRef> collection(uploadList.begin(), uploadList.end());
+    prepareTasksForActivation(collection, reachable);
+    const uint64_t active = activeUploadCount();
+    if (active > 1) return false;
+    if (!signedIn) {
+        ZNVLogInfo("Account must be signed in before uploads can be activated.");
+        return false;
+    }
+    if (reachable) return activateTasks(kUploadCapacity - active, collection, "upload");
+    if (pluggedIn) {
+        ZNVLogInfo("Network must be reachable before uploads can be activated.");
+    } else {
+        ZNVLogInfo("Device must be plugged in before uploads can be activated.");
+    }
+    return false;
+}
+
+// ---------------------------------------------------------------------------
+// Routing
+
+ZNVStorageUploadRef ZNVStorage::uploadForTask(const std::shared_ptr<ZNVURLSessionTask>& task,
+                                              bool* ignored) {
+    if (ignored) *ignored = false;
+    if (!task) return nullptr;
+    const std::string fileID =
+        ZNVStorageResponse::remoteFileForRequestedURL(task->originalRequest().URL()).value_or("");
+    const uint64_t identifier = task->taskIdentifier();
+
+    ZNVStorageUploadRef candidate;
+    if (!fileID.empty()) {
+        std::lock_guard<std::mutex> lock(storageMutex_);
+        auto it = uploadForRemoteFile_.find(fileID);
+        if (it != uploadForRemoteFile_.end()) candidate = it->second;
+    }
+    if (!candidate) {
+        for (const auto& upload : uploads()) {
+            if (upload->taskIdentifier() == identifier) {
+                candidate = upload;
+                break;
+            }
+        }
+        if (candidate && !fileID.empty()) {
+            std::lock_guard<std::mutex> lock(storageMutex_);
+            uploadForRemoteFile_[fileID] = candidate;
+        }
+    }
+
+    const bool stale = candidate && candidate->taskIdentifier() != identifier;
+    if (ignored) *ignored = stale;
+    if (stale) {
+        ZNVLogInfo("ignoring response for old session task {}: {}", identifier,
+                   task->taskDescription());
+        return nullptr;
+    }
+    return candidate;
+}
+
+void ZNVStorage::connectTaskToUpload(const std::shared_ptr<ZNVURLSessionTask>& task) {
+    if (auto upload = uploadForTask(task)) {
+        upload->connectToAccount(account_, sessionManager(), task);
+    }
+}
+
+void ZNVStorage::connectSessionToUploads() {
+    auto session = sessionManager();
+    auto uploadList = uploads();
+    const size_t uploadCount = uploadList.size();
+    for (const auto& upload : uploadList)
+        upload->connectToAccount(account_, session, nullptr);
+    if (!session) return;
+    auto weak = weakStorage();
+    session->getTasksWithCompletionHandler(
+        [weak, uploadCount](
+            const std::vector<std::shared_ptr<ZNVURLSessionDataTask>>& dataTasks,
+            const std::vector<std::shared_ptr<ZNVURLSessionUploadTask>>& uploadTasks,
+            const std::vector<std::shared_ptr<ZNVURLSessionDownloadTask>>& downloadTasks) {
+            auto self = weak.lock();
+            if (!self) return;
+            ZNVLogInfo("reconciling {} uploads against {} session tasks", uploadCount,
+                       dataTasks.size() + uploadTasks.size() + downloadTasks.size());
+            for (const auto& task : dataTasks)
+                self->connectTaskToUpload(task);
+            for (const auto& task : uploadTasks)
+                self->connectTaskToUpload(task);
+            for (const auto& task : downloadTasks)
+                self->connectTaskToUpload(task);
+        });
+}
+
+void ZNVStorage::didCompleteWithData(const std::shared_ptr<ZNVNetworkSessionManager>& manager,
+                                     const std::shared_ptr<ZNVURLSessionTask>& task,
+                                     const std::optional<ZNVBytes>& data,
+                                     const ZNVErrorRef& error) {
+    ZNVNetwork::didCompleteWithData(manager, task, data, error);
+    if (!task || !ZNVNetworkSessionManager::taskHasAuthentication(task)) return;
+
+    auto response = ZNVStorageResponse::responseForTask(task, data, error);
+    if (!response) {
+        ZNVLogError("failed to parse storage response: {}", task->description());
+        return;
+    }
+
+    const uint64_t key = task->taskIdentifier();
+    URLCompletion urlCompletion;
+    DeleteCompletion deleteCompletion;
+    {
+        std::lock_guard<std::mutex> lock(storageMutex_);
+        auto urlEntry = remoteURLBlockForTask_.find(key);
+        if (urlEntry != remoteURLBlockForTask_.end()) {
+            urlCompletion = std::move(urlEntry->second);
+            remoteURLBlockForTask_.erase(urlEntry);
+        }
+        auto deleteEntry = deleteBlockForTask_.find(key);
+        if (deleteEntry != deleteBlockForTask_.end()) {
+            deleteCompletion = std::move(deleteEntry->second);
+            deleteBlockForTask_.erase(deleteEntry);
+        }
+    }
+
+    if (urlCompletion) {
+        if (response->error()) {
+            ZNVLogError("failed to get information for remote file: {}",
+                        describe(response->error()));
+        }
+        callBlock([urlCompletion = std::move(urlCompletion), url = response->remoteContentURL()] {
+            urlCompletion(url);
+        });
+        return;
+    }
+    if (deleteCompletion) {
+        const bool deleted = !response->error();
+        if (!deleted) {
+            ZNVLogError("failed to delete remote file: {}", describe(response->error()));
+        }
+        callBlock([deleteCompletion = std::move(deleteCompletion), deleted] {
+            deleteCompletion(deleted);
+        });
+        return;
+    }
+
+    bool ignored = false;
+    auto upload = uploadForTask(task, &ignored);
+    if (!upload) {
+        if (!ignored) {
+            ZNVLogDefault("no upload found for storage response:\n{}", response->description());
+        }
+        return;
+    }
+    upload->connectToAccount(account_, manager, task);
+    upload->handleStorageResponse(*response, isReachableEvenInBackground());
+    const auto type = response->type();
+    if (type >= ZNVStorageResponseTypeNewRemoteFile &&
+        type <= ZNVStorageResponseTypePostProcessedRemoteVideoFile) {
+        // The upload has moved on: keep its new position across a relaunch.
+        auto weak = weakStorage();
+        account_->dispatchAuthenticatedBlock([weak](ZNVAuthenticationRef, ZNVErrorRef) {
+            if (auto self = weak.lock()) self->writeState();
+        });
+    }
+}
+
+void ZNVStorage::didUpdateProgress(const std::shared_ptr<ZNVNetworkSessionManager>& manager,
+                                   const std::shared_ptr<ZNVURLSessionTask>& task, float progress) {
+    ZNVNetwork::didUpdateProgress(manager, task, progress);
+    auto response = ZNVStorageResponse::responseForTask(task, std::nullopt, nullptr);
+    if (!response) return;
+    const auto type = response->type();
+    if (type != ZNVStorageResponseTypeUploadedFullFile &&
+        type != ZNVStorageResponseTypeUploadedChunk) {
+        return;
+    }
+    auto upload = uploadForTask(task);
+    if (!upload) {
+        ZNVLogError("failed to update progress for chunk: {}", task->description());
+        return;
+    }
+    if (type == ZNVStorageResponseTypeUploadedChunk) {
+        upload->handleChunkProgress(progress);
+    } else {
+        upload->handleFullFileProgress(progress);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Remote-file operations
+
+void ZNVStorage::callBlock(std::function<void()> block) {
+    if (block) ZNVMainQueue::async(std::move(block));
+}
+
+bool ZNVStorage::validateParametersWithFailure(const std::function<void()>& failure) {
+    if (!sessionManager()) {
+        ZNVLogError("a cloud session manager is required");
+    } else if (!account_) {
+        ZNVLogError("an account is required");
+    } else {
+        return true;
+    }
+    callBlock(failure);
+    return false;
+}
+
+void ZNVStorage::URLForRemoteFile(const std::string& remoteFile, URLCompletion completion) {
+    std::function<void()> failure = [completion] {
+        if (completion) completion(std::nullopt);
+    };
+    if (!validateParametersWithFailure(failure)) return;
+    auto weak = weakStorage();
+    account_->dispatchAuthenticatedBlock(
+        [weak, remoteFile, completion, failure](ZNVAuthenticationRef authentication, ZNVErrorRef) {
+            auto self = weak.lock();
+            if (!self) return;
+            auto session = self->sessionManager();
+            if (!session) return;
+            ZNVErrorRef error;
+            auto task = session->getInformationForRemoteFile(remoteFile, authentication, &error);
+            if (error) {
+                ZNVLogError("failed to get information for remote file: {}", describe(error));
+                failure();
+                return;
+            }
+            if (completion && task) {
+                {
+                    std::lock_guard<std::mutex> lock(self->storageMutex_);
+                    self->remoteURLBlockForTask_[task->taskIdentifier()] = completion;
+                }
+                task->resume();
+            }
+        });
+}
+
+void ZNVStorage::deleteRemoteFile(const std::string& remoteFile, DeleteCompletion completion) {
+    std::function<void()> failure = [completion] {
+        if (completion) completion(false);
+    };
+    if (!validateParametersWithFailure(failure)) return;
+    auto weak = weakStorage();
+    account_->dispatchAuthenticatedBlock(
+        [weak, remoteFile, completion, failure](ZNVAuthenticationRef authentication, ZNVErrorRef) {
+            auto self = weak.lock();
+            if (!self) return;
+            auto session = self->sessionManager();
+            if (!session) return;
+            ZNVErrorRef error;
+            auto task = session->deleteRemoteFile(remoteFile, authentication, &error);
+            if (error) {
+                ZNVLogError("failed to delete remote file: {}", describe(error));
+                failure();
+                return;
+            }
+            if (completion && task) {
+                {
+                    std::lock_guard<std::mutex> lock(self->storageMutex_);
+                    self->deleteBlockForTask_[task->taskIdentifier()] = completion;
+                }
+                task->resume();
+            }
+        });
+}
+
+// ---------------------------------------------------------------------------
+// Account observation
+
+void ZNVStorage::connectToAccount() {
+    if (!account_ || statusObservation_ != 0) return;
+    auto weak = weakStorage();
+    statusObservation_ = account_->addObserver(
+        ZNVAccount::StatusKey,
+        [weak](const ZNVKeyValueChangeRecord&) {
+            ZNVMainQueue::async([weak] {
+                if (auto self = weak.lock()) self->refreshAndSave();
+            });
+        },
+        ZNVKeyValueObservingOptionInitial);
+}
+
+void ZNVStorage::disconnectFromAccount() {
+    if (account_ && statusObservation_ != 0) account_->removeObserver(statusObservation_);
+    statusObservation_ = 0;
+}
+
+// ---------------------------------------------------------------------------
+// Invalidation
+
+void ZNVStorage::invalidateClientAndCancelTasks() {
+    std::lock_guard<std::recursive_mutex> mutation(mutationMutex());
+    size_t uploadCount = 0;
+    {
+        std::lock_guard<std::mutex> lock(storageMutex_);
+        uploadCount = mutableUploads_.size();
+    }
+    if (uploadCount == 0) {
+        ZNVNetwork::invalidateClientAndCancelTasks();
+        return;
+    }
+    const auto range = ZNVIndexSet::withRange(0, uploadCount);
+    willChange("uploads", ZNVKeyValueChange::Removal, range);
+    ZNVNetwork::invalidateClientAndCancelTasks();
+    {
+        std::lock_guard<std::mutex> lock(storageMutex_);
+        mutableUploads_.clear();
+        uploadForRemoteFile_.clear();
+    }
+    didChange("uploads", ZNVKeyValueChange::Removal, range);
+}
+
+}  // namespace znv
