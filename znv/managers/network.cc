@@ -106,6 +106,7 @@ ZNVNetwork::~ZNVNetwork() {
     std::lock_guard<std::mutex> lock(collectionsMutex_);
     mutableDownloads_.clear();
     mutableTasks_.clear();
+    taskSet_.clear();
 }
 
 std::string ZNVNetwork::description() const {
@@ -200,7 +201,7 @@ void ZNVNetwork::scheduleRefreshAndSave() {
 bool ZNVNetwork::hasTask(const ZNVNetworkTaskRef& task) const {
     if (!task) return false;
     std::lock_guard<std::mutex> lock(collectionsMutex_);
-    return indexOfIdentical(mutableTasks_, task.get()) < mutableTasks_.size();
+    return taskSet_.count(task.get()) != 0;
 }
 
 void ZNVNetwork::addTask(const ZNVNetworkTaskRef& task) {
@@ -221,6 +222,7 @@ void ZNVNetwork::addTask(const ZNVNetworkTaskRef& task) {
     {
         std::lock_guard<std::mutex> lock(collectionsMutex_);
         mutableTasks_.push_back(task);
+        taskSet_.insert(task.get());
     }
     // The state file holds only the task list, so saving before the download
     // joins its sub-collection loses nothing.
@@ -258,6 +260,7 @@ void ZNVNetwork::finishTask(const ZNVNetworkTaskRef& task) {
     {
         std::lock_guard<std::mutex> lock(collectionsMutex_);
         std::erase_if(mutableTasks_, [&](const auto& t) { return t.get() == task.get(); });
+        taskSet_.erase(task.get());
         std::erase_if(mutableDownloads_, [&](const auto& d) { return d.get() == task.get(); });
     }
     writeState();
@@ -294,17 +297,21 @@ bool ZNVNetwork::refreshTaskActivity() {
 }
 
 void ZNVNetwork::refreshAndSave() {
+    auto session = sessionManager();
+    if (!session) {
+        ZNVLogDefault("No session manager available to serialize refresh.");
+        return;
+    }
+    // A refresh already queued and not started yet will see everything that
+    // led to this request, so one queued refresh serves any number of them.
+    if (refreshQueued_->exchange(true)) return;
     std::weak_ptr<ZNVNetwork> weak = weakSelf();
-    auto refresh = [weak] {
+    session->performBackgroundSessionBlock([weak, queued = refreshQueued_] {
+        queued->store(false);
         auto self = weak.lock();
         if (!self) return;
         if (self->refreshTaskActivity()) self->writeState();
-    };
-    if (auto session = sessionManager()) {
-        session->performBackgroundSessionBlock(refresh);
-    } else {
-        ZNVLogDefault("No session manager available to serialize refresh.");
-    }
+    });
 }
 
 bool ZNVNetwork::isReachableEvenInBackground() const {
@@ -587,6 +594,7 @@ void ZNVNetwork::invalidateClientAndCancelTasks() {
         {
             std::lock_guard<std::mutex> lock(collectionsMutex_);
             mutableTasks_.clear();
+            taskSet_.clear();
             mutableDownloads_.clear();
         }
         commitBatch();

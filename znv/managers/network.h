@@ -11,15 +11,17 @@
 //   that makes the change, will-change before the mutation and did-change after.
 //   The collections are guarded by a mutex that is never held while calling out;
 //   every walk works on a copy taken under the lock.
-// - `refreshAndSave` hops to the main queue and from there hands the activation
-//   policy (`refreshTaskActivity`) and the save to the session manager's
-//   background queue, so refreshes, saves and session callbacks never overlap.
+// - `refreshAndSave` hands the activation policy (`refreshTaskActivity`) and the
+//   save to the session manager's background queue, so refreshes, saves and
+//   session callbacks never overlap; changes schedule it through the main
+//   queue. While one refresh waits on the queue, further requests join it.
 // - At most two downloads run at a time; activation waits for a reachable
 //   network. Every task state change is re-posted on the default notification
 //   center under "ZNVNetwork: task did resume/suspend/complete" with this
 //   manager as sender, on the main queue.
 // - The state file (see network_state.cc) is rewritten after every change of
-//   the collection; a save superseded by a newer queued one is skipped.
+//   the collection; a save superseded by a newer queued one is skipped, and a
+//   save writes the collection as it is when the save runs.
 // - Posted work and observer callbacks hold only weak references to the manager.
 //   The session manager keeps the manager alive as its delegate until the
 //   session is invalidated; call `invalidateClientAndCancelTasks` to end it.
@@ -32,6 +34,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "znv/account/account_configuration.h"
@@ -203,6 +206,7 @@ class ZNVNetwork : public ZNVObservable,
     mutable std::mutex collectionsMutex_;
     std::vector<ZNVNetworkTaskRef> mutableTasks_;          // guarded by collectionsMutex_
     std::vector<ZNVNetworkDownloadRef> mutableDownloads_;  // guarded by collectionsMutex_
+    std::unordered_set<const ZNVNetworkTask*> taskSet_;    // guarded by collectionsMutex_
 
     // Tokens of the notification-center registrations made by launch.
     std::vector<ZNVNotificationToken> notificationTokens_;
@@ -210,6 +214,8 @@ class ZNVNetwork : public ZNVObservable,
     // Bumped by every queued save; a save that finds a newer number skips itself.
     std::shared_ptr<std::atomic<uint64_t>> saveGeneration_ =
         std::make_shared<std::atomic<uint64_t>>(0);
+    // Set while a refresh waits on the session's queue (see refreshAndSave).
+    std::shared_ptr<std::atomic<bool>> refreshQueued_ = std::make_shared<std::atomic<bool>>(false);
 };
 
 }  // namespace znv

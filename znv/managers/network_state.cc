@@ -3,10 +3,10 @@
 // collection as one keyed archive with the root keys "configuration type" and
 // "tasks".
 //
-// Saves take a snapshot of the collection on the caller's thread and run on
-// the session manager's background queue, one after another. A save that finds
-// a newer save queued behind it skips itself, so adding thousands of tasks does
-// not write thousands of full archives; the newest snapshot always wins. Each
+// Saves run on the session manager's background queue, one after another. A
+// save that finds a newer save queued behind it skips itself, so adding
+// thousands of tasks does not write thousands of full archives; the one that
+// runs takes its snapshot of the collection then, so the newest state wins. Each
 // save writes "<state file>.tmp" (mode 0600), flushes it to disk and moves it
 // over the state file durably, so a crash leaves either the old or the new
 // file, never a torn one.
@@ -141,18 +141,21 @@ void ZNVNetwork::writeState() {
     if (stateURL && stateURL->isFileURL()) tempURL = ZNVURL::fileURL(stateURL->path() + ".tmp");
     if (isReadingState() || isBatchingSave() || !stateURL || !tempURL) return;
 
+    auto self = weak_from_this().lock();
+    if (!self) return;  // being destroyed: nothing left to save
     incrementBackgroundActivity();
-    const std::string identifier =
-        ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(accountConfiguration_.get());
-    auto snapshot = tasks();
     auto generation = saveGeneration_;
     const uint64_t mine = ++*generation;
-    auto save = [identifier, snapshot = std::move(snapshot), stateURL = *stateURL,
-                 tempURL = *tempURL, generation, mine] {
+    // The collection is read when the save runs, not now: only the newest
+    // queued save writes, and it sees every change that asked for a save. The
+    // strong reference keeps the manager (and so what it saves) until then.
+    auto save = [self, stateURL = *stateURL, tempURL = *tempURL, generation, mine] {
         std::lock_guard<std::mutex> lock(stateFileMutex());
-        // A newer snapshot is queued (or already written): this one is stale.
-        if (generation->load() != mine) return;
-        saveTaskState(identifier, snapshot, stateURL, tempURL);
+        if (generation->load() != mine) return;  // a newer save is queued
+        if (self->isReadingState() || self->isBatchingSave()) return;
+        saveTaskState(ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(
+                          self->accountConfiguration().get()),
+                      self->tasks(), stateURL, tempURL);
     };
 
     if (auto session = sessionManager()) {
