@@ -7,7 +7,8 @@
 namespace znv {
 
 ZNVIndexSet::ZNVIndexSet(std::initializer_list<uint64_t> indices) {
-    for (uint64_t i : indices) add(i);
+    for (uint64_t i : indices)
+        add(i);
 }
 
 ZNVIndexSet ZNVIndexSet::withRange(uint64_t first, uint64_t length) {
@@ -18,7 +19,8 @@ ZNVIndexSet ZNVIndexSet::withRange(uint64_t first, uint64_t length) {
 
 uint64_t ZNVIndexSet::count() const {
     uint64_t total = 0;
-    for (const Range& r : ranges_) total += r.length;
+    for (const Range& r : ranges_)
+        total += r.length;
     return total;
 }
 
@@ -56,11 +58,24 @@ uint64_t ZNVIndexSet::indexGreaterThan(uint64_t index) const {
     return static_cast<uint64_t>(ZNVNotFound);
 }
 
-void ZNVIndexSet::add(uint64_t index) { addRange(index, 1); }
+void ZNVIndexSet::add(uint64_t index) {
+    addRange(index, 1);
+}
 
 void ZNVIndexSet::addRange(uint64_t first, uint64_t length) {
     if (length == 0) return;
     uint64_t last = first + length;  // exclusive
+    // Appending at or after the last range (the common case when a set is
+    // built in ascending order) must not rebuild the whole vector.
+    if (ranges_.empty() || first > ranges_.back().first + ranges_.back().length) {
+        ranges_.push_back({first, length});
+        return;
+    }
+    if (first >= ranges_.back().first) {
+        Range& back = ranges_.back();
+        back.length = std::max(back.first + back.length, last) - back.first;
+        return;
+    }
     std::vector<Range> out;
     out.reserve(ranges_.size() + 1);
     bool placed = false;
@@ -84,10 +99,13 @@ void ZNVIndexSet::addRange(uint64_t first, uint64_t length) {
 }
 
 void ZNVIndexSet::add(const ZNVIndexSet& other) {
-    for (const Range& r : other.ranges_) addRange(r.first, r.length);
+    for (const Range& r : other.ranges_)
+        addRange(r.first, r.length);
 }
 
-void ZNVIndexSet::remove(uint64_t index) { removeRange(index, 1); }
+void ZNVIndexSet::remove(uint64_t index) {
+    removeRange(index, 1);
+}
 
 void ZNVIndexSet::removeRange(uint64_t first, uint64_t length) {
     if (length == 0) return;
@@ -107,7 +125,8 @@ void ZNVIndexSet::removeRange(uint64_t first, uint64_t length) {
 }
 
 void ZNVIndexSet::remove(const ZNVIndexSet& other) {
-    for (const Range& r : other.ranges_) removeRange(r.first, r.length);
+    for (const Range& r : other.ranges_)
+        removeRange(r.first, r.length);
 }
 
 ZNVIndexSet ZNVIndexSet::unionWith(const ZNVIndexSet& other) const {
