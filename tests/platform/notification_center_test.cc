@@ -1,0 +1,131 @@
+#include "znv/platform/notification_center.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace znv {
+namespace {
+
+TEST(NotificationCenter, FiltersByNameAndSenderAndDeliversUserInfo) {
+    ZNVNotificationCenter center;
+    int senderA = 0;
+    int senderB = 0;
+    std::vector<std::string> log;
+    center.addObserver("changed", &senderA, [&](const ZNVNotification& n) {
+        log.push_back("fromA:" + n.name);
+        const auto* state = ZNVNotificationValue<uint64_t>(n, "new state");
+        ASSERT_NE(state, nullptr);
+        EXPECT_EQ(*state, 2u);
+        EXPECT_EQ(ZNVNotificationValue<std::string>(n, "new state"), nullptr);  // wrong type
+        EXPECT_EQ(ZNVNotificationValue<uint64_t>(n, "missing"), nullptr);
+    });
+    center.addObserver("changed", nullptr,
+                       [&](const ZNVNotification& n) { log.push_back("any:" + n.name); });
+    center.addObserver("", &senderB,
+                       [&](const ZNVNotification& n) { log.push_back("allOfB:" + n.name); });
+
+    center.post("changed", &senderA, {{"new state", uint64_t{2}}});
+    center.post("changed", &senderB, {{"new state", uint64_t{2}}});
+    center.post("other", &senderA);
+    center.post("other", &senderB);
+    EXPECT_EQ(log, (std::vector<std::string>{"fromA:changed", "any:changed", "any:changed",
+                                             "allOfB:changed", "allOfB:other"}));
+}
+
+TEST(NotificationCenter, RemovalDuringACallbackAppliesToTheRestOfTheWalk) {
+    ZNVNotificationCenter center;
+    std::vector<std::string> log;
+    ZNVNotificationToken self = 0;
+    ZNVNotificationToken later = 0;
+    self = center.addObserver("n", nullptr, [&](const ZNVNotification&) {
+        log.push_back("self");
+        center.removeObserver(self);
+        center.removeObserver(later);
+    });
+    later =
+        center.addObserver("n", nullptr, [&](const ZNVNotification&) { log.push_back("later"); });
+    center.addObserver("n", nullptr, [&](const ZNVNotification&) { log.push_back("last"); });
+    center.post("n", nullptr);
+    center.post("n", nullptr);
+    EXPECT_EQ(log, (std::vector<std::string>{"self", "last", "last"}));
+}
+
+TEST(NotificationCenter, PostingAndRegisteringFromACallbackNeitherDeadlocksNorLoops) {
+    ZNVNotificationCenter center;
+    std::vector<std::string> log;
+    center.addObserver("outer", nullptr, [&](const ZNVNotification& n) {
+        log.push_back("outer");
+        center.post("inner", n.sender, {{"depth", 1}});
+        // A registration made now does not see the notification being delivered.
+        center.addObserver("outer", nullptr,
+                           [&](const ZNVNotification&) { log.push_back("added-late"); });
+    });
+    center.addObserver("inner", nullptr, [&](const ZNVNotification& n) {
+        log.push_back("inner" + std::to_string(*ZNVNotificationValue<int>(n, "depth")));
+    });
+    center.post("outer", nullptr);
+    EXPECT_EQ(log, (std::vector<std::string>{"outer", "inner1"}));
+}
+
+TEST(NotificationCenter, ObserversHoldNoReferenceToTheSender) {
+    ZNVNotificationCenter center;
+    auto sender = std::make_shared<int>(5);
+    std::weak_ptr<int> weakSender = sender;
+    int calls = 0;
+    center.addObserver("n", sender.get(), [&](const ZNVNotification&) { ++calls; });
+    center.post("n", sender.get());
+    sender.reset();
+    EXPECT_TRUE(weakSender.expired());
+    EXPECT_EQ(calls, 1);
+}
+
+TEST(NotificationCenter, RunsOnThePostingThreadAndToleratesConcurrentChurn) {
+    ZNVNotificationCenter center;
+    std::atomic<int> delivered{0};
+    std::atomic<int> wrongThread{0};
+    center.addObserver("tick", nullptr, [&](const ZNVNotification& n) {
+        if (*ZNVNotificationValue<std::thread::id>(n, "thread") != std::this_thread::get_id()) {
+            ++wrongThread;
+        }
+        ++delivered;
+    });
+    std::atomic<bool> stop{false};
+    std::thread churn([&] {
+        while (!stop.load()) {
+            auto t = center.addObserver("tick", nullptr, [](const ZNVNotification&) {});
+            center.removeObserver(t);
+        }
+    });
+    std::vector<std::thread> posters;
+    for (int t = 0; t < 3; ++t) {
+        posters.emplace_back([&] {
+            for (int i = 0; i < 1000; ++i) {
+                center.post("tick", nullptr, {{"thread", std::this_thread::get_id()}});
+            }
+        });
+    }
+    for (auto& p : posters)
+        p.join();
+    stop = true;
+    churn.join();
+    EXPECT_EQ(delivered.load(), 3000);
+    EXPECT_EQ(wrongThread.load(), 0);
+}
+
+TEST(NotificationCenter, DefaultCenterIsShared) {
+    auto& center = ZNVNotificationCenter::defaultCenter();
+    EXPECT_EQ(&center, &ZNVNotificationCenter::defaultCenter());
+    int calls = 0;
+    auto token = center.addObserver("NotificationCenterTest: default", nullptr,
+                                    [&](const ZNVNotification&) { ++calls; });
+    center.post("NotificationCenterTest: default", nullptr);
+    center.removeObserver(token);
+    center.post("NotificationCenterTest: default", nullptr);
+    EXPECT_EQ(calls, 1);
+}
+
+}  // namespace
+}  // namespace znv

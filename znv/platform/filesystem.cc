@@ -1,0 +1,336 @@
+#include "znv/platform/filesystem.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <pwd.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <optional>
+#include <vector>
+
+namespace znv {
+namespace {
+
+const char* const kPOSIXErrorDomain = "NSPOSIXErrorDomain";
+
+void setError(ZNVErrorRef* out, ZNVErrorRef error) {
+    if (out) *out = std::move(error);
+}
+
+ZNVErrorRef refusal(const std::string& path, const std::string& reason) {
+    return ZNVError::make(
+        NSCocoaErrorDomain, NSFileWriteNoPermissionError,
+        {{NSLocalizedDescriptionKey, "the temporary directory \"" + path + "\" " + reason},
+         {NSFilePathErrorKey, path}});
+}
+
+std::string parentDirectory(const std::string& path) {
+    size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+// Closes a descriptor on scope exit.
+struct FileDescriptor {
+    int fd = -1;
+    explicit FileDescriptor(int f) : fd(f) {}
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    ~FileDescriptor() {
+        if (fd >= 0) ::close(fd);
+    }
+};
+
+int openRetrying(const char* path, int flags, mode_t mode = 0) {
+    int fd;
+    do {
+        fd = ::open(path, flags | O_CLOEXEC, mode);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+bool syncPath(const std::string& path, bool directory, ZNVErrorRef* error) {
+    FileDescriptor f(openRetrying(path.c_str(), O_RDONLY | (directory ? O_DIRECTORY : 0)));
+    if (f.fd < 0) {
+        setError(error, ZNVFileErrorFromErrno(errno, "failed to open", path, false));
+        return false;
+    }
+    if (::fsync(f.fd) != 0) {
+        setError(error, ZNVFileErrorFromErrno(errno, "failed to flush", path, true));
+        return false;
+    }
+    return true;
+}
+
+bool writeAll(int fd, const char* data, size_t size) {
+    while (size > 0) {
+        ssize_t n = ::write(fd, data, size);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Copies `source` into a fresh temporary file in `directory` and flushes it;
+// returns its path, or "" (with nothing left behind) on failure.
+std::string copyBeside(const std::string& source, const std::string& directory,
+                       ZNVErrorRef* error) {
+    FileDescriptor in(openRetrying(source.c_str(), O_RDONLY));
+    if (in.fd < 0) {
+        setError(error, ZNVFileErrorFromErrno(errno, "failed to open", source, false));
+        return {};
+    }
+    std::string pattern = directory + "/.znv-replace-XXXXXX";
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    FileDescriptor out(::mkostemp(name.data(), O_CLOEXEC));
+    std::string temporary(name.data());
+    if (out.fd < 0) {
+        setError(error, ZNVFileErrorFromErrno(errno, "failed to create", temporary, true));
+        return {};
+    }
+    struct stat st {};
+    if (::fstat(in.fd, &st) == 0) ::fchmod(out.fd, st.st_mode & 07777);
+    std::vector<char> buffer(1 << 16);
+    for (;;) {
+        ssize_t n = ::read(in.fd, buffer.data(), buffer.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            setError(error, ZNVFileErrorFromErrno(errno, "failed to read", source, false));
+            ::unlink(temporary.c_str());
+            return {};
+        }
+        if (n == 0) break;
+        if (!writeAll(out.fd, buffer.data(), static_cast<size_t>(n))) {
+            setError(error, ZNVFileErrorFromErrno(errno, "failed to write", temporary, true));
+            ::unlink(temporary.c_str());
+            return {};
+        }
+    }
+    if (::fsync(out.fd) != 0) {
+        setError(error, ZNVFileErrorFromErrno(errno, "failed to flush", temporary, true));
+        ::unlink(temporary.c_str());
+        return {};
+    }
+    return temporary;
+}
+
+std::string executablePath() {
+    std::vector<char> buffer(PATH_MAX + 1);
+    ssize_t n = ::readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
+    if (n <= 0) return {};
+    return std::string(buffer.data(), static_cast<size_t>(n));
+}
+
+std::mutex gIdentifierMutex;
+std::optional<std::string> gApplicationIdentifier;  // guarded by gIdentifierMutex
+
+}  // namespace
+
+ZNVErrorRef ZNVFileErrorFromErrno(int errnum, const std::string& what, const std::string& path,
+                                  bool writing) {
+    int64_t code;
+    switch (errnum) {
+        case ENOENT:
+        case ENOTDIR:
+            code = writing ? NSFileNoSuchFileError : NSFileReadNoSuchFileError;
+            break;
+        case EACCES:
+        case EPERM:
+        case EROFS:
+            code = writing ? NSFileWriteNoPermissionError : NSFileReadNoPermissionError;
+            break;
+        case ENOSPC:
+        case EDQUOT:
+            code = NSFileWriteOutOfSpaceError;
+            break;
+        case ENAMETOOLONG:
+        case EINVAL:
+            code = writing ? NSFileWriteInvalidFileNameError : NSFileReadUnknownError;
+            break;
+        default:
+            code = writing ? NSFileWriteUnknownError : NSFileReadUnknownError;
+            break;
+    }
+    char buffer[256];
+    const char* reason = ::strerror_r(errnum, buffer, sizeof buffer);
+    return ZNVError::make(NSCocoaErrorDomain, code,
+                          {{NSLocalizedDescriptionKey, what + " \"" + path + "\": " + reason},
+                           {NSFilePathErrorKey, path},
+                           {NSUnderlyingErrorKey, ZNVError::make(kPOSIXErrorDomain, errnum)}});
+}
+
+std::string ZNVHomeDirectory() {
+    if (const char* home = ::getenv("HOME"); home != nullptr && *home != '\0') return home;
+    long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(size > 0 ? static_cast<size_t>(size) : 16384);
+    struct passwd entry {};
+    struct passwd* result = nullptr;
+    if (::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &result) == 0 &&
+        result != nullptr && result->pw_dir != nullptr) {
+        return result->pw_dir;
+    }
+    return {};
+}
+
+std::string ZNVPrivateTemporaryDirectory(ZNVErrorRef* error) {
+    std::string base = "/tmp";
+    if (const char* tmp = ::getenv("TMPDIR"); tmp != nullptr && *tmp != '\0') base = tmp;
+    while (base.size() > 1 && base.back() == '/')
+        base.pop_back();
+    const uid_t uid = ::geteuid();
+    std::string path = (base == "/" ? "" : base) + "/znv-" + std::to_string(uid);
+
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+        setError(error, ZNVFileErrorFromErrno(errno, "failed to create", path, true));
+        return {};
+    }
+    // Inspect and fix through a descriptor of the entry itself, so that a
+    // swap between the check and the fix cannot redirect the fix elsewhere.
+    FileDescriptor dir(openRetrying(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+    if (dir.fd < 0) {
+        int saved = errno;
+        struct stat st {};
+        if (::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+            setError(error, refusal(path, "is a symbolic link"));
+        } else if (saved == ENOTDIR) {
+            setError(error, refusal(path, "is not a directory"));
+        } else {
+            setError(error, ZNVFileErrorFromErrno(saved, "failed to open", path, false));
+        }
+        return {};
+    }
+    struct stat st {};
+    if (::fstat(dir.fd, &st) != 0) {
+        setError(error, ZNVFileErrorFromErrno(errno, "failed to inspect", path, false));
+        return {};
+    }
+    if (st.st_uid != uid) {
+        setError(error, refusal(path, "belongs to another user"));
+        return {};
+    }
+    if ((st.st_mode & 07777) != 0700 && ::fchmod(dir.fd, 0700) != 0) {
+        setError(error, ZNVFileErrorFromErrno(errno, "failed to restrict", path, true));
+        return {};
+    }
+    return path;
+}
+
+uint64_t ZNVFreeSpaceAtPath(const std::string& path, ZNVErrorRef* error) {
+    struct statvfs fs {};
+    if (::statvfs(path.c_str(), &fs) != 0) {
+        setError(error, ZNVFileErrorFromErrno(errno, "failed to read file system attributes of",
+                                              path, false));
+        return 0;
+    }
+    return static_cast<uint64_t>(fs.f_bavail) * static_cast<uint64_t>(fs.f_frsize);
+}
+
+const std::string& ZNVMainBundlePath() {
+    static const std::string path = [] {
+        std::string executable = ZNVRealPath(executablePath());
+        if (executable.empty()) executable = executablePath();
+        return executable.empty() ? std::string("/") : parentDirectory(executable);
+    }();
+    return path;
+}
+
+ZNVURL ZNVMainBundleURL() {
+    return ZNVURL::fileURL(ZNVMainBundlePath(), true);
+}
+
+bool ZNVSetApplicationIdentifier(const std::string& identifier) {
+    if (identifier.empty()) return false;
+    std::lock_guard<std::mutex> lock(gIdentifierMutex);
+    if (gApplicationIdentifier) return false;
+    gApplicationIdentifier = identifier;
+    return true;
+}
+
+std::string ZNVApplicationIdentifier() {
+    {
+        std::lock_guard<std::mutex> lock(gIdentifierMutex);
+        if (gApplicationIdentifier) return *gApplicationIdentifier;
+    }
+    std::string executable = executablePath();
+    size_t slash = executable.find_last_of('/');
+    std::string name = slash == std::string::npos ? executable : executable.substr(slash + 1);
+    return name.empty() ? std::string("znv") : name;
+}
+
+std::string ZNVRealPath(const std::string& path) {
+    if (path.empty()) return {};
+    char* resolved = ::realpath(path.c_str(), nullptr);
+    if (resolved == nullptr) return {};
+    std::string result(resolved);
+    ::free(resolved);
+    return result;
+}
+
+bool ZNVCreateDirectories(const std::string& path, unsigned mode, ZNVErrorRef* error) {
+    if (path.empty()) {
+        setError(error, ZNVFileErrorFromErrno(ENOENT, "failed to create directory", path, true));
+        return false;
+    }
+    std::string current;
+    size_t start = 0;
+    while (start <= path.size()) {
+        size_t slash = path.find('/', start);
+        if (slash == std::string::npos) slash = path.size();
+        current = path.substr(0, slash);
+        start = slash + 1;
+        if (current.empty() || current.back() == '/') continue;
+        if (::mkdir(current.c_str(), static_cast<mode_t>(mode)) != 0 && errno != EEXIST) {
+            setError(error,
+                     ZNVFileErrorFromErrno(errno, "failed to create directory", current, true));
+            return false;
+        }
+    }
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        setError(error, ZNVFileErrorFromErrno(ENOTDIR, "failed to create directory", path, true));
+        return false;
+    }
+    return true;
+}
+
+bool ZNVReplaceFileDurably(const std::string& source, const std::string& target,
+                           ZNVErrorRef* error) {
+    struct stat st {};
+    if (::lstat(source.c_str(), &st) != 0) {
+        setError(error, ZNVFileErrorFromErrno(errno, "failed to replace with", source, false));
+        return false;
+    }
+    const std::string directory = parentDirectory(target);
+    if (S_ISREG(st.st_mode) && !syncPath(source, false, error)) return false;
+    if (::rename(source.c_str(), target.c_str()) != 0) {
+        if (errno != EXDEV || !S_ISREG(st.st_mode)) {
+            setError(error, ZNVFileErrorFromErrno(errno, "failed to replace", target, true));
+            return false;
+        }
+        // Different file systems: rename cannot cross them, so stage a copy
+        // beside the target and rename that instead.
+        std::string temporary = copyBeside(source, directory, error);
+        if (temporary.empty()) return false;
+        if (::rename(temporary.c_str(), target.c_str()) != 0) {
+            setError(error, ZNVFileErrorFromErrno(errno, "failed to replace", target, true));
+            ::unlink(temporary.c_str());
+            return false;
+        }
+        ::unlink(source.c_str());
+    }
+    return syncPath(directory, true, error);
+}
+
+}  // namespace znv

@@ -1,0 +1,73 @@
+// File-system facilities the library stands on: the home directory, a private
+// temporary directory, free space, the running program's directory and
+// identifier, and a durable atomic replacement of one file by another.
+//
+// Contract
+// - Free functions, callable from any thread. Failures are values: functions
+//   that can fail return "" / 0 / false and fill the optional error
+//   out-parameter with an NSCocoaErrorDomain error whose message names the
+//   path, and whose user info carries NSFilePathErrorKey and the POSIX error
+//   as NSUnderlyingErrorKey (domain "NSPOSIXErrorDomain", code errno).
+// - Nothing here reads settings beyond the process environment's HOME and
+//   TMPDIR, which stand for the user's home and temporary directories.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "znv/platform/error.h"
+#include "znv/platform/url.h"
+
+namespace znv {
+
+// $HOME when set and non-empty, else the password database's entry for the
+// effective user; "" when neither is known.
+std::string ZNVHomeDirectory();
+
+// The per-user private temporary directory "${TMPDIR:-/tmp}/znv-<uid>",
+// created with mode 0700 when missing. The shared temporary directory is not
+// private, so an existing entry is refused ("" and an error) when it is a
+// symbolic link, not a directory, or owned by another user; a directory of
+// ours with a wider mode is narrowed to 0700. Checked on every call.
+std::string ZNVPrivateTemporaryDirectory(ZNVErrorRef* error = nullptr);
+
+// Bytes available to an unprivileged user on the file system holding `path`;
+// 0 when its attributes cannot be read.
+uint64_t ZNVFreeSpaceAtPath(const std::string& path, ZNVErrorRef* error = nullptr);
+
+// The directory that holds the running executable (symbolic links resolved),
+// as a path and as a directory file URL. Stands in for the application bundle.
+const std::string& ZNVMainBundlePath();
+ZNVURL ZNVMainBundleURL();
+
+// The application's identifier: the host sets it once, before the library
+// needs it; until then it is the executable's file name. Returns false (and
+// changes nothing) when it was already set or `identifier` is empty.
+bool ZNVSetApplicationIdentifier(const std::string& identifier);
+std::string ZNVApplicationIdentifier();
+
+// The path with every symbolic link, "." and ".." resolved; "" when it names
+// nothing.
+std::string ZNVRealPath(const std::string& path);
+
+// Creates a directory and its missing parents with `mode` (an existing
+// directory is success).
+bool ZNVCreateDirectories(const std::string& path, unsigned mode = 0755,
+                          ZNVErrorRef* error = nullptr);
+
+// Moves `source` over `target` in one step and makes the result durable: the
+// source's data is flushed, it is renamed over the target (which need not
+// exist) and the target's directory is flushed, so after a crash the target
+// holds either its old content or the complete new one. Across file systems
+// the source is copied into a temporary file beside the target first, renamed
+// over it and then removed; no temporary file is left behind on failure.
+bool ZNVReplaceFileDurably(const std::string& source, const std::string& target,
+                           ZNVErrorRef* error = nullptr);
+
+// An NSCocoaErrorDomain error for a failed POSIX call on `path`:
+// "<what> \"<path>\": <strerror>", with a code that tells missing files,
+// permissions, full disks and bad names apart (read or write codes).
+ZNVErrorRef ZNVFileErrorFromErrno(int errnum, const std::string& what, const std::string& path,
+                                  bool writing);
+
+}  // namespace znv
