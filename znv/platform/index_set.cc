@@ -1,6 +1,7 @@
 #include "znv/platform/index_set.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "znv/platform/error.h"
 
@@ -64,41 +65,27 @@ void ZNVIndexSet::add(uint64_t index) {
 
 void ZNVIndexSet::addRange(uint64_t first, uint64_t length) {
     if (length == 0) return;
-    uint64_t last = first + length;  // exclusive
-    // Appending at or after the last range (the common case when a set is
-    // built in ascending order) must not rebuild the whole vector.
-    if (ranges_.empty() || first > ranges_.back().first + ranges_.back().length) {
-        ranges_.push_back({first, length});
+    const uint64_t last = first + length;  // exclusive
+    // The ranges that overlap or touch [first, last) form one run; they merge
+    // with the new range. Searching and splicing in place keeps appends at the
+    // end (the common case) amortised constant.
+    auto begin =
+        std::lower_bound(ranges_.begin(), ranges_.end(), first,
+                         [](const Range& r, uint64_t v) { return r.first + r.length < v; });
+    auto end = std::upper_bound(begin, ranges_.end(), last,
+                                [](uint64_t v, const Range& r) { return v < r.first; });
+    if (begin == end) {
+        ranges_.insert(begin, Range{first, length});
         return;
     }
-    if (first >= ranges_.back().first) {
-        Range& back = ranges_.back();
-        back.length = std::max(back.first + back.length, last) - back.first;
-        return;
-    }
-    std::vector<Range> out;
-    out.reserve(ranges_.size() + 1);
-    bool placed = false;
-    for (const Range& r : ranges_) {
-        uint64_t rEnd = r.first + r.length;
-        if (rEnd < first) {
-            out.push_back(r);
-        } else if (r.first > last) {
-            if (!placed) {
-                out.push_back({first, last - first});
-                placed = true;
-            }
-            out.push_back(r);
-        } else {
-            first = std::min(first, r.first);
-            last = std::max(last, rEnd);
-        }
-    }
-    if (!placed) out.push_back({first, last - first});
-    ranges_ = std::move(out);
+    const uint64_t mergedFirst = std::min(first, begin->first);
+    const uint64_t mergedLast = std::max(last, std::prev(end)->first + std::prev(end)->length);
+    *begin = Range{mergedFirst, mergedLast - mergedFirst};
+    ranges_.erase(std::next(begin), end);
 }
 
 void ZNVIndexSet::add(const ZNVIndexSet& other) {
+    if (&other == this) return;
     for (const Range& r : other.ranges_)
         addRange(r.first, r.length);
 }
@@ -109,22 +96,29 @@ void ZNVIndexSet::remove(uint64_t index) {
 
 void ZNVIndexSet::removeRange(uint64_t first, uint64_t length) {
     if (length == 0) return;
-    uint64_t last = first + length;
-    std::vector<Range> out;
-    out.reserve(ranges_.size() + 1);
-    for (const Range& r : ranges_) {
-        uint64_t rEnd = r.first + r.length;
-        if (rEnd <= first || r.first >= last) {
-            out.push_back(r);
-            continue;
-        }
-        if (r.first < first) out.push_back({r.first, first - r.first});
-        if (rEnd > last) out.push_back({last, rEnd - last});
-    }
-    ranges_ = std::move(out);
+    const uint64_t last = first + length;  // exclusive
+    // The ranges that overlap [first, last); only the first and the last of
+    // them can keep a piece.
+    auto begin =
+        std::lower_bound(ranges_.begin(), ranges_.end(), first,
+                         [](const Range& r, uint64_t v) { return r.first + r.length <= v; });
+    auto end = std::lower_bound(begin, ranges_.end(), last,
+                                [](const Range& r, uint64_t v) { return r.first < v; });
+    if (begin == end) return;
+    Range pieces[2];
+    size_t count = 0;
+    if (begin->first < first) pieces[count++] = Range{begin->first, first - begin->first};
+    const uint64_t tailEnd = std::prev(end)->first + std::prev(end)->length;
+    if (tailEnd > last) pieces[count++] = Range{last, tailEnd - last};
+    auto at = ranges_.erase(begin, end);
+    ranges_.insert(at, pieces, pieces + count);
 }
 
 void ZNVIndexSet::remove(const ZNVIndexSet& other) {
+    if (&other == this) {
+        clear();
+        return;
+    }
     for (const Range& r : other.ranges_)
         removeRange(r.first, r.length);
 }
