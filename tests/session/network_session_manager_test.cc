@@ -278,8 +278,8 @@ TEST_F(SessionManagerTest, AChunkedUploadCrossesTheWireAsBuilt) {
     ASSERT_TRUE(earlyTask);
     EXPECT_EQ(earlyTask->taskDescription(), "assemble remote file");
     auto stagedJSON = manager_->pathManager()->uploadURLForRemoteFile(id, std::nullopt, "json");
-    EXPECT_EQ(bodyJSON(ZNVBytes(test::readFile(stagedJSON->path()).begin(),
-                                test::readFile(stagedJSON->path()).end())),
+    const std::string stagedText = test::readFile(stagedJSON->path());
+    EXPECT_EQ(json::parse(stagedText, nullptr, false),
               json::parse(R"({"expectedChunks": [{"index": 0, "sizeInBytes": 4194304},
                               {"index": 1, "sizeInBytes": 4194304},
                               {"index": 2, "sizeInBytes": 1048653}]})"));
@@ -512,12 +512,9 @@ TEST_F(SessionManagerTest, StagedBatchesStayOnlyWhenCancelled) {
 }
 
 TEST_F(SessionManagerTest, InvalidationCancelsAndReleasesTheDelegate) {
-    // A request the emulator never answers.
-    ASSERT_TRUE(
-        emulator_.addFault({{"method", "GET"}, {"path", "/api/files/*"}, {"action", "stall"}}));
+    // A task that was made and never started is cancelled all the same.
     auto task = manager_->getInformationForRemoteFile("F", auth_);
-    task->resume();
-    ASSERT_TRUE(test::waitFor([&] { return !logged("GET", "/api/files/F").empty(); }));
+    ASSERT_TRUE(task);
     test::LogCapture log;
     manager_->invalidate();
     auto completion = delegate_->waitForCompletion(task);
@@ -529,7 +526,7 @@ TEST_F(SessionManagerTest, InvalidationCancelsAndReleasesTheDelegate) {
     ZNVErrorRef error;
     EXPECT_FALSE(manager_->getInformationForRemoteFile("F", auth_, &error));
     EXPECT_FALSE(error);
-    emulator_.clearFaults();
+    EXPECT_EQ(emulator_.requestLog().size(), 0u);
 }
 
 TEST_F(SessionManagerTest, ListsItsLiveTasks) {
