@@ -288,22 +288,23 @@ class TerminalReporter : public Reporter {
                                           total >= 0 ? formatBytes(total) : "?", formatRate(rate));
         double eta = rate > 0 && total >= done ? static_cast<double>(total - done) / rate : -1;
         numbers += " ETA " + formatDuration(eta);
-        constexpr int kBarWidth = 24;
-        std::string bar(kBarWidth, ' ');
+        std::string head = fmt::format("{:<8} {:<8} ", id, kind);
+        // The numbers always fit; the name and the bar share what is left.
+        int available = columns_ - 1 - static_cast<int>(head.size() + numbers.size()) - 3;
+        int labelWidth = std::clamp(available / 3, 8, 40);
+        int barWidth = std::max(5, available - labelWidth);
+        std::string bar(static_cast<size_t>(barWidth), ' ');
         if (total > 0) {
-            auto filled = static_cast<int>(static_cast<double>(kBarWidth) *
+            auto filled = static_cast<int>(static_cast<double>(barWidth) *
                                            std::min(1.0, static_cast<double>(done) / total));
             for (int i = 0; i < filled; ++i)
-                bar[i] = '#';
+                bar[static_cast<size_t>(i)] = '#';
         }
-        std::string head = fmt::format("{:<8} {:<8} ", id, kind);
-        int room = columns_ - 1 - static_cast<int>(head.size() + numbers.size()) - kBarWidth - 3;
         std::string label = name;
-        if (room < 8) room = 8;
-        if (static_cast<int>(label.size()) > room) {
-            label = "..." + label.substr(label.size() - static_cast<size_t>(room - 3));
+        if (static_cast<int>(label.size()) > labelWidth) {
+            label = "..." + label.substr(label.size() - static_cast<size_t>(labelWidth - 3));
         }
-        label.resize(static_cast<size_t>(room), ' ');
+        label.resize(static_cast<size_t>(labelWidth), ' ');
         return clip(head + label + " [" + bar + "]" + numbers);
     }
 

@@ -322,11 +322,14 @@ struct Lookups {
     std::map<std::string, std::optional<std::string>> urls;  // guarded by mutex; file ID -> URL
 };
 
-// The URL session tasks of running downloads, remembered when they start so
-// that the HTTP status can be checked once the download has detached.
-struct SessionTasks {
+// What observers saw between two turns of the loop: every state a task went
+// through (a short transfer may start and end between turns), and the URL
+// session task of each download as it starts, so that the HTTP status can be
+// checked once the download has detached from it.
+struct Observed {
     std::mutex mutex;
-    std::map<const ZNVNetworkTask*, std::shared_ptr<ZNVURLSessionTask>> latest;  // guarded
+    std::map<const ZNVNetworkTask*, std::vector<uint64_t>> states;  // guarded by mutex
+    std::map<const ZNVNetworkTask*, std::shared_ptr<ZNVURLSessionTask>> sessionTask;  // guarded
 };
 
 }  // namespace
@@ -345,7 +348,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
     }
 
     auto lookups = std::make_shared<Lookups>();
-    auto sessionTasks = std::make_shared<SessionTasks>();
+    auto observed = std::make_shared<Observed>();
     std::vector<std::pair<ZNVNetworkTaskRef, ZNVObserverToken>> observations;
     std::vector<Tracked> tracked;
     {
@@ -356,20 +359,19 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             if (it == entries.end()) continue;
             Tracked t;
             t.entry = *it;
-            if (std::dynamic_pointer_cast<ZNVNetworkDownload>(task)) {
-                t.output = destinations_.get(it->hash);
-                std::weak_ptr<ZNVNetworkTask> weakTask = task;
-                auto remember = [weakTask, sessionTasks](const ZNVKeyValueChangeRecord&) {
-                    auto strong = weakTask.lock();
-                    if (!strong) return;
-                    if (auto sessionTask = strong->task()) {
-                        std::lock_guard lock(sessionTasks->mutex);
-                        sessionTasks->latest[strong.get()] = std::move(sessionTask);
-                    }
-                };
-                observations.emplace_back(
-                    task, task->addObserver("state", remember, ZNVKeyValueObservingOptionInitial));
-            }
+            bool isDownload = std::dynamic_pointer_cast<ZNVNetworkDownload>(task) != nullptr;
+            if (isDownload) t.output = destinations_.get(it->hash);
+            std::weak_ptr<ZNVNetworkTask> weakTask = task;
+            auto remember = [weakTask, observed, isDownload](const ZNVKeyValueChangeRecord&) {
+                auto strong = weakTask.lock();
+                if (!strong) return;
+                uint64_t state = strong->state();
+                auto sessionTask = isDownload ? strong->task() : nullptr;
+                std::lock_guard lock(observed->mutex);
+                observed->states[strong.get()].push_back(state);
+                if (sessionTask) observed->sessionTask[strong.get()] = std::move(sessionTask);
+            };
+            observations.emplace_back(task, task->addObserver("state", remember));
             tracked.push_back(std::move(t));
         }
     }
@@ -427,6 +429,24 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         std::vector<TaskView> views;
         bool allFinal = true, anyRunning = false;
         for (auto& t : tracked) {
+            // States passed through since the last turn, reported in order
+            // (completion is reported below, once it is final).
+            std::vector<uint64_t> passed;
+            {
+                std::lock_guard lock(observed->mutex);
+                passed.swap(observed->states[t.entry.task.get()]);
+            }
+            for (uint64_t state : passed) {
+                if (state == ZNVNetworkTaskStateCompleted) continue;
+                TaskView step = viewFor(t);
+                step.state = state;
+                step.error.clear();
+                if (stateName(step) != t.reportedState) {
+                    reporter.stateChanged(step);
+                    t.reportedState = stateName(step);
+                    lastActivity = now;
+                }
+            }
             TaskView view = viewFor(t);
             std::string name = stateName(view);
             if (name == "running") anyRunning = true;
@@ -437,9 +457,9 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
                 if (view.kind == "download" && view.succeeded()) {
                     std::shared_ptr<ZNVURLSessionTask> sessionTask;
                     {
-                        std::lock_guard lock(sessionTasks->mutex);
-                        auto it = sessionTasks->latest.find(t.entry.task.get());
-                        if (it != sessionTasks->latest.end()) sessionTask = it->second;
+                        std::lock_guard lock(observed->mutex);
+                        auto it = observed->sessionTask.find(t.entry.task.get());
+                        if (it != observed->sessionTask.end()) sessionTask = it->second;
                     }
                     auto response = sessionTask ? sessionTask->response() : nullptr;
                     auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(t.entry.task);
