@@ -1,13 +1,15 @@
 #include "znv/platform/index_set.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "znv/platform/error.h"
 
 namespace znv {
 
 ZNVIndexSet::ZNVIndexSet(std::initializer_list<uint64_t> indices) {
-    for (uint64_t i : indices) add(i);
+    for (uint64_t i : indices)
+        add(i);
 }
 
 ZNVIndexSet ZNVIndexSet::withRange(uint64_t first, uint64_t length) {
@@ -18,7 +20,8 @@ ZNVIndexSet ZNVIndexSet::withRange(uint64_t first, uint64_t length) {
 
 uint64_t ZNVIndexSet::count() const {
     uint64_t total = 0;
-    for (const Range& r : ranges_) total += r.length;
+    for (const Range& r : ranges_)
+        total += r.length;
     return total;
 }
 
@@ -56,58 +59,68 @@ uint64_t ZNVIndexSet::indexGreaterThan(uint64_t index) const {
     return static_cast<uint64_t>(ZNVNotFound);
 }
 
-void ZNVIndexSet::add(uint64_t index) { addRange(index, 1); }
+void ZNVIndexSet::add(uint64_t index) {
+    addRange(index, 1);
+}
 
 void ZNVIndexSet::addRange(uint64_t first, uint64_t length) {
     if (length == 0) return;
-    uint64_t last = first + length;  // exclusive
-    std::vector<Range> out;
-    out.reserve(ranges_.size() + 1);
-    bool placed = false;
-    for (const Range& r : ranges_) {
-        uint64_t rEnd = r.first + r.length;
-        if (rEnd < first) {
-            out.push_back(r);
-        } else if (r.first > last) {
-            if (!placed) {
-                out.push_back({first, last - first});
-                placed = true;
-            }
-            out.push_back(r);
-        } else {
-            first = std::min(first, r.first);
-            last = std::max(last, rEnd);
-        }
+    const uint64_t last = first + length;  // exclusive
+    // The ranges that overlap or touch [first, last) form one run; they merge
+    // with the new range. Searching and splicing in place keeps appends at the
+    // end (the common case) amortised constant.
+    auto begin =
+        std::lower_bound(ranges_.begin(), ranges_.end(), first,
+                         [](const Range& r, uint64_t v) { return r.first + r.length < v; });
+    auto end = std::upper_bound(begin, ranges_.end(), last,
+                                [](uint64_t v, const Range& r) { return v < r.first; });
+    if (begin == end) {
+        ranges_.insert(begin, Range{first, length});
+        return;
     }
-    if (!placed) out.push_back({first, last - first});
-    ranges_ = std::move(out);
+    const uint64_t mergedFirst = std::min(first, begin->first);
+    const uint64_t mergedLast = std::max(last, std::prev(end)->first + std::prev(end)->length);
+    *begin = Range{mergedFirst, mergedLast - mergedFirst};
+    ranges_.erase(std::next(begin), end);
 }
 
 void ZNVIndexSet::add(const ZNVIndexSet& other) {
-    for (const Range& r : other.ranges_) addRange(r.first, r.length);
+    if (&other == this) return;
+    for (const Range& r : other.ranges_)
+        addRange(r.first, r.length);
 }
 
-void ZNVIndexSet::remove(uint64_t index) { removeRange(index, 1); }
+void ZNVIndexSet::remove(uint64_t index) {
+    removeRange(index, 1);
+}
 
 void ZNVIndexSet::removeRange(uint64_t first, uint64_t length) {
     if (length == 0) return;
-    uint64_t last = first + length;
-    std::vector<Range> out;
-    out.reserve(ranges_.size() + 1);
-    for (const Range& r : ranges_) {
-        uint64_t rEnd = r.first + r.length;
-        if (rEnd <= first || r.first >= last) {
-            out.push_back(r);
-            continue;
-        }
-        if (r.first < first) out.push_back({r.first, first - r.first});
-        if (rEnd > last) out.push_back({last, rEnd - last});
-    }
-    ranges_ = std::move(out);
+    const uint64_t last = first + length;  // exclusive
+    // The ranges that overlap [first, last); only the first and the last of
+    // them can keep a piece.
+    auto begin =
+        std::lower_bound(ranges_.begin(), ranges_.end(), first,
+                         [](const Range& r, uint64_t v) { return r.first + r.length <= v; });
+    auto end = std::lower_bound(begin, ranges_.end(), last,
+                                [](const Range& r, uint64_t v) { return r.first < v; });
+    if (begin == end) return;
+    Range pieces[2];
+    size_t count = 0;
+    if (begin->first < first) pieces[count++] = Range{begin->first, first - begin->first};
+    const uint64_t tailEnd = std::prev(end)->first + std::prev(end)->length;
+    if (tailEnd > last) pieces[count++] = Range{last, tailEnd - last};
+    auto at = ranges_.erase(begin, end);
+    ranges_.insert(at, pieces, pieces + count);
 }
 
 void ZNVIndexSet::remove(const ZNVIndexSet& other) {
-    for (const Range& r : other.ranges_) removeRange(r.first, r.length);
+    if (&other == this) {
+        clear();
+        return;
+    }
+    for (const Range& r : other.ranges_)
+        removeRange(r.first, r.length);
 }
 
 ZNVIndexSet ZNVIndexSet::unionWith(const ZNVIndexSet& other) const {

@@ -1,0 +1,82 @@
+#include "znv/account/account_http_session.h"
+
+#include <gtest/gtest.h>
+
+namespace znv {
+namespace {
+
+const ZNVURL kURL = *ZNVURL::fromString("http://127.0.0.1:8080/api/files/abc/complete");
+
+int64_t statusOf(const ZNVErrorRef& error) {
+    const auto* value = error->value(ZNVURLErrorFailingStatusCodeKey);
+    if (!value || !std::holds_alternative<int64_t>(*value)) return -1;
+    return std::get<int64_t>(*value);
+}
+
+TEST(AccountHTTPSession, SuccessfulAndRedirectStatusesGiveNoError) {
+    for (int64_t status : {0, 100, 200, 201, 204, 206, 304, 399}) {
+        EXPECT_EQ(ZNVAccountHTTPSession::parseServerErrorFromResponse(
+                      status, {}, R"({"message":"not an error"})", kURL),
+                  nullptr)
+            << status;
+    }
+}
+
+TEST(AccountHTTPSession, FailingStatusesGiveABadServerResponseWithStatusAndURL) {
+    for (int64_t status : {400, 401, 403, 404, 409, 413, 500, 503, 504, 599}) {
+        ZNVErrorRef error =
+            ZNVAccountHTTPSession::parseServerErrorFromResponse(status, {}, "", kURL);
+        ASSERT_NE(error, nullptr) << status;
+        EXPECT_EQ(error->domain(), NSURLErrorDomain);
+        EXPECT_EQ(error->code(), NSURLErrorBadServerResponse);
+        EXPECT_EQ(statusOf(error), status);
+        EXPECT_EQ(error->stringValue(NSURLErrorFailingURLStringErrorKey), kURL.absoluteString());
+        const auto* url = error->value(NSURLErrorFailingURLErrorKey);
+        ASSERT_NE(url, nullptr);
+        EXPECT_EQ(std::get<ZNVURL>(*url), kURL);
+    }
+    auto conflict = ZNVAccountHTTPSession::parseServerErrorFromResponse(409, {}, "", kURL);
+    EXPECT_EQ(conflict->localizedDescription(), "the server responded with status 409 (conflict)");
+    auto unavailable = ZNVAccountHTTPSession::parseServerErrorFromResponse(503, {}, "", kURL);
+    EXPECT_EQ(unavailable->localizedDescription(),
+              "the server responded with status 503 (service unavailable)");
+}
+
+TEST(AccountHTTPSession, UsesTheServersJSONMessageOnlyWhenThereIsAUsableOne) {
+    const std::string withMessage =
+        "  \n{\"code\": 403, \"message\": \"file already completed\", \"extra\": [1, 2]}";
+    auto error = ZNVAccountHTTPSession::parseServerErrorFromResponse(
+        403, {{"content-type", "application/json; charset=utf-8"}}, withMessage, kURL);
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->localizedDescription(), "file already completed");
+    EXPECT_EQ(statusOf(error), 403);
+
+    // The same body as bytes.
+    ZNVBytes bytes(withMessage.begin(), withMessage.end());
+    EXPECT_EQ(ZNVAccountHTTPSession::parseServerErrorFromResponse(403, {}, bytes, kURL)
+                  ->localizedDescription(),
+              "file already completed");
+
+    const std::string fallback = "the server responded with status 400 (bad request)";
+    for (const char* body :
+         {"{\"message\": 42}", "{\"message\": \"\"}", "{\"error\": \"x\"}", "[\"message\"]",
+          "{\"message\": \"truncated", "<html>oops</html>", "plain text"}) {
+        auto e = ZNVAccountHTTPSession::parseServerErrorFromResponse(400, {}, body, kURL);
+        ASSERT_NE(e, nullptr);
+        EXPECT_EQ(e->localizedDescription(), fallback) << body;
+    }
+    // A body declared as something other than JSON is not read for a message.
+    auto html = ZNVAccountHTTPSession::parseServerErrorFromResponse(
+        400, {{"Content-Type", "text/html"}}, R"({"message":"looks like json"})", kURL);
+    EXPECT_EQ(html->localizedDescription(), fallback);
+}
+
+TEST(AccountHTTPSession, AnEmptyURLIsLeftOut) {
+    auto error = ZNVAccountHTTPSession::parseServerErrorFromResponse(500, {}, "", ZNVURL());
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->value(NSURLErrorFailingURLStringErrorKey), nullptr);
+    EXPECT_EQ(statusOf(error), 500);
+}
+
+}  // namespace
+}  // namespace znv
