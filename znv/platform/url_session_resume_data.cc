@@ -1,0 +1,54 @@
+#include "znv/platform/url_session_resume_data.h"
+
+#include <nlohmann/json.hpp>
+
+namespace znv {
+
+namespace {
+constexpr int kVersion = 1;
+}
+
+ZNVBytes ZNVURLSessionResumeData::encode(const Info& info) {
+    nlohmann::json headers = nlohmann::json::object();
+    for (const auto& [name, value] : info.headers)
+        headers[name] = value;
+    nlohmann::json document = {
+        {"ZNVResumeDataVersion", kVersion},
+        {"URL", info.url},
+        {"method", info.method},
+        {"headers", headers},
+        {"partialFile", info.partialFile},
+        {"bytesReceived", info.bytesReceived},
+        {"ETag", info.etag},
+        {"Last-Modified", info.lastModified},
+        {"expectedTotalBytes", info.expectedTotalBytes},
+    };
+    std::string text = document.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return ZNVBytes(text.begin(), text.end());
+}
+
+std::optional<ZNVURLSessionResumeData::Info> ZNVURLSessionResumeData::decode(const ZNVBytes& data) {
+    if (data.empty()) return std::nullopt;
+    nlohmann::json document = nlohmann::json::parse(data.begin(), data.end(), nullptr, false);
+    if (document.is_discarded() || !document.is_object()) return std::nullopt;
+    try {
+        if (document.at("ZNVResumeDataVersion").get<int>() != kVersion) return std::nullopt;
+        Info info;
+        info.url = document.at("URL").get<std::string>();
+        info.method = document.at("method").get<std::string>();
+        for (const auto& [name, value] : document.at("headers").items()) {
+            info.headers[name] = value.get<std::string>();
+        }
+        info.partialFile = document.at("partialFile").get<std::string>();
+        info.bytesReceived = document.at("bytesReceived").get<int64_t>();
+        info.etag = document.value("ETag", std::string());
+        info.lastModified = document.value("Last-Modified", std::string());
+        info.expectedTotalBytes = document.value("expectedTotalBytes", int64_t{-1});
+        if (info.url.empty() || info.method.empty() || info.bytesReceived < 0) return std::nullopt;
+        return info;
+    } catch (const nlohmann::json::exception&) {
+        return std::nullopt;
+    }
+}
+
+}  // namespace znv

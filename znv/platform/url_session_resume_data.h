@@ -1,0 +1,38 @@
+// ZNVURLSessionResumeData: the byte form of a download's resume data.
+//
+// Contract
+// - Resume data is opaque to everyone but the URL session: UTF-8 JSON naming
+//   the request (URL, method, header fields), the partial file, how many bytes
+//   it holds and the validators ("ETag", "Last-Modified") that the resumed
+//   request sends in "If-Range".
+// - `decode` accepts only what `encode` writes (a version member and the
+//   required members with the right types); anything else gives std::nullopt.
+// - Pure functions, callable from any thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "znv/platform/url_request.h"
+
+namespace znv {
+
+class ZNVURLSessionResumeData {
+  public:
+    struct Info {
+        std::string url;
+        std::string method = "GET";
+        ZNVHTTPHeaderFields headers;
+        std::string partialFile;  // absolute path
+        int64_t bytesReceived = 0;
+        std::string etag;
+        std::string lastModified;
+        int64_t expectedTotalBytes = -1;
+    };
+
+    static ZNVBytes encode(const Info& info);
+    static std::optional<Info> decode(const ZNVBytes& data);
+};
+
+}  // namespace znv
