@@ -1,0 +1,472 @@
+#include "apps/emulator/file_store.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <uuid/uuid.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace znv::emulator {
+namespace {
+
+std::string newUUID() {
+    uuid_t uuid;
+    uuid_generate_random(uuid);
+    char text[37];
+    uuid_unparse_lower(uuid, text);
+    return text;
+}
+
+std::string errnoText(const std::string& what) {
+    return what + ": " + std::strerror(errno);
+}
+
+// Copies `length` bytes of `in` to the end of `out`, in the kernel when it can.
+bool appendFile(int in, int out, uint64_t length) {
+    uint64_t left = length;
+    while (left > 0) {
+        ssize_t n = copy_file_range(in, nullptr, out, nullptr, left, 0);
+        if (n < 0 &&
+            (errno == EXDEV || errno == ENOSYS || errno == EOPNOTSUPP || errno == EINVAL)) {
+            break;  // fall back to read and write below
+        }
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return n == 0 && left == 0;
+        left -= static_cast<uint64_t>(n);
+    }
+    std::vector<char> buffer(1 << 20);
+    while (left > 0) {
+        ssize_t n = read(in, buffer.data(), std::min<uint64_t>(left, buffer.size()));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        for (ssize_t done = 0; done < n;) {
+            ssize_t w = write(out, buffer.data() + done, static_cast<size_t>(n - done));
+            if (w < 0 && errno == EINTR) continue;
+            if (w <= 0) return false;
+            done += w;
+        }
+        left -= static_cast<uint64_t>(n);
+    }
+    return true;
+}
+
+std::string makeEtag(const FileInfo& info) {
+    std::ostringstream out;
+    out << '"' << info.id.substr(0, 8) << '-' << std::hex << info.size << '-'
+        << std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+               .count()
+        << '"';
+    return out.str();
+}
+
+int64_t nowSeconds() {
+    return std::chrono::duration_cast<std::chrono::seconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+}  // namespace
+
+bool isValidFileId(const std::string& id) {
+    if (id.empty() || id.size() > 128) return false;
+    for (char c : id) {
+        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                  c == '-' || c == '_';
+        if (!ok) return false;
+    }
+    return true;
+}
+
+std::string httpDate(int64_t secondsSinceEpoch) {
+    time_t t = static_cast<time_t>(secondsSinceEpoch);
+    struct tm tm {};
+    gmtime_r(&t, &tm);
+    static const char* const kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+    static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                          "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    char text[64];
+    std::snprintf(text, sizeof text, "%s, %02d %s %04d %02d:%02d:%02d GMT", kDays[tm.tm_wday],
+                  tm.tm_mday, kMonths[tm.tm_mon], tm.tm_year + 1900, tm.tm_hour, tm.tm_min,
+                  tm.tm_sec);
+    return text;
+}
+
+bool FileStore::open(const std::string& dataDir, std::string* error) {
+    auto fail = [&](const std::string& message) {
+        if (error) *error = message;
+        return false;
+    };
+    std::error_code ec;
+    fs::path root = fs::absolute(dataDir, ec).lexically_normal();
+    if (ec) return fail("cannot use data directory " + dataDir + ": " + ec.message());
+    if (fs::exists(root, ec) && !fs::is_directory(root, ec)) {
+        return fail("data directory " + root.string() + " is not a directory");
+    }
+    fs::create_directories(root / "files", ec);
+    if (ec) return fail("cannot create data directory " + root.string() + ": " + ec.message());
+    fs::remove_all(root / "tmp", ec);
+    fs::create_directories(root / "tmp", ec);
+    if (ec) return fail("cannot create " + (root / "tmp").string() + ": " + ec.message());
+    // Probe that the directory is writable now rather than on the first upload.
+    std::string probe = (root / "tmp" / "probe").string();
+    int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0)
+        return fail("data directory " + root.string() +
+                    " is not writable: " + std::strerror(errno));
+    ::close(fd);
+    ::unlink(probe.c_str());
+
+    dataDir_ = root.string();
+    std::lock_guard lock(mutex_);
+    files_.clear();
+    for (const auto& dirent : fs::directory_iterator(root / "files", ec)) {
+        std::string id = dirent.path().filename().string();
+        if (!isValidFileId(id) || !dirent.is_directory()) continue;
+        loadFile(id);
+    }
+    return true;
+}
+
+bool FileStore::loadFile(const std::string& id) {
+    std::ifstream in(fileDir(id) + "/meta.json");
+    if (!in) return false;
+    nlohmann::json meta = nlohmann::json::parse(in, nullptr, false);
+    if (!meta.is_object()) return false;
+    auto entry = std::make_shared<Entry>();
+    FileInfo& info = entry->info;
+    info.id = id;
+    info.name = meta.value("fileName", "");
+    info.sharedStorageId = meta.value("sharedStorageId", "");
+    info.complete = meta.value("isComplete", false);
+    info.size = meta.value("sizeInBytes", uint64_t{0});
+    info.completedAt = meta.value("completedAt", int64_t{0});
+    info.etag = meta.value("etag", "");
+    if (meta.contains("processing")) info.processing = meta["processing"];
+    if (info.complete) {
+        // Chunks were assembled and removed; the metadata remembers them.
+        if (auto it = meta.find("chunks"); it != meta.end() && it->is_array()) {
+            for (const auto& chunk : *it) {
+                if (chunk.is_object()) {
+                    info.chunks[chunk.value("index", uint64_t{0})] =
+                        chunk.value("sizeInBytes", uint64_t{0});
+                }
+            }
+        }
+        std::error_code ec;
+        if (!fs::is_regular_file(contentPath(id), ec)) info.complete = false;
+    }
+    if (!info.complete) {
+        // The chunk files themselves are the record of what arrived.
+        std::error_code ec;
+        for (const auto& dirent : fs::directory_iterator(fileDir(id) + "/chunks", ec)) {
+            std::string name = dirent.path().filename().string();
+            auto dot = name.find(".chunk");
+            if (dot == std::string::npos || dot == 0 || dot + 6 != name.size()) continue;
+            if (name.find_first_not_of("0123456789") != dot) continue;
+            info.chunks[std::stoull(name.substr(0, dot))] = dirent.file_size(ec);
+        }
+    }
+    files_[id] = entry;
+    return true;
+}
+
+std::string FileStore::tempPath() const {
+    return dataDir_ + "/tmp/" + newUUID();
+}
+
+std::string FileStore::fileDir(const std::string& id) const {
+    return dataDir_ + "/files/" + id;
+}
+
+std::string FileStore::contentPath(const std::string& id) const {
+    return fileDir(id) + "/content";
+}
+
+bool FileStore::saveMeta(const FileInfo& info, std::string* error) const {
+    nlohmann::json meta = {
+        {"fileId", info.id}, {"fileName", info.name}, {"isComplete", info.complete}};
+    if (!info.sharedStorageId.empty()) meta["sharedStorageId"] = info.sharedStorageId;
+    if (info.complete) {
+        meta["sizeInBytes"] = info.size;
+        meta["completedAt"] = info.completedAt;
+        meta["etag"] = info.etag;
+        nlohmann::json chunks = nlohmann::json::array();
+        for (const auto& [index, size] : info.chunks) {
+            chunks.push_back({{"index", index}, {"sizeInBytes", size}});
+        }
+        meta["chunks"] = chunks;
+    }
+    if (!info.processing.is_null()) meta["processing"] = info.processing;
+    std::string path = fileDir(info.id) + "/meta.json";
+    std::string aside = path + ".new";
+    {
+        std::ofstream out(aside, std::ios::trunc);
+        out << meta.dump(2) << '\n';
+        if (!out.flush()) {
+            if (error) *error = "cannot write " + aside;
+            return false;
+        }
+    }
+    if (::rename(aside.c_str(), path.c_str()) != 0) {
+        if (error) *error = errnoText("cannot rename " + aside);
+        return false;
+    }
+    return true;
+}
+
+std::shared_ptr<FileStore::Entry> FileStore::find(const std::string& id) const {
+    std::lock_guard lock(mutex_);
+    auto it = files_.find(id);
+    return it == files_.end() ? nullptr : it->second;
+}
+
+StoreResult FileStore::create(const std::string& name, const std::string& sharedStorageId) {
+    auto entry = std::make_shared<Entry>();
+    entry->info.id = newUUID();
+    entry->info.name = name;
+    entry->info.sharedStorageId = sharedStorageId;
+    StoreResult result;
+    std::error_code ec;
+    fs::create_directories(fileDir(entry->info.id) + "/chunks", ec);
+    if (ec || !saveMeta(entry->info, &result.message)) {
+        result.status = StoreStatus::IOError;
+        if (ec) result.message = "cannot create file directory: " + ec.message();
+        return result;
+    }
+    result.info = entry->info;
+    std::lock_guard lock(mutex_);
+    files_[entry->info.id] = entry;
+    return result;
+}
+
+std::optional<FileInfo> FileStore::info(const std::string& id) const {
+    auto entry = find(id);
+    if (!entry) return std::nullopt;
+    std::lock_guard lock(entry->mutex);
+    if (entry->removed) return std::nullopt;
+    return entry->info;
+}
+
+StoreResult FileStore::commitChunks(const std::string& id,
+                                    const std::vector<ReceivedChunk>& chunks) {
+    StoreResult result;
+    auto discard = [&] {
+        for (const auto& chunk : chunks)
+            ::unlink(chunk.tempPath.c_str());
+    };
+    auto entry = find(id);
+    if (!entry) {
+        discard();
+        result.status = StoreStatus::NotFound;
+        return result;
+    }
+    std::lock_guard lock(entry->mutex);
+    if (entry->removed || entry->info.complete) {
+        discard();
+        result.status = entry->removed ? StoreStatus::NotFound : StoreStatus::AlreadyCompleted;
+        result.info = entry->info;
+        return result;
+    }
+    for (size_t i = 0; i < chunks.size(); ++i) {
+        std::string target = fileDir(id) + "/chunks/" + std::to_string(chunks[i].index) + ".chunk";
+        if (::rename(chunks[i].tempPath.c_str(), target.c_str()) != 0) {
+            result.status = StoreStatus::IOError;
+            result.message = errnoText("cannot store chunk " + std::to_string(chunks[i].index));
+            for (size_t j = i; j < chunks.size(); ++j)
+                ::unlink(chunks[j].tempPath.c_str());
+            break;
+        }
+        entry->info.chunks[chunks[i].index] = chunks[i].size;
+    }
+    result.info = entry->info;
+    return result;
+}
+
+StoreResult FileStore::commitFullFile(const std::string& id, const std::string& tempPath,
+                                      uint64_t size) {
+    StoreResult result;
+    auto entry = find(id);
+    if (!entry) {
+        ::unlink(tempPath.c_str());
+        result.status = StoreStatus::NotFound;
+        return result;
+    }
+    std::lock_guard lock(entry->mutex);
+    if (entry->removed || entry->info.complete) {
+        ::unlink(tempPath.c_str());
+        result.status = entry->removed ? StoreStatus::NotFound : StoreStatus::AlreadyCompleted;
+        result.info = entry->info;
+        return result;
+    }
+    if (::rename(tempPath.c_str(), contentPath(id).c_str()) != 0) {
+        ::unlink(tempPath.c_str());
+        result.status = StoreStatus::IOError;
+        result.message = errnoText("cannot store the file");
+        return result;
+    }
+    FileInfo updated = entry->info;
+    updated.complete = true;
+    updated.size = size;
+    updated.completedAt = nowSeconds();
+    updated.etag = makeEtag(updated);
+    if (!saveMeta(updated, &result.message)) {
+        result.status = StoreStatus::IOError;
+        return result;
+    }
+    entry->info = updated;
+    std::error_code ec;
+    fs::remove_all(fileDir(id) + "/chunks", ec);
+    result.info = updated;
+    return result;
+}
+
+StoreResult FileStore::complete(const std::string& id,
+                                const std::vector<std::pair<uint64_t, uint64_t>>& expected,
+                                const std::vector<uint64_t>& reportMissing) {
+    StoreResult result;
+    auto entry = find(id);
+    if (!entry) {
+        result.status = StoreStatus::NotFound;
+        return result;
+    }
+    std::lock_guard lock(entry->mutex);
+    if (entry->removed) {
+        result.status = StoreStatus::NotFound;
+        return result;
+    }
+    result.info = entry->info;
+    if (entry->info.complete) {
+        result.status = StoreStatus::AlreadyCompleted;
+        return result;
+    }
+    std::map<uint64_t, uint64_t> wanted(expected.begin(), expected.end());
+    std::vector<uint64_t> missing;
+    for (const auto& [index, size] : wanted) {
+        auto it = entry->info.chunks.find(index);
+        bool forced =
+            std::find(reportMissing.begin(), reportMissing.end(), index) != reportMissing.end();
+        if (forced || it == entry->info.chunks.end() || it->second != size) {
+            missing.push_back(index);
+        }
+    }
+    for (uint64_t index : reportMissing) {
+        if (!wanted.count(index)) missing.push_back(index);
+    }
+    if (!missing.empty()) {
+        std::sort(missing.begin(), missing.end());
+        result.status = StoreStatus::Missing;
+        result.missing = std::move(missing);
+        return result;
+    }
+
+    std::string aside = tempPath();
+    int out = ::open(aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (out < 0) {
+        result.status = StoreStatus::IOError;
+        result.message = errnoText("cannot create the assembled file");
+        return result;
+    }
+    uint64_t total = 0;
+    for (const auto& [index, size] : wanted) {
+        std::string chunkPath = fileDir(id) + "/chunks/" + std::to_string(index) + ".chunk";
+        int in = ::open(chunkPath.c_str(), O_RDONLY | O_CLOEXEC);
+        bool ok = in >= 0 && appendFile(in, out, size);
+        if (in >= 0) ::close(in);
+        if (!ok) {
+            ::close(out);
+            ::unlink(aside.c_str());
+            result.status = StoreStatus::IOError;
+            result.message = "cannot assemble chunk " + std::to_string(index);
+            return result;
+        }
+        total += size;
+    }
+    ::close(out);
+    if (::rename(aside.c_str(), contentPath(id).c_str()) != 0) {
+        ::unlink(aside.c_str());
+        result.status = StoreStatus::IOError;
+        result.message = errnoText("cannot store the assembled file");
+        return result;
+    }
+    FileInfo updated = entry->info;
+    updated.complete = true;
+    updated.size = total;
+    updated.completedAt = nowSeconds();
+    updated.etag = makeEtag(updated);
+    if (!saveMeta(updated, &result.message)) {
+        result.status = StoreStatus::IOError;
+        return result;
+    }
+    entry->info = updated;
+    std::error_code ec;
+    fs::remove_all(fileDir(id) + "/chunks", ec);
+    result.info = updated;
+    return result;
+}
+
+StoreResult FileStore::requestProcessing(const std::string& id, const nlohmann::json& request) {
+    StoreResult result;
+    auto entry = find(id);
+    if (!entry) {
+        result.status = StoreStatus::NotFound;
+        return result;
+    }
+    std::lock_guard lock(entry->mutex);
+    if (entry->removed) {
+        result.status = StoreStatus::NotFound;
+        return result;
+    }
+    result.info = entry->info;
+    if (!entry->info.complete) {
+        result.status = StoreStatus::NotComplete;
+        return result;
+    }
+    FileInfo updated = entry->info;
+    updated.processing = request;
+    if (!saveMeta(updated, &result.message)) {
+        result.status = StoreStatus::IOError;
+        return result;
+    }
+    entry->info = updated;
+    result.info = updated;
+    return result;
+}
+
+StoreResult FileStore::remove(const std::string& id) {
+    StoreResult result;
+    auto entry = find(id);
+    if (!entry) {
+        result.status = StoreStatus::NotFound;
+        return result;
+    }
+    {
+        std::lock_guard lock(entry->mutex);
+        if (entry->removed) {
+            result.status = StoreStatus::NotFound;
+            return result;
+        }
+        entry->removed = true;
+        result.info = entry->info;
+        // Downloads in progress keep their open descriptor; the bytes go when
+        // they finish.
+        std::error_code ec;
+        fs::remove_all(fileDir(id), ec);
+    }
+    std::lock_guard lock(mutex_);
+    files_.erase(id);
+    return result;
+}
+
+}  // namespace znv::emulator

@@ -1,0 +1,110 @@
+// The emulator's on-disk store of remote files.
+//
+// Layout of the data directory:
+//   files/<id>/meta.json      name, shared storage ID, completion, validators
+//   files/<id>/chunks/<i>.chunk   chunks received and not yet assembled
+//   files/<id>/content        the finished file
+//   tmp/                      bodies being received (same file system, so that
+//                             a finished one is moved into place by rename)
+// Every file that becomes visible (chunk, content, metadata) is written aside
+// and renamed, so a crash or a failed request never leaves half a file behind.
+// Opening a directory again restores every file and chunk it held.
+//
+// Thread safety: every method may be called from any thread. The map of files
+// is guarded by `mutex_`; each file has its own mutex that serialises changes
+// to it (chunk commits, assembly, deletion), so a long assembly blocks only
+// requests for the same file.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace znv::emulator {
+
+struct FileInfo {
+    std::string id;
+    std::string name;
+    std::string sharedStorageId;
+    bool complete = false;
+    uint64_t size = 0;                    // content size, when complete
+    int64_t completedAt = 0;              // seconds since the epoch, when complete
+    std::string etag;                     // strong validator of the content, when complete
+    std::map<uint64_t, uint64_t> chunks;  // index -> size, stored so far
+    nlohmann::json processing;            // last post-processing request, or null
+};
+
+enum class StoreStatus { Ok, NotFound, AlreadyCompleted, NotComplete, Missing, IOError };
+
+struct StoreResult {
+    StoreStatus status = StoreStatus::Ok;
+    std::string message;            // for IOError
+    std::vector<uint64_t> missing;  // for Missing
+    FileInfo info;                  // the file after the operation
+};
+
+struct ReceivedChunk {
+    uint64_t index = 0;
+    std::string tempPath;
+    uint64_t size = 0;
+};
+
+class FileStore {
+  public:
+    // Creates the directory layout (the directory itself when missing), clears
+    // leftovers of interrupted requests and loads every stored file.
+    bool open(const std::string& dataDir, std::string* error);
+    const std::string& dataDir() const { return dataDir_; }
+
+    // A fresh path under tmp/ for a body being received.
+    std::string tempPath() const;
+
+    StoreResult create(const std::string& name, const std::string& sharedStorageId);
+    std::optional<FileInfo> info(const std::string& id) const;
+    // Moves received chunks into place (replacing chunks of the same index).
+    // The temporary files are removed whatever the outcome.
+    StoreResult commitChunks(const std::string& id, const std::vector<ReceivedChunk>& chunks);
+    // Moves a received whole file into place and marks the file complete.
+    StoreResult commitFullFile(const std::string& id, const std::string& tempPath, uint64_t size);
+    // Checks the expected chunks (index, size) and assembles them in index
+    // order. `reportMissing` are indices to report missing whatever is stored.
+    StoreResult complete(const std::string& id,
+                         const std::vector<std::pair<uint64_t, uint64_t>>& expected,
+                         const std::vector<uint64_t>& reportMissing);
+    StoreResult requestProcessing(const std::string& id, const nlohmann::json& request);
+    StoreResult remove(const std::string& id);
+
+    // Path of a complete file's content.
+    std::string contentPath(const std::string& id) const;
+
+  private:
+    struct Entry {
+        std::mutex mutex;      // serialises changes to this file
+        FileInfo info;         // guarded by mutex
+        bool removed = false;  // guarded by mutex
+    };
+
+    std::shared_ptr<Entry> find(const std::string& id) const;
+    std::string fileDir(const std::string& id) const;
+    bool saveMeta(const FileInfo& info, std::string* error) const;
+    bool loadFile(const std::string& id);
+
+    std::string dataDir_;
+    mutable std::mutex mutex_;
+    std::map<std::string, std::shared_ptr<Entry>> files_;  // guarded by mutex_
+};
+
+// Whether text can be a file ID of this store (letters, digits, '-', '_').
+bool isValidFileId(const std::string& id);
+
+// RFC 7231 date ("Sun, 06 Nov 1994 08:49:37 GMT").
+std::string httpDate(int64_t secondsSinceEpoch);
+
+}  // namespace znv::emulator
