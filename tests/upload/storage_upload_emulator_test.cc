@@ -123,7 +123,7 @@ TEST_F(StorageUploadEmulatorTest, MissingChunksAreResentThreeTimesAndTheFourthCo
                                            {"path", "/api/files/*/complete"},
                                            {"times", 4},
                                            {"action", "missingChunks"},
-                                           {"chunks", {1}}}));
+                                           {"chunks", nlohmann::json::array({1u})}}));
     const std::string source = writeSource("conflict.bin", 2 * MiB);
     auto failing = start(source, true);
     ASSERT_TRUE(finished(failing));
@@ -138,7 +138,7 @@ TEST_F(StorageUploadEmulatorTest, MissingChunksAreResentThreeTimesAndTheFourthCo
                                            {"path", "/api/files/*/complete"},
                                            {"times", 3},
                                            {"action", "missingChunks"},
-                                           {"chunks", {1}}}));
+                                           {"chunks", nlohmann::json::array({1u})}}));
     const std::string second = writeSource("recovers.bin", 5 * MiB);
     auto recovering = start(second, true);
     ASSERT_TRUE(finished(recovering));

@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/tasks/task_test_support.h"
+#include "znv/foundation/error_handler.h"
 #include "znv/foundation/network_utilities.h"
 #include "znv/platform/filesystem.h"
 #include "znv/platform/keyed_archive.h"
