@@ -33,6 +33,11 @@ using Clock = std::chrono::steady_clock;
 
 constexpr uint64_t kChunkBytes = 4194304;
 constexpr size_t kMaxJSONBody = 1 << 20;
+// A batch of chunks: the library sends at most 8 chunks per request.
+constexpr uint64_t kMaxBatchBytes = 64ull << 20;
+// Bodies of requests answered without them are read and dropped up to this
+// size, so that the connection can carry the next request.
+constexpr uint64_t kMaxDrainBytes = 64ull << 20;
 constexpr size_t kWorkerThreads = 48;
 constexpr size_t kMaxLogEntries = 100000;
 constexpr auto kStallLimit = std::chrono::minutes(10);
@@ -148,7 +153,8 @@ struct Exchange {
     const httplib::ContentReader* reader;  // null when the request has no body
     uint64_t logId = 0;
 
-    enum class Body { Unread, Complete, Failed };
+    // Abandoned: left unread on purpose (too large to be worth draining).
+    enum class Body { Unread, Complete, Failed, Abandoned };
     Body body = Body::Unread;
     uint64_t bodyBytes = 0;
     uint64_t throttle = 0;  // bytes per second in both directions; 0: none
@@ -197,6 +203,8 @@ class Emulator::Impl {
     void handleComplete(Exchange& ex, const std::string& id);
     void handleProcess(Exchange& ex, const std::string& id);
     int precheck(const httplib::Request& req, httplib::Response& res);
+    uint64_t bodyLimit(const httplib::Request& req) const;
+    bool bodyTooLarge(Exchange& ex);
 
     bool readBody(Exchange& ex, const std::function<bool(const char*, size_t)>& sink,
                   std::optional<uint64_t> limit = std::nullopt);
@@ -329,31 +337,54 @@ void Emulator::Impl::stop() {
 
 // The answer to "Expect: 100-continue": refuse before the body is sent when the
 // request cannot succeed anyway, so a client does not push gigabytes in vain.
+// Requests that a fault rule may act on always get to the handler.
 int Emulator::Impl::precheck(const httplib::Request& req, httplib::Response& res) {
     auto parts = splitPath(req.path);
-    if (parts.size() < 3 || parts[0] != "api" || parts[1] != "files" || req.method != "PUT") {
+    if (parts.empty() || parts[0] != "api" ||
+        faults_.anyMatch(req.method, req.path,
+                         {FaultAction::Status, FaultAction::Reset, FaultAction::Stall,
+                          FaultAction::Throttle, FaultAction::AlreadyCompleted})) {
         return 100;
     }
-    auto answer = [&](int status, const std::string& message) {
-        res.status = status;
-        res.set_header("Connection", "close");
-        res.set_content(json{{"message", message}}.dump(), "application/json");
-        return status;
-    };
-    if (req.get_header_value("Authorization") != "Bearer " + options_.token) {
-        return 100;  // the handler answers 401 and logs it
-    }
-    auto info = store_.info(parts[2]);
-    if (!info) return 100;
-    if (parts.size() == 4 && parts[3] == "fullfile" && req.has_header("Content-Length")) {
-        uint64_t length = req.get_header_value<uint64_t>("Content-Length");
-        if (length > options_.maxFullFileBytes) {
-            return answer(413, "a body of " + std::to_string(length) +
-                                   " bytes exceeds the full-file limit of " +
-                                   std::to_string(options_.maxFullFileBytes) + " bytes");
+    Exchange ex(req, res, nullptr);
+    bool answered = !checkAuthorization(ex) || bodyTooLarge(ex);
+    if (!answered && parts.size() >= 3 && parts[1] == "files") {
+        auto info = isValidFileId(parts[2]) ? store_.info(parts[2]) : std::nullopt;
+        if (!info) {
+            replyMessage(ex, 404, "no file with ID " + parts[2]);
+            answered = true;
+        } else if (info->complete && req.method == "PUT") {
+            replyMessage(ex, 403, "file " + info->id + " is already completed");
+            answered = true;
         }
     }
-    return 100;
+    if (!answered) return 100;
+    ex.logId = beginLog(req);
+    finishLog(ex);
+    return res.status;
+}
+
+uint64_t Emulator::Impl::bodyLimit(const httplib::Request& req) const {
+    auto parts = splitPath(req.path);
+    if (req.method == "PUT" && parts.size() == 4 && parts[3] == "fullfile") {
+        return options_.maxFullFileBytes;
+    }
+    if (req.method == "PUT" && parts.size() == 3) return kMaxBatchBytes;
+    return kMaxJSONBody;
+}
+
+// Answers 413 for a declared length above what the endpoint takes, without
+// reading the body (which may never come).
+bool Emulator::Impl::bodyTooLarge(Exchange& ex) {
+    if (!ex.req.has_header("Content-Length")) return false;
+    uint64_t declared = ex.req.get_header_value<uint64_t>("Content-Length");
+    uint64_t limit = bodyLimit(ex.req);
+    if (declared <= limit) return false;
+    ex.body = Exchange::Body::Abandoned;
+    replyMessage(ex, 413,
+                 "a body of " + std::to_string(declared) + " bytes exceeds the limit of " +
+                     std::to_string(limit) + " bytes for " + ex.req.method + " " + ex.req.path);
+    return true;
 }
 
 uint64_t Emulator::Impl::beginLog(const httplib::Request& req) {
@@ -424,6 +455,9 @@ bool Emulator::Impl::readBody(Exchange& ex, const std::function<bool(const char*
     }
     if (ex.body != Exchange::Body::Unread) return ex.body == Exchange::Body::Complete;
     bool sinkOpen = static_cast<bool>(sink);
+    // httplib answers 400 itself when a body cannot be read; the handler
+    // decides what the answer is.
+    const int status = ex.res.status;
     auto start = Clock::now();
     bool ok = (*ex.reader)([&](const char* data, size_t size) {
         if (stopping_) return false;
@@ -438,6 +472,7 @@ bool Emulator::Impl::readBody(Exchange& ex, const std::function<bool(const char*
         if (ex.throttle) pace(start, ex.bodyBytes, ex.throttle);
         return !stopping_ && !(limit && ex.bodyBytes >= *limit);
     });
+    ex.res.status = status;
     ex.body = ok ? Exchange::Body::Complete : Exchange::Body::Failed;
     return ok;
 }
@@ -546,8 +581,17 @@ void Emulator::Impl::dispatch(const httplib::Request& req, httplib::Response& re
         }
         if (serve) route(ex);
     }
-    if (!ex.dropped && ex.body == Exchange::Body::Unread) readBody(ex, nullptr);
-    if (ex.body == Exchange::Body::Failed) res.set_header("Connection", "close");
+    if (!ex.dropped && ex.reader && ex.body == Exchange::Body::Unread) {
+        bool declared = req.has_header("Content-Length");
+        if (declared && req.get_header_value<uint64_t>("Content-Length") > kMaxDrainBytes) {
+            ex.body = Exchange::Body::Abandoned;
+        } else {
+            readBody(ex, nullptr, declared ? std::nullopt : std::optional(kMaxDrainBytes));
+        }
+    }
+    if (ex.body == Exchange::Body::Failed || ex.body == Exchange::Body::Abandoned) {
+        res.set_header("Connection", "close");
+    }
     if (res.status == -1) res.status = 500;
     if (ex.logId) finishLog(ex);
 }
@@ -565,7 +609,7 @@ void Emulator::Impl::route(Exchange& ex) {
     if (parts.empty() || parts[0] != "api") {
         return replyMessage(ex, 404, "no such resource: " + req.path);
     }
-    if (!checkAuthorization(ex)) return;
+    if (!checkAuthorization(ex) || bodyTooLarge(ex)) return;
     if (parts.size() < 2 || parts[1] != "files") {
         return replyMessage(ex, 404, "no such resource: " + req.path);
     }
@@ -690,10 +734,6 @@ void Emulator::Impl::handleFullFile(Exchange& ex, const std::string& id) {
                          " bytes exceeds the full-file limit of " + std::to_string(limit) +
                          " bytes");
     };
-    if (ex.req.has_header("Content-Length")) {
-        uint64_t declared = ex.req.get_header_value<uint64_t>("Content-Length");
-        if (declared > limit) return tooLarge(declared);
-    }
 
     std::string aside = store_.tempPath();
     int fd = ::open(aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);

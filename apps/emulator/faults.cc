@@ -264,6 +264,17 @@ std::optional<FaultRule> FaultSet::take(const std::string& method, const std::st
     return std::nullopt;
 }
 
+bool FaultSet::anyMatch(const std::string& method, const std::string& path,
+                        std::initializer_list<FaultAction> actions) const {
+    std::lock_guard lock(mutex_);
+    for (const auto& rule : rules_) {
+        if (std::find(actions.begin(), actions.end(), rule.action) == actions.end()) continue;
+        if (rule.times && rule.used >= *rule.times) continue;
+        if (rule.matches(method, path)) return true;
+    }
+    return false;
+}
+
 nlohmann::json FaultSet::toJSON() const {
     std::lock_guard lock(mutex_);
     nlohmann::json out = nlohmann::json::array();

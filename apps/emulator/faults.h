@@ -62,6 +62,9 @@ class FaultSet {
     // consumes one use of it.
     std::optional<FaultRule> take(const std::string& method, const std::string& path,
                                   std::initializer_list<FaultAction> actions);
+    // Whether `take` would find a rule, without consuming a use.
+    bool anyMatch(const std::string& method, const std::string& path,
+                  std::initializer_list<FaultAction> actions) const;
     nlohmann::json toJSON() const;
 
   private:

@@ -71,12 +71,5 @@ TEST(AccountHTTPSession, UsesTheServersJSONMessageOnlyWhenThereIsAUsableOne) {
     EXPECT_EQ(html->localizedDescription(), fallback);
 }
 
-TEST(AccountHTTPSession, AnEmptyURLIsLeftOut) {
-    auto error = ZNVAccountHTTPSession::parseServerErrorFromResponse(500, {}, "", ZNVURL());
-    ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->value(NSURLErrorFailingURLStringErrorKey), nullptr);
-    EXPECT_EQ(statusOf(error), 500);
-}
-
 }  // namespace
 }  // namespace znv

@@ -140,18 +140,6 @@ TEST(Account, SignedOutAccountDoesNotAskForATokenAndStatusChangesAreObservable) 
     EXPECT_EQ(outcome.tokens[1], "t");
 }
 
-TEST(Account, ReplacedProviderIsUsedForLaterBlocks) {
-    auto account = ZNVTokenAccount::createWithToken(testConfiguration(), "old");
-    Outcome outcome;
-    account->dispatchAuthenticatedBlock(recorder(outcome, account));
-    account->waitUntilIdle();
-    account->setTokenProvider([](ZNVErrorRef*) { return std::string("new"); });
-    account->dispatchAuthenticatedBlock(recorder(outcome, account));
-    account->waitUntilIdle();
-    std::lock_guard lock(outcome.mutex);
-    EXPECT_EQ(outcome.tokens, (std::vector<std::string>{"old", "new"}));
-}
-
 TEST(Account, BlocksPendingWhenTheAccountDiesNeverRun) {
     std::atomic<bool> release{false};
     std::atomic<bool> providerEntered{false};

@@ -115,17 +115,5 @@ TEST(NotificationCenter, RunsOnThePostingThreadAndToleratesConcurrentChurn) {
     EXPECT_EQ(wrongThread.load(), 0);
 }
 
-TEST(NotificationCenter, DefaultCenterIsShared) {
-    auto& center = ZNVNotificationCenter::defaultCenter();
-    EXPECT_EQ(&center, &ZNVNotificationCenter::defaultCenter());
-    int calls = 0;
-    auto token = center.addObserver("NotificationCenterTest: default", nullptr,
-                                    [&](const ZNVNotification&) { ++calls; });
-    center.post("NotificationCenterTest: default", nullptr);
-    center.removeObserver(token);
-    center.post("NotificationCenterTest: default", nullptr);
-    EXPECT_EQ(calls, 1);
-}
-
 }  // namespace
 }  // namespace znv

@@ -173,23 +173,6 @@ TEST(Observable, CallbackMayAnnounceAndRegisterFurtherChanges) {
     EXPECT_EQ(lateCalls, 1);
 }
 
-TEST(Observable, ObserverCapturingAWeakOwnerNeitherKeepsItAliveNorCallsIntoIt) {
-    struct Owner {
-        int calls = 0;
-    };
-    Shelf shelf;
-    auto owner = std::make_shared<Owner>();
-    std::weak_ptr<Owner> weakOwner = owner;
-    shelf.addObserver("state", [weakOwner](const ZNVKeyValueChangeRecord&) {
-        if (auto o = weakOwner.lock()) ++o->calls;
-    });
-    shelf.setState(1);
-    EXPECT_EQ(owner->calls, 1);
-    owner.reset();
-    EXPECT_TRUE(weakOwner.expired());
-    shelf.setState(2);  // must not crash or resurrect
-}
-
 class Pinger : public ZNVObservable {
   public:
     void ping() {

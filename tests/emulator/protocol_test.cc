@@ -1,0 +1,389 @@
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "tests/emulator/fixture.h"
+#include "tests/support/test_support.h"
+
+namespace znv::emulator::test {
+namespace {
+
+using nlohmann::json;
+
+std::string pattern(size_t size, uint32_t seed) {
+    std::string out(size, '\0');
+    uint32_t x = seed;
+    for (auto& c : out) {
+        x = x * 1103515245 + 12345;
+        c = static_cast<char>(x >> 23);
+    }
+    return out;
+}
+
+std::vector<uint64_t> indices(const json& list) {
+    std::vector<uint64_t> out;
+    for (const auto& e : list)
+        out.push_back(e.at("index").get<uint64_t>());
+    return out;
+}
+
+// Sends raw bytes on a fresh connection and returns what comes back until the
+// first JSON body closes or the connection ends.
+std::string rawExchange(uint16_t port, const std::string& bytes) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(port);
+    inet_pton(AF_INET, "127.0.0.1", &addr.sin_addr);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return "";
+    timeval timeout{5, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    (void)!write(fd, bytes.data(), bytes.size());
+    std::string reply;
+    char buffer[4096];
+    ssize_t n;
+    while (reply.find('}') == std::string::npos && (n = read(fd, buffer, sizeof buffer)) > 0) {
+        reply.append(buffer, static_cast<size_t>(n));
+    }
+    close(fd);
+    return reply;
+}
+
+using ProtocolTest = EmulatorTest;
+
+TEST_F(ProtocolTest, CreateDescribeAndDeleteFiles) {
+    auto created =
+        sendJSON("POST", api("files"), R"({"fileName": "movie.mov", "sharedStorageId": "team-7"})");
+    ASSERT_EQ(created.status, 201) << created.body;
+    auto body = created.json();
+    std::string id = body.at("fileId");
+    EXPECT_EQ(body["fileName"], "movie.mov");
+    EXPECT_EQ(body["sharedStorageId"], "team-7");
+    EXPECT_EQ(body["uploadMethods"],
+              json::parse(R"([{"name": "fullfile", "maxBytesPerRequest": 1073741824},
+                              {"name": "chunks", "maxBytesPerRequest": 4194304}])"));
+
+    auto info = get(api("files/" + id));
+    ASSERT_EQ(info.status, 200);
+    EXPECT_EQ(info.json()["isComplete"], false);
+    EXPECT_EQ(info.json()["uploadedChunks"], json::array());
+    EXPECT_FALSE(info.json().contains("contentUri"));
+
+    EXPECT_NE(createFile("other.bin"), id);
+
+    auto deleted = sendJSON("DELETE", api("files/" + id), "", {kAuth});
+    EXPECT_EQ(deleted.status, 200);
+    EXPECT_EQ(deleted.json(), (json{{"fileId", id}}));
+    EXPECT_EQ(get(api("files/" + id)).status, 404);
+    EXPECT_EQ(sendJSON("DELETE", api("files/" + id), "", {kAuth}).status, 404);
+}
+
+TEST_F(ProtocolTest, RejectsBadCreateRequestsAndUnknownFiles) {
+    for (const char* bad : {R"({"fileName": ""})", R"({"name": "x"})", R"({"fileName": 7})",
+                            R"(["fileName"])", R"({"fileName": "x")", ""}) {
+        auto response = sendJSON("POST", api("files"), bad);
+        EXPECT_EQ(response.status, 400) << bad;
+        EXPECT_TRUE(response.json().contains("message")) << response.body;
+    }
+    const std::string unknown = "no-such-file";
+    EXPECT_EQ(get(api("files/" + unknown)).status, 404);
+    EXPECT_EQ(putFullFile(unknown, "abc").status, 404);
+    EXPECT_EQ(putBatch(unknown, {{0, "abc"}}).status, 404);
+    EXPECT_EQ(complete(unknown, {{0, 3}}).status, 404);
+    EXPECT_EQ(
+        sendJSON("POST", api("files/" + unknown + "/process"), R"({"type": "encode"})").status,
+        404);
+    EXPECT_EQ(get(api("files/../../etc")).status, 404);
+    EXPECT_EQ(get(root("content/" + unknown)).status, 404);
+}
+
+TEST_F(ProtocolTest, RequiresTheBearerTokenOnTheApiOnly) {
+    std::string id = createFile();
+    for (const auto& headers : std::vector<std::vector<std::string>>{
+             {}, {"Authorization: Bearer wrong"}, {"Authorization: dev-token"}}) {
+        auto response = get(api("files/" + id), headers);
+        EXPECT_EQ(response.status, 401);
+        EXPECT_FALSE(response.json().value("message", "").empty());
+        EXPECT_EQ(sendJSON("POST", api("files"), R"({"fileName": "x"})", headers).status, 401);
+    }
+    ASSERT_EQ(putFullFile(id, "public bytes").status, 200);
+    auto content = get(root("content/" + id), {});
+    EXPECT_EQ(content.status, 200);
+    EXPECT_EQ(content.body, "public bytes");
+    EXPECT_EQ(get(root("_admin/requests"), {}).status, 200);
+}
+
+TEST_F(ProtocolTest, FullFileUploadCompletesOnceAndOnlyOnce) {
+    std::string id = createFile("whole.bin");
+    std::string bytes = pattern(3'000'000, 1);
+    auto uploaded = putFullFile(id, bytes);
+    ASSERT_EQ(uploaded.status, 200) << uploaded.body;
+    auto body = uploaded.json();
+    EXPECT_EQ(body["fileId"], id);
+    EXPECT_EQ(body["fileName"], "whole.bin");
+    EXPECT_EQ(body["isComplete"], true);
+    EXPECT_EQ(body["contentUri"], root("content/" + id));
+    EXPECT_EQ(get(body["contentUri"].get<std::string>(), {}).body, bytes);
+
+    auto info = get(api("files/" + id)).json();
+    EXPECT_EQ(info["isComplete"], true);
+    EXPECT_EQ(info["contentUri"], root("content/" + id));
+
+    // Every later upload or completion is refused with the same message.
+    for (const auto& again :
+         {putFullFile(id, "x"), putBatch(id, {{0, "x"}}), complete(id, {{0, 1}})}) {
+        EXPECT_EQ(again.status, 403);
+        EXPECT_NE(again.json().value("message", "").find("already completed"), std::string::npos)
+            << again.body;
+    }
+    EXPECT_EQ(get(body["contentUri"].get<std::string>(), {}).body, bytes);
+}
+
+TEST_F(ProtocolTest, PostProcessingNeedsACompleteFile) {
+    std::string id = createFile("clip.mov");
+    const std::string request = R"({"type": "encode", "values": {"outputType": "video/mp4"}})";
+    auto early = sendJSON("POST", api("files/" + id + "/process"), request);
+    EXPECT_EQ(early.status, 409);
+    ASSERT_EQ(putFullFile(id, "frames").status, 200);
+    auto accepted = sendJSON("POST", api("files/" + id + "/process"), request);
+    EXPECT_EQ(accepted.status, 202);
+    EXPECT_EQ(accepted.json(), (json{{"fileId", id}}));
+    EXPECT_EQ(sendJSON("POST", api("files/" + id + "/process"), "{}").status, 400);
+}
+
+TEST_F(ProtocolTest, ChunksAssembleAfterTheMissingOneArrives) {
+    std::string id = createFile("chunked.bin");
+    std::vector<std::string> chunks = {pattern(4096, 1), pattern(4096, 2), pattern(1000, 3)};
+    auto first = putBatch(id, {{0, chunks[0]}, {2, chunks[2]}});
+    ASSERT_EQ(first.status, 200) << first.body;
+    EXPECT_EQ(first.json()["fileId"], id);
+    EXPECT_EQ(indices(first.json()["uploadedChunks"]), (std::vector<uint64_t>{0, 2}));
+
+    const std::vector<std::pair<uint64_t, uint64_t>> expected = {{0, 4096}, {1, 4096}, {2, 1000}};
+    auto conflict = complete(id, expected);
+    ASSERT_EQ(conflict.status, 409) << conflict.body;
+    EXPECT_EQ(indices(conflict.json()["missingChunks"]), (std::vector<uint64_t>{1}));
+    EXPECT_FALSE(conflict.json().value("message", "").empty());
+
+    // A chunk stored with another size than expected counts as missing too.
+    ASSERT_EQ(putBatch(id, {{1, chunks[1].substr(0, 10)}}).status, 200);
+    EXPECT_EQ(indices(complete(id, expected).json()["missingChunks"]), (std::vector<uint64_t>{1}));
+    auto resent = putBatch(id, {{1, chunks[1]}});
+    EXPECT_EQ(indices(resent.json()["uploadedChunks"]), (std::vector<uint64_t>{0, 1, 2}));
+
+    auto done = complete(id, expected);
+    ASSERT_EQ(done.status, 200) << done.body;
+    EXPECT_EQ(done.json()["isComplete"], true);
+    EXPECT_EQ(get(done.json()["contentUri"].get<std::string>(), {}).body,
+              chunks[0] + chunks[1] + chunks[2]);
+    auto info = get(api("files/" + id)).json();
+    EXPECT_EQ(info["isComplete"], true);
+    EXPECT_EQ(indices(info["uploadedChunks"]), (std::vector<uint64_t>{0, 1, 2}));
+    EXPECT_EQ(complete(id, expected).status, 403);
+}
+
+TEST_F(ProtocolTest, AcceptsABatchMadeByCurlForm) {
+    std::string id = createFile();
+    std::string dir = znv::test::makeTempDir("form");
+    std::string a = pattern(70000, 5), b = pattern(123, 6);
+    znv::test::writeFile(dir + "/a", a);
+    znv::test::writeFile(dir + "/b", b);
+    auto result = run("curl -sS -X PUT -H '" + std::string(kAuth) + "' -F 'chunkData.0=@" + dir +
+                      "/a' -F 'chunkData.1=@" + dir + "/b;filename=1.chunk' -F note=hello " +
+                      api("files/" + id));
+    ASSERT_EQ(result.status, 0);
+    EXPECT_EQ(indices(json::parse(result.output)["uploadedChunks"]), (std::vector<uint64_t>{0, 1}));
+    auto done = complete(id, {{0, a.size()}, {1, b.size()}});
+    ASSERT_EQ(done.status, 200) << done.body;
+    EXPECT_EQ(get(root("content/" + id), {}).body, a + b);
+    auto log = emulator_.requestLog();
+    auto put =
+        std::find_if(log.begin(), log.end(), [](const json& e) { return e["method"] == "PUT"; });
+    ASSERT_NE(put, log.end());
+    EXPECT_EQ((*put)["parts"], (json{"chunkData.0", "chunkData.1", "note"}));
+}
+
+TEST_F(ProtocolTest, MalformedBodiesStoreNothing) {
+    std::string id = createFile();
+    const std::string boundary = "XyZ";
+    std::string good = batchBody(boundary, {{0, "zero"}, {1, "one"}});
+    auto put = [&](const std::string& contentType, const std::string& body) {
+        HttpRequest request;
+        request.method = "PUT";
+        request.url = api("files/" + id);
+        request.headers = {kAuth, "Content-Type: " + contentType};
+        request.body = body;
+        request.sendBody = true;
+        return perform(request);
+    };
+    const std::string multipart = "multipart/form-data; boundary=" + boundary;
+    const std::pair<std::string, std::string> bad[] = {
+        {multipart, good.substr(0, good.size() - 9)},  // truncated before the end
+        {multipart, good.substr(0, 30)},               // truncated in a header
+        {"application/octet-stream", good},            // wrong content type
+        {"multipart/form-data", good},                 // no boundary
+        {multipart, batchBody(boundary, {{0, ""}})},   // empty chunk
+        {multipart,
+         "\r\n--XyZ\r\nContent-Disposition: form-data; name=\"chunkData.x\"\r\n\r\n"
+         "a\r\n--XyZ--\r\n"},  // no index
+        {multipart,
+         "\r\n--XyZ\r\nContent-Disposition: form-data; name=\"note\"\r\n\r\n"
+         "a\r\n--XyZ--\r\n"},  // no chunk at all
+    };
+    for (const auto& [type, body] : bad) {
+        auto response = put(type, body);
+        EXPECT_EQ(response.status, 400) << type << " / " << body.size();
+        EXPECT_FALSE(response.json().value("message", "").empty()) << response.body;
+    }
+    EXPECT_EQ(get(api("files/" + id)).json()["uploadedChunks"], json::array());
+    EXPECT_TRUE(std::filesystem::is_empty(emulator_.dataDir() + "/tmp"));
+
+    for (const char* body : {"not json", "{}", R"({"expectedChunks": []})",
+                             R"({"expectedChunks": [{"index": -1, "sizeInBytes": 1}]})",
+                             R"({"expectedChunks": [{"index": 0}]})"}) {
+        EXPECT_EQ(sendJSON("POST", api("files/" + id + "/complete"), body).status, 400) << body;
+    }
+    EXPECT_EQ(put(multipart, good).status, 200);
+}
+
+TEST_F(ProtocolTest, HugeDeclaredLengthIsRefusedWithoutWaitingForTheBody) {
+    std::string id = createFile();
+    for (const std::string& target : std::vector<std::string>{"/api/files/" + id + "/fullfile",
+                                                              "/api/files/" + id, "/api/files"}) {
+        std::string request = "PUT " + target +
+                              " HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+                              "Authorization: Bearer dev-token\r\n"
+                              "Content-Type: multipart/form-data; boundary=B\r\n"
+                              "Content-Length: 1000000000000\r\n\r\nshort body";
+        if (target == "/api/files") request.replace(0, 3, "POST");
+        auto start = std::chrono::steady_clock::now();
+        std::string reply = rawExchange(emulator_.port(), request);
+        EXPECT_EQ(reply.rfind("HTTP/1.1 413", 0), 0u) << target << ": " << reply;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    }
+    EXPECT_EQ(get(api("files/" + id)).json()["isComplete"], false);
+}
+
+TEST(ProtocolLimits, FullFileLimitHoldsForDeclaredAndStreamedBodies) {
+    EmulatorOptions options;
+    options.maxFullFileBytes = 1000;
+    Emulator emulator(options);
+    ASSERT_TRUE(emulator.start());
+    auto created = sendJSON("POST", emulator.baseURL() + "files", R"({"fileName": "f"})");
+    EXPECT_EQ(created.json()["uploadMethods"][0]["maxBytesPerRequest"], 1000);
+    std::string id = created.json()["fileId"];
+    HttpRequest request;
+    request.method = "PUT";
+    request.url = emulator.baseURL() + "files/" + id + "/fullfile";
+    request.headers = {kAuth};
+    request.body = std::string(1001, 'x');
+    EXPECT_EQ(perform(request).status, 413);
+    // Without a declared length the limit is enforced while the body streams.
+    request.headers.push_back("Transfer-Encoding: chunked");
+    request.body = std::string(5000, 'x');
+    EXPECT_EQ(perform(request).status, 413);
+    EXPECT_EQ(get(emulator.baseURL() + "files/" + id).json()["isComplete"], false);
+    request.body = std::string(1000, 'x');
+    EXPECT_EQ(perform(request).status, 200);
+}
+
+TEST_F(ProtocolTest, ContentHonoursRangesAndValidators) {
+    std::string id = createFile();
+    std::string bytes = pattern(1000, 9);
+    ASSERT_EQ(putFullFile(id, bytes).status, 200);
+    const std::string url = root("content/" + id);
+
+    auto whole = get(url, {});
+    ASSERT_EQ(whole.status, 200);
+    EXPECT_EQ(whole.body, bytes);
+    std::string etag = whole.header("etag");
+    std::string lastModified = whole.header("last-modified");
+    EXPECT_FALSE(etag.empty());
+    EXPECT_NE(lastModified.find(" GMT"), std::string::npos);
+    EXPECT_EQ(whole.header("accept-ranges"), "bytes");
+
+    struct Case {
+        std::string range;
+        size_t first, count;
+    };
+    for (const Case& c :
+         {Case{"bytes=100-199", 100, 100}, Case{"bytes=990-", 990, 10}, Case{"bytes=-10", 990, 10},
+          Case{"bytes=995-5000", 995, 5}, Case{"bytes=0-0", 0, 1}}) {
+        auto part = get(url, {"Range: " + c.range});
+        EXPECT_EQ(part.status, 206) << c.range;
+        EXPECT_EQ(part.body, bytes.substr(c.first, c.count)) << c.range;
+        EXPECT_EQ(part.header("content-range"), "bytes " + std::to_string(c.first) + "-" +
+                                                    std::to_string(c.first + c.count - 1) + "/1000")
+            << c.range;
+    }
+    auto beyond = get(url, {"Range: bytes=1000-"});
+    EXPECT_EQ(beyond.status, 416);
+    EXPECT_EQ(beyond.header("content-range"), "bytes */1000");
+
+    EXPECT_EQ(get(url, {"Range: bytes=10-19", "If-Range: " + etag}).status, 206);
+    EXPECT_EQ(get(url, {"Range: bytes=10-19", "If-Range: " + lastModified}).status, 206);
+    auto stale = get(url, {"Range: bytes=10-19", "If-Range: \"stale-validator\""});
+    EXPECT_EQ(stale.status, 200);
+    EXPECT_EQ(stale.body, bytes);
+
+    HttpRequest head;
+    head.url = url;
+    head.method = "HEAD";
+    head.head = true;
+    auto headResponse = perform(head);
+    EXPECT_EQ(headResponse.status, 200);
+    EXPECT_EQ(headResponse.header("content-length"), "1000");
+
+    std::string incomplete = createFile();
+    EXPECT_EQ(get(root("content/" + incomplete), {}).status, 404);
+}
+
+TEST_F(ProtocolTest, RestartKnowsEveryFileAndChunk) {
+    std::string whole = pattern(5000, 1), c0 = pattern(300, 2), c2 = pattern(200, 3),
+                c1 = pattern(300, 4);
+    std::string wholeId = createFile("whole");
+    ASSERT_EQ(putFullFile(wholeId, whole).status, 200);
+    std::string etag = get(root("content/" + wholeId), {}).header("etag");
+    std::string chunkedId = createFile("chunked");
+    ASSERT_EQ(putBatch(chunkedId, {{0, c0}, {2, c2}}).status, 200);
+    emulator_.stop();
+
+    Emulator second(EmulatorOptions{emulator_.dataDir(), 0, "dev-token", 1ull << 30});
+    ASSERT_TRUE(second.start());
+    current_ = &second;
+    EXPECT_EQ(second.dataDir(), emulator_.dataDir());
+    auto content = get(root("content/" + wholeId), {});
+    EXPECT_EQ(content.body, whole);
+    EXPECT_EQ(content.header("etag"), etag);
+    auto info = get(api("files/" + chunkedId)).json();
+    EXPECT_EQ(info["fileName"], "chunked");
+    EXPECT_EQ(indices(info["uploadedChunks"]), (std::vector<uint64_t>{0, 2}));
+
+    ASSERT_EQ(putBatch(chunkedId, {{1, c1}}).status, 200);
+    auto done = complete(chunkedId, {{0, 300}, {1, 300}, {2, 200}});
+    ASSERT_EQ(done.status, 200) << done.body;
+    EXPECT_EQ(get(done.json()["contentUri"].get<std::string>(), {}).body, c0 + c1 + c2);
+
+    // A third run sees the assembled file, not the chunks it was made of.
+    second.stop();
+    Emulator third(EmulatorOptions{emulator_.dataDir(), 0, "dev-token", 1ull << 30});
+    ASSERT_TRUE(third.start());
+    current_ = &third;
+    EXPECT_EQ(get(root("content/" + chunkedId), {}).body, c0 + c1 + c2);
+    EXPECT_EQ(get(api("files/" + chunkedId)).json()["isComplete"], true);
+}
+
+TEST(ProtocolStartup, RefusesAnUnusableDataDirectory) {
+    std::string file = znv::test::makeTempDir("plain") + "/file";
+    znv::test::writeFile(file, "x");
+    Emulator emulator(EmulatorOptions{file, 0, "dev-token", 1ull << 30});
+    std::string error;
+    EXPECT_FALSE(emulator.start(&error));
+    EXPECT_NE(error.find(file), std::string::npos) << error;
+}
+
+}  // namespace
+}  // namespace znv::emulator::test
