@@ -61,7 +61,7 @@ std::shared_ptr<ZNVStorageUpload> ZNVStorageUpload::create(
         upload->account_ = std::move(account);
         upload->sharedStorageID_ = sharedStorageID;
         upload->multiplexingHint_ = multiplexingHint;
-        if (source) upload->sourceFileReference_ = ZNVFileReference::forURL(*source);
+        if (source) upload->sourceFileReferenceURL_ = ZNVFileReferenceURL(*source);
         upload->chunkIndicesToUpload_.clear();
         upload->requiresVideoPostProcessing_ = applyVideoPostProcessing;
     }
@@ -244,15 +244,16 @@ ZNVIndexSet ZNVStorageUpload::allChunkIndices() const {
 
 std::optional<ZNVURL> ZNVStorageUpload::resolvedSourceFileReference() const {
     Lock lock(*this);
-    if (!sourceFileReference_) return std::nullopt;
-    std::optional<ZNVURL> resolved = sourceFileReference_->resolvedURL();
+    if (!sourceFileReferenceURL_) return std::nullopt;
+    std::optional<ZNVURL> resolved = ZNVFilePathURL(*sourceFileReferenceURL_);
     if (!resolved || !resolved->isFileURL()) return resolved;
     const std::string real = ZNVRealPath(resolved->path());
     return real.empty() ? resolved : std::optional<ZNVURL>(ZNVURL::fileURL(real));
 }
 
 std::optional<ZNVURL> ZNVStorageUpload::sourceFileReferenceURL() const {
-    return resolvedSourceFileReference();
+    Lock lock(*this);
+    return sourceFileReferenceURL_;
 }
 
 std::optional<ZNVURL> ZNVStorageUpload::sourceURL() const {
@@ -654,8 +655,7 @@ void ZNVStorageUpload::encodeWithCoder(ZNVCoder& coder) const {
         const std::optional<ZNVURL> source = sourceURL();
         if (source && source->isFileURL()) {
             ZNVErrorRef error;
-            std::optional<ZNVBytes> bookmark =
-                ZNVFileReference::bookmarkDataForURL(*source, &error);
+            std::optional<ZNVBytes> bookmark = ZNVBookmark::createData(*source, &error);
             if (!bookmark) {
                 ZNVLogDefault("Failed to create persistent bookmark for file at {}: {}",
                               source->absoluteString(),
@@ -694,17 +694,19 @@ std::shared_ptr<ZNVStorageUpload> ZNVStorageUpload::decode(ZNVCoder& coder) {
                 unarchiver->decodeStringForKey("multiplexing hint").value_or("");
             upload->sourceURLBookmark_ = unarchiver->decodeDataForKey("source URL bookmark");
             if (upload->sourceURLBookmark_ && !upload->sourceURLBookmark_->empty()) {
+                // The bookmark's staleness does not matter: the file is
+                // followed by identity, and its size is checked below.
                 ZNVErrorRef error;
-                std::optional<ZNVFileReference> reference =
-                    ZNVFileReference::fromBookmarkData(*upload->sourceURLBookmark_, &error);
                 std::optional<ZNVURL> resolved =
-                    reference ? reference->resolvedURL() : std::nullopt;
+                    ZNVBookmark::resolveData(*upload->sourceURLBookmark_, nullptr, &error);
                 if (!resolved) {
                     ZNVLogDefault("Failed to retrieve file location from persistent bookmark: {}",
                                   error ? error->localizedDescription() : std::string());
-                    upload->sourceFileReference_.reset();
+                    upload->sourceFileReferenceURL_.reset();
                 } else {
-                    upload->sourceFileReference_ = ZNVFileReference::forURL(*resolved);
+                    const std::string real = ZNVRealPath(resolved->path());
+                    upload->sourceFileReferenceURL_ =
+                        ZNVFileReferenceURL(real.empty() ? *resolved : ZNVURL::fileURL(real));
                 }
             }
             upload->chunkIndicesToUpload_ =

@@ -74,6 +74,7 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     void setMultiplexingHint(const std::string& hint);
     std::optional<ZNVBytes> sourceURLBookmark() const;
     void setSourceURLBookmark(std::optional<ZNVBytes> bookmark);
+    // The file-reference URL of the source (its identity on its volume).
     std::optional<ZNVURL> sourceFileReferenceURL() const;
     // A copy of the chunk indices still to be sent.
     ZNVIndexSet chunkIndicesToUpload() const;
@@ -132,6 +133,8 @@ class ZNVStorageUpload : public ZNVNetworkTask {
   private:
     void setChunkIndicesToUpload(const ZNVIndexSet& indices);
     ZNVIndexSet allChunkIndices() const;
+    // The file-reference URL resolved to the file's current path, symbolic
+    // links resolved; none when the file cannot be found.
     std::optional<ZNVURL> resolvedSourceFileReference() const;
 
     // Guarded by the base task's lock.
@@ -141,8 +144,8 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     std::string sharedStorageID_;
     std::string multiplexingHint_;
     mutable std::optional<ZNVBytes> sourceURLBookmark_;  // made on first archiving
-    // The file-reference form of the source (identity across renames).
-    std::optional<ZNVFileReference> sourceFileReference_;
+    // The file-reference URL of the source (identity across renames).
+    std::optional<ZNVURL> sourceFileReferenceURL_;
     ZNVIndexSet chunkIndicesToUpload_;
     uint64_t chunkCount_ = 0;
     uint64_t sizeOfLastChunk_ = 0;
