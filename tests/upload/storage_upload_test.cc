@@ -17,6 +17,7 @@
 #include "znv/platform/filesystem.h"
 #include "znv/platform/keyed_archive.h"
 #include "znv/platform/progress.h"
+#include "znv/upload/storage_chunk.h"
 
 namespace znv {
 namespace {
@@ -84,6 +85,18 @@ class StorageUploadTest : public ::testing::Test {
 
     EmulatorHarness harness;
 };
+
+TEST(StorageUploadChunkSize, TestSizeAppliesToTheWholeLayoutAndResets) {
+    ZNVNetworkSessionManager::setMaximumChunkSizeForTesting(4);
+    EXPECT_EQ(ZNVNetworkSessionManager::maximumChunkSize(), 4u);
+    auto last = _chunkWithIndexForFileSize(2, 10);
+    ASSERT_NE(last, nullptr);
+    EXPECT_EQ(last->length(), 2u);
+    EXPECT_EQ(last->fileOffset(), 8u);
+    EXPECT_EQ(_chunkWithIndexForFileSize(3, 10), nullptr);
+    ZNVNetworkSessionManager::setMaximumChunkSizeForTesting(0);
+    EXPECT_EQ(ZNVNetworkSessionManager::maximumChunkSize(), 4194304u);
+}
 
 TEST_F(StorageUploadTest, ChunkLayoutFollowsTheChunkSize) {
     auto ten = makeUpload(10);
