@@ -16,7 +16,7 @@ cd "$(dirname "$0")"
 ROOT=$(pwd)
 
 PACKAGES=(
-  build-essential cmake ninja-build pkg-config
+  build-essential cmake ninja-build pkg-config ccache
   libcurl4-openssl-dev nlohmann-json3-dev libspdlog-dev libfmt-dev uuid-dev
   libcli11-dev libcpp-httplib-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev hyperfine curl
@@ -38,7 +38,12 @@ deps() {
   fi
   log "installing: ${missing[*]}"
   local sudo=""
-  [ "$(id -u)" -eq 0 ] || sudo="sudo"
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || { log "not root and no sudo: install them by hand"; exit 1; }
+    sudo="sudo"
+  fi
+  # The package lists are refreshed only when something is missing, so a
+  # second run installs and downloads nothing.
   $sudo apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
 }

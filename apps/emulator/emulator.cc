@@ -152,6 +152,7 @@ struct Exchange {
     httplib::Response& res;
     const httplib::ContentReader* reader;  // null when the request has no body
     uint64_t logId = 0;
+    Clock::time_point started = Clock::now();
 
     // Abandoned: left unread on purpose (too large to be worth draining).
     enum class Body { Unread, Complete, Failed, Abandoned };
@@ -413,6 +414,9 @@ void Emulator::Impl::finishLog(const Exchange& ex) {
         if ((*it)["id"] != ex.logId) continue;
         (*it)["status"] = ex.dropped ? 0 : ex.res.status;
         (*it)["bodySize"] = ex.bodyBytes;
+        (*it)["durationMs"] =
+            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - ex.started)
+                .count();
         if (!ex.parts.empty()) (*it)["parts"] = ex.parts;
         if (!ex.fault.empty()) (*it)["fault"] = ex.fault;
         break;
@@ -1044,11 +1048,16 @@ void Emulator::Impl::handleContent(Exchange& ex, const std::string& id) {
                                                  httplib::DataSink& sink) {
             if (stopping_) return false;
             size_t want = std::min(length, buffer->size());
+            if (rate) {
+                // Small pieces, each sent when its turn comes, so that the
+                // client sees the rate and not one burst and a pause.
+                want = std::min<size_t>(want, std::max<uint64_t>(rate / 10, 1024));
+                pace(*started, offset, rate);
+                if (stopping_) return false;
+            }
             ssize_t n = ::pread(fd, buffer->data(), want, static_cast<off_t>(first + offset));
             if (n <= 0) return false;
-            if (!sink.write(buffer->data(), static_cast<size_t>(n))) return false;
-            if (rate) pace(*started, offset + static_cast<uint64_t>(n), rate);
-            return !stopping_.load();
+            return sink.write(buffer->data(), static_cast<size_t>(n));
         },
         [fd](bool) { ::close(fd); });
 }

@@ -71,8 +71,9 @@ class Emulator {
 
     // Same JSON as GET /_admin/requests: an array of entries, oldest first, each
     // {"method", "path", "query"?, "headers": {...}, "bodySize", "parts"?,
-    //  "status", "fault"?} (status 0 while a request is still being served or
-    // when a fault dropped its connection).
+    //  "status", "fault"?, "durationMs"} ("durationMs" appears once the request
+    // is finished; status 0 while it is served or when its connection was
+    // dropped).
     nlohmann::json requestLog() const;
     void clearRequestLog();
 

@@ -116,6 +116,15 @@ TEST_F(KeyedArchive, EveryValueKindRoundTrips) {
     EXPECT_FALSE(decoded->child);
     EXPECT_FALSE(decoded->childrenPresent);
 
+    // The extremes of the date range survive (to the microsecond).
+    for (ZNVDate extreme : {ZNVDate::max(), ZNVDate::min(), ZNVDate()}) {
+        TestNode dated;
+        dated.date = extreme;
+        auto back = roundTrip<TestNode>(dated, {"TestNode"});
+        ASSERT_TRUE(back && back->date);
+        EXPECT_LE(std::chrono::abs(*back->date - extreme), std::chrono::microseconds(1));
+    }
+
     // Empty values are values too, not missing ones.
     TestNode empty;
     empty.name = "";

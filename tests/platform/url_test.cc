@@ -51,10 +51,8 @@ TEST(URL, ResolvesRelativeReferencesAgainstBasesWithAndWithoutSlash) {
     EXPECT_EQ(ZNVURL::resolve("files/7", *withSlash)->absoluteString(), "http://h:1/api/files/7");
     // Without the trailing slash the last segment is replaced, as RFC 3986 says.
     EXPECT_EQ(ZNVURL::resolve("files/7", *withoutSlash)->absoluteString(), "http://h:1/files/7");
-    EXPECT_EQ(ZNVURL::resolve("/content/9", *withSlash)->absoluteString(),
-              "http://h:1/content/9");
-    EXPECT_EQ(ZNVURL::resolve("https://other/x", *withSlash)->absoluteString(),
-              "https://other/x");
+    EXPECT_EQ(ZNVURL::resolve("/content/9", *withSlash)->absoluteString(), "http://h:1/content/9");
+    EXPECT_EQ(ZNVURL::resolve("https://other/x", *withSlash)->absoluteString(), "https://other/x");
 }
 
 TEST(URL, AppendingComponents) {
@@ -66,6 +64,31 @@ TEST(URL, AppendingComponents) {
     ASSERT_TRUE(bare);
     EXPECT_EQ(bare->path(), "");
     EXPECT_EQ(bare->absoluteString(), "http://h");
+}
+
+TEST(URL, AppendingKeepsSlashesAsSeparatorsAndTheQuery) {
+    auto base = ZNVURL::fromString("http://h/api");
+    ASSERT_TRUE(base);
+    ZNVURL nested = base->appendingPathComponent("files/7 b");
+    EXPECT_EQ(nested.absoluteString(), "http://h/api/files/7%20b");
+    EXPECT_EQ(nested.pathComponents(), (std::vector<std::string>{"/", "api", "files", "7 b"}));
+    EXPECT_EQ(base->appendingPathComponent("dir", true).absoluteString(), "http://h/api/dir/");
+    EXPECT_EQ(base->appendingPathComponent("dir/", true).absoluteString(), "http://h/api/dir/");
+
+    auto withQuery = ZNVURL::fromString("http://h/api?x=1");
+    ASSERT_TRUE(withQuery);
+    EXPECT_EQ(withQuery->appendingPathComponent("files").absoluteString(),
+              "http://h/api/files?x=1");
+    EXPECT_EQ(ZNVURL::fileURL("/a/b").appendingPathComponent("c/d.txt").path(), "/a/b/c/d.txt");
+}
+
+TEST(URL, ResolutionEncodesAndClimbs) {
+    auto base = ZNVURL::fromString("http://h:1/api/");
+    ASSERT_TRUE(base);
+    EXPECT_EQ(ZNVURL::resolve("files/a b", *base)->absoluteString(), "http://h:1/api/files/a%20b");
+    EXPECT_EQ(ZNVURL::resolve("../x", *base)->absoluteString(), "http://h:1/x");
+    EXPECT_EQ(ZNVURL::resolve("files/7?x=1", *base)->query(), "x=1");
+    EXPECT_FALSE(ZNVURL::resolve("files/7", ZNVURL()));
 }
 
 }  // namespace

@@ -35,8 +35,9 @@ std::string joinPath(const std::string& dir, const char* name) {
 }
 
 ZNVErrorRef fileError(int64_t code, const std::string& message, const std::string& path) {
-    return ZNVError::make(NSCocoaErrorDomain, code,
-                          {{NSLocalizedDescriptionKey, message}, {NSFilePathErrorKey, path}});
+    ZNVUserInfo info{{NSLocalizedDescriptionKey, message}};
+    if (!path.empty()) info[NSFilePathErrorKey] = path;
+    return ZNVError::make(NSCocoaErrorDomain, code, std::move(info));
 }
 
 ZNVErrorRef errnoError(int err, const std::string& path) {

@@ -1,5 +1,6 @@
 #include "znv/platform/keyed_archive.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
@@ -97,10 +98,6 @@ const nlohmann::json* wrapped(const nlohmann::json& value, const char* marker) {
 
 constexpr char kBase64Alphabet[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
-// Seconds since 1970 that still fit a system_clock time point (nanoseconds in
-// a signed 64-bit count), with a margin.
-constexpr double kMaxDateSeconds = 9.0e9;
 
 }  // namespace
 
@@ -645,14 +642,18 @@ std::optional<ZNVDate> ZNVKeyedUnarchiver::decodeDateForKey(const std::string& k
     const Json* v = lookup(key);
     if (v == nullptr) return std::nullopt;
     const Json* seconds = wrapped(*v, "$date");
-    if (seconds == nullptr || !seconds->is_number() ||
-        !(std::fabs(seconds->get<double>()) < kMaxDateSeconds)) {
-        failWrongType(key, "a date ({\"$date\": seconds within 285 years of 1970})");
+    // Microseconds that still fit a system_clock time point (nanoseconds in a
+    // signed 64-bit count): everything the archiver can write, give or take
+    // the rounding of a double.
+    constexpr double kMaxMicros = 9.2233720368548e15;  // a little over, then clamped
+    double micros = seconds != nullptr && seconds->is_number() ? seconds->get<double>() * 1e6 : NAN;
+    if (!(std::fabs(micros) <= kMaxMicros)) {
+        failWrongType(key, "a date ({\"$date\": seconds since 1970 within 292 years})");
         return std::nullopt;
     }
-    auto micros = std::llround(seconds->get<double>() * 1e6);
-    return ZNVDate(
-        std::chrono::duration_cast<ZNVDate::duration>(std::chrono::microseconds(micros)));
+    auto count =
+        std::clamp<long long>(std::llround(micros), -9223372036854775LL, 9223372036854775LL);
+    return ZNVDate(std::chrono::duration_cast<ZNVDate::duration>(std::chrono::microseconds(count)));
 }
 
 std::optional<ZNVURL> ZNVKeyedUnarchiver::decodeURLForKey(const std::string& key) {

@@ -12,6 +12,8 @@
 //   {"$uint64": n} (an unsigned user-info number), {"$double": "nan"|"inf"|"-inf"};
 //   errors are {"$class": "NSError", "domain", "code", "userInfo": {...}} and
 //   arrays of objects {"$class": "NSMutableArray", "$objects": [...]}.
+// - Strings are UTF-8; bytes that are not valid UTF-8 are written as U+FFFD.
+//   Binary values belong in encodeData.
 // - An archivable class derives from `ZNVCoding`, writes its fields in
 //   `encodeWithCoder` and registers a decoding factory with
 //   `ZNVArchiveClassRegistry` under the name its `className()` returns, naming

@@ -125,8 +125,8 @@ ZNVURL ZNVURL::fileURL(const std::string& path, bool isDirectory) {
     while (start <= absolutePath.size()) {
         size_t slash = absolutePath.find('/', start);
         if (slash == std::string::npos) slash = absolutePath.size();
-        encoded += percentEncodePathSegment(
-            std::string_view(absolutePath).substr(start, slash - start));
+        encoded +=
+            percentEncodePathSegment(std::string_view(absolutePath).substr(start, slash - start));
         if (slash < absolutePath.size()) encoded.push_back('/');
         start = slash + 1;
     }
@@ -147,8 +147,7 @@ std::optional<ZNVURL> ZNVURL::resolve(std::string_view reference, const ZNVURL& 
         CURLUE_OK) {
         return std::nullopt;
     }
-    if (curl_url_set(h.get(), CURLUPART_URL, ref.c_str(), CURLU_NON_SUPPORT_SCHEME) !=
-        CURLUE_OK) {
+    if (curl_url_set(h.get(), CURLUPART_URL, ref.c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) {
         return std::nullopt;
     }
     std::string resolved = getPart(h.get(), CURLUPART_URL);
@@ -158,11 +157,14 @@ std::optional<ZNVURL> ZNVURL::resolve(std::string_view reference, const ZNVURL& 
 
 std::string ZNVURL::path() const {
     std::string decoded = percentDecode(rawPath_);
-    while (decoded.size() > 1 && decoded.back() == '/') decoded.pop_back();
+    while (decoded.size() > 1 && decoded.back() == '/')
+        decoded.pop_back();
     return decoded;
 }
 
-bool ZNVURL::hasDirectoryPath() const { return !rawPath_.empty() && rawPath_.back() == '/'; }
+bool ZNVURL::hasDirectoryPath() const {
+    return !rawPath_.empty() && rawPath_.back() == '/';
+}
 
 std::vector<std::string> ZNVURL::pathComponents() const {
     std::vector<std::string> components;
@@ -204,15 +206,27 @@ ZNVURL ZNVURL::appendingPathComponent(const std::string& component, bool isDirec
     if (isEmpty()) return {};
     std::string base = rawPath_;
     if (base.empty() || base.back() != '/') base.push_back('/');
-    std::string encoded = base + percentEncodePathSegment(component);
-    if (isDirectory && !component.empty()) encoded.push_back('/');
+    // A "/" inside the component separates segments, as in a file-system path;
+    // only the text between the slashes is percent-encoded.
+    std::string encoded = base;
+    size_t start = 0;
+    for (;;) {
+        size_t slash = component.find('/', start);
+        encoded += percentEncodePathSegment(std::string_view(component).substr(
+            start, slash == std::string::npos ? slash : slash - start));
+        if (slash == std::string::npos) break;
+        encoded.push_back('/');
+        start = slash + 1;
+    }
+    if (isDirectory && !encoded.empty() && encoded.back() != '/') encoded.push_back('/');
     return withEncodedPath(encoded);
 }
 
 ZNVURL ZNVURL::deletingLastPathComponent() const {
     if (isEmpty()) return {};
     std::string p = rawPath_;
-    while (p.size() > 1 && p.back() == '/') p.pop_back();
+    while (p.size() > 1 && p.back() == '/')
+        p.pop_back();
     size_t slash = p.rfind('/');
     if (slash == std::string::npos) return withEncodedPath("");
     return withEncodedPath(p.substr(0, slash + 1));
@@ -223,7 +237,8 @@ ZNVURL ZNVURL::deletingPathExtension() const {
     if (extension.empty()) return *this;
     std::string p = rawPath_;
     bool directory = !p.empty() && p.back() == '/';
-    while (p.size() > 1 && p.back() == '/') p.pop_back();
+    while (p.size() > 1 && p.back() == '/')
+        p.pop_back();
     std::string encodedExtension = percentEncodePathSegment(extension);
     p.resize(p.size() - encodedExtension.size() - 1);
     if (directory) p.push_back('/');

@@ -19,6 +19,7 @@
 #include <thread>
 
 #include <fmt/format.h>
+#include "znv/platform/filesystem.h"
 #include "znv/platform/url_session_resume_data.h"
 
 namespace znv {
@@ -71,25 +72,9 @@ ZNVErrorRef cancelledError(const std::string& url, const ZNVBytes& resumeData = 
     return makeURLError(NSURLErrorCancelled, "cancelled", url, std::move(extra));
 }
 
-// The private per-user directory for download files: ${TMPDIR:-/tmp}/znv-<uid>,
-// mode 0700, refused when it is a symlink or someone else's.
-std::string privateDownloadDirectory() {
-    const char* tmp = std::getenv("TMPDIR");
-    std::string base = (tmp != nullptr && *tmp != '\0') ? tmp : "/tmp";
-    while (base.size() > 1 && base.back() == '/')
-        base.pop_back();
-    std::string dir = fmt::format("{}/znv-{}", base, getuid());
-    if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return {};
-    struct stat info {};
-    if (lstat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != getuid()) {
-        return {};
-    }
-    return dir;
-}
-
 // Opens a fresh download file (mode 0600); -1 on failure.
 int createDownloadFile(std::string* path) {
-    std::string dir = privateDownloadDirectory();
+    std::string dir = ZNVPrivateTemporaryDirectory();
     if (dir.empty()) return -1;
     std::string pattern = dir + "/ZNVDownload-XXXXXX";
     std::vector<char> buffer(pattern.begin(), pattern.end());
@@ -201,22 +186,28 @@ ZNVErrorRef ZNVURLSessionTask::error() const {
     return error_;
 }
 
+void ZNVURLSessionTask::setState(int64_t state) {
+    if (state_.load() == state) return;
+    willChangeValueForKey("state");
+    state_.store(state);
+    didChangeValueForKey("state");
+}
+
 void ZNVURLSessionTask::resume() {
     {
-        std::lock_guard guard(mutex_);
+        std::lock_guard guard(transitionMutex_);
         if (started_ || cancelRequested_) return;
         started_ = true;
-        int64_t expected = ZNVURLSessionTaskStateSuspended;
-        state_.compare_exchange_strong(expected, ZNVURLSessionTaskStateRunning);
+        setState(ZNVURLSessionTaskStateRunning);
     }
     if (auto session = session_.lock()) session->taskResumed(shared_from_this());
 }
 
 bool ZNVURLSessionTask::requestCancel() {
-    std::lock_guard guard(mutex_);
+    std::lock_guard guard(transitionMutex_);
     if (cancelRequested_ || state_.load() == ZNVURLSessionTaskStateCompleted) return false;
     cancelRequested_ = true;
-    state_.store(ZNVURLSessionTaskStateCanceling);
+    setState(ZNVURLSessionTaskStateCanceling);
     return true;
 }
 
@@ -830,7 +821,11 @@ ZNVErrorRef ZNVURLSession::Core::setUp(Transfer& t) {
     curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(e, CURLOPT_MAXREDIRS, kMaximumRedirects);
     curl_easy_setopt(e, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
-    if (configuration.HTTPShouldUsePipelining) curl_easy_setopt(e, CURLOPT_PIPEWAIT, 1L);
+    // Waiting for a connection in progress pays off only where HTTP/2 may be
+    // negotiated (TLS); over plain HTTP it would queue a request behind a slow one.
+    if (configuration.HTTPShouldUsePipelining && scheme == "https") {
+        curl_easy_setopt(e, CURLOPT_PIPEWAIT, 1L);
+    }
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);
     curl_easy_setopt(e, CURLOPT_TCP_KEEPALIVE, 1L);
@@ -1224,9 +1219,12 @@ void ZNVURLSession::Core::deliverCompletion(const std::shared_ptr<ZNVURLSessionT
     post([task, error](const std::shared_ptr<ZNVURLSession>& session,
                        ZNVURLSessionDelegate* delegate) {
         {
-            std::lock_guard guard(task->mutex_);
-            task->error_ = error;
-            task->state_.store(ZNVURLSessionTaskStateCompleted);
+            std::lock_guard transition(task->transitionMutex_);
+            {
+                std::lock_guard guard(task->mutex_);
+                task->error_ = error;
+            }
+            task->setState(ZNVURLSessionTaskStateCompleted);
         }
         {
             std::lock_guard guard(session->core_->mutex);

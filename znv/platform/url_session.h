@@ -54,6 +54,7 @@
 #include <vector>
 
 #include "znv/platform/error.h"
+#include "znv/platform/observable.h"
 #include "znv/platform/operation_queue.h"
 #include "znv/platform/url.h"
 #include "znv/platform/url_request.h"
@@ -98,7 +99,10 @@ struct ZNVURLSessionConfiguration {
     uint64_t maximumInMemoryBodyBytes = 16ull << 20;
 };
 
-class ZNVURLSessionTask : public std::enable_shared_from_this<ZNVURLSessionTask> {
+// Observable key: "state" (announced on the thread that changes it: the caller
+// of resume and cancel, the delegate queue for completion).
+class ZNVURLSessionTask : public ZNVObservable,
+                          public std::enable_shared_from_this<ZNVURLSessionTask> {
   public:
     enum class Kind { Data, Upload, Download };
 
@@ -142,6 +146,8 @@ class ZNVURLSessionTask : public std::enable_shared_from_this<ZNVURLSessionTask>
 
     // Moves a live task to canceling; false when it is already canceling or done.
     bool requestCancel();
+    // Caller holds transitionMutex_.
+    void setState(int64_t state);
     std::shared_ptr<ZNVURLSession> owningSession() const { return session_.lock(); }
 
   private:
@@ -162,12 +168,16 @@ class ZNVURLSessionTask : public std::enable_shared_from_this<ZNVURLSessionTask>
     std::atomic<int64_t> bytesReceived_{0};
     std::atomic<int64_t> bytesExpectedToReceive_{ZNVURLSessionTransferSizeUnknown};
 
-    mutable std::mutex mutex_;  // guards the members below
+    // Serialises state transitions and their announcements (recursive: an
+    // observer may cancel the task it is told about).
+    std::recursive_mutex transitionMutex_;
+    bool started_ = false;          // resume() was asked for; guarded by transitionMutex_
+    bool cancelRequested_ = false;  // a cancel was asked for; guarded by transitionMutex_
+
+    mutable std::mutex mutex_;  // guards the members below; never held across callbacks
     std::string description_;
     std::shared_ptr<const ZNVHTTPURLResponse> response_;
     ZNVErrorRef error_;
-    bool started_ = false;          // resume() has been asked for
-    bool cancelRequested_ = false;  // cancel() or cancelByProducingResumeData() was asked for
 };
 
 class ZNVURLSessionDataTask : public ZNVURLSessionTask {

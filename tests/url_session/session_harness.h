@@ -1,0 +1,137 @@
+// Test harness for the URL session: a delegate that records every callback
+// (and whether it ran on the delegate queue), a small local HTTP server for
+// answers the storage emulator never gives (redirects, dropped downloads,
+// oversized bodies), and helpers that put files on the emulator.
+#pragma once
+
+#include <httplib.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "apps/emulator/emulator.h"
+#include "znv/platform/url_session.h"
+
+namespace znv::test {
+
+struct SessionEvent {
+    enum class Kind { Sent, Data, Resumed, Written, Finished, Completed, Invalid, ResumeData };
+    Kind kind;
+    uint64_t task = 0;
+    int64_t a = 0;  // bytes sent / written / offset / data size
+    int64_t b = 0;  // total so far
+    int64_t c = 0;  // total expected
+    bool onDelegateQueue = false;
+    ZNVErrorRef error;
+    std::string text;  // body (Data), moved file path (Finished)
+};
+
+class RecordingDelegate : public ZNVURLSessionDelegate {
+  public:
+    // Downloads are moved into `downloadDirectory` as "task-<id>".
+    explicit RecordingDelegate(std::string downloadDirectory);
+
+    void setQueue(std::shared_ptr<ZNVOperationQueue> queue) { queue_ = std::move(queue); }
+    // When false, finished downloads are left where the session put them.
+    void setMovesDownloads(bool moves) { movesDownloads_ = moves; }
+
+    void didBecomeInvalidWithError(const std::shared_ptr<ZNVURLSession>& session,
+                                   const ZNVErrorRef& error) override;
+    void didCompleteWithError(const std::shared_ptr<ZNVURLSession>& session,
+                              const std::shared_ptr<ZNVURLSessionTask>& task,
+                              const ZNVErrorRef& error) override;
+    void didSendBodyData(const std::shared_ptr<ZNVURLSession>& session,
+                         const std::shared_ptr<ZNVURLSessionTask>& task, int64_t bytesSent,
+                         int64_t totalBytesSent, int64_t totalBytesExpectedToSend) override;
+    void didReceiveData(const std::shared_ptr<ZNVURLSession>& session,
+                        const std::shared_ptr<ZNVURLSessionDataTask>& dataTask,
+                        const ZNVBytes& data) override;
+    void didResumeAtOffset(const std::shared_ptr<ZNVURLSession>& session,
+                           const std::shared_ptr<ZNVURLSessionDownloadTask>& downloadTask,
+                           int64_t fileOffset, int64_t expectedTotalBytes) override;
+    void didWriteData(const std::shared_ptr<ZNVURLSession>& session,
+                      const std::shared_ptr<ZNVURLSessionDownloadTask>& downloadTask,
+                      int64_t bytesWritten, int64_t totalBytesWritten,
+                      int64_t totalBytesExpectedToWrite) override;
+    void didFinishDownloadingToURL(const std::shared_ptr<ZNVURLSession>& session,
+                                   const std::shared_ptr<ZNVURLSessionDownloadTask>& downloadTask,
+                                   const ZNVURL& location) override;
+
+    void record(SessionEvent event);
+    std::vector<SessionEvent> events() const;
+    std::vector<SessionEvent> eventsFor(uint64_t task) const;
+    // The completion of a task, waiting up to `seconds` for it.
+    std::optional<SessionEvent> waitForCompletion(uint64_t task, int seconds = 30) const;
+    bool waitForInvalid(int seconds = 30) const;
+    size_t completedCount() const;
+    int64_t totalWritten(uint64_t task) const;
+    int64_t totalSent(uint64_t task) const;
+
+    // Where the last finished download was found (before it was moved), and
+    // whether it was private (mode 0600) at that moment.
+    std::string lastLocation() const;
+    bool lastLocationWasPrivate() const;
+
+  private:
+    bool onQueue() const;
+
+    const std::string downloadDirectory_;
+    std::shared_ptr<ZNVOperationQueue> queue_;
+    std::atomic<bool> movesDownloads_{true};
+    mutable std::mutex mutex_;  // guards the members below
+    std::vector<SessionEvent> events_;
+    std::string lastLocation_;
+    bool lastLocationPrivate_ = false;
+};
+
+// A loopback HTTP server for the cases the emulator has no rule for.
+class LocalServer {
+  public:
+    LocalServer();
+    ~LocalServer();
+    std::string url(const std::string& path) const;
+    // "/payload": `payloadSize` bytes with ETag and Accept-Ranges; with
+    // `dropAfter` > 0 a full answer stops after that many bytes (the
+    // connection closes short of its Content-Length).
+    std::string payload;
+    std::atomic<size_t> dropAfter{0};
+
+  private:
+    httplib::Server server_;
+    std::thread thread_;
+    int port_ = 0;
+};
+
+// The emulator as a process of its own (built beside the tests), for faults
+// that act on its connections: their socket handling then never touches this
+// process's descriptors.
+class ExternalEmulator {
+  public:
+    // Starts `znv-emulator --port 0` with the given fault rules (JSON texts).
+    explicit ExternalEmulator(const std::vector<std::string>& faults);
+    ~ExternalEmulator();
+    bool running() const { return port_ != 0; }
+    int port() const { return port_; }
+    std::string baseURL() const;
+
+  private:
+    pid_t pid_ = -1;
+    int port_ = 0;
+};
+
+// Creates an empty remote file on the emulator listening on `port`; returns its id.
+std::string createRemoteFile(int port, const std::string& name);
+// Puts `content` on the emulator as a complete file; returns its content URL.
+std::string putFileOnEmulator(emulator::Emulator& emulator, const std::string& content,
+                              std::string* fileId = nullptr);
+// Creates an empty remote file; returns its id.
+std::string createRemoteFile(emulator::Emulator& emulator, const std::string& name);
+// A port on 127.0.0.1 that nothing listens on.
+int closedPort();
+
+}  // namespace znv::test

@@ -1,0 +1,762 @@
+// The URL session against the storage emulator on loopback (and a tiny local
+// server for redirects and dropped downloads).
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <thread>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/support/test_support.h"
+#include "tests/url_session/session_harness.h"
+#include "znv/platform/filesystem.h"
+#include "znv/platform/url_session.h"
+#include "znv/platform/url_session_resume_data.h"
+
+namespace znv::test {
+namespace {
+
+using Kind = SessionEvent::Kind;
+using json = nlohmann::json;
+
+ZNVURL url(const std::string& text) {
+    return ZNVURL::fromString(text).value();
+}
+
+ZNVBytes bytes(const std::string& text) {
+    return ZNVBytes(text.begin(), text.end());
+}
+
+std::string pattern(size_t size, uint32_t seed) {
+    std::string text(size, '\0');
+    uint32_t x = seed * 2654435761u + 1;
+    for (size_t i = 0; i < size; ++i) {
+        x = x * 1664525u + 1013904223u;
+        text[i] = static_cast<char>(x >> 24);
+    }
+    return text;
+}
+
+int64_t errorCode(const std::optional<SessionEvent>& completion) {
+    if (!completion) return 1;  // never completed
+    return completion->error ? completion->error->code() : 0;
+}
+
+class URLSessionTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string error;
+        ASSERT_TRUE(emulator_.start(&error)) << error;
+        downloads_ = makeTempDir("downloads");
+        queue_ = std::make_shared<ZNVOperationQueue>("delegate");
+        delegate_ = std::make_shared<RecordingDelegate>(downloads_);
+        delegate_->setQueue(queue_);
+    }
+
+    void TearDown() override {
+        if (session_ && !session_->isInvalidated()) {
+            session_->invalidateAndCancel();
+            EXPECT_TRUE(delegate_->waitForInvalid());
+        }
+        queue_->waitUntilAllOperationsAreFinished();
+    }
+
+    std::shared_ptr<ZNVURLSession> makeSession(
+        ZNVURLSessionConfiguration configuration =
+            ZNVURLSessionConfiguration::defaultSessionConfiguration()) {
+        session_ = ZNVURLSession::create(configuration, delegate_, queue_);
+        return session_;
+    }
+
+    ZNVURLRequest apiRequest(const std::string& method, const std::string& path) {
+        ZNVURLRequest request(url(emulator_.baseURL() + path));
+        request.setHTTPMethod(method);
+        request.setValue("Bearer dev-token", "Authorization");
+        request.setValue("application/json", "Accept");
+        return request;
+    }
+
+    // The request log entries for one method and path prefix.
+    std::vector<json> logged(const std::string& method, const std::string& pathPrefix) {
+        std::vector<json> found;
+        for (const auto& entry : emulator_.requestLog()) {
+            if (entry.value("method", "") == method &&
+                entry.value("path", "").rfind(pathPrefix, 0) == 0) {
+                found.push_back(entry);
+            }
+        }
+        return found;
+    }
+
+    std::string loggedHeader(const json& entry, const std::string& name) {
+        for (const auto& [key, value] : entry.at("headers").items()) {
+            if (strcasecmp(key.c_str(), name.c_str()) == 0) return value.get<std::string>();
+        }
+        return {};
+    }
+
+    emulator::Emulator emulator_;
+    std::string downloads_;
+    std::shared_ptr<ZNVOperationQueue> queue_;
+    std::shared_ptr<RecordingDelegate> delegate_;
+    std::shared_ptr<ZNVURLSession> session_;
+};
+
+TEST_F(URLSessionTest, DataTasksCarryRequestsAndDeliverResponseAndWholeBody) {
+    auto session = makeSession();
+    std::string id = createRemoteFile(emulator_, "first.bin");
+    emulator_.clearRequestLog();
+
+    auto get = session->dataTaskWithRequest(apiRequest("GET", "files/" + id));
+    ZNVURLRequest post = apiRequest("POST", "files");
+    std::string parameters = json{{"fileName", "second.bin"}}.dump();
+    post.setHTTPBody(bytes(parameters));
+    post.setValue("application/json", "content-type");
+    auto create = session->dataTaskWithRequest(post);
+    ASSERT_TRUE(get && create);
+    EXPECT_EQ(get->taskIdentifier() + 1, create->taskIdentifier());
+    EXPECT_EQ(get->state(), ZNVURLSessionTaskStateSuspended);
+    EXPECT_EQ(create->originalRequest().valueForHTTPHeaderField("Content-Type"),
+              "application/json");
+
+    std::vector<int64_t> states;
+    std::mutex statesMutex;
+    get->addObserver("state", [&](const ZNVKeyValueChangeRecord&) {
+        std::lock_guard guard(statesMutex);
+        states.push_back(get->state());
+    });
+
+    // Nothing is sent for a suspended task.
+    queue_->waitUntilAllOperationsAreFinished();
+    EXPECT_TRUE(logged("GET", "/api/files/").empty());
+
+    get->resume();
+    create->resume();
+    auto fetched = delegate_->waitForCompletion(get->taskIdentifier());
+    auto created = delegate_->waitForCompletion(create->taskIdentifier());
+    ASSERT_EQ(errorCode(fetched), 0);
+    ASSERT_EQ(errorCode(created), 0);
+    EXPECT_EQ(fetched->a, ZNVURLSessionTaskStateCompleted);
+
+    auto response = get->response();
+    ASSERT_TRUE(response);
+    EXPECT_EQ(response->statusCode(), 200);
+    EXPECT_EQ(response->MIMEType(), "application/json");
+    EXPECT_EQ(response->URL().absoluteString(), emulator_.baseURL() + "files/" + id);
+    EXPECT_TRUE(response->valueForHTTPHeaderField("CONTENT-TYPE").has_value());
+    EXPECT_EQ(ZNVHTTPURLResponse::localizedStringForStatusCode(response->statusCode()), "no error");
+
+    // The body arrives once, whole, before the completion, on the delegate queue.
+    auto events = delegate_->eventsFor(get->taskIdentifier());
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0].kind, Kind::Data);
+    EXPECT_EQ(json::parse(events[0].text).at("fileId"), id);
+    EXPECT_EQ(events[1].kind, Kind::Completed);
+    for (const auto& event : delegate_->events())
+        EXPECT_TRUE(event.onDelegateQueue);
+    {
+        std::lock_guard guard(statesMutex);
+        EXPECT_EQ(states, (std::vector<int64_t>{ZNVURLSessionTaskStateRunning,
+                                                ZNVURLSessionTaskStateCompleted}));
+    }
+
+    // The in-memory body went out with its headers, and its progress was told.
+    EXPECT_EQ(create->response()->statusCode(), 201);
+    auto posts = logged("POST", "/api/files");
+    ASSERT_EQ(posts.size(), 1u);
+    EXPECT_EQ(posts[0].at("bodySize"), parameters.size());
+    EXPECT_EQ(loggedHeader(posts[0], "Authorization"), "Bearer dev-token");
+    EXPECT_EQ(loggedHeader(posts[0], "Content-Type"), "application/json");
+    EXPECT_EQ(delegate_->totalSent(create->taskIdentifier()),
+              static_cast<int64_t>(parameters.size()));
+    EXPECT_EQ(create->countOfBytesSent(), static_cast<int64_t>(parameters.size()));
+}
+
+TEST_F(URLSessionTest, HTTPErrorStatusIsDeliveredAsBodyWithoutError) {
+    auto session = makeSession();
+    std::string id = createRemoteFile(emulator_, "incomplete.bin");
+
+    // Assembling a file whose chunks never arrived: a 409 with a JSON answer,
+    // the body staged in a file as the library sends it.
+    std::string staged = makeTempDir("staged") + "/complete.json";
+    writeFile(staged, json{{"expectedChunks", {{{"index", 0}, {"sizeInBytes", 10}}}}}.dump());
+    ZNVURLRequest request = apiRequest("POST", "files/" + id + "/complete");
+    request.setValue("application/json", "Content-Type");
+    auto assemble = session->uploadTaskWithRequest(request, ZNVURL::fileURL(staged));
+    // A download of something that is not there: the error page is the file.
+    auto missing = session->downloadTaskWithURL(url(emulator_.rootURL() + "content/nothing"));
+    assemble->resume();
+    missing->resume();
+
+    auto assembled = delegate_->waitForCompletion(assemble->taskIdentifier());
+    ASSERT_EQ(errorCode(assembled), 0);
+    EXPECT_EQ(assemble->response()->statusCode(), 409);
+    EXPECT_EQ(ZNVHTTPURLResponse::localizedStringForStatusCode(409), "conflict");
+    auto events = delegate_->eventsFor(assemble->taskIdentifier());
+    auto data = std::find_if(events.begin(), events.end(),
+                             [](const SessionEvent& event) { return event.kind == Kind::Data; });
+    ASSERT_NE(data, events.end());
+    EXPECT_TRUE(json::parse(data->text).contains("missingChunks")) << data->text;
+    EXPECT_EQ(logged("POST", "/api/files/" + id + "/complete").at(0).at("bodySize"),
+              readFile(staged).size());
+
+    auto fetched = delegate_->waitForCompletion(missing->taskIdentifier());
+    ASSERT_EQ(errorCode(fetched), 0);
+    EXPECT_EQ(missing->response()->statusCode(), 404);
+    auto finished = delegate_->eventsFor(missing->taskIdentifier());
+    ASSERT_GE(finished.size(), 2u);
+    EXPECT_EQ(finished[finished.size() - 2].kind, Kind::Finished);
+    EXPECT_NE(readFile(finished[finished.size() - 2].text).find("no content"), std::string::npos);
+}
+
+TEST_F(URLSessionTest, UploadStreamsFileWithThrottledProgress) {
+    auto session = makeSession();
+    const uint64_t size = 8 << 20;
+    std::string source = makeTempDir("upload") + "/source.bin";
+    writePatternFile(source, size, 7);
+    std::string id = createRemoteFile(emulator_, "source.bin");
+
+    ZNVURLRequest request = apiRequest("PUT", "files/" + id + "/fullfile");
+    request.setValue("application/octet-stream", "Content-Type");
+    auto task = session->uploadTaskWithRequest(request, ZNVURL::fileURL(source));
+    EXPECT_EQ(task->countOfBytesExpectedToSend(), static_cast<int64_t>(size));
+    auto started = std::chrono::steady_clock::now();
+    task->resume();
+    auto completion = delegate_->waitForCompletion(task->taskIdentifier(), 60);
+    auto elapsed = std::chrono::steady_clock::now() - started;
+    ASSERT_EQ(errorCode(completion), 0);
+    EXPECT_EQ(task->response()->statusCode(), 200);
+    EXPECT_EQ(task->countOfBytesSent(), static_cast<int64_t>(size));
+
+    // Progress adds up, only grows, ends at the size, and is throttled.
+    int64_t sum = 0;
+    int64_t last = 0;
+    size_t callbacks = 0;
+    bool sawData = false;
+    for (const auto& event : delegate_->eventsFor(task->taskIdentifier())) {
+        if (event.kind == Kind::Data) sawData = true;
+        if (event.kind != Kind::Sent) continue;
+        EXPECT_FALSE(sawData) << "progress after the body";
+        ++callbacks;
+        sum += event.a;
+        EXPECT_GT(event.b, last);
+        EXPECT_EQ(event.c, static_cast<int64_t>(size));
+        last = event.b;
+    }
+    EXPECT_EQ(sum, static_cast<int64_t>(size));
+    EXPECT_EQ(last, static_cast<int64_t>(size));
+    auto tenths = std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count() / 100;
+    EXPECT_LE(callbacks, size / (64 * 1024) + static_cast<size_t>(tenths) + 2);
+    EXPECT_TRUE(sawData);
+
+    // What the emulator stored is the file.
+    httplib::Client client("127.0.0.1", emulator_.port());
+    auto content = client.Get(("/content/" + id).c_str());
+    ASSERT_TRUE(content);
+    EXPECT_TRUE(content->body == readFile(source));
+}
+
+TEST_F(URLSessionTest, HeavyUploadOf512MiBKeepsMemoryFlat) {
+    auto session = makeSession();
+    const uint64_t size = 512ull << 20;
+    std::string source = makeTempDir("heavy") + "/big.bin";
+    writePatternFile(source, size, 11);
+    std::string id = createRemoteFile(emulator_, "big.bin");
+    std::string target = emulator_.baseURL() + "files/" + id + "/fullfile";
+
+    ZNVURLRequest request(url(target));
+    request.setHTTPMethod("PUT");
+    request.setValue("Bearer dev-token", "Authorization");
+    request.setValue("application/octet-stream", "Content-Type");
+    auto task = session->uploadTaskWithRequest(request, ZNVURL::fileURL(source));
+    uint64_t before = currentRSS();
+    uint64_t highest = before;
+    auto started = std::chrono::steady_clock::now();
+    task->resume();
+    bool done = waitFor(
+        [&] {
+            highest = std::max(highest, currentRSS());
+            return task->state() == ZNVURLSessionTaskStateCompleted;
+        },
+        std::chrono::minutes(5));
+    double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    ASSERT_TRUE(done);
+    ASSERT_FALSE(task->error()) << task->error()->description();
+    EXPECT_EQ(task->response()->statusCode(), 200);
+    double growth = static_cast<double>(highest - before) / (1 << 20);
+    double rate = static_cast<double>(size) / (1 << 20) / seconds;
+    std::printf(
+        "[ heavy    ] 512 MiB upload: %.1f MiB/s, resident memory %.1f MiB before, "
+        "at most %.1f MiB during (+%.1f MiB)\n",
+        rate, static_cast<double>(before) / (1 << 20), static_cast<double>(highest) / (1 << 20),
+        growth);
+    // The emulator runs in this process and streams the body to disk too.
+    EXPECT_LT(growth, 48.0);
+
+    // The same file with the command-line client against the same emulator.
+    std::string second = createRemoteFile(emulator_, "big-curl.bin");
+    std::string command = "curl -s -o /dev/null -w '%{http_code}' -T '" + source +
+                          "' -H 'Authorization: Bearer dev-token' "
+                          "-H 'Content-Type: application/octet-stream' '" +
+                          emulator_.baseURL() + "files/" + second + "/fullfile'";
+    auto curlStarted = std::chrono::steady_clock::now();
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe != nullptr) {
+        char status[8] = {};
+        size_t n = std::fread(status, 1, sizeof(status) - 1, pipe);
+        int exit = pclose(pipe);
+        double curlSeconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - curlStarted).count();
+        if (exit == 0 && n > 0) {
+            std::printf("[ heavy    ] same file with curl -T: %.1f MiB/s (HTTP %s)\n",
+                        static_cast<double>(size) / (1 << 20) / curlSeconds, status);
+        }
+    }
+}
+
+TEST_F(URLSessionTest, DownloadReportsProgressAndHandsOverAPrivateFile) {
+    auto session = makeSession();
+    std::string content = pattern(3 << 20, 3);
+    std::string source = putFileOnEmulator(emulator_, content);
+
+    auto task = session->downloadTaskWithURL(url(source));
+    task->resume();
+    auto completion = delegate_->waitForCompletion(task->taskIdentifier());
+    ASSERT_EQ(errorCode(completion), 0);
+
+    auto events = delegate_->eventsFor(task->taskIdentifier());
+    int64_t last = 0;
+    for (const auto& event : events) {
+        if (event.kind != Kind::Written) continue;
+        EXPECT_EQ(event.b - last, event.a);
+        EXPECT_EQ(event.c, static_cast<int64_t>(content.size()));
+        last = event.b;
+    }
+    EXPECT_EQ(last, static_cast<int64_t>(content.size()));
+    ASSERT_GE(events.size(), 3u);
+    EXPECT_EQ(events[events.size() - 2].kind, Kind::Finished);
+    EXPECT_TRUE(readFile(events[events.size() - 2].text) == content);
+    EXPECT_TRUE(delegate_->lastLocationWasPrivate());
+    EXPECT_EQ(ZNVURL::fileURL(delegate_->lastLocation()).deletingLastPathComponent().path(),
+              ZNVPrivateTemporaryDirectory());
+
+    // A file the delegate leaves in place is removed once the callback returns.
+    delegate_->setMovesDownloads(false);
+    auto again = session->downloadTaskWithURL(url(source));
+    again->resume();
+    ASSERT_EQ(errorCode(delegate_->waitForCompletion(again->taskIdentifier())), 0);
+    std::string left = delegate_->lastLocation();
+    EXPECT_NE(left, "");
+    struct stat info {};
+    EXPECT_NE(stat(left.c_str(), &info), 0) << left << " is still there";
+}
+
+class ResumeTest : public URLSessionTest {
+  protected:
+    // Starts a slow download of `content` and cancels it with resume data
+    // once some of it has arrived.
+    ZNVBytes cancelMidway(const std::string& source, size_t contentSize) {
+        emulator_.addFault({{"method", "GET"},
+                            {"path", "/content/*"},
+                            {"action", "throttle"},
+                            {"bytesPerSecond", 1 << 20},
+                            {"times", 1}});
+        auto task = session_->downloadTaskWithURL(url(source));
+        task->resume();
+        EXPECT_TRUE(waitFor([&] { return delegate_->totalWritten(task->taskIdentifier()) > 0; }));
+
+        ZNVBytes resumeData;
+        std::atomic<bool> handled{false};
+        task->cancelByProducingResumeData([&](const ZNVBytes& data) {
+            resumeData = data;
+            delegate_->record({Kind::ResumeData,
+                               task->taskIdentifier(),
+                               static_cast<int64_t>(data.size()),
+                               0,
+                               0,
+                               queue_->isCurrent(),
+                               nullptr,
+                               {}});
+            handled = true;
+        });
+        EXPECT_GE(task->state(), ZNVURLSessionTaskStateCanceling);
+        auto completion = delegate_->waitForCompletion(task->taskIdentifier());
+        EXPECT_TRUE(handled.load());
+        EXPECT_EQ(errorCode(completion), NSURLErrorCancelled);
+        if (completion && completion->error) {
+            EXPECT_EQ(completion->error->stringValue(NSURLErrorFailingURLStringErrorKey), source);
+        }
+        auto events = delegate_->eventsFor(task->taskIdentifier());
+        EXPECT_EQ(events[events.size() - 2].kind, Kind::ResumeData);
+        EXPECT_TRUE(events[events.size() - 2].onDelegateQueue);
+        EXPECT_FALSE(resumeData.empty());
+        auto info = ZNVURLSessionResumeData::decode(resumeData);
+        EXPECT_TRUE(info && info->bytesReceived > 0 &&
+                    info->bytesReceived < static_cast<int64_t>(contentSize));
+        return resumeData;
+    }
+};
+
+TEST_F(ResumeTest, CancelledDownloadResumesWithARangeToAnIdenticalFile) {
+    makeSession();
+    std::string content = pattern(2 << 20, 5);
+    std::string source = putFileOnEmulator(emulator_, content);
+    ZNVBytes resumeData = cancelMidway(source, content.size());
+    int64_t offset = ZNVURLSessionResumeData::decode(resumeData)->bytesReceived;
+    emulator_.clearRequestLog();
+
+    auto resumed = session_->downloadTaskWithResumeData(resumeData);
+    ASSERT_TRUE(resumed);
+    EXPECT_EQ(resumed->originalRequest().URL().absoluteString(), source);
+    resumed->resume();
+    ASSERT_EQ(errorCode(delegate_->waitForCompletion(resumed->taskIdentifier())), 0);
+    EXPECT_EQ(resumed->response()->statusCode(), 206);
+
+    auto events = delegate_->eventsFor(resumed->taskIdentifier());
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(events.front().kind, Kind::Resumed);
+    EXPECT_EQ(events.front().a, offset);
+    EXPECT_EQ(events.front().c, static_cast<int64_t>(content.size()));
+    EXPECT_EQ(delegate_->totalWritten(resumed->taskIdentifier()),
+              static_cast<int64_t>(content.size()));
+    EXPECT_TRUE(readFile(downloads_ + "/task-" + std::to_string(resumed->taskIdentifier())) ==
+                content);
+
+    auto requests = logged("GET", "/content/");
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(loggedHeader(requests[0], "Range"), "bytes=" + std::to_string(offset) + "-");
+    EXPECT_FALSE(loggedHeader(requests[0], "If-Range").empty());
+    EXPECT_EQ(requests[0].at("status"), 206);
+}
+
+TEST_F(ResumeTest, ResumingAgainstAChangedFileStartsOver) {
+    makeSession();
+    std::string content = pattern(2 << 20, 6);
+    std::string source = putFileOnEmulator(emulator_, content);
+    ZNVBytes resumeData = cancelMidway(source, content.size());
+
+    // The validator no longer matches, as after the file changed on the server.
+    auto info = ZNVURLSessionResumeData::decode(resumeData).value();
+    info.etag = "\"changed\"";
+    info.lastModified.clear();
+    emulator_.clearRequestLog();
+
+    auto resumed = session_->downloadTaskWithResumeData(ZNVURLSessionResumeData::encode(info));
+    resumed->resume();
+    ASSERT_EQ(errorCode(delegate_->waitForCompletion(resumed->taskIdentifier())), 0);
+    EXPECT_EQ(resumed->response()->statusCode(), 200);
+    auto events = delegate_->eventsFor(resumed->taskIdentifier());
+    EXPECT_EQ(events.front().kind, Kind::Resumed);
+    EXPECT_EQ(events.front().a, 0);
+    EXPECT_TRUE(readFile(downloads_ + "/task-" + std::to_string(resumed->taskIdentifier())) ==
+                content);
+    auto requests = logged("GET", "/content/");
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(loggedHeader(requests[0], "If-Range"), "\"changed\"");
+    EXPECT_EQ(requests[0].at("status"), 200);
+}
+
+TEST_F(URLSessionTest, TransportFailuresBecomeURLErrorsWithTheFailingURL) {
+    // An emulator that holds one request unanswered and resets the connection
+    // of another after 1 MiB of its body.
+    ExternalEmulator faulty(
+        {R"({"method": "GET", "path": "/api/files/stalled", "action": "stall"})",
+         R"({"method": "PUT", "path": "/api/files/*/fullfile", "action": "reset",
+             "afterBytes": 1048576})"});
+    ASSERT_TRUE(faulty.running());
+    ZNVURLSessionConfiguration configuration =
+        ZNVURLSessionConfiguration::defaultSessionConfiguration();
+    configuration.timeoutIntervalForRequest = 0.5;
+    auto session = makeSession(configuration);
+    auto request = [&](const std::string& method, const std::string& path) {
+        ZNVURLRequest request(url(faulty.baseURL() + path));
+        request.setHTTPMethod(method);
+        request.setValue("Bearer dev-token", "Authorization");
+        return request;
+    };
+
+    std::string refusedURL = "http://127.0.0.1:" + std::to_string(closedPort()) + "/x";
+    auto refused = session->dataTaskWithRequest(ZNVURLRequest(url(refusedURL)));
+    auto stalled = session->dataTaskWithRequest(request("GET", "files/stalled"));
+    std::string source = makeTempDir("reset") + "/source.bin";
+    writePatternFile(source, 4 << 20, 9);
+    std::string id = createRemoteFile(faulty.port(), "reset.bin");
+    auto reset = session->uploadTaskWithRequest(request("PUT", "files/" + id + "/fullfile"),
+                                                ZNVURL::fileURL(source));
+    // Not something this engine speaks, and a body file that is not there.
+    auto unsupported = session->dataTaskWithRequest(ZNVURLRequest(url("ftp://127.0.0.1/x")));
+    auto unreadable = session->uploadTaskWithRequest(request("PUT", "files/" + id + "/fullfile"),
+                                                     ZNVURL::fileURL(source + ".missing"));
+
+    auto started = std::chrono::steady_clock::now();
+    for (const auto& task : std::vector<std::shared_ptr<ZNVURLSessionTask>>{
+             refused, stalled, reset, unsupported, unreadable}) {
+        task->resume();
+    }
+    auto refusal = delegate_->waitForCompletion(refused->taskIdentifier());
+    EXPECT_EQ(errorCode(refusal), NSURLErrorCannotConnectToHost);
+    ASSERT_TRUE(refusal && refusal->error);
+    EXPECT_EQ(refusal->error->stringValue(NSURLErrorFailingURLStringErrorKey), refusedURL);
+    EXPECT_NE(refusal->error->value(NSURLErrorFailingURLErrorKey), nullptr);
+    EXPECT_FALSE(refusal->error->localizedDescription().empty());
+
+    auto timeout = delegate_->waitForCompletion(stalled->taskIdentifier());
+    EXPECT_EQ(errorCode(timeout), NSURLErrorTimedOut);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
+
+    EXPECT_EQ(errorCode(delegate_->waitForCompletion(reset->taskIdentifier())),
+              NSURLErrorNetworkConnectionLost);
+    EXPECT_EQ(errorCode(delegate_->waitForCompletion(unsupported->taskIdentifier())),
+              NSURLErrorUnsupportedURL);
+    EXPECT_EQ(errorCode(delegate_->waitForCompletion(unreadable->taskIdentifier())),
+              NSURLErrorCannotOpenFile);
+    for (const auto& task : {refused, stalled, unsupported})
+        EXPECT_EQ(task->response(), nullptr);
+
+    ZNVErrorRef error;
+    EXPECT_EQ(session->downloadTaskWithResumeData(bytes("{\"URL\": 1}"), &error), nullptr);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), NSURLErrorDomain);
+}
+
+TEST_F(URLSessionTest, DownloadDroppedMidwayCarriesResumeDataInItsError) {
+    LocalServer server;
+    server.payload = pattern(1 << 20, 8);
+    server.dropAfter = 300 * 1024;
+    auto session = makeSession();
+
+    auto task = session->downloadTaskWithURL(url(server.url("/payload")));
+    task->resume();
+    auto failure = delegate_->waitForCompletion(task->taskIdentifier());
+    ASSERT_EQ(errorCode(failure), NSURLErrorNetworkConnectionLost);
+    const auto* value = failure->error->value(NSURLSessionDownloadTaskResumeData);
+    ASSERT_NE(value, nullptr);
+    ZNVBytes resumeData = std::get<ZNVBytes>(*value);
+
+    server.dropAfter = 0;
+    auto resumed = session->downloadTaskWithResumeData(resumeData);
+    resumed->resume();
+    ASSERT_EQ(errorCode(delegate_->waitForCompletion(resumed->taskIdentifier())), 0);
+    EXPECT_EQ(resumed->response()->statusCode(), 206);
+    auto events = delegate_->eventsFor(resumed->taskIdentifier());
+    EXPECT_EQ(events.front().kind, Kind::Resumed);
+    EXPECT_GT(events.front().a, 0);
+    EXPECT_TRUE(readFile(downloads_ + "/task-" + std::to_string(resumed->taskIdentifier())) ==
+                server.payload);
+}
+
+TEST_F(URLSessionTest, RedirectsAreFollowedOnlyToHTTP) {
+    LocalServer server;
+    server.payload = pattern(1000, 4);
+    ZNVURLSessionConfiguration configuration =
+        ZNVURLSessionConfiguration::defaultSessionConfiguration();
+    configuration.maximumInMemoryBodyBytes = 999;
+    auto session = makeSession(configuration);
+
+    auto followed = session->downloadTaskWithURL(url(server.url("/to-payload")));
+    auto toFile = session->dataTaskWithRequest(ZNVURLRequest(url(server.url("/to-file"))));
+    // One byte over what a data task may keep in memory.
+    auto oversized = session->dataTaskWithRequest(ZNVURLRequest(url(server.url("/payload"))));
+    followed->resume();
+    toFile->resume();
+    oversized->resume();
+
+    ASSERT_EQ(errorCode(delegate_->waitForCompletion(followed->taskIdentifier())), 0);
+    EXPECT_EQ(followed->response()->URL().absoluteString(), server.url("/payload"));
+    EXPECT_EQ(errorCode(delegate_->waitForCompletion(toFile->taskIdentifier())),
+              NSURLErrorUnsupportedURL);
+    EXPECT_EQ(errorCode(delegate_->waitForCompletion(oversized->taskIdentifier())),
+              NSURLErrorDataLengthExceedsMaximum);
+    for (const auto& event : delegate_->eventsFor(oversized->taskIdentifier())) {
+        EXPECT_NE(event.kind, Kind::Data) << "a partial body was delivered";
+    }
+}
+
+TEST_F(URLSessionTest, ManyConcurrentTasksKeepTheirCallbacksInOrderOnTheQueue) {
+    auto session = makeSession();
+    std::vector<std::string> sources;
+    for (int i = 0; i < 3; ++i)
+        sources.push_back(putFileOnEmulator(emulator_, pattern(200000, i)));
+    std::string id = createRemoteFile(emulator_, "listed.bin");
+    std::string small = makeTempDir("small") + "/small.bin";
+    writePatternFile(small, 300000, 2);
+    std::vector<std::string> uploadIds;
+    for (int i = 0; i < 8; ++i)
+        uploadIds.push_back(createRemoteFile(emulator_, "u.bin"));
+
+    // Four threads make and start tasks at once.
+    std::mutex tasksMutex;
+    std::vector<std::shared_ptr<ZNVURLSessionTask>> tasks;
+    std::vector<std::thread> makers;
+    for (int t = 0; t < 4; ++t) {
+        makers.emplace_back([&, t] {
+            for (int i = 0; i < 6; ++i) {
+                std::shared_ptr<ZNVURLSessionTask> task;
+                switch ((t * 6 + i) % 3) {
+                    case 0:
+                        task = session->downloadTaskWithURL(url(sources[i % 3]));
+                        break;
+                    case 1:
+                        task = session->dataTaskWithRequest(apiRequest("GET", "files/" + id));
+                        break;
+                    default:
+                        task = session->uploadTaskWithRequest(
+                            apiRequest("PUT", "files/" + uploadIds[(t * 6 + i) / 3] + "/fullfile"),
+                            ZNVURL::fileURL(small));
+                }
+                task->resume();
+                std::lock_guard guard(tasksMutex);
+                tasks.push_back(task);
+            }
+        });
+    }
+    for (auto& maker : makers)
+        maker.join();
+    ASSERT_TRUE(waitFor([&] { return delegate_->completedCount() == tasks.size(); },
+                        std::chrono::seconds(60)));
+
+    std::set<uint64_t> identifiers;
+    for (const auto& task : tasks) {
+        identifiers.insert(task->taskIdentifier());
+        auto events = delegate_->eventsFor(task->taskIdentifier());
+        ASSERT_FALSE(events.empty());
+        EXPECT_EQ(events.back().kind, Kind::Completed) << task->description();
+        EXPECT_FALSE(events.back().error) << events.back().error->description();
+        int bodies = 0;
+        for (size_t i = 0; i + 1 < events.size(); ++i) {
+            EXPECT_NE(events[i].kind, Kind::Completed);
+            bodies += events[i].kind == Kind::Data || events[i].kind == Kind::Finished;
+        }
+        EXPECT_EQ(bodies, 1) << task->description();
+        if (task->kind() == ZNVURLSessionTask::Kind::Upload) {
+            EXPECT_EQ(delegate_->totalSent(task->taskIdentifier()), 300000);
+        }
+    }
+    EXPECT_EQ(identifiers.size(), tasks.size());
+    EXPECT_EQ(*identifiers.begin(), 1u);
+    EXPECT_EQ(*identifiers.rbegin(), tasks.size());
+    for (const auto& event : delegate_->events())
+        EXPECT_TRUE(event.onDelegateQueue);
+}
+
+TEST_F(URLSessionTest, CancelFromAnotherThreadStopsARunningUpload) {
+    auto session = makeSession();
+    std::string source = makeTempDir("cancel") + "/source.bin";
+    writePatternFile(source, 4 << 20, 3);
+    std::string id = createRemoteFile(emulator_, "slow.bin");
+    emulator_.addFault({{"method", "PUT"}, {"action", "throttle"}, {"bytesPerSecond", 256 * 1024}});
+
+    auto never = session->dataTaskWithRequest(apiRequest("GET", "files/" + id));
+    auto task = session->uploadTaskWithRequest(apiRequest("PUT", "files/" + id + "/fullfile"),
+                                               ZNVURL::fileURL(source));
+    std::vector<int64_t> states;
+    std::mutex statesMutex;
+    task->addObserver("state", [&](const ZNVKeyValueChangeRecord&) {
+        std::lock_guard guard(statesMutex);
+        states.push_back(task->state());
+    });
+    task->resume();
+    ASSERT_TRUE(waitFor([&] { return task->countOfBytesSent() > 0; }));
+
+    auto cancelled = std::chrono::steady_clock::now();
+    std::thread([task] { task->cancel(); }).join();
+    never->cancel();
+    auto completion = delegate_->waitForCompletion(task->taskIdentifier());
+    EXPECT_LT(std::chrono::steady_clock::now() - cancelled, std::chrono::seconds(5));
+    ASSERT_EQ(errorCode(completion), NSURLErrorCancelled);
+    EXPECT_EQ(completion->error->stringValue(NSURLErrorFailingURLStringErrorKey),
+              emulator_.baseURL() + "files/" + id + "/fullfile");
+    EXPECT_EQ(errorCode(delegate_->waitForCompletion(never->taskIdentifier())),
+              NSURLErrorCancelled);
+    EXPECT_LT(task->countOfBytesSent(), 4 << 20);
+
+    // Neither a second cancel nor a resume revives it.
+    task->cancel();
+    task->resume();
+    never->resume();
+    queue_->waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(task->state(), ZNVURLSessionTaskStateCompleted);
+    EXPECT_EQ(delegate_->completedCount(), 2u);
+    EXPECT_TRUE(logged("GET", "/api/files/").empty());
+    std::lock_guard guard(statesMutex);
+    EXPECT_EQ(states,
+              (std::vector<int64_t>{ZNVURLSessionTaskStateRunning, ZNVURLSessionTaskStateCanceling,
+                                    ZNVURLSessionTaskStateCompleted}));
+}
+
+TEST_F(URLSessionTest, InvalidateAndCancelEndsEveryTaskThenTheSession) {
+    auto delegate = std::make_shared<RecordingDelegate>(downloads_);
+    delegate->setQueue(queue_);
+    auto session = ZNVURLSession::create(ZNVURLSessionConfiguration::defaultSessionConfiguration(),
+                                         delegate, queue_);
+    std::string source = putFileOnEmulator(emulator_, pattern(2 << 20, 1));
+    emulator_.addFault({{"method", "GET"}, {"action", "throttle"}, {"bytesPerSecond", 256 * 1024}});
+
+    auto running = session->downloadTaskWithURL(url(source));
+    auto suspended = session->dataTaskWithRequest(ZNVURLRequest(url(source)));
+    running->resume();
+    ASSERT_TRUE(waitFor([&] { return running->countOfBytesReceived() > 0; }));
+
+    std::atomic<int> listed{-1};
+    session->getTasksWithCompletionHandler(
+        [&](const auto& data, const auto& uploads, const auto& downloads) {
+            listed = static_cast<int>(data.size() * 100 + uploads.size() * 10 + downloads.size());
+        });
+    ASSERT_TRUE(waitFor([&] { return listed.load() >= 0; }));
+    EXPECT_EQ(listed.load(), 101);
+
+    session->invalidateAndCancel();
+    EXPECT_EQ(session->dataTaskWithRequest(ZNVURLRequest(url(source))), nullptr);
+    ASSERT_TRUE(delegate->waitForInvalid());
+    queue_->waitUntilAllOperationsAreFinished();
+
+    auto events = delegate->events();
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(events.back().kind, Kind::Invalid);
+    EXPECT_FALSE(events.back().error);
+    for (const auto& task : {std::shared_ptr<ZNVURLSessionTask>(running),
+                             std::shared_ptr<ZNVURLSessionTask>(suspended)}) {
+        auto completion = delegate->waitForCompletion(task->taskIdentifier(), 0);
+        EXPECT_EQ(errorCode(completion), NSURLErrorCancelled);
+        EXPECT_EQ(task->state(), ZNVURLSessionTaskStateCompleted);
+    }
+    // The session let go of its delegate and lists nothing any more.
+    EXPECT_EQ(session->delegate(), nullptr);
+    EXPECT_EQ(delegate.use_count(), 1);
+    listed = -1;
+    session->getTasksWithCompletionHandler(
+        [&](const auto& data, const auto& uploads, const auto& downloads) {
+            listed = static_cast<int>(data.size() + uploads.size() + downloads.size());
+        });
+    ASSERT_TRUE(waitFor([&] { return listed.load() >= 0; }));
+    EXPECT_EQ(listed.load(), 0);
+    EXPECT_EQ(delegate->events().size(), events.size());
+}
+
+TEST_F(URLSessionTest, FinishTasksAndInvalidateLetsRunningTasksEnd) {
+    auto session = makeSession();
+    std::string content = pattern(1 << 20, 2);
+    std::string source = putFileOnEmulator(emulator_, content);
+    emulator_.addFault({{"method", "GET"}, {"action", "throttle"}, {"bytesPerSecond", 2 << 20}});
+    auto task = session->downloadTaskWithURL(url(source));
+    task->resume();
+    session->finishTasksAndInvalidate();
+    EXPECT_EQ(session->downloadTaskWithURL(url(source)), nullptr);
+
+    ASSERT_TRUE(delegate_->waitForInvalid());
+    auto events = delegate_->events();
+    ASSERT_GE(events.size(), 3u);
+    EXPECT_EQ(events[events.size() - 2].kind, Kind::Completed);
+    EXPECT_FALSE(events[events.size() - 2].error);
+    EXPECT_EQ(events.back().kind, Kind::Invalid);
+    EXPECT_TRUE(readFile(downloads_ + "/task-" + std::to_string(task->taskIdentifier())) ==
+                content);
+}
+
+}  // namespace
+}  // namespace znv::test
