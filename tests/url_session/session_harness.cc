@@ -264,8 +264,20 @@ ExternalEmulator::ExternalEmulator(const std::vector<std::string>& faults) {
     }
     // Everything the child needs is made before fork: it may only exec.
     std::vector<char*> argv;
-    for (auto& argument : arguments) argv.push_back(argument.data());
+    for (auto& argument : arguments)
+        argv.push_back(argument.data());
     argv.push_back(nullptr);
+    // A sanitizer build of the emulator reports its own findings without
+    // stopping in the middle of a test of this process.
+    std::vector<std::string> environment;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        if (std::string(*entry).rfind("TSAN_OPTIONS=", 0) != 0) environment.push_back(*entry);
+    }
+    environment.push_back("TSAN_OPTIONS=halt_on_error=0");
+    std::vector<char*> envp;
+    for (auto& entry : environment)
+        envp.push_back(entry.data());
+    envp.push_back(nullptr);
     int pipeFds[2];
     if (pipe(pipeFds) != 0) return;
     pid_ = fork();
@@ -273,7 +285,7 @@ ExternalEmulator::ExternalEmulator(const std::vector<std::string>& faults) {
         dup2(pipeFds[1], STDOUT_FILENO);
         close(pipeFds[0]);
         close(pipeFds[1]);
-        execv(argv[0], argv.data());
+        execve(argv[0], argv.data(), envp.data());
         _exit(127);
     }
     close(pipeFds[1]);

@@ -651,13 +651,24 @@ void ZNVURLSession::Core::run() {
     // Every task has completed. Refuse further commands, tell the delegate,
     // then let go of the session.
     entries.clear();
+    std::deque<Command> late;
     {
         std::lock_guard guard(mutex);
         ioRunning = false;
         invalidated = true;
-        commands.clear();
+        late.swap(commands);
         curl_multi_cleanup(multi);
         multi = nullptr;
+    }
+    // A cancel that raced with the end still hears that there is nothing to
+    // resume from.
+    for (auto& command : late) {
+        if (command.type == Command::Type::Cancel && command.resumeDataHandler) {
+            post([handler = std::move(command.resumeDataHandler)](
+                     const std::shared_ptr<ZNVURLSession>&, ZNVURLSessionDelegate*) {
+                handler(ZNVBytes{});
+            });
+        }
     }
     post([](const std::shared_ptr<ZNVURLSession>& session, ZNVURLSessionDelegate* delegate) {
         if (delegate != nullptr) delegate->didBecomeInvalidWithError(session, nullptr);

@@ -1,0 +1,45 @@
+// Task tags and the chunk size: class-level helpers of the session manager
+// that read a session task alone.
+#include <string_view>
+
+#include "znv/foundation/network_utilities.h"
+#include "znv/session/network_session_manager.h"
+
+namespace znv {
+
+namespace {
+
+bool hasPrefix(std::string_view text, std::string_view prefix) {
+    return text.size() >= prefix.size() && text.compare(0, prefix.size(), prefix) == 0;
+}
+
+}  // namespace
+
+uint64_t ZNVNetworkSessionManager::maximumChunkSize() {
+    return 4194304;
+}
+
+std::optional<ZNVIndexSet> ZNVNetworkSessionManager::chunkIndicesForTask(
+    const std::shared_ptr<ZNVURLSessionTask>& task) {
+    if (!task) return std::nullopt;
+    std::string tag = task->taskDescription();
+    std::string_view prefix = ZNVSessionTaskTagChunkIndexPrefix;
+    if (!hasPrefix(tag, prefix)) return std::nullopt;
+    return ZNVNetworkUtilities_indicesFromString(tag.substr(prefix.size()));
+}
+
+bool ZNVNetworkSessionManager::taskHasAuthentication(
+    const std::shared_ptr<ZNVURLSessionTask>& task) {
+    if (!task) return false;
+    std::optional<std::string> authorization =
+        task->originalRequest().valueForHTTPHeaderField("Authorization");
+    return authorization && hasPrefix(*authorization, "Bearer ");
+}
+
+bool ZNVNetworkSessionManager::taskIsForDownload(const std::shared_ptr<ZNVURLSessionTask>& task) {
+    if (!task) return false;
+    std::string tag = task->taskDescription();
+    return tag == ZNVSessionTaskTagDownload || tag == ZNVSessionTaskTagResumeDownload;
+}
+
+}  // namespace znv

@@ -1,0 +1,80 @@
+// ZNVStoragePathManager: where the request bodies of chunk batches and of
+// assemble requests are staged, their writing, and their removal once the
+// session task that sent them has completed.
+//
+// Contract
+// - Staged files live in the private per-user temporary directory
+//   (`ZNVPrivateTemporaryDirectory`) under the name
+//   "ZNVStorageUpload-<configuration identifier>-<remote file ID>[-<first chunk
+//   index>].<extension>" with the extensions "chunk" (multipart batch body) and "json" (assemble
+//   body). Only the batch's smallest index enters the name; staging a name again replaces the old
+//   file.
+// - Staged files are created fresh with mode 0600; a symbolic link (or any
+//   other entry) planted at the name is removed, never followed.
+// - The manager holds no mutable state: any thread may call it. Staging runs
+//   on the thread of the service operation; removal on the session's
+//   callback queue.
+// - Failures come back through the error out-parameter; a partly written
+//   file is left in place until the name is staged again.
+#pragma once
+
+#include <memory>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+
+#include "znv/account/account_configuration.h"
+#include "znv/platform/error.h"
+#include "znv/platform/index_set.h"
+#include "znv/platform/url.h"
+#include "znv/upload/storage_chunk_writer.h"
+
+namespace znv {
+
+class ZNVURLSessionTask;
+
+class ZNVStoragePathManager;
+using ZNVStoragePathManagerRef = std::shared_ptr<const ZNVStoragePathManager>;
+
+class ZNVStoragePathManager {
+  public:
+    // Null when `configuration` is null.
+    static ZNVStoragePathManagerRef managerForConfiguration(
+        ZNVAccountConfigurationRef configuration);
+    explicit ZNVStoragePathManager(ZNVAccountConfigurationRef configuration);
+
+    const ZNVAccountConfigurationRef& configuration() const { return configuration_; }
+
+    // The staged file's URL. Checks, in order: a configuration (Cocoa 512
+    // "a configuration is required"), a non-empty remote file ID (URL -3003
+    // "empty file identifier"), a non-empty extension (Cocoa 514 "a file
+    // extension is required"). A remote file ID that is "." or "..", or that
+    // holds "/" or a NUL, cannot name a file (URL -3003).
+    std::optional<ZNVURL> uploadURLForRemoteFile(const std::string& remoteFileID,
+                                                 const std::optional<ZNVIndexSet>& chunkIndices,
+                                                 const std::string& extension,
+                                                 ZNVErrorRef* error = nullptr) const;
+
+    // Stages the writer's multipart body ("chunk"); the URL, or none.
+    std::optional<ZNVURL> createUploadFileForChunkWriter(
+        const ZNVStorageChunkWriter& writer, const std::string& remoteFileID,
+        ZNVErrorRef* error = nullptr,
+        ZNVStorageChunkWriter::CopyMode mode = ZNVStorageChunkWriter::CopyMode::Automatic,
+        ZNVStorageChunkWriter::CopyStatistics* statistics = nullptr) const;
+
+    // Stages a JSON document, compact ("json"); the URL, or none.
+    std::optional<ZNVURL> createUploadFileForChunkDescriptions(const nlohmann::json& document,
+                                                               const std::string& remoteFileID,
+                                                               ZNVErrorRef* error = nullptr) const;
+
+    // Removes what the task staged: the "json" file of an assemble request,
+    // the "chunk" file of a chunk batch, nothing for any other task. True
+    // unless the staged name could not be formed.
+    bool removeUploadFileForTask(const std::shared_ptr<ZNVURLSessionTask>& task,
+                                 ZNVErrorRef* error = nullptr) const;
+
+  private:
+    ZNVAccountConfigurationRef configuration_;
+};
+
+}  // namespace znv

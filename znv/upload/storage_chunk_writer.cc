@@ -1,0 +1,294 @@
+#include "znv/upload/storage_chunk_writer.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "znv/foundation/error_handler.h"
+#include "znv/platform/filesystem.h"
+#include "znv/platform/url_session.h"
+#include "znv/platform/uuid.h"
+
+namespace znv {
+
+namespace {
+
+constexpr const char* kCRLF = "\r\n";
+
+std::string descriptorPath(int fd) {
+    char buffer[4096];
+    ssize_t n = ::readlink(fmt::format("/proc/self/fd/{}", fd).c_str(), buffer, sizeof buffer);
+    return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : std::string();
+}
+
+// Writes all of `size` bytes; false with errno set on failure.
+bool writeAll(int fd, const void* bytes, size_t size) {
+    const auto* p = static_cast<const uint8_t*>(bytes);
+    while (size > 0) {
+        ssize_t n = ::write(fd, p, size);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (n == 0) errno = EIO;
+            return false;
+        }
+        p += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Whether a copy_file_range failure means "this pair cannot be copied
+// kernel-side" (as opposed to a real I/O error).
+bool kernelCopyUnsupported(int error) {
+    return error == EXDEV || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP ||
+           error == EBADF || error == ETXTBSY || error == EPERM || error == EOVERFLOW;
+}
+
+class BodyOutput {
+  public:
+    explicit BodyOutput(int fd) : fd_(fd) {}
+
+    bool writeString(const std::string& text) { return writeBytes(text.data(), text.size()); }
+    bool writeBytes(const void* bytes, size_t size) {
+        if (writeAll(fd_, bytes, size)) return true;
+        fail(errno);
+        return false;
+    }
+    void fail(int error) {
+        if (!error_)
+            error_ = ZNVFileErrorFromErrno(error, "failed to write", descriptorPath(fd_), true);
+    }
+    const ZNVErrorRef& error() const { return error_; }
+    int fd() const { return fd_; }
+
+  private:
+    int fd_;
+    ZNVErrorRef error_;
+};
+
+std::string partHeader(const std::string& boundary, uint64_t index) {
+    std::string text;
+    text += kCRLF;
+    text += "--";
+    text += boundary;
+    text += kCRLF;
+    text += "Content-Disposition: form-data";
+    text += fmt::format("; name={}; filename={}", fmt::format("\"chunkData.{}\"", index),
+                        fmt::format("\"{}.chunk\"", index));
+    text += kCRLF;
+    text += "Content-Type: application/octet-stream";
+    text += kCRLF;
+    text += kCRLF;
+    return text;
+}
+
+enum class KernelCopyResult { Copied, Unsupported, ShortSource, WriteFailed };
+
+// Copies the chunk's bytes from `source` to the output's current offset with
+// copy_file_range. A copy the kernel refuses part-way is finished with
+// positional reads and writes. On a short source the output is cut back to
+// where the part began.
+KernelCopyResult copyChunkKernelSide(int source, const ZNVStorageChunk& chunk, BodyOutput& output,
+                                     off_t partStart, uint64_t* kernelBytes,
+                                     uint64_t* bufferedBytes, bool* kernelUsable) {
+    off_t in = static_cast<off_t>(chunk.fileOffset());
+    uint64_t remaining = chunk.length();
+    while (remaining > 0 && *kernelUsable) {
+        ssize_t n =
+            ::copy_file_range(source, &in, output.fd(), nullptr,
+                              static_cast<size_t>(std::min<uint64_t>(remaining, 1u << 30)), 0);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            if (kernelCopyUnsupported(errno)) {
+                *kernelUsable = false;
+                if (remaining == chunk.length()) return KernelCopyResult::Unsupported;
+                break;
+            }
+            output.fail(errno);
+            return KernelCopyResult::WriteFailed;
+        }
+        if (n == 0) break;  // end of source, or a file system that copies nothing
+        remaining -= static_cast<uint64_t>(n);
+        *kernelBytes += static_cast<uint64_t>(n);
+    }
+    // Finish by hand whatever the kernel did not copy, a bounded buffer at a time.
+    std::vector<uint8_t> buffer;
+    while (remaining > 0) {
+        if (buffer.empty())
+            buffer.resize(static_cast<size_t>(std::min<uint64_t>(remaining, 1 << 20)));
+        size_t want = static_cast<size_t>(std::min<uint64_t>(remaining, buffer.size()));
+        ssize_t n = ::pread(source, buffer.data(), want, in);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        if (!output.writeBytes(buffer.data(), static_cast<size_t>(n))) {
+            return KernelCopyResult::WriteFailed;
+        }
+        in += n;
+        remaining -= static_cast<uint64_t>(n);
+        *bufferedBytes += static_cast<uint64_t>(n);
+    }
+    if (remaining == 0) return KernelCopyResult::Copied;
+    // The source shrank while it was copied: drop the partial part.
+    if (::ftruncate(output.fd(), partStart) != 0 ||
+        ::lseek(output.fd(), partStart, SEEK_SET) != partStart) {
+        output.fail(errno);
+        return KernelCopyResult::WriteFailed;
+    }
+    return KernelCopyResult::ShortSource;
+}
+
+}  // namespace
+
+ZNVStorageChunkWriterRef ZNVStorageChunkWriter::writerForChunks(
+    std::vector<ZNVStorageChunkRef> chunks, const ZNVURL& sourceURL) {
+    return std::make_shared<const ZNVStorageChunkWriter>(
+        std::move(chunks), sourceURL,
+        fmt::format("{}-{}", ZNVStorageChunkWriterBoundaryPrefix, ZNVUUIDString()));
+}
+
+ZNVStorageChunkWriter::ZNVStorageChunkWriter(std::vector<ZNVStorageChunkRef> chunks,
+                                             ZNVURL sourceURL, std::string boundaryToken)
+    : chunks_(std::move(chunks)),
+      sourceURL_(std::move(sourceURL)),
+      boundaryToken_(std::move(boundaryToken)) {}
+
+bool ZNVStorageChunkWriter::validate(ZNVErrorRef* error) const {
+    ZNVErrorRef failure;
+    if (boundaryToken_.empty()) {
+        failure = ZNVNetworkErrorHandler_createURLError(NSURLErrorUnknown,
+                                                        "internal error, missing boundary token");
+    } else if (!sourceURL_.isFileURL()) {
+        failure = ZNVNetworkErrorHandler_createURLError(NSURLErrorBadURL,
+                                                        "the upload source must be a local file");
+    } else if (chunks_.empty()) {
+        failure = ZNVNetworkErrorHandler_createCocoaError(NSFileReadNoSuchFileError,
+                                                          "no chunks specified");
+    } else {
+        for (const ZNVStorageChunkRef& chunk : chunks_) {
+            if (!chunk) {
+                failure = ZNVNetworkErrorHandler_createCocoaError(NSFileReadNoSuchFileError,
+                                                                  "bad chunk description");
+                break;
+            }
+            if (chunk->length() == 0) {
+                failure = ZNVNetworkErrorHandler_createCocoaError(
+                    NSFileReadNoSuchFileError,
+                    fmt::format("empty data for chunk index {}", chunk->index()));
+                break;
+            }
+        }
+    }
+    if (error) *error = failure;
+    return failure == nullptr;
+}
+
+std::optional<ZNVIndexSet> ZNVStorageChunkWriter::chunkIndices() const {
+    if (!validate()) return std::nullopt;
+    ZNVIndexSet indices;
+    for (const ZNVStorageChunkRef& chunk : chunks_)
+        indices.add(chunk->index());
+    return indices;
+}
+
+bool ZNVStorageChunkWriter::configureRequest(ZNVURLRequest* request, ZNVErrorRef* error) const {
+    if (!request) {
+        if (error)
+            *error = ZNVNetworkErrorHandler_createURLError(NSURLErrorBadURL, "empty request");
+        return false;
+    }
+    if (!validate(error)) return false;
+    request->setValue(fmt::format("multipart/form-data; boundary={}", boundaryToken_),
+                      "Content-Type");
+    return true;
+}
+
+bool ZNVStorageChunkWriter::writeMultiPartFormToOutput(int output, ZNVErrorRef* error) const {
+    return writeMultiPartFormToOutput(output, CopyMode::Automatic, nullptr, error);
+}
+
+bool ZNVStorageChunkWriter::writeMultiPartFormToOutput(int output, CopyMode mode,
+                                                       CopyStatistics* statistics,
+                                                       ZNVErrorRef* error) const {
+    if (output < 0) {
+        if (error) {
+            *error =
+                ZNVNetworkErrorHandler_createCocoaError(NSFileNoSuchFileError, "empty file handle");
+        }
+        return false;
+    }
+    if (!validate(error)) return false;
+    const std::string sourcePath = sourceURL_.path();
+    int source = ::open(sourcePath.c_str(), O_RDONLY | O_CLOEXEC);
+    if (source < 0) {
+        if (error) *error = ZNVFileErrorFromErrno(errno, "failed to open", sourcePath, false);
+        return false;
+    }
+
+    // Kernel-side copies need a regular output file written at its offset.
+    bool kernelUsable = false;
+    if (mode == CopyMode::Automatic) {
+        struct stat outputStat {};
+        int flags = ::fcntl(output, F_GETFL);
+        kernelUsable = ::fstat(output, &outputStat) == 0 && S_ISREG(outputStat.st_mode) &&
+                       flags >= 0 && (flags & O_APPEND) == 0;
+    }
+
+    CopyStatistics counted;
+    BodyOutput body(output);
+    ZNVErrorRef readError;
+    for (const ZNVStorageChunkRef& chunk : chunks_) {
+        if (kernelUsable) {
+            // Only copy kernel-side when the source holds the whole chunk, so
+            // that a short source fails before its part header is written,
+            // exactly as a buffered read would.
+            struct stat sourceStat {};
+            bool whole =
+                ::fstat(source, &sourceStat) == 0 && sourceStat.st_size >= 0 &&
+                static_cast<uint64_t>(sourceStat.st_size) >= chunk->fileOffset() &&
+                static_cast<uint64_t>(sourceStat.st_size) - chunk->fileOffset() >= chunk->length();
+            if (whole) {
+                off_t partStart = ::lseek(output, 0, SEEK_CUR);
+                if (partStart < 0) {
+                    kernelUsable = false;
+                } else {
+                    if (!body.writeString(partHeader(boundaryToken_, chunk->index()))) break;
+                    KernelCopyResult result = copyChunkKernelSide(
+                        source, *chunk, body, partStart, &counted.kernelCopiedBytes,
+                        &counted.bufferedBytes, &kernelUsable);
+                    if (result == KernelCopyResult::Copied) continue;
+                    if (result == KernelCopyResult::WriteFailed) break;
+                    if (result == KernelCopyResult::Unsupported) {
+                        // Nothing of the part's bytes was copied: write it by hand.
+                        if (::ftruncate(output, partStart) != 0 ||
+                            ::lseek(output, partStart, SEEK_SET) != partStart) {
+                            body.fail(errno);
+                            break;
+                        }
+                    }
+                    // ShortSource: the part was removed again; read it the
+                    // ordinary way below to report what is missing.
+                }
+            }
+        }
+        std::optional<ZNVBytes> data = chunk->extractDataFromFile(source, &readError);
+        if (!data) break;
+        if (!body.writeString(partHeader(boundaryToken_, chunk->index()))) break;
+        if (!body.writeBytes(data->data(), data->size())) break;
+        counted.bufferedBytes += data->size();
+    }
+    ::close(source);
+
+    std::string closing = std::string(kCRLF) + "--" + boundaryToken_ + "--" + kCRLF;
+    body.writeString(closing);
+    if (statistics) *statistics = counted;
+
+    ZNVErrorRef failure = readError ? readError : body.error();
+    if (error) *error = failure;
+    return failure == nullptr;
+}
+
+}  // namespace znv
