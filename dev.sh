@@ -18,7 +18,7 @@ ROOT=$(pwd)
 PACKAGES=(
   build-essential cmake ninja-build pkg-config ccache
   libcurl4-openssl-dev nlohmann-json3-dev libspdlog-dev libfmt-dev uuid-dev
-  libcli11-dev libcpp-httplib-dev
+  libcli11-dev libcpp-httplib-dev libssl-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev hyperfine curl
   iproute2
 )

@@ -18,6 +18,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -72,13 +73,20 @@ std::string contentTypeOf(const httplib::Request& req) {
     return req.get_header_value("Content-Type");
 }
 
-// The accepted socket that carries `req`, found by its two endpoints. httplib
-// does not hand its sockets to handlers; the faults that act on the connection
-// itself (reset, stall) need it.
-int findConnectionSocket(const httplib::Request& req) {
+// Calls `visit(fd, localPort, peerPort)` for every connected TCP socket of
+// this process, until it returns false. httplib does not hand its sockets to
+// handlers; the faults that act on a connection itself (reset, stall) and
+// `stop` find them by their endpoints.
+void forEachConnectedSocket(const std::function<bool(int, uint16_t, uint16_t)>& visit) {
     DIR* dir = opendir("/proc/self/fd");
-    if (!dir) return -1;
-    int found = -1;
+    if (!dir) return;
+    auto port = [](const sockaddr_storage& a) {
+        if (a.ss_family == AF_INET) return ntohs(reinterpret_cast<const sockaddr_in&>(a).sin_port);
+        if (a.ss_family == AF_INET6) {
+            return ntohs(reinterpret_cast<const sockaddr_in6&>(a).sin6_port);
+        }
+        return uint16_t{0};
+    };
     while (dirent* entry = readdir(dir)) {
         char* end = nullptr;
         long fd = std::strtol(entry->d_name, &end, 10);
@@ -91,20 +99,19 @@ int findConnectionSocket(const httplib::Request& req) {
             getpeername(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&peer), &peerLen)) {
             continue;
         }
-        auto port = [](const sockaddr_storage& a) {
-            if (a.ss_family == AF_INET)
-                return ntohs(reinterpret_cast<const sockaddr_in&>(a).sin_port);
-            if (a.ss_family == AF_INET6) {
-                return ntohs(reinterpret_cast<const sockaddr_in6&>(a).sin6_port);
-            }
-            return uint16_t{0};
-        };
-        if (port(local) == req.local_port && port(peer) == req.remote_port) {
-            found = static_cast<int>(fd);
-            break;
-        }
+        if (!visit(static_cast<int>(fd), port(local), port(peer))) break;
     }
     closedir(dir);
+}
+
+// The accepted socket that carries `req`, or -1.
+int findConnectionSocket(const httplib::Request& req) {
+    int found = -1;
+    forEachConnectedSocket([&](int fd, uint16_t localPort, uint16_t peerPort) {
+        if (localPort != req.local_port || peerPort != req.remote_port) return true;
+        found = fd;
+        return false;
+    });
     return found;
 }
 
@@ -184,6 +191,7 @@ class Emulator::Impl {
     std::unique_ptr<httplib::Server> server_;
     std::thread listener_;
     std::atomic<bool> stopping_{false};
+    std::atomic<bool> listenerDone_{false};  // set when listen_after_bind returned
     std::mutex wakeMutex_;
     std::condition_variable wake_;  // stalls and throttles wait on it
 
@@ -311,16 +319,33 @@ bool Emulator::Impl::start(std::string* error) {
     int port = 0;
     if (options_.port == 0) {
         port = svr.bind_to_any_port("127.0.0.1");
-        if (port <= 0) return fail("cannot listen on 127.0.0.1");
+        if (port <= 0) {
+            server_.reset();
+            return fail("cannot listen on 127.0.0.1");
+        }
     } else {
         if (!svr.bind_to_port("127.0.0.1", options_.port)) {
+            server_.reset();
             return fail("cannot listen on 127.0.0.1:" + std::to_string(options_.port) +
                         " (is it in use?)");
         }
         port = options_.port;
     }
     port_ = static_cast<uint16_t>(port);
-    listener_ = std::thread([this] { server_->listen_after_bind(); });
+    listenerDone_ = false;
+    listener_ = std::thread([this] {
+        server_->listen_after_bind();
+        {
+            std::lock_guard lock(wakeMutex_);
+            listenerDone_ = true;
+        }
+        wake_.notify_all();
+    });
+    // httplib's stop() does nothing until the server runs; a stop() right
+    // after start() must not leave the listener accepting for ever.
+    while (!server_->is_running() && !listenerDone_) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     return true;
 }
 
@@ -332,6 +357,19 @@ void Emulator::Impl::stop() {
     }
     wake_.notify_all();
     server_->stop();
+    // Workers keep idle keep-alive connections open for a few seconds before
+    // they notice the stop; shutting those connections down ends them now.
+    // Only sockets whose local port is ours are touched: those are the
+    // connections this server accepted.
+    const uint16_t port = port_.load();
+    while (listener_.joinable() && !listenerDone_) {
+        forEachConnectedSocket([&](int fd, uint16_t localPort, uint16_t) {
+            if (localPort == port) shutdown(fd, SHUT_RDWR);
+            return true;
+        });
+        std::unique_lock lock(wakeMutex_);
+        wake_.wait_for(lock, std::chrono::milliseconds(20), [&] { return listenerDone_.load(); });
+    }
     if (listener_.joinable()) listener_.join();
     server_.reset();
 }

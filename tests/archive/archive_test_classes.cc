@@ -1,5 +1,7 @@
 #include "archive_test_classes.h"
 
+#include <time.h>
+
 #include <mutex>
 
 namespace znv::test {
@@ -49,6 +51,12 @@ void TestSpecialNode::encodeWithCoder(ZNVCoder& coder) const {
 
 void TestOther::encodeWithCoder(ZNVCoder& coder) const {
     if (!coder.allowsKeyedCoding()) ZNVRaiseKeyedCodingOnly(className());
+}
+
+std::chrono::nanoseconds threadCpuTime() {
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return std::chrono::seconds(ts.tv_sec) + std::chrono::nanoseconds(ts.tv_nsec);
 }
 
 void registerTestClasses() {

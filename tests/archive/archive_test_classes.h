@@ -2,6 +2,7 @@
 // value kind, a subclass of it, and an unrelated class.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -49,5 +50,17 @@ class TestOther : public ZNVCoding {
 
 // Registers the classes above (idempotent).
 void registerTestClasses();
+
+// CPU time consumed by the calling thread. Timing budgets use it because the
+// machines running the tests are shared, and wall time would measure the
+// other processes too.
+std::chrono::nanoseconds threadCpuTime();
+
+// How much slower instrumented (sanitizer) builds are allowed to be.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr int kTimingAllowance = 10;
+#else
+inline constexpr int kTimingAllowance = 1;
+#endif
 
 }  // namespace znv::test

@@ -1,4 +1,5 @@
 #include <arpa/inet.h>
+#include <curl/curl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -374,6 +375,28 @@ TEST_F(ProtocolTest, RestartKnowsEveryFileAndChunk) {
     current_ = &third;
     EXPECT_EQ(get(root("content/" + chunkedId), {}).body, c0 + c1 + c2);
     EXPECT_EQ(get(api("files/" + chunkedId)).json()["isComplete"], true);
+}
+
+TEST_F(ProtocolTest, StopsPromptlyWithIdleConnectionsAndFreesItsPort) {
+    // A client that keeps its connection open after a request.
+    CURL* curl = curl_easy_init();
+    curl_easy_setopt(curl, CURLOPT_URL, api("files/x").c_str());
+    curl_easy_setopt(
+        curl, CURLOPT_WRITEFUNCTION, +[](char*, size_t s, size_t n, void*) { return s * n; });
+    ASSERT_EQ(curl_easy_perform(curl), CURLE_OK);
+    const uint16_t port = emulator_.port();
+
+    Emulator rival(EmulatorOptions{"", port, "dev-token", 1ull << 30});
+    std::string error;
+    EXPECT_FALSE(rival.start(&error));
+    EXPECT_NE(error.find(std::to_string(port)), std::string::npos) << error;
+
+    auto start = std::chrono::steady_clock::now();
+    emulator_.stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    curl_easy_cleanup(curl);
+    EXPECT_TRUE(rival.start(&error)) << error;
+    EXPECT_EQ(rival.port(), port);
 }
 
 TEST(ProtocolStartup, RefusesAnUnusableDataDirectory) {

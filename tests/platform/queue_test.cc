@@ -75,13 +75,15 @@ TEST(OperationQueue, KeepsEachPostersOrderAndNeverRunsTwoItemsAtOnce) {
 }
 
 TEST(OperationQueue, ItemsAddedByAnItemRunAfterItAndAreAwaited) {
-    ZNVOperationQueue queue("nested");
+    // Created suspended so that the sibling is queued before the parent runs.
+    ZNVOperationQueue queue("nested", /*suspended=*/true);
     std::vector<std::string> order;  // only touched on the queue
     queue.addOperation([&] {
         queue.addOperation([&] { order.push_back("child"); });
         order.push_back("parent");
     });
     queue.addOperation([&] { order.push_back("sibling"); });
+    queue.setSuspended(false);
     queue.waitUntilAllOperationsAreFinished();
     EXPECT_EQ(order, (std::vector<std::string>{"parent", "sibling", "child"}));
 }

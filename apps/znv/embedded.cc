@@ -1,0 +1,93 @@
+#include "apps/znv/embedded.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "apps/znv/paths.h"
+
+namespace znv::cli {
+namespace {
+
+uint16_t readRememberedPort(const std::string& dataDir) {
+    std::ifstream in(dataDir + ".port");
+    unsigned port = 0;
+    if (!(in >> port) || port == 0 || port > 65535) return 0;
+    return static_cast<uint16_t>(port);
+}
+
+}  // namespace
+
+EmbeddedEmulator::~EmbeddedEmulator() {
+    stop();
+}
+
+std::string EmbeddedEmulator::rememberedBaseURL(const std::string& dataDir) {
+    uint16_t port = readRememberedPort(dataDir);
+    if (port == 0) return {};
+    return "http://127.0.0.1:" + std::to_string(port) + "/api/";
+}
+
+bool EmbeddedEmulator::start(const std::string& dataDir, const std::string& token, uint16_t port,
+                             uint64_t maxFullFileBytes, std::string* error) {
+    stop();
+    std::string parent = std::filesystem::path(dataDir).parent_path().string();
+    if (std::string problem = ensureDirectory(parent.empty() ? "." : parent); !problem.empty()) {
+        *error = problem;
+        return false;
+    }
+    std::string lockPath = dataDir + ".lock";
+    lockFd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (lockFd_ < 0) {
+        *error = "cannot open " + lockPath + ": " + std::strerror(errno);
+        return false;
+    }
+    if (::flock(lockFd_, LOCK_EX | LOCK_NB) != 0) {
+        ::close(lockFd_);
+        lockFd_ = -1;
+        *error =
+            "another znv is using the emulator data in " + dataDir + " (stop it, or pass --server)";
+        return false;
+    }
+
+    emulator::EmulatorOptions options;
+    options.dataDir = dataDir;
+    options.token = token;
+    options.maxFullFileBytes = maxFullFileBytes;
+    uint16_t remembered = port == 0 ? readRememberedPort(dataDir) : 0;
+    std::string startError;
+    if (remembered != 0) {
+        options.port = remembered;
+        emulator_ = std::make_unique<emulator::Emulator>(options);
+        if (!emulator_->start(&startError)) emulator_.reset();
+    }
+    if (!emulator_) {
+        options.port = port;
+        emulator_ = std::make_unique<emulator::Emulator>(options);
+        if (!emulator_->start(&startError)) {
+            emulator_.reset();
+            stop();
+            *error = "cannot start the emulator: " + startError;
+            return false;
+        }
+    }
+    dataDir_ = dataDir;
+    std::ofstream(dataDir + ".port") << emulator_->port() << "\n";
+    return true;
+}
+
+void EmbeddedEmulator::stop() {
+    if (emulator_) emulator_->stop();
+    emulator_.reset();
+    if (lockFd_ >= 0) {
+        ::close(lockFd_);
+        lockFd_ = -1;
+    }
+}
+
+}  // namespace znv::cli

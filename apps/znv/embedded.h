@@ -1,0 +1,48 @@
+// The storage service emulator as znv runs it: inside the znv process when no
+// --server is given, or in the foreground with `znv emulator`.
+//
+// - One data directory is used by one emulator at a time: `start` takes an
+//   exclusive lock on "<dataDir>.lock" and fails with a message naming the
+//   problem when another process holds it.
+// - The port is remembered in "<dataDir>.port" and tried first next time, so
+//   content URLs and queued downloads keep working across runs; when it is
+//   taken, any free loopback port is used.
+// Owned by the main thread; destruction stops the emulator and drops the lock.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "apps/emulator/emulator.h"
+
+namespace znv::cli {
+
+class EmbeddedEmulator {
+  public:
+    EmbeddedEmulator() = default;
+    ~EmbeddedEmulator();
+    EmbeddedEmulator(const EmbeddedEmulator&) = delete;
+    EmbeddedEmulator& operator=(const EmbeddedEmulator&) = delete;
+
+    // `port` 0: the remembered port if free, else any.
+    bool start(const std::string& dataDir, const std::string& token, uint16_t port,
+               uint64_t maxFullFileBytes, std::string* error);
+    void stop();
+
+    bool running() const { return emulator_ != nullptr; }
+    std::string baseURL() const { return emulator_ ? emulator_->baseURL() : std::string(); }
+    uint16_t port() const { return emulator_ ? emulator_->port() : 0; }
+    const std::string& dataDir() const { return dataDir_; }
+    emulator::Emulator* emulator() const { return emulator_.get(); }
+
+    // The base URL the emulator of `dataDir` had last time ("" when unknown).
+    static std::string rememberedBaseURL(const std::string& dataDir);
+
+  private:
+    std::unique_ptr<emulator::Emulator> emulator_;
+    std::string dataDir_;
+    int lockFd_ = -1;
+};
+
+}  // namespace znv::cli

@@ -1,0 +1,20 @@
+// Ctrl-C and SIGTERM for a program full of library threads.
+//
+// `blockTerminationSignals` must run first in main, before any thread exists:
+// it blocks SIGINT and SIGTERM in the calling thread, and every thread started
+// afterwards inherits the mask, so the signals stay pending until the main
+// loop collects them with `waitForTerminationSignal` (which doubles as the
+// loop's clock). No handler runs at an arbitrary point of library code.
+#pragma once
+
+#include <chrono>
+
+namespace znv::cli {
+
+void blockTerminationSignals();
+// Waits up to `timeout`; returns SIGINT or SIGTERM if one arrived, else 0.
+int waitForTerminationSignal(std::chrono::milliseconds timeout);
+// The conventional exit status for a program ended by `signal` (130, 143).
+int exitStatusForSignal(int signal);
+
+}  // namespace znv::cli

@@ -1,0 +1,379 @@
+// The znv command line, run as a user runs it: separate processes, their own
+// home directories, an emulator on a port the kernel chose.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <set>
+
+#include "apps/emulator/emulator.h"
+#include "tests/cli/znv_process.h"
+#include "tests/support/test_support.h"
+
+// Everything that runs transfers or reads the queue needs the task managers.
+#if __has_include("znv/managers/storage.h")
+#define ZNV_TEST_HAVE_QUEUE 1
+#endif
+
+namespace znv::test {
+namespace {
+
+constexpr uint64_t kChunk = 4194304;
+
+class ZnvCliTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(std::filesystem::exists(znvPath())) << znvPath();
+        files_ = makeTempDir("files");
+    }
+
+    // An emulator in this process, on a kernel-chosen port.
+    std::string startEmulator() {
+        emulator_ = std::make_unique<emulator::Emulator>();
+        std::string error;
+        EXPECT_TRUE(emulator_->start(&error)) << error;
+        return emulator_->baseURL();
+    }
+
+    std::string file(const std::string& name, uint64_t size, uint32_t seed = 7) {
+        std::string path = files_ + "/" + name;
+        writePatternFile(path, size, seed);
+        return path;
+    }
+
+    // Requests the emulator saw, as "METHOD path" with a successful status.
+    std::vector<std::string> successfulRequests() const {
+        std::vector<std::string> list;
+        for (const auto& entry : emulator_->requestLog()) {
+            if (entry.value("status", 0) / 100 == 2) {
+                list.push_back(entry.value("method", "") + " " + entry.value("path", ""));
+            }
+        }
+        return list;
+    }
+
+    std::string files_;
+    std::unique_ptr<emulator::Emulator> emulator_;
+};
+
+TEST_F(ZnvCliTest, BadInputEndsWithOneLineNamingTheProblemAndStatus2) {
+    ZnvUser user;
+    std::string empty = files_ + "/empty.bin";
+    writeFile(empty, "");
+    std::string good = file("good.bin", 1000);
+    struct Case {
+        std::vector<std::string> args;
+        std::string mentions;
+    };
+    std::vector<Case> cases = {
+        {{"upload", files_ + "/missing.bin"}, "no such file"},
+        {{"upload", good, files_ + "/missing.bin"}, "missing.bin"},
+        {{"upload", empty}, "empty file"},
+        {{"upload", files_}, "directory"},
+        {{"upload", "--name", "x", good, good}, "--name"},
+        {{"download", "not a url"}, "bad URL"},
+        {{"download", "ftp://example.com/file"}, "bad URL"},
+        {{"download", "http://127.0.0.1:9/content/x", "-o", files_ + "/nowhere/out.bin"},
+         "no such directory"},
+        {{"--server", "localhost:80", "status"}, "bad server URL"},
+        {{"finish"}, ""},
+        {{"frobnicate"}, "frobnicate"},
+        {{}, ""},
+    };
+#ifdef ZNV_TEST_HAVE_QUEUE
+    cases.push_back({{"retry", "abcdef"}, "no task with ID abcdef"});
+    cases.push_back({{"cancel", "ab"}, "too short"});
+#endif
+    if (geteuid() != 0) {  // root reads any file
+        std::string locked = file("locked.bin", 10);
+        chmod(locked.c_str(), 0);
+        cases.push_back({{"upload", locked}, "Permission denied"});
+    }
+    for (const auto& c : cases) {
+        std::string shown;
+        for (const auto& a : c.args)
+            shown += a + " ";
+        SCOPED_TRACE(shown);
+        ZnvRun run = user.run(c.args, std::chrono::seconds(60));
+        EXPECT_EQ(run.status, 2);
+        auto lines = run.errLines();
+        ASSERT_EQ(lines.size(), 1u) << run.err;
+        EXPECT_EQ(lines[0].rfind("znv: ", 0), 0u) << lines[0];
+        EXPECT_NE(lines[0].find(c.mentions), std::string::npos) << lines[0];
+        EXPECT_EQ(run.out, "");
+    }
+#ifdef ZNV_TEST_HAVE_QUEUE
+    // None of it queued anything.
+    ZnvRun status = user.run({"--json", "status"});
+    ASSERT_EQ(status.status, 0) << status.err;
+    ASSERT_EQ(status.events("status").size(), 1u) << status.out;
+    EXPECT_TRUE(status.events("status")[0]["tasks"].empty());
+#endif
+}
+
+#ifdef ZNV_TEST_HAVE_QUEUE
+
+size_t countEndingWith(const std::vector<std::string>& list, const std::string& suffix) {
+    size_t n = 0;
+    for (const auto& s : list) {
+        if (s.size() >= suffix.size() &&
+            s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0)
+            ++n;
+    }
+    return n;
+}
+
+// Checks the event stream of one task: queued, running, progress that only
+// grows up to the total, then completed, then the summary.
+void expectOrderlyTaskEvents(const ZnvRun& run, const std::string& file, int64_t size) {
+    auto events = run.events();
+    ASSERT_FALSE(events.empty()) << run.out << run.err;
+    EXPECT_EQ(events.front().value("event", ""), "queued");
+    EXPECT_EQ(events.back().value("event", ""), "summary");
+    std::string id = events.front().value("task", "");
+    EXPECT_GE(id.size(), 6u);
+    std::vector<std::string> states;
+    int64_t last = -1;
+    bool sawCompletedState = false;
+    for (const auto& e : events) {
+        std::string name = e.value("event", "");
+        if (name == "state") {
+            EXPECT_EQ(e.value("task", ""), id);
+            states.push_back(e.value("state", ""));
+            if (states.back() == "completed") sawCompletedState = true;
+        } else if (name == "progress") {
+            EXPECT_FALSE(sawCompletedState) << "progress after completion: " << e.dump();
+            EXPECT_EQ(e.value("task", ""), id);
+            EXPECT_EQ(e.value("file", ""), file);
+            int64_t completed = e["completed"].get<int64_t>();
+            EXPECT_GE(completed, last) << e.dump();
+            if (e["total"].is_number()) {
+                EXPECT_EQ(e["total"].get<int64_t>(), size);
+            }
+            EXPECT_LE(completed, size);
+            last = completed;
+        }
+    }
+    EXPECT_EQ(last, size) << "the last progress step reports the whole file";
+    ASSERT_FALSE(states.empty());
+    EXPECT_EQ(states.front(), "running");
+    EXPECT_EQ(states.back(), "completed");
+}
+
+TEST_F(ZnvCliTest, UploadAndDownloadReportEachStepAsJsonLines) {
+    std::string server = startEmulator();
+    ZnvUser user;
+    const int64_t size = 2 * kChunk + 12345;
+    std::string source = file("report.bin", size);
+
+    ZnvRun up = user.run({"--server", server, "--json", "upload", "--force-chunks", source});
+    ASSERT_EQ(up.status, 0) << up.out << up.err;
+    expectOrderlyTaskEvents(up, source, size);
+    auto summary = up.events("summary");
+    ASSERT_EQ(summary.size(), 1u);
+    EXPECT_TRUE(summary[0]["ok"].get<bool>());
+    auto task = summary[0]["tasks"][0];
+    std::string fileID = task.value("fileId", "");
+    std::string contentURL = task.value("contentURL", "");
+    EXPECT_FALSE(fileID.empty()) << task.dump();
+    EXPECT_NE(contentURL.find(fileID), std::string::npos) << task.dump();
+    auto requests = successfulRequests();
+    EXPECT_EQ(countEndingWith(requests, "/fullfile"), 0u) << "--force-chunks sent it whole";
+    EXPECT_EQ(countEndingWith(requests, "/complete"), 1u);
+
+    std::string copy = files_ + "/copy.bin";
+    ZnvRun down = user.run({"--server", server, "--json", "download", contentURL, "-o", copy});
+    ASSERT_EQ(down.status, 0) << down.out << down.err;
+    expectOrderlyTaskEvents(down, copy, size);
+    EXPECT_TRUE(filesEqual(source, copy));
+    auto downSummary = down.events("summary")[0]["tasks"][0];
+    EXPECT_EQ(downSummary.value("file", ""), copy);
+    EXPECT_EQ(downSummary.value("url", ""), contentURL);
+
+    // Without --force-chunks a small file goes whole, in one request.
+    emulator_->clearRequestLog();
+    ZnvRun whole = user.run({"--server", server, "upload", file("whole.bin", 1000)});
+    ASSERT_EQ(whole.status, 0) << whole.out << whole.err;
+    EXPECT_EQ(countEndingWith(successfulRequests(), "/fullfile"), 1u);
+    // Plain lines when the output is not a terminal: no escape sequences.
+    EXPECT_EQ(whole.out.find('\x1b'), std::string::npos);
+    EXPECT_NE(whole.out.find("completed"), std::string::npos) << whole.out;
+}
+
+TEST_F(ZnvCliTest, FailuresEndWithStatus1AndTheirError) {
+    std::string server = startEmulator();
+    ZnvUser user;
+    std::string copy = files_ + "/never.bin";
+    ZnvRun missing = user.run({"--server", server, "download",
+                               emulator_->rootURL() + "content/no-such-file", "-o", copy});
+    EXPECT_EQ(missing.status, 1) << missing.out << missing.err;
+    EXPECT_NE(missing.err.find("404"), std::string::npos) << missing.err;
+    EXPECT_FALSE(std::filesystem::exists(copy)) << "an error page is not the file";
+
+    ZnvRun wrongToken =
+        user.run({"--server", server, "--token", "not-the-token", "upload", file("t.bin", 100)});
+    EXPECT_EQ(wrongToken.status, 1) << wrongToken.out << wrongToken.err;
+    EXPECT_NE(wrongToken.err.find("failed"), std::string::npos) << wrongToken.err;
+
+    ZnvRun info = user.run({"--server", server, "info", "no-such-file"});
+    EXPECT_EQ(info.status, 1) << info.out << info.err;
+}
+
+TEST_F(ZnvCliTest, InterruptedUploadContinuesWithResumeAndStoresTheSameBytes) {
+    std::string server = startEmulator();
+    // Slow enough to be interrupted mid-way.
+    ASSERT_TRUE(emulator_->addFault({{"method", "PUT"},
+                                     {"path", "/api/files/*"},
+                                     {"action", "throttle"},
+                                     {"bytesPerSecond", 2000000}}));
+    ZnvUser user;
+    const int64_t size = 10 * kChunk;
+    std::string source = file("big.bin", size);
+
+    pid_t pid = user.start({"--server", server, "--json", "upload", "--force-chunks", source});
+    ASSERT_TRUE(waitFor(
+        [&] {
+            ZnvRun partial;
+            partial.out = user.outSoFar();
+            for (const auto& e : partial.events("progress")) {
+                if (e["completed"].get<int64_t>() > 0) return true;
+            }
+            return false;
+        },
+        std::chrono::seconds(60)));
+    kill(pid, SIGINT);
+    ZnvRun interrupted = user.finish(pid);
+    EXPECT_EQ(interrupted.status, 130) << interrupted.out << interrupted.err;
+    EXPECT_TRUE(interrupted.events("summary").empty());
+    std::string id = interrupted.events("queued").at(0).value("task", "");
+
+    ZnvRun status = user.run({"--json", "status"});
+    ASSERT_EQ(status.status, 0) << status.err;
+    auto tasks = status.events("status").at(0)["tasks"];
+    ASSERT_EQ(tasks.size(), 1u) << status.out;
+    EXPECT_EQ(tasks[0].value("task", ""), id) << "IDs stay the same across runs";
+    EXPECT_EQ(tasks[0].value("state", ""), "queued");
+
+    emulator_->clearFaults();
+    ZnvRun resumed = user.run({"--server", server, "--json", "resume"});
+    ASSERT_EQ(resumed.status, 0) << resumed.out << resumed.err;
+    auto done = resumed.events("summary").at(0)["tasks"];
+    ASSERT_EQ(done.size(), 1u);
+    EXPECT_EQ(done[0].value("task", ""), id);
+    std::string copy = files_ + "/big.copy";
+    ZnvRun down =
+        user.run({"--server", server, "download", done[0].value("contentURL", ""), "-o", copy});
+    ASSERT_EQ(down.status, 0) << down.out << down.err;
+    EXPECT_TRUE(filesEqual(source, copy));
+}
+
+TEST_F(ZnvCliTest, ProfilesKeepSeparateQueuesAndStatusListsThem) {
+    ZnvUser user;
+    ZnvRun empty = user.run({"status"});
+    ASSERT_EQ(empty.status, 0) << empty.err;
+    EXPECT_NE(empty.out.find("no tasks"), std::string::npos) << empty.out;
+
+    std::string a = file("a.bin", 5000), b = file("b.bin", 6000), c = file("c.bin", 7000);
+    ASSERT_EQ(user.run({"--offline", "--profile", "work", "upload", a}).status, 0);
+    ASSERT_EQ(user.run({"--offline", "--profile", "home", "upload", b, c}).status, 0);
+
+    auto listed = [&](const std::string& profile) {
+        std::vector<std::string> args = {"--json", "status"};
+        if (!profile.empty()) args = {"--profile", profile, "--json", "status"};
+        ZnvRun run = user.run(args);
+        EXPECT_EQ(run.status, 0) << run.err;
+        std::map<std::string, std::string> byFile;  // file -> ID
+        auto tasks = run.events("status").at(0)["tasks"];
+        for (const auto& t : tasks) {
+            EXPECT_EQ(t.value("state", ""), "queued");
+            byFile[t.value("file", "")] = t.value("task", "");
+        }
+        return byFile;
+    };
+    auto work = listed("work");
+    auto home = listed("home");
+    EXPECT_EQ(work.size(), 1u);
+    EXPECT_TRUE(work.count(a));
+    EXPECT_EQ(home.size(), 2u);
+    EXPECT_TRUE(home.count(b) && home.count(c));
+    EXPECT_TRUE(listed("").empty());
+    EXPECT_EQ(listed("home"), home) << "IDs are stable across runs";
+    EXPECT_NE(home[b], home[c]);
+
+    // The plain listing of a busy queue: one row per task with its ID and state.
+    ZnvRun plain = user.run({"--profile", "home", "status"});
+    ASSERT_EQ(plain.status, 0);
+    for (const auto& [path, id] : home) {
+        EXPECT_NE(plain.out.find(id), std::string::npos) << plain.out;
+        EXPECT_NE(plain.out.find(path), std::string::npos) << plain.out;
+    }
+    EXPECT_NE(plain.out.find("queued"), std::string::npos);
+
+    // Cancelling one task touches only that profile; finishing removes it.
+    ZnvRun cancel = user.run({"--profile", "home", "cancel", home[b]});
+    ASSERT_EQ(cancel.status, 0) << cancel.err;
+    ZnvRun after = user.run({"--profile", "home", "--json", "status"});
+    auto afterTasks = after.events("status").at(0)["tasks"];
+    ASSERT_EQ(afterTasks.size(), 2u);
+    for (const auto& t : afterTasks) {
+        bool cancelled = t.value("task", "") == home[b];
+        EXPECT_EQ(t.value("state", ""), cancelled ? "failed" : "queued") << t.dump();
+    }
+    ASSERT_EQ(user.run({"--profile", "home", "finish", "--completed"}).status, 0);
+    auto remaining = listed("home");
+    EXPECT_EQ(remaining.size(), 1u);
+    EXPECT_TRUE(remaining.count(c));
+    EXPECT_EQ(listed("work"), work);
+}
+
+#endif  // ZNV_TEST_HAVE_QUEUE
+
+TEST_F(ZnvCliTest, EmulatorCommandListensOnAKernelChosenPortUntilTerminated) {
+    ZnvUser user;
+    ZnvUser client;
+    pid_t pid = user.start({"--json", "emulator", "--port", "0", "--token", "t0k"});
+    std::string url;
+    ASSERT_TRUE(waitFor(
+        [&] {
+            ZnvRun partial;
+            partial.out = user.outSoFar();
+            auto listening = partial.events("listening");
+            if (!listening.empty()) url = listening[0].value("url", "");
+            return !url.empty();
+        },
+        std::chrono::seconds(30)));
+#ifdef ZNV_TEST_HAVE_QUEUE
+    std::string source = file("e.bin", 3000);
+    ZnvRun up = client.run({"--server", url, "--token", "t0k", "--json", "upload", source});
+    EXPECT_EQ(up.status, 0) << up.out << up.err;
+#endif
+    kill(pid, SIGTERM);
+    ZnvRun stopped = user.finish(pid, std::chrono::seconds(30));
+    EXPECT_EQ(stopped.status, 0) << stopped.err;
+}
+
+#ifdef ZNV_TEST_HAVE_QUEUE
+TEST_F(ZnvCliTest, DemoUploadsBothWaysAndVerifiesTheCopies) {
+    ZnvUser user;
+    ZnvRun demo = user.run({"demo", "--size", std::to_string(kChunk + 1000)});
+    ASSERT_EQ(demo.status, 0) << demo.out << demo.err;
+    EXPECT_NE(demo.out.find("verified"), std::string::npos) << demo.out;
+    size_t matches = 0;
+    for (size_t at = 0; (at = demo.out.find(" yes", at)) != std::string::npos; ++at)
+        ++matches;
+    EXPECT_EQ(matches, 4u) << demo.out;
+    EXPECT_EQ(demo.out.find("sent as"), std::string::npos) << "each path was used as labelled";
+    // The demo leaves no queue behind.
+    EXPECT_TRUE(user.run({"status"}).out.find("no tasks") != std::string::npos);
+    std::error_code ec;
+    EXPECT_TRUE(!std::filesystem::exists(user.home() + "/Library/Network", ec) ||
+                std::filesystem::is_empty(user.home() + "/Library/Network", ec));
+}
+
+#endif  // ZNV_TEST_HAVE_QUEUE
+
+}  // namespace
+}  // namespace znv::test

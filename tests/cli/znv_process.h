@@ -1,0 +1,54 @@
+// Runs the `znv` binary as a user would: a child process with its own HOME
+// and XDG directories, standard output and error captured in files.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace znv::test {
+
+struct ZnvRun {
+    int status = -1;  // exit status; -1 when it had to be killed
+    std::string out;
+    std::string err;
+
+    // Standard output parsed as JSON lines (lines that do not parse are skipped).
+    std::vector<nlohmann::json> events() const;
+    // The events named `name`.
+    std::vector<nlohmann::json> events(const std::string& name) const;
+    std::vector<std::string> errLines() const;
+};
+
+class ZnvUser {
+  public:
+    // A user with a fresh home directory (and XDG directories below it).
+    ZnvUser();
+
+    const std::string& home() const { return home_; }
+    // Environment entries for the child beyond the defaults (empty value: unset).
+    void setEnv(const std::string& name, const std::string& value) { env_[name] = value; }
+
+    ZnvRun run(const std::vector<std::string>& args,
+               std::chrono::seconds timeout = std::chrono::seconds(180));
+
+    // Starts znv and returns at once; `finish` waits for it.
+    pid_t start(const std::vector<std::string>& args);
+    std::string outSoFar() const;
+    ZnvRun finish(pid_t pid, std::chrono::seconds timeout = std::chrono::seconds(180));
+
+  private:
+    std::string home_;
+    std::string outPath_;
+    std::string errPath_;
+    std::map<std::string, std::string> env_;
+};
+
+std::string znvPath();
+
+}  // namespace znv::test
