@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <random>
-#include <regex>
 
 #include "znv/foundation/error_handler.h"
 #include "znv/platform/url_session.h"
@@ -238,8 +238,14 @@ TEST(StorageResponse, HostileBodiesNeverCrash) {
 }
 
 TEST(StorageResponse, DescriptionListsWhatIsPresent) {
-    auto strip = [](const std::string& text) {
-        return std::regex_replace(text, std::regex("0x[0-9a-f]+"), "0xPTR");
+    // The object's address varies: replace it by a fixed text.
+    auto strip = [](std::string text) {
+        size_t at = text.find("0x");
+        if (at == std::string::npos) return text;
+        size_t end = at + 2;
+        while (end < text.size() && std::isxdigit(static_cast<unsigned char>(text[end])))
+            ++end;
+        return text.replace(at, end - at, "0xPTR");
     };
     // Nothing known: the missing-chunks line is there all the same.
     EXPECT_EQ(strip(ZNVStorageResponse().description()),

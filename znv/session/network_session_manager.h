@@ -114,6 +114,10 @@ class ZNVNetworkSessionManager : public ZNVURLSessionDelegate,
 
     // 4194304: the largest size of one chunk.
     static uint64_t maximumChunkSize();
+    // Test-only: makes `maximumChunkSize` answer `size` (0 restores 4194304),
+    // so that tests can lay out small files in many chunks. Never called by
+    // the library.
+    static void setMaximumChunkSizeForTesting(uint64_t size);
     // The indices of a task tagged "chunk index <list>"; none otherwise.
     static std::optional<ZNVIndexSet> chunkIndicesForTask(
         const std::shared_ptr<ZNVURLSessionTask>& task);

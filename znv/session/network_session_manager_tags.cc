@@ -1,5 +1,6 @@
 // Task tags and the chunk size: class-level helpers of the session manager
 // that read a session task alone.
+#include <atomic>
 #include <string_view>
 
 #include "znv/foundation/network_utilities.h"
@@ -15,8 +16,18 @@ bool hasPrefix(std::string_view text, std::string_view prefix) {
 
 }  // namespace
 
+namespace {
+// 0: the real chunk size. Set only by tests (see setMaximumChunkSizeForTesting).
+std::atomic<uint64_t> chunkSizeForTesting{0};
+}  // namespace
+
 uint64_t ZNVNetworkSessionManager::maximumChunkSize() {
-    return 4194304;
+    const uint64_t testing = chunkSizeForTesting.load(std::memory_order_relaxed);
+    return testing != 0 ? testing : 4194304;
+}
+
+void ZNVNetworkSessionManager::setMaximumChunkSizeForTesting(uint64_t size) {
+    chunkSizeForTesting.store(size, std::memory_order_relaxed);
 }
 
 std::optional<ZNVIndexSet> ZNVNetworkSessionManager::chunkIndicesForTask(

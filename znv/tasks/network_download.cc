@@ -1,0 +1,216 @@
+#include "znv/tasks/network_download.h"
+
+#include <fmt/format.h>
+
+#include <filesystem>
+
+#include "znv/foundation/error_handler.h"
+#include "znv/foundation/log.h"
+#include "znv/foundation/network_utilities.h"
+#include "znv/platform/filesystem.h"
+#include "znv/platform/progress.h"
+#include "znv/platform/url_session.h"
+#include "znv/platform/uuid.h"
+#include "znv/session/network_session_manager.h"
+
+namespace znv {
+
+namespace {
+
+constexpr int64_t kDownloadProgressTotal = 1000;
+
+const bool registeredNetworkDownload = [] {
+    ZNVArchiveClassRegistry::shared().registerClass(
+        "ZNVNetworkDownload", "ZNVNetworkTask",
+        [](ZNVKeyedUnarchiver& coder) -> std::shared_ptr<ZNVCoding> {
+            return ZNVNetworkDownload::decode(coder);
+        });
+    return true;
+}();
+
+// Moves the finished file into the library's file area (creating the area
+// when it is missing; copying when the two lie on different file systems).
+ZNVErrorRef moveFile(const std::string& from, const std::string& to) {
+    ZNVErrorRef error;
+    const std::string directory = std::filesystem::path(to).parent_path().string();
+    if (!ZNVCreateDirectories(directory, 0700, &error)) return error;
+    if (!ZNVReplaceFileDurably(from, to, &error)) return error;
+    return nullptr;
+}
+
+}  // namespace
+
+std::shared_ptr<ZNVNetworkDownload> ZNVNetworkDownload::create(
+    std::optional<ZNVURL> source, std::shared_ptr<ZNVNetworkSessionManager> session) {
+    std::shared_ptr<ZNVNetworkDownload> download(new ZNVNetworkDownload());
+    download->initWithSource(std::move(source), std::move(session));
+    download->finishDownloadInit();
+    return download;
+}
+
+std::shared_ptr<ZNVNetworkDownload> ZNVNetworkDownload::decode(ZNVCoder& coder) {
+    (void)registeredNetworkDownload;
+    std::shared_ptr<ZNVNetworkDownload> download(new ZNVNetworkDownload());
+    download->initWithCoder(coder);
+    if (ZNVKeyedUnarchiver* unarchiver = coder.asKeyedUnarchiver();
+        unarchiver && coder.allowsKeyedCoding()) {
+        Lock lock(*download);
+        download->localFileURL_ = unarchiver->decodeURLForKey("localFileURL");
+        download->resumeData_ = unarchiver->decodeDataForKey("resumeData");
+    }
+    // After the base decoding, so the archived progress never reaches the new
+    // progress object: a decoded download starts at 0.
+    download->finishDownloadInit();
+    return download;
+}
+
+void ZNVNetworkDownload::encodeWithCoder(ZNVCoder& coder) const {
+    ZNVNetworkTask::encodeWithCoder(coder);
+    ZNVKeyedArchiver* archiver = coder.asKeyedArchiver();
+    Lock lock(*this);
+    if (localFileURL_) archiver->encodeURL(*localFileURL_, "localFileURL");
+    if (resumeData_) archiver->encodeData(*resumeData_, "resumeData");
+}
+
+void ZNVNetworkDownload::finishDownloadInit() {
+    setProgress(ZNVProgress::make(kDownloadProgressTotal, 0));
+}
+
+std::optional<ZNVURL> ZNVNetworkDownload::localFileURL() const {
+    Lock lock(*this);
+    return localFileURL_;
+}
+
+void ZNVNetworkDownload::setLocalFileURL(std::optional<ZNVURL> url) {
+    Lock lock(*this);
+    localFileURL_ = std::move(url);
+}
+
+std::optional<ZNVBytes> ZNVNetworkDownload::resumeData() const {
+    Lock lock(*this);
+    return resumeData_;
+}
+
+void ZNVNetworkDownload::setResumeData(std::optional<ZNVBytes> data) {
+    Lock lock(*this);
+    resumeData_ = std::move(data);
+}
+
+bool ZNVNetworkDownload::resume() {
+    Lock lock(*this);
+    if (!ZNVNetworkTask::resume()) return false;
+    if (state() != ZNVNetworkTaskStateSuspended) return false;
+    if (rawError()) return false;
+    if (resumeData_) {
+        resumeDownload();
+    } else {
+        startDownload();
+    }
+    return true;
+}
+
+void ZNVNetworkDownload::startDownload() {
+    Lock lock(*this);
+    resumeData_.reset();
+    if (!validateParameters()) return;
+    ZNVErrorRef error;
+    std::shared_ptr<ZNVURLSessionTask> task = session()->downloadRemoteFile(*sourceURL(), &error);
+    startNewSessionTask(task, error);
+}
+
+void ZNVNetworkDownload::resumeDownload() {
+    Lock lock(*this);
+    if (!validateParameters()) return;
+    ZNVErrorRef error;
+    std::shared_ptr<ZNVURLSessionTask> task =
+        session()->resumeRemoteFileDownloadFromData(resumeData_.value_or(ZNVBytes{}), &error);
+    startNewSessionTask(task, error);
+    // The resume data is used up once a task was made from it; otherwise it
+    // stays for the next attempt.
+    if (task) resumeData_.reset();
+}
+
+bool ZNVNetworkDownload::validateParameters() {
+    Lock lock(*this);
+    if (!ZNVNetworkTask::validateParameters()) return false;
+    if (!rawError()) {
+        const std::optional<ZNVURL> source = sourceURL();
+        if (!source || source->isEmpty()) {
+            setRawError(ZNVNetworkErrorHandler_createURLError(NSURLErrorBadURL,
+                                                              "a remote URL is required"));
+        } else if (source->isFileURL()) {
+            setRawError(ZNVNetworkErrorHandler_createURLError(
+                NSURLErrorBadURL, "the remote URL may not be a local file"));
+        }
+    }
+    return !rawError();
+}
+
+void ZNVNetworkDownload::handleProgress(float fraction) {
+    std::shared_ptr<ZNVProgress> current = progress();
+    if (!current) return;
+    const float total = static_cast<float>(current->totalUnitCount());
+    current->setCompletedUnitCount(static_cast<int64_t>(total * fraction));
+}
+
+void ZNVNetworkDownload::handleDownloadedFile(const ZNVURL& temporaryURL) {
+    Lock lock(*this);
+    if (!validateParameters()) return;
+    if (!temporaryURL.isFileURL()) {
+        setRawError(ZNVNetworkErrorHandler_createURLError(
+            NSURLErrorFileDoesNotExist,
+            "internal error: temporary download URL should be a file URL"));
+        return;
+    }
+    const std::optional<ZNVURL> source = sourceURL();
+    std::string extension = source ? source->pathExtension() : std::string();
+    if (extension.empty()) extension = "download";
+    const std::string name = fmt::format("download-{}.{}", ZNVUUIDString(), extension);
+    const std::optional<ZNVURL> destination = ZNVNetworkUtilities_libraryURLWithFileName(name);
+    if (!destination) return;
+    if (ZNVErrorRef moveError = moveFile(temporaryURL.path(), destination->path())) {
+        setRawError(moveError);
+        return;
+    }
+    localFileURL_ = destination;
+}
+
+void ZNVNetworkDownload::handleCompletionWithError(const ZNVErrorRef& error) {
+    Lock lock(*this);
+    if (rawError()) return;
+    if (error) {
+        setRawError(error);
+    } else {
+        setTask(nullptr);
+    }
+}
+
+void ZNVNetworkDownload::resetForResume() {
+    Lock lock(*this);
+    resumeData_.reset();
+    if (ZNVErrorRef raw = rawError()) {
+        if (const ZNVUserInfoValue* value = raw->value(NSURLSessionDownloadTaskResumeData)) {
+            if (const ZNVBytes* bytes = std::get_if<ZNVBytes>(value)) resumeData_ = *bytes;
+        }
+    }
+    ZNVNetworkTask::resetForResume();
+}
+
+void ZNVNetworkDownload::taskDidFinish() {
+    std::optional<ZNVURL> file;
+    {
+        Lock lock(*this);
+        file = std::move(localFileURL_);
+        localFileURL_.reset();
+    }
+    if (file) ZNVNetworkUtilities_removeFileAtURL(*file);
+}
+
+std::string ZNVNetworkDownload::description() const {
+    Lock lock(*this);
+    const std::optional<ZNVURL> source = sourceURL();
+    return ZNVNetworkTask::description() +
+           fmt::format(" from {}", source ? source->absoluteString() : std::string("(null)"));
+}
+
+}  // namespace znv

@@ -1,0 +1,67 @@
+// ZNVNetworkDownload: the network task that fetches one remote file into the
+// library's private file area ("Library/Network/" under the home directory).
+//
+// Contract
+// - Made by the network manager, which resumes it and feeds it the session
+//   manager's download callbacks: `handleProgress` (fraction of the transfer),
+//   `handleDownloadedFile` (the finished temporary file, moved away inside the
+//   call because the URL session deletes it afterwards) and
+//   `handleCompletionWithError`.
+// - The first failure wins: a completion error does not replace a failed move.
+// - The progress counts per mille (total 1000); a decoded download starts at 0.
+// - An interrupted download keeps the URL session's resume data (from its error
+//   or from `cancel`) and continues from it after a recovery or a retry.
+// - The finished file (`localFileURL`) lives until the manager finishes the
+//   task (`taskDidFinish` removes it); a client that wants to keep it moves or
+//   copies it when the task completes.
+// - Threads and archive: as the base task (keys "localFileURL", "resumeData"
+//   follow the base keys).
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "znv/tasks/network_task.h"
+
+namespace znv {
+
+class ZNVNetworkDownload : public ZNVNetworkTask {
+  public:
+    static std::shared_ptr<ZNVNetworkDownload> create(
+        std::optional<ZNVURL> source = std::nullopt,
+        std::shared_ptr<ZNVNetworkSessionManager> session = nullptr);
+    static std::shared_ptr<ZNVNetworkDownload> decode(ZNVCoder& coder);
+
+    std::optional<ZNVURL> localFileURL() const;
+    void setLocalFileURL(std::optional<ZNVURL> url);
+    std::optional<ZNVBytes> resumeData() const;
+    void setResumeData(std::optional<ZNVBytes> data);
+
+    bool resume() override;
+    void handleProgress(float fraction);
+    void handleDownloadedFile(const ZNVURL& temporaryURL);
+    void handleCompletionWithError(const ZNVErrorRef& error);
+
+    void taskDidFinish() override;
+    bool validateParameters() override;
+    void resetForResume() override;
+    std::string description() const override;
+
+    void startDownload();
+    void resumeDownload();
+    void finishDownloadInit();
+
+    std::string className() const override { return "ZNVNetworkDownload"; }
+    void encodeWithCoder(ZNVCoder& coder) const override;
+
+  protected:
+    ZNVNetworkDownload() = default;
+
+  private:
+    // Guarded by the base task's lock.
+    std::optional<ZNVURL> localFileURL_;
+    std::optional<ZNVBytes> resumeData_;
+};
+
+}  // namespace znv

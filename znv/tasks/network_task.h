@@ -1,0 +1,224 @@
+// ZNVNetworkTask: the base of every long-lived transfer (downloads, uploads).
+//
+// Contract
+// - A network task outlives any single URL session task: it is attached to one
+//   URL session task after another, archived between launches and reconnected
+//   to a surviving URL session task after a relaunch.
+// - State: 0 suspended, 1 running, 2 completed. `state` and `error` are
+//   observable (ZNVObservable keys "state" and "error"). Every change of state
+//   logs, announces the observable change, posts
+//   `ZNVNetworkTask_DidChangeStateBackgroundNotification` through the session
+//   manager's background queue and `ZNVNetworkTask_DidChangeStateNotification`
+//   asynchronously on the main queue; both carry the session manager as sender.
+// - Errors: `rawError` is the last failure; `error()` (the public error) stays
+//   null while the failure is automatically recoverable and recovery attempts
+//   remain. Failures are stored, never thrown.
+// - Threads: any thread may call any operation. The task's fields are guarded
+//   by one recursive mutex held for the whole of each operation; work that
+//   leaves the task (resuming or cancelling the URL session task, handing the
+//   background notification to the session manager) runs after the outermost
+//   operation has released the lock, in the order it was queued. Observers of
+//   "state" and "error" run synchronously on the changing thread, with the lock
+//   held; they may read the task but must not wait for another thread that
+//   uses it.
+// - Ownership: the task holds its URL session task and its session manager
+//   strongly; it observes the URL session task's "state" and stops observing
+//   it when detached or destroyed.
+// - Archiving: `encodeWithCoder` writes the keys "state", "rawError", "source URL",
+//   "task identifier", "completed progress", "start date", "retry count",
+//   "discretionary", "needs early activation" in that order; decoding makes a
+//   task with `wasDecoded()` true.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "znv/platform/error.h"
+#include "znv/platform/keyed_archive.h"
+#include "znv/platform/observable.h"
+#include "znv/platform/url.h"
+
+namespace znv {
+
+class ZNVNetworkSessionManager;
+class ZNVURLSessionTask;
+class ZNVProgress;
+
+using ZNVNetworkTaskState = uint64_t;
+inline constexpr ZNVNetworkTaskState ZNVNetworkTaskStateSuspended = 0;
+inline constexpr ZNVNetworkTaskState ZNVNetworkTaskStateRunning = 1;
+inline constexpr ZNVNetworkTaskState ZNVNetworkTaskStateCompleted = 2;
+
+// "running" for 1, "completed" for 2, "suspended" for anything else.
+std::string ZNVNetworkTaskStateName(uint64_t state);
+
+extern const char* const ZNVNetworkTask_DidChangeStateNotification;
+extern const char* const ZNVNetworkTask_DidChangeStateBackgroundNotification;
+extern const char* const ZNVNetworkTask_TaskKey;
+extern const char* const ZNVNetworkTask_PreviousStateKey;
+extern const char* const ZNVNetworkTask_NewStateKey;
+
+// Recoveries a task makes on its own before a recoverable error is shown.
+inline constexpr uint64_t ZNVNetworkTaskAutomaticRecoveryAttempts = 5;
+// A running task whose URL session task is still suspended this long after it
+// was attached is considered stalled.
+inline constexpr double ZNVNetworkTaskStallInterval = 90.0;
+
+class ZNVNetworkTask : public ZNVObservable,
+                       public ZNVCoding,
+                       public std::enable_shared_from_this<ZNVNetworkTask> {
+  public:
+    using Clock = std::function<ZNVDate()>;
+
+    // The time source for start dates and the stall watchdog (system clock by
+    // default). Tests install their own; an empty function restores the default.
+    static void setClock(Clock clock);
+    static ZNVDate now();
+
+    static std::shared_ptr<ZNVNetworkTask> create(
+        std::optional<ZNVURL> source = std::nullopt,
+        std::shared_ptr<ZNVNetworkSessionManager> session = nullptr);
+    // A task from an archive (a coder that is not keyed yields a task with
+    // default fields). The class is registered for keyed unarchiving.
+    static std::shared_ptr<ZNVNetworkTask> decode(ZNVCoder& coder);
+
+    ~ZNVNetworkTask() override;
+
+    // --- Fields -----------------------------------------------------------
+    virtual std::optional<ZNVURL> sourceURL() const;
+    std::shared_ptr<ZNVProgress> progress() const;
+    ZNVErrorRef rawError() const;
+    void setRawError(const ZNVErrorRef& error);
+    // The error the client is shown (null while a recovery is still possible).
+    ZNVErrorRef error() const;
+    bool freezeProgress() const;
+    void setFreezeProgress(bool freeze);
+    bool isDiscretionary() const;
+    void setDiscretionary(bool discretionary);
+    bool needsEarlyActivation() const;
+    void setNeedsEarlyActivation(bool needs);
+    bool wasDecoded() const { return wasDecoded_; }
+    ZNVNetworkTaskState state() const;
+    void setState(ZNVNetworkTaskState state);
+    ZNVDate startDate() const;
+    uint64_t retryCount() const;
+    void setRetryCount(uint64_t count);
+    uint64_t taskIdentifier() const;
+    void setTaskIdentifier(uint64_t identifier);
+    uint64_t remainingAttemptsForAutomaticErrorRecovery() const;
+    void setRemainingAttemptsForAutomaticErrorRecovery(uint64_t attempts);
+    std::optional<ZNVDate> taskStartDate() const;
+    void setTaskStartDate(std::optional<ZNVDate> date);
+    std::shared_ptr<ZNVURLSessionTask> task() const;
+    virtual void setTask(const std::shared_ptr<ZNVURLSessionTask>& task);
+    std::shared_ptr<ZNVNetworkSessionManager> session() const;
+    void setSession(const std::shared_ptr<ZNVNetworkSessionManager>& session);
+
+    // --- Operations for the client and the network manager -----------------
+    virtual bool resume();
+    void cancel();
+    void retry();
+    void automaticallyResumeFromStall();
+    void automaticallyRecoverFromError();
+    void cancelTaskWithRecoverableErrorMessage(const std::string& message);
+    void connectToSession(const std::shared_ptr<ZNVNetworkSessionManager>& session,
+                          const std::shared_ptr<ZNVURLSessionTask>& task);
+    void startNewSessionTask(const std::shared_ptr<ZNVURLSessionTask>& task,
+                             const ZNVErrorRef& factoryError);
+    virtual void taskDidFinish();
+    virtual std::string description() const;
+
+    static int64_t serverStatusCodeForError(const ZNVErrorRef& error);
+    static bool errorIndicatesManuallyCancelledTask(const ZNVErrorRef& error);
+    // Error equality by user info alone (null counts as "no user info").
+    static bool errorsAreEqual(const ZNVErrorRef& a, const ZNVErrorRef& b);
+
+    // --- Subclass hooks and the lower-level operations ---------------------
+    virtual bool validateParameters();
+    virtual void resetForResume();
+    void finishTaskInit();
+    void setPrimitiveTask(const std::shared_ptr<ZNVURLSessionTask>& task);
+    void applyTaskToState();
+    void applyErrorToProgress();
+    void connectToTask();
+    void disconnectFromTask();
+
+    // --- Archive -----------------------------------------------------------
+    // The archive's class name ("ZNVNetworkTask", "ZNVNetworkDownload", ...).
+    std::string className() const override { return "ZNVNetworkTask"; }
+    // Throws ZNVInvalidArchiveOperationException for a coder that is not keyed.
+    void encodeWithCoder(ZNVCoder& coder) const override;
+
+  protected:
+    // Objects are made in two steps, as `create` and `decode` do: construct an
+    // empty task, then (with the shared pointer in place, so that state
+    // notifications can name the task) run the initialisation steps.
+    ZNVNetworkTask() = default;
+    void initWithSource(std::optional<ZNVURL> source,
+                        std::shared_ptr<ZNVNetworkSessionManager> session);
+    // Marks the task decoded, reads the base fields (a coder that is not keyed
+    // gives none) and runs `finishTaskInit`.
+    void initWithCoder(ZNVCoder& coder);
+
+    // Replaces the progress object (subclasses' initialisation steps).
+    void setProgress(std::shared_ptr<ZNVProgress> progress);
+    // Sets the source without observable effects (decoding).
+    void setStoredSourceURL(std::optional<ZNVURL> url);
+    std::optional<ZNVURL> storedSourceURL() const;
+
+    // Holds the task's lock; when the outermost hold ends, runs the work queued
+    // with `afterUnlock` without the lock.
+    class Lock {
+      public:
+        explicit Lock(const ZNVNetworkTask& task);
+        ~Lock();
+        Lock(const Lock&) = delete;
+        Lock& operator=(const Lock&) = delete;
+
+      private:
+        const ZNVNetworkTask& task_;
+    };
+    // Queues work to run once no operation of this task holds the lock any
+    // more (immediately, when none does).
+    void afterUnlock(std::function<void()> work) const;
+
+    // The "completed progress" value read from an archive (applied to the
+    // progress only if one exists when the base decoding ends).
+    int64_t decodedCompletedProgress() const { return decodedCompletedProgress_; }
+
+  private:
+    ZNVErrorRef publicErrorFor(const ZNVErrorRef& raw, uint64_t attempts) const;
+    void postStateChange(ZNVNetworkTaskState previous, ZNVNetworkTaskState current);
+
+    mutable std::recursive_mutex mutex_;
+    // Guarded by mutex_: hold depth and the work waiting for the last release.
+    mutable int lockDepth_ = 0;
+    mutable std::vector<std::function<void()>> afterUnlock_;
+
+    // Every field below is guarded by mutex_.
+    std::optional<ZNVURL> sourceURL_;
+    std::shared_ptr<ZNVProgress> progress_;
+    ZNVErrorRef rawError_;
+    bool freezeProgress_ = false;
+    bool discretionary_ = false;
+    bool needsEarlyActivation_ = false;
+    bool wasDecoded_ = false;
+    ZNVNetworkTaskState state_ = ZNVNetworkTaskStateSuspended;
+    ZNVDate startDate_{};
+    uint64_t retryCount_ = 0;
+    uint64_t taskIdentifier_ = static_cast<uint64_t>(ZNVNotFound);
+    uint64_t remainingAttemptsForAutomaticErrorRecovery_ = 0;
+    std::optional<ZNVDate> taskStartDate_;
+    std::shared_ptr<ZNVURLSessionTask> task_;
+    std::shared_ptr<ZNVNetworkSessionManager> session_;
+    ZNVObserverToken taskObservation_ = 0;
+    int64_t decodedCompletedProgress_ = 0;
+};
+
+}  // namespace znv

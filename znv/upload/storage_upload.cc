@@ -1,0 +1,738 @@
+#include "znv/upload/storage_upload.h"
+
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+
+#include <cmath>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include "znv/account/account.h"
+#include "znv/account/authentication.h"
+#include "znv/foundation/error_handler.h"
+#include "znv/foundation/log.h"
+#include "znv/foundation/network_utilities.h"
+#include "znv/platform/file_reference.h"
+#include "znv/platform/filesystem.h"
+#include "znv/platform/progress.h"
+#include "znv/platform/url_session.h"
+#include "znv/session/network_session_manager.h"
+#include "znv/upload/storage_chunk.h"
+#include "znv/upload/storage_response.h"
+
+namespace znv {
+
+namespace {
+
+const bool registeredStorageUpload = [] {
+    ZNVArchiveClassRegistry::shared().registerClass(
+        "ZNVStorageUpload", "ZNVNetworkTask",
+        [](ZNVKeyedUnarchiver& coder) -> std::shared_ptr<ZNVCoding> {
+            return ZNVStorageUpload::decode(coder);
+        });
+    return true;
+}();
+
+constexpr uint64_t kNoIndex = static_cast<uint64_t>(ZNVNotFound);
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Construction
+
+std::shared_ptr<ZNVStorageUpload> ZNVStorageUpload::create(
+    std::optional<ZNVURL> source, const std::string& remoteFilename,
+    std::shared_ptr<ZNVAccount> account, const std::string& sharedStorageID,
+    const std::string& multiplexingHint, bool applyVideoPostProcessing,
+    std::shared_ptr<ZNVNetworkSessionManager> session) {
+    (void)registeredStorageUpload;
+    std::shared_ptr<ZNVStorageUpload> upload(new ZNVStorageUpload());
+    upload->initWithSource(source, std::move(session));
+    {
+        Lock lock(*upload);
+        if (!remoteFilename.empty()) {
+            upload->remoteFilename_ = remoteFilename;
+        } else if (source) {
+            upload->remoteFilename_ =
+                ZNVNetworkUtilities_sanitizeFilename(source->lastPathComponent()).value_or("");
+        }
+        upload->account_ = std::move(account);
+        upload->sharedStorageID_ = sharedStorageID;
+        upload->multiplexingHint_ = multiplexingHint;
+        if (source) upload->sourceFileReferenceURL_ = ZNVFileReferenceURL(*source);
+        upload->chunkIndicesToUpload_.clear();
+        upload->requiresVideoPostProcessing_ = applyVideoPostProcessing;
+    }
+    upload->finishUploadInit();
+    return upload;
+}
+
+std::shared_ptr<ZNVStorageUpload> ZNVStorageUpload::create() {
+    return create(std::nullopt, "", nullptr, "", "", false, nullptr);
+}
+
+void ZNVStorageUpload::finishUploadInit() {
+    Lock lock(*this);
+    remainingAttemptsForFileCompletion_ = ZNVStorageUploadFileCompletionAttempts;
+
+    std::optional<ZNVURL> file = resolvedSourceFileReference();
+    if (!file || !file->isFileURL()) file = storedSourceURL();
+
+    ZNVErrorRef pendingError;
+    const uint64_t size =
+        file ? ZNVNetworkUtilities_sizeOfFileAtURL(*file) : static_cast<uint64_t>(0);
+    chunkCount_ = 0;
+    sizeOfLastChunk_ = 0;
+    sourceFileSize_ = 0;
+    const uint64_t chunkSize = ZNVNetworkSessionManager::maximumChunkSize();
+    if (size == 0) {
+        pendingError = ZNVNetworkErrorHandler_createURLError(NSURLErrorCannotOpenFile,
+                                                             "empty file for upload");
+    } else if (chunkSize != 0) {
+        const uint64_t whole = size / chunkSize;
+        const uint64_t rest = size % chunkSize;
+        if (whole == std::numeric_limits<uint64_t>::max()) {
+            pendingError = ZNVNetworkErrorHandler_createURLError(
+                NSURLErrorCannotOpenFile, "file too large for chunk tracking");
+        } else {
+            chunkCount_ = whole + (rest != 0 ? 1 : 0);
+            sizeOfLastChunk_ = rest != 0 ? rest : chunkSize;
+        }
+    }
+    if (chunkCount_ != 0) {
+        ZNVErrorRef measureError;
+        sourceFileSize_ = ZNVNetworkUtilities_sizeOfFileAtURL(*file, &measureError);
+        if (measureError) pendingError = measureError;
+    }
+    if (!rawError() && pendingError) setRawError(pendingError);
+    setProgress(ZNVProgress::make(static_cast<int64_t>(10 * chunkCount_ + 2), 0));
+}
+
+void ZNVStorageUpload::validateChunkCount(uint64_t chunkCount, uint64_t sizeOfLastChunk) {
+    Lock lock(*this);
+    if (rawError()) return;
+    if (chunkCount != chunkCount_ || sizeOfLastChunk != sizeOfLastChunk_) {
+        setRawError(ZNVNetworkErrorHandler_createURLError(
+            NSURLErrorFileDoesNotExist, "The source of the upload has changed or moved."));
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Fields
+
+std::shared_ptr<ZNVAccount> ZNVStorageUpload::account() const {
+    Lock lock(*this);
+    return account_;
+}
+
+void ZNVStorageUpload::setAccount(std::shared_ptr<ZNVAccount> account) {
+    Lock lock(*this);
+    account_ = std::move(account);
+}
+
+std::string ZNVStorageUpload::remoteFileID() const {
+    Lock lock(*this);
+    return remoteFileID_;
+}
+
+void ZNVStorageUpload::setRemoteFileID(const std::string& remoteFileID) {
+    Lock lock(*this);
+    remoteFileID_ = remoteFileID;
+}
+
+std::string ZNVStorageUpload::remoteFilename() const {
+    Lock lock(*this);
+    return remoteFilename_;
+}
+
+std::string ZNVStorageUpload::sharedStorageID() const {
+    Lock lock(*this);
+    return sharedStorageID_;
+}
+
+void ZNVStorageUpload::setSharedStorageID(const std::string& identifier) {
+    Lock lock(*this);
+    sharedStorageID_ = identifier;
+}
+
+std::string ZNVStorageUpload::multiplexingHint() const {
+    Lock lock(*this);
+    return multiplexingHint_;
+}
+
+void ZNVStorageUpload::setMultiplexingHint(const std::string& hint) {
+    Lock lock(*this);
+    multiplexingHint_ = hint;
+}
+
+std::optional<ZNVBytes> ZNVStorageUpload::sourceURLBookmark() const {
+    Lock lock(*this);
+    return sourceURLBookmark_;
+}
+
+void ZNVStorageUpload::setSourceURLBookmark(std::optional<ZNVBytes> bookmark) {
+    Lock lock(*this);
+    sourceURLBookmark_ = std::move(bookmark);
+}
+
+ZNVIndexSet ZNVStorageUpload::chunkIndicesToUpload() const {
+    Lock lock(*this);
+    return chunkIndicesToUpload_;
+}
+
+void ZNVStorageUpload::setChunkIndicesToUpload(const ZNVIndexSet& indices) {
+    Lock lock(*this);
+    chunkIndicesToUpload_ = indices;
+}
+
+uint64_t ZNVStorageUpload::chunkCount() const {
+    Lock lock(*this);
+    return chunkCount_;
+}
+
+uint64_t ZNVStorageUpload::sizeOfLastChunk() const {
+    Lock lock(*this);
+    return sizeOfLastChunk_;
+}
+
+uint64_t ZNVStorageUpload::pendingBatchChunkCount() const {
+    Lock lock(*this);
+    return pendingBatchChunkCount_;
+}
+
+void ZNVStorageUpload::setPendingBatchChunkCount(uint64_t count) {
+    Lock lock(*this);
+    pendingBatchChunkCount_ = count;
+}
+
+uint64_t ZNVStorageUpload::sourceFileSize() const {
+    Lock lock(*this);
+    return sourceFileSize_;
+}
+
+uint64_t ZNVStorageUpload::maximumFullFileUploadSize() const {
+    Lock lock(*this);
+    return maximumFullFileUploadSize_;
+}
+
+void ZNVStorageUpload::setMaximumFullFileUploadSize(uint64_t size) {
+    Lock lock(*this);
+    maximumFullFileUploadSize_ = size;
+}
+
+bool ZNVStorageUpload::requiresVideoPostProcessing() const {
+    Lock lock(*this);
+    return requiresVideoPostProcessing_;
+}
+
+uint64_t ZNVStorageUpload::remainingAttemptsForFileCompletion() const {
+    Lock lock(*this);
+    return remainingAttemptsForFileCompletion_;
+}
+
+void ZNVStorageUpload::setRemainingAttemptsForFileCompletion(uint64_t attempts) {
+    Lock lock(*this);
+    remainingAttemptsForFileCompletion_ = attempts;
+}
+
+ZNVIndexSet ZNVStorageUpload::allChunkIndices() const {
+    Lock lock(*this);
+    return chunkCount_ == 0 ? ZNVIndexSet() : ZNVIndexSet::withRange(0, chunkCount_);
+}
+
+std::optional<ZNVURL> ZNVStorageUpload::resolvedSourceFileReference() const {
+    Lock lock(*this);
+    if (!sourceFileReferenceURL_) return std::nullopt;
+    std::optional<ZNVURL> resolved = ZNVFilePathURL(*sourceFileReferenceURL_);
+    if (!resolved || !resolved->isFileURL()) return resolved;
+    const std::string real = ZNVRealPath(resolved->path());
+    return real.empty() ? resolved : std::optional<ZNVURL>(ZNVURL::fileURL(real));
+}
+
+std::optional<ZNVURL> ZNVStorageUpload::sourceFileReferenceURL() const {
+    Lock lock(*this);
+    return sourceFileReferenceURL_;
+}
+
+std::optional<ZNVURL> ZNVStorageUpload::sourceURL() const {
+    std::optional<ZNVURL> resolved = resolvedSourceFileReference();
+    if (resolved && resolved->isFileURL()) return resolved;
+    return storedSourceURL();
+}
+
+// ---------------------------------------------------------------------------
+// Validation
+
+bool ZNVStorageUpload::validateParameters() {
+    Lock lock(*this);
+    if (!ZNVNetworkTask::validateParameters()) return false;
+    if (!rawError()) {
+        const std::optional<ZNVURL> source = sourceURL();
+        ZNVErrorRef failure;
+        if (!source || !source->isFileURL()) {
+            failure = ZNVNetworkErrorHandler_createURLError(NSURLErrorFileDoesNotExist,
+                                                            "a file URL is required");
+        } else if (ZNVNetworkUtilities_fileAtURLIsInAppBundle(*source)) {
+            failure = ZNVNetworkErrorHandler_createURLError(
+                NSURLErrorBadURL, "file must be in the data container (not the bundle)");
+        } else if (!account_) {
+            failure = ZNVNetworkErrorHandler_createURLError(NSURLErrorUserAuthenticationRequired,
+                                                            "an account is required");
+        } else if (chunkCount_ == 0 || sourceFileSize_ == 0) {
+            failure = ZNVNetworkErrorHandler_createURLError(NSURLErrorFileDoesNotExist,
+                                                            "empty file for upload");
+        } else if (sizeOfLastChunk_ == 0) {
+            failure = ZNVNetworkErrorHandler_createURLError(NSURLErrorUnknown,
+                                                            "internal error: invalid chunk size");
+        }
+        if (failure) setRawError(failure);
+    }
+    return !rawError();
+}
+
+// ---------------------------------------------------------------------------
+// Pipeline
+
+bool ZNVStorageUpload::resume() {
+    Lock lock(*this);
+    if (!ZNVNetworkTask::resume()) return false;
+    if (state() != ZNVNetworkTaskStateSuspended || rawError()) return false;
+    if (remoteFileID_.empty()) {
+        createRemoteFile();
+        return true;
+    }
+    setState(ZNVNetworkTaskStateRunning);
+    if (chunkIndicesToUpload_.empty() && canUploadFullFile()) {
+        uploadFullFile();
+    } else {
+        uploadNextBatchOfChunks();
+    }
+    return true;
+}
+
+void ZNVStorageUpload::dispatchNetworkBlock(NetworkBlock block) {
+    std::shared_ptr<ZNVAccount> currentAccount = account();
+    if (!currentAccount) return;
+    std::weak_ptr<ZNVNetworkTask> weakSelf = weak_from_this();
+    // Without an authentication (the account's error is its own business) the
+    // work still runs: the service operation then fails for the missing token.
+    currentAccount->dispatchAuthenticatedBlock(
+        [weakSelf, block = std::move(block)](ZNVAuthenticationRef authentication, ZNVErrorRef) {
+            auto self = std::static_pointer_cast<ZNVStorageUpload>(weakSelf.lock());
+            if (!self || !block) return;
+            Lock lock(*self);
+            if (self->rawError()) return;
+            block(authentication);
+        });
+}
+
+void ZNVStorageUpload::createRemoteFile() {
+    Lock lock(*this);
+    if (!validateParameters()) return;
+    if (remoteFilename_.empty()) {
+        setRawError(ZNVNetworkErrorHandler_createURLError(NSURLErrorCannotOpenFile,
+                                                          "failed to formulate a file name"));
+    }
+    if (rawError()) return;
+    std::weak_ptr<ZNVNetworkTask> weakSelf = weak_from_this();
+    dispatchNetworkBlock([weakSelf](const ZNVAuthenticationRef& authentication) {
+        auto self = std::static_pointer_cast<ZNVStorageUpload>(weakSelf.lock());
+        if (!self) return;
+        Lock lock(*self);
+        self->setState(ZNVNetworkTaskStateRunning);
+        ZNVErrorRef error;
+        const auto optionalText = [](const std::string& text) {
+            return text.empty() ? std::nullopt : std::optional<std::string>(text);
+        };
+        auto sessionTask = self->session()->createRemoteFileWithName(
+            self->remoteFilename_, optionalText(self->sharedStorageID_), authentication,
+            optionalText(self->multiplexingHint_), &error);
+        self->startNewSessionTask(sessionTask, error);
+    });
+}
+
+bool ZNVStorageUpload::canUploadFullFile() const {
+    if (forceChunkUploading()) return false;
+    Lock lock(*this);
+    if (sourceFileSize_ == 0) return false;
+    if (sourceFileSize_ > maximumFullFileUploadSize_) return false;
+    const uint64_t freeSpace = ZNVNetworkUtilities_freeSizeAvailableOnFileSystem();
+    if (sourceFileSize_ > std::numeric_limits<uint64_t>::max() - ZNVStorageUploadFreeSpaceMargin) {
+        return false;
+    }
+    return freeSpace >= sourceFileSize_ + ZNVStorageUploadFreeSpaceMargin;
+}
+
+void ZNVStorageUpload::uploadFullFile() {
+    Lock lock(*this);
+    if (!validateParameters()) return;
+    std::weak_ptr<ZNVNetworkTask> weakSelf = weak_from_this();
+    dispatchNetworkBlock([weakSelf](const ZNVAuthenticationRef& authentication) {
+        auto self = std::static_pointer_cast<ZNVStorageUpload>(weakSelf.lock());
+        if (!self) return;
+        Lock lock(*self);
+        ZNVErrorRef error;
+        const std::optional<ZNVURL> source = self->sourceURL();
+        auto sessionTask = self->session()->uploadLocalFile(
+            source.value_or(ZNVURL()), self->remoteFileID_, authentication, &error);
+        self->startNewSessionTask(sessionTask, error);
+    });
+}
+
+void ZNVStorageUpload::uploadNextBatchOfChunks() {
+    Lock lock(*this);
+    pendingBatchChunkCount_ = 0;
+    if (!validateParameters()) return;
+
+    std::vector<ZNVStorageChunkRef> batch;
+    uint64_t index = chunkIndicesToUpload_.firstIndex();
+    while (index != kNoIndex && batch.size() < ZNVStorageUploadBatchChunkLimit) {
+        ZNVStorageChunkRef chunk = _chunkWithIndexForFileSize(index, sourceFileSize_);
+        if (!chunk) break;
+        batch.push_back(std::move(chunk));
+        index = chunkIndicesToUpload_.indexGreaterThan(index);
+    }
+    if (batch.empty()) {
+        assembleRemoteFile();
+        return;
+    }
+
+    std::weak_ptr<ZNVNetworkTask> weakSelf = weak_from_this();
+    dispatchNetworkBlock([weakSelf, batch](const ZNVAuthenticationRef& authentication) {
+        auto self = std::static_pointer_cast<ZNVStorageUpload>(weakSelf.lock());
+        if (!self) return;
+        Lock lock(*self);
+        ZNVErrorRef error;
+        const std::optional<ZNVURL> source = self->sourceURL();
+        auto sessionTask = self->session()->uploadChunks(
+            batch, source.value_or(ZNVURL()), self->remoteFileID_, authentication, &error);
+        self->startNewSessionTask(sessionTask, error);
+        if (self->task()) self->pendingBatchChunkCount_ = batch.size();
+    });
+}
+
+void ZNVStorageUpload::beginUploadingChunksAtIndices(const ZNVIndexSet& indices) {
+    Lock lock(*this);
+    chunkIndicesToUpload_ = indices;
+    pendingBatchChunkCount_ = 0;
+    if (chunkIndicesToUpload_.empty()) {
+        setTask(nullptr);
+    } else {
+        uploadNextBatchOfChunks();
+    }
+}
+
+void ZNVStorageUpload::assembleRemoteFile() {
+    Lock lock(*this);
+    if (!validateParameters()) return;
+    std::weak_ptr<ZNVNetworkTask> weakSelf = weak_from_this();
+    dispatchNetworkBlock([weakSelf](const ZNVAuthenticationRef& authentication) {
+        auto self = std::static_pointer_cast<ZNVStorageUpload>(weakSelf.lock());
+        if (!self) return;
+        Lock lock(*self);
+        const uint64_t chunkSize = ZNVNetworkSessionManager::maximumChunkSize();
+        const ZNVIndexSet indices = self->allChunkIndices();
+        nlohmann::json sizes = nlohmann::json::array();
+        for (uint64_t index = 0; index < self->chunkCount_; ++index) {
+            sizes.push_back(index + 1 == self->chunkCount_ ? self->sizeOfLastChunk_ : chunkSize);
+        }
+        ZNVErrorRef error;
+        auto sessionTask = self->session()->assembleRemoteFile(self->remoteFileID_, indices, sizes,
+                                                               authentication, &error);
+        self->startNewSessionTask(sessionTask, error);
+    });
+}
+
+void ZNVStorageUpload::postProcessRemoteFile() {
+    Lock lock(*this);
+    if (!validateParameters()) return;
+    std::weak_ptr<ZNVNetworkTask> weakSelf = weak_from_this();
+    dispatchNetworkBlock([weakSelf](const ZNVAuthenticationRef& authentication) {
+        auto self = std::static_pointer_cast<ZNVStorageUpload>(weakSelf.lock());
+        if (!self) return;
+        Lock lock(*self);
+        ZNVErrorRef error;
+        auto sessionTask = self->session()->postProcessRemoteVideoFile(self->remoteFileID_,
+                                                                       authentication, &error);
+        self->startNewSessionTask(sessionTask, error);
+    });
+}
+
+void ZNVStorageUpload::resolveRemoteFileID() {
+    Lock lock(*this);
+    if (needsEarlyActivation() || !remoteFileID_.empty() ||
+        state() != ZNVNetworkTaskStateSuspended) {
+        return;
+    }
+    setNeedsEarlyActivation(true);
+    resume();
+}
+
+// ---------------------------------------------------------------------------
+// Responses
+
+void ZNVStorageUpload::handleStorageResponse(const ZNVStorageResponse& response,
+                                             bool reachableNetwork) {
+    Lock lock(*this);
+    if (rawError()) return;
+
+    const ZNVStorageResponseType type = response.type();
+    if (response.error()) {
+        const ZNVErrorRef& error = response.error();
+        bool handled = false;
+        if (reachableNetwork) {
+            if (type == ZNVStorageResponseTypeUploadedFullFile) {
+                // The service refused the whole file: send it in chunks instead.
+                beginUploadingChunksAtIndices(allChunkIndices());
+                handled = true;
+            } else if (type == ZNVStorageResponseTypeAssembledRemoteFile &&
+                       ZNVStorageErrorHandler_canAutomaticallyRecoverFromFileCompletionConflict(
+                           error)) {
+                handleMissingRemoteChunkIndices(response.missingRemoteChunkIndices(), error);
+                handled = true;
+            } else if ((type == ZNVStorageResponseTypeAssembledRemoteFile ||
+                        type == ZNVStorageResponseTypeUploadedChunk) &&
+                       ZNVStorageErrorHandler_errorMessageIndicatesFileAlreadyCompleted(
+                           error, response.message())) {
+                ZNVLogDefault("{}: The remote file is already assembled.", description());
+                if (requiresVideoPostProcessing_) {
+                    postProcessRemoteFile();
+                } else {
+                    setTask(nullptr);
+                }
+                handled = true;
+            }
+        }
+        if (!handled) setRawError(error);
+    } else {
+        remoteFileID_ = response.remoteFileID();
+
+        enum class Suspension { None, Network, Early };
+        Suspension suspension = Suspension::None;
+        if (needsEarlyActivation() && !remoteFileID_.empty()) {
+            setNeedsEarlyActivation(false);
+            chunkIndicesToUpload_ = allChunkIndices();
+            suspension = Suspension::Early;
+        } else if (!reachableNetwork) {
+            suspension = Suspension::Network;
+        }
+
+        bool completing = false;
+        switch (type) {
+            case ZNVStorageResponseTypeNewRemoteFile:
+                maximumFullFileUploadSize_ = response.maximumFullFileUploadSize();
+                if (reachableNetwork && suspension != Suspension::Early) {
+                    if (canUploadFullFile()) {
+                        uploadFullFile();
+                    } else {
+                        beginUploadingChunksAtIndices(allChunkIndices());
+                    }
+                }
+                break;
+            case ZNVStorageResponseTypeUploadedFullFile:
+            case ZNVStorageResponseTypeAssembledRemoteFile:
+                if (!requiresVideoPostProcessing_) {
+                    setTask(nullptr);
+                    completing = true;
+                } else if (reachableNetwork) {
+                    postProcessRemoteFile();
+                }
+                break;
+            case ZNVStorageResponseTypeUploadedChunk:
+                if (const std::optional<ZNVIndexSet>& sent = response.localChunkIndicesToUpload()) {
+                    chunkIndicesToUpload_.remove(*sent);
+                }
+                pendingBatchChunkCount_ = 0;
+                if (reachableNetwork) uploadNextBatchOfChunks();
+                break;
+            case ZNVStorageResponseTypePostProcessedRemoteVideoFile:
+                setTask(nullptr);
+                completing = true;
+                break;
+            default:
+                break;
+        }
+
+        if (!completing && suspension != Suspension::None) {
+            if (suspension == Suspension::Network) {
+                ZNVLogInfo("{}: Automatically suspending until the network is reachable.",
+                           description());
+            } else {
+                ZNVLogInfo(
+                    "{}: Remote file ID retrieved early. Suspending until the slot for this "
+                    "upload becomes available.",
+                    description());
+            }
+            resetForResume();
+        }
+    }
+    handleChunkProgress(0);
+}
+
+void ZNVStorageUpload::handleMissingRemoteChunkIndices(const std::optional<ZNVIndexSet>& indices,
+                                                       const ZNVErrorRef& error) {
+    Lock lock(*this);
+    if (indices && !indices->empty() && remainingAttemptsForFileCompletion_ > 0) {
+        --remainingAttemptsForFileCompletion_;
+        ZNVLogDefault("Attempting to re-upload chunks for the following indices: {}",
+                      ZNVNetworkUtilities_stringFromIndices(*indices).value_or(""));
+        beginUploadingChunksAtIndices(*indices);
+    } else {
+        setRawError(error);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Progress
+
+void ZNVStorageUpload::handleChunkProgress(float fraction) {
+    Lock lock(*this);
+    if (rawError()) return;
+    if (!task()) {
+        applyErrorToProgress();
+        return;
+    }
+    const uint64_t remaining = chunkIndicesToUpload_.count();
+    if (remaining > chunkCount_) return;
+    std::shared_ptr<ZNVProgress> current = progress();
+    if (!current) return;
+    const float batch = static_cast<float>(pendingBatchChunkCount_) * fraction * 10.0f;
+    const int64_t completed = static_cast<int64_t>(10 * (chunkCount_ - remaining)) +
+                              (remoteFileID_.empty() ? 0 : 1) + static_cast<int64_t>(batch);
+    current->setCompletedUnitCount(completed);
+}
+
+void ZNVStorageUpload::handleFullFileProgress(float fraction) {
+    Lock lock(*this);
+    if (rawError()) return;
+    if (!task()) {
+        applyErrorToProgress();
+        return;
+    }
+    if (chunkIndicesToUpload_.count() > chunkCount_) return;
+    std::shared_ptr<ZNVProgress> current = progress();
+    if (!current) return;
+    const float sent = static_cast<float>(chunkCount_) * fraction * 10.0f;
+    current->setCompletedUnitCount(static_cast<int64_t>(sent) + (remoteFileID_.empty() ? 0 : 1));
+}
+
+// ---------------------------------------------------------------------------
+// Lifecycle
+
+void ZNVStorageUpload::resetForResume() {
+    Lock lock(*this);
+    ZNVNetworkTask::resetForResume();
+    remainingAttemptsForFileCompletion_ = ZNVStorageUploadFileCompletionAttempts;
+    pendingBatchChunkCount_ = 0;
+}
+
+void ZNVStorageUpload::connectToAccount(std::shared_ptr<ZNVAccount> account,
+                                        const std::shared_ptr<ZNVNetworkSessionManager>& session,
+                                        const std::shared_ptr<ZNVURLSessionTask>& task) {
+    Lock lock(*this);
+    if (!wasDecoded()) return;
+    account_ = std::move(account);
+    connectToSession(session, task);
+}
+
+std::string ZNVStorageUpload::description() const {
+    Lock lock(*this);
+    std::string text = ZNVNetworkTask::description();
+    if (!remoteFileID_.empty()) text += fmt::format(" for remote file {}", remoteFileID_);
+    return text;
+}
+
+// ---------------------------------------------------------------------------
+// Archive
+
+void ZNVStorageUpload::encodeWithCoder(ZNVCoder& coder) const {
+    ZNVNetworkTask::encodeWithCoder(coder);
+    ZNVKeyedArchiver* archiver = coder.asKeyedArchiver();
+    Lock lock(*this);
+    if (!sourceURLBookmark_) {
+        const std::optional<ZNVURL> source = sourceURL();
+        if (source && source->isFileURL()) {
+            ZNVErrorRef error;
+            std::optional<ZNVBytes> bookmark = ZNVBookmark::createData(*source, &error);
+            if (!bookmark) {
+                ZNVLogDefault("Failed to create persistent bookmark for file at {}: {}",
+                              source->absoluteString(),
+                              error ? error->localizedDescription() : std::string());
+            }
+            sourceURLBookmark_ = std::move(bookmark);
+        }
+    }
+    if (!remoteFileID_.empty()) archiver->encodeString(remoteFileID_, "remote file ID");
+    if (!sharedStorageID_.empty()) archiver->encodeString(sharedStorageID_, "shared storage ID");
+    if (!multiplexingHint_.empty()) archiver->encodeString(multiplexingHint_, "multiplexing hint");
+    if (sourceURLBookmark_) archiver->encodeData(*sourceURLBookmark_, "source URL bookmark");
+    archiver->encodeIndexSet(chunkIndicesToUpload_, "chunk indices to upload");
+    archiver->encodeUInt64(chunkCount_, "chunk count");
+    archiver->encodeUInt64(sizeOfLastChunk_, "size of last chunk");
+    archiver->encodeUInt64(pendingBatchChunkCount_, "pending batch chunk count");
+    if (!remoteFilename_.empty()) archiver->encodeString(remoteFilename_, "remote file name");
+    archiver->encodeUInt64(maximumFullFileUploadSize_, "maximum full-file upload size");
+    archiver->encodeBool(requiresVideoPostProcessing_, "requires video post processing");
+}
+
+std::shared_ptr<ZNVStorageUpload> ZNVStorageUpload::decode(ZNVCoder& coder) {
+    (void)registeredStorageUpload;
+    std::shared_ptr<ZNVStorageUpload> upload(new ZNVStorageUpload());
+    upload->initWithCoder(coder);
+    uint64_t decodedChunkCount = kNoIndex;
+    uint64_t decodedSizeOfLastChunk = kNoIndex;
+    {
+        Lock lock(*upload);
+        ZNVKeyedUnarchiver* unarchiver = coder.asKeyedUnarchiver();
+        if (unarchiver && coder.allowsKeyedCoding()) {
+            upload->remoteFileID_ = unarchiver->decodeStringForKey("remote file ID").value_or("");
+            upload->sharedStorageID_ =
+                unarchiver->decodeStringForKey("shared storage ID").value_or("");
+            upload->multiplexingHint_ =
+                unarchiver->decodeStringForKey("multiplexing hint").value_or("");
+            upload->sourceURLBookmark_ = unarchiver->decodeDataForKey("source URL bookmark");
+            if (upload->sourceURLBookmark_ && !upload->sourceURLBookmark_->empty()) {
+                // The bookmark's staleness does not matter: the file is
+                // followed by identity, and its size is checked below.
+                ZNVErrorRef error;
+                std::optional<ZNVURL> resolved =
+                    ZNVBookmark::resolveData(*upload->sourceURLBookmark_, nullptr, &error);
+                if (!resolved) {
+                    ZNVLogDefault("Failed to retrieve file location from persistent bookmark: {}",
+                                  error ? error->localizedDescription() : std::string());
+                    upload->sourceFileReferenceURL_.reset();
+                } else {
+                    const std::string real = ZNVRealPath(resolved->path());
+                    upload->sourceFileReferenceURL_ =
+                        ZNVFileReferenceURL(real.empty() ? *resolved : ZNVURL::fileURL(real));
+                }
+            }
+            upload->chunkIndicesToUpload_ =
+                unarchiver->decodeIndexSetForKey("chunk indices to upload").value_or(ZNVIndexSet());
+            decodedChunkCount = unarchiver->decodeUInt64ForKey("chunk count").value_or(0);
+            decodedSizeOfLastChunk =
+                unarchiver->decodeUInt64ForKey("size of last chunk").value_or(0);
+            upload->pendingBatchChunkCount_ =
+                unarchiver->decodeUInt64ForKey("pending batch chunk count").value_or(0);
+            upload->remoteFilename_ =
+                unarchiver->decodeStringForKey("remote file name").value_or("");
+            upload->maximumFullFileUploadSize_ =
+                unarchiver->decodeUInt64ForKey("maximum full-file upload size").value_or(0);
+            upload->requiresVideoPostProcessing_ =
+                unarchiver->decodeBoolForKey("requires video post processing").value_or(false);
+        }
+        if (upload->remoteFilename_.empty()) {
+            if (std::optional<ZNVURL> source = upload->sourceURL()) {
+                upload->remoteFilename_ =
+                    ZNVNetworkUtilities_sanitizeFilename(source->lastPathComponent()).value_or("");
+            }
+        }
+    }
+    upload->finishUploadInit();
+    upload->validateChunkCount(decodedChunkCount, decodedSizeOfLastChunk);
+    return upload;
+}
+
+}  // namespace znv

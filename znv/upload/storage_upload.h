@@ -1,0 +1,161 @@
+// ZNVStorageUpload: one resumable upload of one local file into the storage
+// service.
+//
+// Contract
+// - A network task (see ZNVNetworkTask) that runs a pipeline of service
+//   requests, one URL session task at a time: create the remote file, send the
+//   file whole or in batches of at most 8 chunks, assemble the chunks, re-send
+//   what the service reports missing (at most 3 cycles), optionally ask for
+//   video post-processing, finish.
+// - The upload does not observe its URL session tasks: the storage manager
+//   parses every finished task into a ZNVStorageResponse and calls
+//   `handleStorageResponse`, and forwards progress to `handleChunkProgress` /
+//   `handleFullFileProgress`.
+// - Every request is made inside `dispatchNetworkBlock`: the account hands out
+//   an authentication, possibly later and on its own thread, and the work
+//   checks the raw error again before it starts a request.
+// - Only the first error is kept; a response that arrives while a raw error
+//   is set is ignored.
+// - Threads: as the base task (one recursive lock per task; any thread);
+//   `forceChunkUploading` is an atomic.
+// - Archive: the base keys, then "remote file ID", "shared storage ID",
+//   "multiplexing hint", "source URL bookmark", "chunk indices to upload",
+//   "chunk count", "size of last chunk", "pending batch chunk count",
+//   "remote file name", "maximum full-file upload size",
+//   "requires video post processing". A decoded upload whose source changed
+//   size fails with "The source of the upload has changed or moved.".
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "znv/platform/file_reference.h"
+#include "znv/platform/index_set.h"
+#include "znv/tasks/network_task.h"
+
+namespace znv {
+
+class ZNVAccount;
+class ZNVAuthentication;
+class ZNVStorageResponse;
+
+// Re-upload cycles after failed assemblies.
+inline constexpr uint64_t ZNVStorageUploadFileCompletionAttempts = 3;
+// Chunks sent in one request, whatever the chunk size.
+inline constexpr uint64_t ZNVStorageUploadBatchChunkLimit = 8;
+// Free space that must remain beyond the file for a full-file upload.
+inline constexpr uint64_t ZNVStorageUploadFreeSpaceMargin = 0x20000000;
+
+class ZNVStorageUpload : public ZNVNetworkTask {
+  public:
+    using NetworkBlock = std::function<void(const std::shared_ptr<const ZNVAuthentication>&)>;
+
+    static std::shared_ptr<ZNVStorageUpload> create(
+        std::optional<ZNVURL> source, const std::string& remoteFilename,
+        std::shared_ptr<ZNVAccount> account, const std::string& sharedStorageID,
+        const std::string& multiplexingHint, bool applyVideoPostProcessing,
+        std::shared_ptr<ZNVNetworkSessionManager> session);
+    static std::shared_ptr<ZNVStorageUpload> create();
+    static std::shared_ptr<ZNVStorageUpload> decode(ZNVCoder& coder);
+
+    // --- Fields ----------------------------------------------------------
+    std::shared_ptr<ZNVAccount> account() const;
+    void setAccount(std::shared_ptr<ZNVAccount> account);
+    std::string remoteFileID() const;
+    void setRemoteFileID(const std::string& remoteFileID);
+    std::string remoteFilename() const;
+    std::string sharedStorageID() const;
+    void setSharedStorageID(const std::string& identifier);
+    std::string multiplexingHint() const;
+    void setMultiplexingHint(const std::string& hint);
+    std::optional<ZNVBytes> sourceURLBookmark() const;
+    void setSourceURLBookmark(std::optional<ZNVBytes> bookmark);
+    // The file-reference URL of the source (its identity on its volume).
+    std::optional<ZNVURL> sourceFileReferenceURL() const;
+    // A copy of the chunk indices still to be sent.
+    ZNVIndexSet chunkIndicesToUpload() const;
+    uint64_t chunkCount() const;
+    uint64_t sizeOfLastChunk() const;
+    uint64_t pendingBatchChunkCount() const;
+    void setPendingBatchChunkCount(uint64_t count);
+    uint64_t sourceFileSize() const;
+    uint64_t maximumFullFileUploadSize() const;
+    void setMaximumFullFileUploadSize(uint64_t size);
+    bool requiresVideoPostProcessing() const;
+    uint64_t remainingAttemptsForFileCompletion() const;
+    void setRemainingAttemptsForFileCompletion(uint64_t attempts);
+    bool forceChunkUploading() const { return forceChunkUploading_.load(); }
+    void setForceChunkUploading(bool force) { forceChunkUploading_.store(force); }
+
+    // The source file, followed through renames and moves on its volume.
+    std::optional<ZNVURL> sourceURL() const override;
+
+    // --- Pipeline --------------------------------------------------------
+    bool resume() override;
+    void createRemoteFile();
+    void uploadFullFile();
+    void uploadNextBatchOfChunks();
+    void beginUploadingChunksAtIndices(const ZNVIndexSet& indices);
+    void assembleRemoteFile();
+    void postProcessRemoteFile();
+    bool canUploadFullFile() const;
+    void dispatchNetworkBlock(NetworkBlock block);
+    void resolveRemoteFileID();
+
+    // --- Callbacks from the storage manager -------------------------------
+    void handleStorageResponse(const ZNVStorageResponse& response, bool reachableNetwork);
+    void handleMissingRemoteChunkIndices(const std::optional<ZNVIndexSet>& indices,
+                                         const ZNVErrorRef& error);
+    void handleChunkProgress(float fraction);
+    void handleFullFileProgress(float fraction);
+
+    void connectToAccount(std::shared_ptr<ZNVAccount> account,
+                          const std::shared_ptr<ZNVNetworkSessionManager>& session,
+                          const std::shared_ptr<ZNVURLSessionTask>& task);
+
+    bool validateParameters() override;
+    void resetForResume() override;
+    std::string description() const override;
+
+    void finishUploadInit();
+    void validateChunkCount(uint64_t chunkCount, uint64_t sizeOfLastChunk);
+
+    std::string className() const override { return "ZNVStorageUpload"; }
+    void encodeWithCoder(ZNVCoder& coder) const override;
+
+  protected:
+    ZNVStorageUpload() = default;
+
+  private:
+    void setChunkIndicesToUpload(const ZNVIndexSet& indices);
+    ZNVIndexSet allChunkIndices() const;
+    // The file-reference URL resolved to the file's current path, symbolic
+    // links resolved; none when the file cannot be found.
+    std::optional<ZNVURL> resolvedSourceFileReference() const;
+
+    // Guarded by the base task's lock.
+    std::shared_ptr<ZNVAccount> account_;
+    std::string remoteFileID_;
+    std::string remoteFilename_;
+    std::string sharedStorageID_;
+    std::string multiplexingHint_;
+    mutable std::optional<ZNVBytes> sourceURLBookmark_;  // made on first archiving
+    // The file-reference URL of the source (identity across renames).
+    std::optional<ZNVURL> sourceFileReferenceURL_;
+    ZNVIndexSet chunkIndicesToUpload_;
+    uint64_t chunkCount_ = 0;
+    uint64_t sizeOfLastChunk_ = 0;
+    uint64_t pendingBatchChunkCount_ = 0;
+    uint64_t sourceFileSize_ = 0;
+    uint64_t maximumFullFileUploadSize_ = 0;
+    bool requiresVideoPostProcessing_ = false;
+    uint64_t remainingAttemptsForFileCompletion_ = ZNVStorageUploadFileCompletionAttempts;
+    // Set by the storage manager from any thread.
+    std::atomic<bool> forceChunkUploading_{false};
+};
+
+}  // namespace znv
