@@ -1035,10 +1035,10 @@ void Emulator::Impl::handleContent(Exchange& ex, const std::string& id) {
     bool fresh = ifRange.empty() || ifRange == info->etag || ifRange == lastModified;
     if (!range.empty() && fresh && range.compare(0, 6, "bytes=") == 0 &&
         range.find(',') == std::string::npos) {
-        std::string spec = range.substr(6);
-        auto dash = spec.find('-');
-        std::string a = spec.substr(0, dash),
-                    b = dash == std::string::npos ? "" : spec.substr(dash + 1);
+        std::string byteRange = range.substr(6);
+        auto dash = byteRange.find('-');
+        std::string a = byteRange.substr(0, dash),
+                    b = dash == std::string::npos ? "" : byteRange.substr(dash + 1);
         bool valid = dash != std::string::npos && (!a.empty() || !b.empty()) &&
                      a.find_first_not_of("0123456789") == std::string::npos &&
                      b.find_first_not_of("0123456789") == std::string::npos && a.size() < 19 &&
