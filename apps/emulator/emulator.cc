@@ -264,6 +264,8 @@ class Emulator::Impl {
 
     void reply(Exchange& ex, int status, const json& body);
     void replyMessage(Exchange& ex, int status, const std::string& message);
+    void replyCompleted(Exchange& ex, const std::string& id, const FileInfo& info);
+    void replyStoreFailure(Exchange& ex, const std::string& id, const StoreResult& result);
     bool checkAuthorization(Exchange& ex);
     bool findFile(Exchange& ex, const std::string& id, FileInfo& info);
     bool declaredCompleted(Exchange& ex, const FileInfo& info);
@@ -517,6 +519,37 @@ void Emulator::Impl::reply(Exchange& ex, int status, const json& body) {
 
 void Emulator::Impl::replyMessage(Exchange& ex, int status, const std::string& message) {
     reply(ex, status, json{{"message", message}});
+}
+
+// The answer for a file that a store operation has just completed.
+void Emulator::Impl::replyCompleted(Exchange& ex, const std::string& id, const FileInfo& info) {
+    reply(ex, 200,
+          json{{"fileId", id},
+               {"fileName", info.name},
+               {"isComplete", true},
+               {"contentUri", contentURI(ex.req, id)}});
+}
+
+// The answer for a store operation that did not succeed.
+void Emulator::Impl::replyStoreFailure(Exchange& ex, const std::string& id,
+                                       const StoreResult& result) {
+    switch (result.status) {
+        case StoreStatus::NotFound:
+            return replyMessage(ex, 404, "no file with ID " + id);
+        case StoreStatus::AlreadyCompleted:
+            return replyMessage(ex, 403, "file " + id + " is already completed");
+        case StoreStatus::NotComplete:
+            return replyMessage(ex, 409, "file " + id + " is not complete");
+        case StoreStatus::Missing:
+            return reply(ex, 409,
+                         json{{"message", std::to_string(result.missing.size()) +
+                                              " chunk(s) are missing or have the wrong size"},
+                              {"missingChunks", indexList(result.missing)}});
+        case StoreStatus::Ok:
+        case StoreStatus::IOError:
+            break;
+    }
+    replyMessage(ex, 500, result.message);
 }
 
 void Emulator::Impl::pace(Clock::time_point start, uint64_t bytes, uint64_t rate) {
@@ -848,20 +881,8 @@ void Emulator::Impl::handleFullFile(Exchange& ex, const std::string& id) {
         return tooLarge(size);
     }
     auto result = store_.commitFullFile(id, aside, size);
-    switch (result.status) {
-        case StoreStatus::Ok:
-            return reply(ex, 200,
-                         json{{"fileId", id},
-                              {"fileName", result.info.name},
-                              {"isComplete", true},
-                              {"contentUri", contentURI(ex.req, id)}});
-        case StoreStatus::NotFound:
-            return replyMessage(ex, 404, "no file with ID " + id);
-        case StoreStatus::AlreadyCompleted:
-            return replyMessage(ex, 403, "file " + id + " is already completed");
-        default:
-            return replyMessage(ex, 500, result.message);
-    }
+    if (result.status != StoreStatus::Ok) return replyStoreFailure(ex, id, result);
+    replyCompleted(ex, id, result.info);
 }
 
 void Emulator::Impl::handleChunks(Exchange& ex, const std::string& id) {
@@ -969,17 +990,8 @@ void Emulator::Impl::handleChunks(Exchange& ex, const std::string& id) {
     }
     // Within one body, a later part of the same index replaces an earlier one.
     auto result = store_.commitChunks(id, received);
-    switch (result.status) {
-        case StoreStatus::Ok:
-            return reply(ex, 200,
-                         json{{"fileId", id}, {"uploadedChunks", chunkList(result.info.chunks)}});
-        case StoreStatus::NotFound:
-            return replyMessage(ex, 404, "no file with ID " + id);
-        case StoreStatus::AlreadyCompleted:
-            return replyMessage(ex, 403, "file " + id + " is already completed");
-        default:
-            return replyMessage(ex, 500, result.message);
-    }
+    if (result.status != StoreStatus::Ok) return replyStoreFailure(ex, id, result);
+    reply(ex, 200, json{{"fileId", id}, {"uploadedChunks", chunkList(result.info.chunks)}});
 }
 
 void Emulator::Impl::handleComplete(Exchange& ex, const std::string& id) {
@@ -1007,25 +1019,8 @@ void Emulator::Impl::handleComplete(Exchange& ex, const std::string& id) {
         reportMissing = rule->chunks;
     }
     auto result = store_.complete(id, expected, reportMissing);
-    switch (result.status) {
-        case StoreStatus::Ok:
-            return reply(ex, 200,
-                         json{{"fileId", id},
-                              {"fileName", result.info.name},
-                              {"isComplete", true},
-                              {"contentUri", contentURI(ex.req, id)}});
-        case StoreStatus::Missing:
-            return reply(ex, 409,
-                         json{{"message", std::to_string(result.missing.size()) +
-                                              " chunk(s) are missing or have the wrong size"},
-                              {"missingChunks", indexList(result.missing)}});
-        case StoreStatus::NotFound:
-            return replyMessage(ex, 404, "no file with ID " + id);
-        case StoreStatus::AlreadyCompleted:
-            return replyMessage(ex, 403, "file " + id + " is already completed");
-        default:
-            return replyMessage(ex, 500, result.message);
-    }
+    if (result.status != StoreStatus::Ok) return replyStoreFailure(ex, id, result);
+    replyCompleted(ex, id, result.info);
 }
 
 void Emulator::Impl::handleProcess(Exchange& ex, const std::string& id) {
@@ -1037,16 +1032,8 @@ void Emulator::Impl::handleProcess(Exchange& ex, const std::string& id) {
         return replyMessage(ex, 400, "a processing request needs a \"type\"");
     }
     auto result = store_.requestProcessing(id, body);
-    switch (result.status) {
-        case StoreStatus::Ok:
-            return reply(ex, 202, json{{"fileId", id}});
-        case StoreStatus::NotComplete:
-            return replyMessage(ex, 409, "file " + id + " is not complete");
-        case StoreStatus::NotFound:
-            return replyMessage(ex, 404, "no file with ID " + id);
-        default:
-            return replyMessage(ex, 500, result.message);
-    }
+    if (result.status != StoreStatus::Ok) return replyStoreFailure(ex, id, result);
+    reply(ex, 202, json{{"fileId", id}});
 }
 
 void Emulator::Impl::handleContent(Exchange& ex, const std::string& id) {

@@ -294,6 +294,32 @@ StoreResult FileStore::commitChunks(const std::string& id,
     return result;
 }
 
+// Moves a finished content file into place and marks the file complete;
+// the caller holds the entry's lock. On failure `result` says why and the
+// file stays as it was (the temporary file is removed).
+void FileStore::installContent(Entry& entry, const std::string& id, const std::string& tempPath,
+                               uint64_t size, const char* failure, StoreResult& result) {
+    if (::rename(tempPath.c_str(), contentPath(id).c_str()) != 0) {
+        ::unlink(tempPath.c_str());
+        result.status = StoreStatus::IOError;
+        result.message = errnoText(failure);
+        return;
+    }
+    FileInfo updated = entry.info;
+    updated.complete = true;
+    updated.size = size;
+    updated.completedAt = nowSeconds();
+    updated.etag = makeEtag(updated);
+    if (!saveMeta(updated, &result.message)) {
+        result.status = StoreStatus::IOError;
+        return;
+    }
+    entry.info = updated;
+    std::error_code ec;
+    fs::remove_all(fileDir(id) + "/chunks", ec);
+    result.info = updated;
+}
+
 StoreResult FileStore::commitFullFile(const std::string& id, const std::string& tempPath,
                                       uint64_t size) {
     StoreResult result;
@@ -310,25 +336,7 @@ StoreResult FileStore::commitFullFile(const std::string& id, const std::string& 
         result.info = entry->info;
         return result;
     }
-    if (::rename(tempPath.c_str(), contentPath(id).c_str()) != 0) {
-        ::unlink(tempPath.c_str());
-        result.status = StoreStatus::IOError;
-        result.message = errnoText("cannot store the file");
-        return result;
-    }
-    FileInfo updated = entry->info;
-    updated.complete = true;
-    updated.size = size;
-    updated.completedAt = nowSeconds();
-    updated.etag = makeEtag(updated);
-    if (!saveMeta(updated, &result.message)) {
-        result.status = StoreStatus::IOError;
-        return result;
-    }
-    entry->info = updated;
-    std::error_code ec;
-    fs::remove_all(fileDir(id) + "/chunks", ec);
-    result.info = updated;
+    installContent(*entry, id, tempPath, size, "cannot store the file", result);
     return result;
 }
 
@@ -394,25 +402,7 @@ StoreResult FileStore::complete(const std::string& id,
         total += size;
     }
     ::close(out);
-    if (::rename(aside.c_str(), contentPath(id).c_str()) != 0) {
-        ::unlink(aside.c_str());
-        result.status = StoreStatus::IOError;
-        result.message = errnoText("cannot store the assembled file");
-        return result;
-    }
-    FileInfo updated = entry->info;
-    updated.complete = true;
-    updated.size = total;
-    updated.completedAt = nowSeconds();
-    updated.etag = makeEtag(updated);
-    if (!saveMeta(updated, &result.message)) {
-        result.status = StoreStatus::IOError;
-        return result;
-    }
-    entry->info = updated;
-    std::error_code ec;
-    fs::remove_all(fileDir(id) + "/chunks", ec);
-    result.info = updated;
+    installContent(*entry, id, aside, total, "cannot store the assembled file", result);
     return result;
 }
 

@@ -94,6 +94,8 @@ class FileStore {
     std::shared_ptr<Entry> find(const std::string& id) const;
     std::string fileDir(const std::string& id) const;
     bool saveMeta(const FileInfo& info, std::string* error) const;
+    void installContent(Entry& entry, const std::string& id, const std::string& tempPath,
+                        uint64_t size, const char* failure, StoreResult& result);
     bool loadFile(const std::string& id);
 
     std::string dataDir_;
