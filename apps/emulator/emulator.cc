@@ -173,6 +173,19 @@ bool peerHasGone(int fd) {
     return poll(&p, 1, 0) > 0 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR));
 }
 
+// Writes out and empties `buffer`; false when the disk refuses.
+bool flushBuffer(int fd, std::vector<char>& buffer) {
+    size_t done = 0;
+    while (done < buffer.size()) {
+        ssize_t n = ::write(fd, buffer.data() + done, buffer.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    buffer.clear();
+    return true;
+}
+
 json chunkList(const std::map<uint64_t, uint64_t>& chunks) {
     json out = json::array();
     for (const auto& [index, size] : chunks)
@@ -854,17 +867,7 @@ void Emulator::Impl::handleFullFile(Exchange& ex, const std::string& id) {
     buffer.reserve(1 << 20);
     uint64_t size = 0;
     bool writeFailed = false;
-    auto flush = [&] {
-        size_t done = 0;
-        while (done < buffer.size()) {
-            ssize_t n = ::write(fd, buffer.data() + done, buffer.size() - done);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) return false;
-            done += static_cast<size_t>(n);
-        }
-        buffer.clear();
-        return true;
-    };
+    auto flush = [&] { return flushBuffer(fd, buffer); };
     bool complete = readBody(ex, [&](const char* data, size_t n) {
         size += n;
         if (size > limit || writeFailed) return false;
@@ -901,17 +904,7 @@ void Emulator::Impl::handleChunks(Exchange& ex, const std::string& id) {
     int fd = -1;
     std::vector<char> buffer;
     std::string problem;
-    auto flush = [&] {
-        size_t done = 0;
-        while (done < buffer.size()) {
-            ssize_t n = ::write(fd, buffer.data() + done, buffer.size() - done);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) return false;
-            done += static_cast<size_t>(n);
-        }
-        buffer.clear();
-        return true;
-    };
+    auto flush = [&] { return flushBuffer(fd, buffer); };
     auto closeCurrent = [&] {
         if (fd >= 0) ::close(fd);
         fd = -1;
