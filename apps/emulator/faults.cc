@@ -25,12 +25,18 @@ bool setError(std::string* error, std::string message) {
     return false;
 }
 
+// Whether a JSON value is an integer >= 0. Parsed text gives unsigned
+// numbers, but values built in C++ from plain ints are signed ones.
+bool isNonNegativeInteger(const nlohmann::json& value) {
+    return value.is_number_unsigned() || (value.is_number_integer() && value.get<int64_t>() >= 0);
+}
+
 // Reads an optional unsigned integer member; false when present with another type.
 bool readUnsigned(const nlohmann::json& json, const char* key, std::optional<uint64_t>& out,
                   std::string* error) {
     auto it = json.find(key);
     if (it == json.end() || it->is_null()) return true;
-    if (!it->is_number_unsigned() && !(it->is_number_integer() && it->get<int64_t>() >= 0)) {
+    if (!isNonNegativeInteger(*it)) {
         return setError(error, std::string("\"") + key + "\" must be a non-negative integer");
     }
     out = it->get<uint64_t>();
@@ -153,7 +159,7 @@ std::optional<FaultRule> FaultRule::fromJSON(const nlohmann::json& json, std::st
             return std::nullopt;
         }
         for (const auto& index : *it) {
-            if (!index.is_number_unsigned()) {
+            if (!isNonNegativeInteger(index)) {
                 setError(error, "chunk indices must be non-negative integers");
                 return std::nullopt;
             }

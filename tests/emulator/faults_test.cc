@@ -36,6 +36,13 @@ TEST(FaultRules, RejectsRulesItCannotRead) {
         EXPECT_FALSE(error.empty()) << bad;
     }
     EXPECT_EQ(faults.toJSON(), json::array());  // a bad array adds none of its rules
+
+    // Rules built in C++ carry signed integers; non-negative ones are indices.
+    EXPECT_TRUE(
+        faults.add(json{{"action", "missingChunks"}, {"chunks", {0, 3}}, {"times", 1}}, &error))
+        << error;
+    EXPECT_FALSE(faults.add(json{{"action", "missingChunks"}, {"chunks", {2, -3}}}, &error));
+    EXPECT_EQ(faults.toJSON().size(), 1u);
 }
 
 using FaultTest = EmulatorTest;
