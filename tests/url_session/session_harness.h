@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "apps/emulator/emulator.h"
+#include "tests/support/emulator_process.h"
 #include "znv/platform/url_session.h"
 
 namespace znv::test {
@@ -108,23 +109,6 @@ class LocalServer {
     int port_ = 0;
 };
 
-// The emulator as a process of its own (built beside the tests), for faults
-// that act on its connections: their socket handling then never touches this
-// process's descriptors.
-class ExternalEmulator {
-  public:
-    // Starts `znv-emulator --port 0` with the given fault rules (JSON texts).
-    explicit ExternalEmulator(const std::vector<std::string>& faults);
-    ~ExternalEmulator();
-    bool running() const { return port_ != 0; }
-    int port() const { return port_; }
-    std::string baseURL() const;
-
-  private:
-    pid_t pid_ = -1;
-    int port_ = 0;
-};
-
 // Creates an empty remote file on the emulator listening on `port`; returns its id.
 std::string createRemoteFile(int port, const std::string& name);
 // Puts `content` on the emulator as a complete file; returns its content URL.
@@ -133,6 +117,5 @@ std::string putFileOnEmulator(emulator::Emulator& emulator, const std::string& c
 // Creates an empty remote file; returns its id.
 std::string createRemoteFile(emulator::Emulator& emulator, const std::string& name);
 // A port on 127.0.0.1 that nothing listens on.
-int closedPort();
 
 }  // namespace znv::test

@@ -464,9 +464,9 @@ TEST_F(ResumeTest, ResumingAgainstAChangedFileStartsOver) {
 TEST_F(URLSessionTest, TransportFailuresBecomeURLErrorsWithTheFailingURL) {
     // An emulator that holds one request unanswered and resets the connection
     // of another after 1 MiB of its body.
-    ExternalEmulator faulty(
-        {R"({"method": "GET", "path": "/api/files/stalled", "action": "stall"})",
-         R"({"method": "PUT", "path": "/api/files/*/fullfile", "action": "reset",
+    EmulatorProcess faulty(
+        {"--fault", R"({"method": "GET", "path": "/api/files/stalled", "action": "stall"})",
+         "--fault", R"({"method": "PUT", "path": "/api/files/*/fullfile", "action": "reset",
              "afterBytes": 1048576})"});
     ASSERT_TRUE(faulty.running());
     ZNVURLSessionConfiguration configuration =

@@ -1,0 +1,85 @@
+#include "tests/support/emulator_process.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+namespace znv::test {
+
+EmulatorProcess::EmulatorProcess(const std::vector<std::string>& extra) {
+    std::vector<std::string> arguments{std::string(ZNV_BUILD_DIR) + "/znv-emulator", "--port", "0"};
+    arguments.insert(arguments.end(), extra.begin(), extra.end());
+    // Everything the child needs is made before fork: it may only exec.
+    std::vector<char*> argv;
+    for (auto& argument : arguments)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    // A sanitizer build of the emulator reports its own findings without
+    // stopping in the middle of a test of this process.
+    std::vector<std::string> environment;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        if (std::string(*entry).rfind("TSAN_OPTIONS=", 0) != 0) environment.push_back(*entry);
+    }
+    environment.push_back("TSAN_OPTIONS=halt_on_error=0");
+    std::vector<char*> envp;
+    for (auto& entry : environment)
+        envp.push_back(entry.data());
+    envp.push_back(nullptr);
+    int pipeFds[2];
+    if (pipe(pipeFds) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+        dup2(pipeFds[1], STDOUT_FILENO);
+        close(pipeFds[0]);
+        close(pipeFds[1]);
+        execve(argv[0], argv.data(), envp.data());
+        _exit(127);
+    }
+    close(pipeFds[1]);
+    // The first line is the base URL: "http://127.0.0.1:<port>/api/".
+    std::string line;
+    char c = 0;
+    while (read(pipeFds[0], &c, 1) == 1 && c != '\n')
+        line.push_back(c);
+    close(pipeFds[0]);
+    size_t colon = line.rfind(':');
+    if (colon != std::string::npos) port_ = std::atoi(line.c_str() + colon + 1);
+    if (port_ == 0 && pid_ > 0) {  // it said nothing: it has failed or died
+        kill(pid_, SIGTERM);
+        waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+    }
+}
+
+EmulatorProcess::~EmulatorProcess() {
+    if (pid_ > 0) {
+        kill(pid_, SIGTERM);
+        int status = 0;
+        waitpid(pid_, &status, 0);
+    }
+}
+
+std::string EmulatorProcess::baseURL() const {
+    return "http://127.0.0.1:" + std::to_string(port_) + "/api/";
+}
+
+int closedPort() {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = 0;
+    bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    socklen_t length = sizeof(address);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    int port = ntohs(address.sin_port);
+    close(fd);
+    return port;
+}
+
+}  // namespace znv::test
