@@ -129,6 +129,7 @@ bool FileStore::open(const std::string& dataDir, std::string* error) {
     ::unlink(probe.c_str());
 
     dataDir_ = root.string();
+    if (!cleaner_.joinable()) cleaner_ = std::thread([this] { cleanLoop(); });
     std::lock_guard lock(mutex_);
     files_.clear();
     for (const auto& dirent : fs::directory_iterator(root / "files", ec)) {
@@ -180,6 +181,47 @@ bool FileStore::loadFile(const std::string& id) {
     }
     files_[id] = entry;
     return true;
+}
+
+FileStore::~FileStore() {
+    {
+        std::lock_guard lock(cleanMutex_);
+        cleanStop_ = true;
+    }
+    cleanWake_.notify_all();
+    if (cleaner_.joinable()) cleaner_.join();
+}
+
+void FileStore::discard(const std::string& path) {
+    std::string aside = tempPath();
+    std::error_code ec;
+    if (::rename(path.c_str(), aside.c_str()) != 0) {
+        if (errno != ENOENT) fs::remove_all(path, ec);  // not movable: remove it here
+        return;
+    }
+    if (!cleaner_.joinable()) {
+        fs::remove_all(aside, ec);
+        return;
+    }
+    {
+        std::lock_guard lock(cleanMutex_);
+        toClean_.push_back(std::move(aside));
+    }
+    cleanWake_.notify_one();
+}
+
+void FileStore::cleanLoop() {
+    std::unique_lock lock(cleanMutex_);
+    for (;;) {
+        cleanWake_.wait(lock, [&] { return cleanStop_ || !toClean_.empty(); });
+        if (toClean_.empty()) return;  // stopping, and nothing is left
+        std::string path = std::move(toClean_.front());
+        toClean_.pop_front();
+        lock.unlock();
+        std::error_code ec;
+        fs::remove_all(path, ec);
+        lock.lock();
+    }
 }
 
 std::string FileStore::tempPath() const {
@@ -315,8 +357,7 @@ void FileStore::installContent(Entry& entry, const std::string& id, const std::s
         return;
     }
     entry.info = updated;
-    std::error_code ec;
-    fs::remove_all(fileDir(id) + "/chunks", ec);
+    discard(fileDir(id) + "/chunks");
     result.info = updated;
 }
 
@@ -451,8 +492,7 @@ StoreResult FileStore::remove(const std::string& id) {
         result.info = entry->info;
         // Downloads in progress keep their open descriptor; the bytes go when
         // they finish.
-        std::error_code ec;
-        fs::remove_all(fileDir(id), ec);
+        discard(fileDir(id));
     }
     std::lock_guard lock(mutex_);
     files_.erase(id);

@@ -16,12 +16,15 @@
 // requests for the same file.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -61,6 +64,8 @@ class FileStore {
     // Creates the directory layout (the directory itself when missing), clears
     // leftovers of interrupted requests and loads every stored file.
     bool open(const std::string& dataDir, std::string* error);
+    // Waits until everything discarded has been removed.
+    ~FileStore();
     const std::string& dataDir() const { return dataDir_; }
 
     // A fresh path under tmp/ for a body being received.
@@ -97,10 +102,20 @@ class FileStore {
     void installContent(Entry& entry, const std::string& id, const std::string& tempPath,
                         uint64_t size, const char* failure, StoreResult& result);
     bool loadFile(const std::string& id);
+    // Moves `path` aside under tmp/ and has the cleaner thread remove it, so
+    // that no request waits while gigabytes of chunk files are unlinked.
+    void discard(const std::string& path);
+    void cleanLoop();
 
     std::string dataDir_;
     mutable std::mutex mutex_;
     std::map<std::string, std::shared_ptr<Entry>> files_;  // guarded by mutex_
+
+    std::mutex cleanMutex_;
+    std::condition_variable cleanWake_;
+    std::deque<std::string> toClean_;  // guarded by cleanMutex_
+    bool cleanStop_ = false;           // guarded by cleanMutex_
+    std::thread cleaner_;              // started by the first open()
 };
 
 // Whether text can be a file ID of this store (letters, digits, '-', '_').
