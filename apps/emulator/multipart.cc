@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 #include <vector>
 
 namespace znv::emulator {
@@ -64,6 +65,10 @@ std::string parameterValue(std::string_view raw) {
 
 MultipartParser::MultipartParser(std::string boundary, Callbacks callbacks)
     : delimiter_("\r\n--" + boundary), callbacks_(std::move(callbacks)) {
+    const size_t m = delimiter_.size();
+    skip_.fill(m);
+    for (size_t i = 0; i + 1 < m; ++i)
+        skip_[static_cast<unsigned char>(delimiter_[i])] = m - 1 - i;
     // The first delimiter may start the body without the CRLF that precedes
     // every other one; a virtual CRLF in front makes both forms look alike.
     buffer_ = "\r\n";
@@ -129,11 +134,27 @@ bool MultipartParser::parseHeaders(std::string_view block, MultipartPartHeaders&
     return true;
 }
 
+// Horspool's search: the byte under the delimiter's last position decides how
+// far to move, so content that holds none of the delimiter's bytes is passed
+// over a whole delimiter length at a time (chunk bodies are megabytes).
+size_t MultipartParser::findDelimiter() const {
+    const size_t m = delimiter_.size();
+    const char* text = buffer_.data();
+    const size_t n = buffer_.size();
+    const char last = delimiter_[m - 1];
+    for (size_t pos = 0; pos + m <= n;) {
+        const char c = text[pos + m - 1];
+        if (c == last && std::memcmp(text + pos, delimiter_.data(), m - 1) == 0) return pos;
+        pos += skip_[static_cast<unsigned char>(c)];
+    }
+    return std::string::npos;
+}
+
 bool MultipartParser::step(bool& progressed) {
     progressed = false;
     switch (state_) {
         case State::Preamble: {
-            size_t pos = buffer_.find(delimiter_);
+            size_t pos = findDelimiter();
             if (pos == std::string::npos) {
                 // Keep only what could still be the start of a delimiter.
                 if (buffer_.size() >= delimiter_.size()) {
@@ -196,7 +217,7 @@ bool MultipartParser::step(bool& progressed) {
             return true;
         }
         case State::Content: {
-            size_t pos = buffer_.find(delimiter_);
+            size_t pos = findDelimiter();
             if (pos == std::string::npos) {
                 if (buffer_.size() >= delimiter_.size()) {
                     size_t emit = buffer_.size() - (delimiter_.size() - 1);

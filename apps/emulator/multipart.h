@@ -12,6 +12,7 @@
 // why; `finish` returns false unless the closing delimiter was seen.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <functional>
 #include <optional>
@@ -51,8 +52,10 @@ class MultipartParser {
     bool fail(std::string message);
     bool parseHeaders(std::string_view block, MultipartPartHeaders& headers);
     bool step(bool& progressed);
+    size_t findDelimiter() const;  // first delimiter in buffer_, or npos
 
-    std::string delimiter_;  // CRLF "--" boundary
+    std::string delimiter_;           // CRLF "--" boundary
+    std::array<size_t, 256> skip_{};  // Horspool shifts for delimiter_
     Callbacks callbacks_;
     State state_ = State::Preamble;
     std::string buffer_;

@@ -71,6 +71,35 @@ TEST(MultipartParser, LibraryBatchSurvivesEverySplitAndDelimiterLookalikes) {
     }
 }
 
+TEST(MultipartParser, LargeContentWithScatteredNearDelimitersComesThroughIntact) {
+    const std::string boundary = "0xKhTmLbOuNdArY-0D4B8F7A-1C55-4C3A-9E21-6F1C2A9E5B7D";
+    const std::string delimiter = "\r\n--" + boundary;
+    std::string content;
+    uint32_t state = 12345;
+    auto next = [&] { return state = state * 1103515245u + 12345u; };
+    while (content.size() < (1u << 20)) {
+        // Random bytes, now and then a delimiter cut short or with one byte
+        // changed, which the search must step over without losing a byte.
+        for (int i = 0; i < 1000; ++i)
+            content.push_back(static_cast<char>(next() >> 24));
+        // ('z' is in no delimiter: random bytes must not complete a cut one.)
+        std::string lookalike = delimiter.substr(0, 1 + next() % (delimiter.size() - 1)) + "z";
+        if (next() % 2) {
+            lookalike = delimiter;
+            lookalike[next() % delimiter.size()] ^= 0x20;
+        }
+        content += lookalike;
+    }
+    std::string body = test::batchBody(boundary, {{0, content}, {1, content.substr(0, 4097)}});
+    for (size_t piece : {size_t{4093}, size_t{65536}, body.size()}) {
+        auto out = parse(boundary, body, piece);
+        ASSERT_TRUE(out.finished) << "piece " << piece << ": " << out.error;
+        ASSERT_EQ(out.parts.size(), 2u);
+        EXPECT_TRUE(out.parts[0].data == content) << "piece " << piece;
+        EXPECT_TRUE(out.parts[1].data == content.substr(0, 4097)) << "piece " << piece;
+    }
+}
+
 TEST(MultipartParser, AcceptsOtherWellFormedShapes) {
     // No CRLF before the first delimiter, a preamble, lower-case headers,
     // unquoted parameters, padding after a delimiter and an epilogue.
