@@ -404,6 +404,46 @@ TEST_F(LaunchedNetwork, SupersededSavesAreSkippedAndTheNewestWins) {
     EXPECT_EQ(log.count("   stored state for 25 suspended tasks"), 1u);
 }
 
+// The lines one refresh of a manager without downloads logs, in order.
+const std::vector<std::string> kIdleDownloadRound{
+    "0 download(s) are currently active.",
+    "Have capacity to activate 2 more download(s) ...",
+    "   No suspended download(s) left to activate.",
+};
+
+// The log lines that contain any of `texts`, in order.
+std::vector<std::string> linesContaining(const LogCapture& log,
+                                         const std::vector<std::string>& texts) {
+    std::vector<std::string> result;
+    for (const auto& line : log.lines()) {
+        for (const auto& text : texts) {
+            if (line.find(text) != std::string::npos) {
+                result.push_back(text);
+                break;
+            }
+        }
+    }
+    return result;
+}
+
+TEST_F(LaunchedNetwork, EveryRefreshRequestRunsItsOwnRoundInOrder) {
+    settle();
+    LogCapture log;
+    // Requests that pile up behind a busy queue are not merged: each one
+    // runs its own round of the activation policy, one after another.
+    auto release = blockBackgroundQueue();
+    network_->refreshAndSave();
+    network_->refreshAndSave();
+    network_->refreshAndSave();
+    release();
+    drainBackgroundQueue();
+
+    std::vector<std::string> expected;
+    for (int round = 0; round < 3; ++round)
+        expected.insert(expected.end(), kIdleDownloadRound.begin(), kIdleDownloadRound.end());
+    EXPECT_EQ(linesContaining(log, kIdleDownloadRound), expected);
+}
+
 TEST_F(LaunchedNetwork, ASaveWritesTheCollectionAsItWasWhenAskedFor) {
     settle();
     auto first = FakeTask::make(nullptr, "first");

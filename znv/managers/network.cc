@@ -306,12 +306,11 @@ void ZNVNetwork::refreshAndSave() {
         ZNVLogDefault("No session manager available to serialize refresh.");
         return;
     }
-    // A refresh already queued and not started yet will see everything that
-    // led to this request, so one queued refresh serves any number of them.
-    if (refreshQueued_->exchange(true)) return;
+    // Every request runs its own refresh: each one re-reads the collection and
+    // the conditions when it runs, and observers see one round of activation
+    // lines per request.
     std::weak_ptr<ZNVNetwork> weak = weakSelf();
-    session->performBackgroundSessionBlock([weak, queued = refreshQueued_] {
-        queued->store(false);
+    session->performBackgroundSessionBlock([weak] {
         auto self = weak.lock();
         if (!self) return;
         if (self->refreshTaskActivity()) self->writeState();

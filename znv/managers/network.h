@@ -14,7 +14,7 @@
 // - `refreshAndSave` hands the activation policy (`refreshTaskActivity`) and the
 //   save to the session manager's background queue, so refreshes, saves and
 //   session callbacks never overlap; changes schedule it through the main
-//   queue. While one refresh waits on the queue, further requests join it.
+//   queue. Every request runs its own refresh, in the order requested.
 // - At most two downloads run at a time; activation waits for a reachable
 //   network. Every task state change is re-posted on the default notification
 //   center under "ZNVNetwork: task did resume/suspend/complete" with this
@@ -235,8 +235,6 @@ class ZNVNetwork : public ZNVObservable,
     // Bumped by every queued save; a save that finds a newer number skips itself.
     std::shared_ptr<std::atomic<uint64_t>> saveGeneration_ =
         std::make_shared<std::atomic<uint64_t>>(0);
-    // Set while a refresh waits on the session's queue (see refreshAndSave).
-    std::shared_ptr<std::atomic<bool>> refreshQueued_ = std::make_shared<std::atomic<bool>>(false);
 };
 
 }  // namespace znv
