@@ -252,6 +252,48 @@ TEST_F(StorageTest, EachRefreshWeighsUploadsThenDownloadsAndNoneIsMerged) {
     EXPECT_EQ(linesContaining(log, watched), expected);
 }
 
+TEST_F(StorageTest, AnswersNamingAHeldUploadAreIgnoredEvenAfterInvalidation) {
+    auto storage = makeStorage();
+    // An upload that already has its remote file, as a restored one would.
+    auto upload = ZNVStorageUpload::create(sourceFile("held.bin", 100), "", account_, "", "", false,
+                                           storage->sessionManager());
+    ASSERT_NE(upload, nullptr);
+    upload->setRemoteFileID("held-file");
+    storage->addTask(upload);
+
+    auto session = storage->sessionManager();
+    auto authentication = std::make_shared<ZNVAuthentication>("dev-token");
+    // Requests whose answers are not awaited by anyone: an information
+    // request naming the held upload's file and one naming another file.
+    auto forHeld = session->getInformationForRemoteFile("held-file", authentication);
+    auto forOther = session->getInformationForRemoteFile("other-file", authentication);
+    ASSERT_NE(forHeld, nullptr);
+    ASSERT_NE(forOther, nullptr);
+    const std::string body = R"({"fileId":"held-file","contentUri":"http://x/y"})";
+    const ZNVBytes bytes(body.begin(), body.end());
+    const std::string ignoredLine = "ignoring response for old session task " +
+                                    std::to_string(forHeld->taskIdentifier()) +
+                                    ": information for remote file";
+    {
+        LogCapture log;
+        storage->didCompleteWithData(session, forHeld, bytes, nullptr);
+        EXPECT_EQ(log.count(ignoredLine), 1u);
+        EXPECT_FALSE(log.contains("no upload found for storage response:"));
+
+        storage->didCompleteWithData(session, forOther, bytes, nullptr);
+        EXPECT_EQ(log.count("no upload found for storage response:\n"), 1u);
+    }
+
+    // The file-ID lookup outlives the collection: after invalidation an
+    // answer for the upload's file is still recognised as stale.
+    storage->invalidateClientAndCancelTasks();
+    LogCapture log;
+    bool ignored = false;
+    EXPECT_EQ(storage->uploadForTask(forHeld, &ignored), nullptr);
+    EXPECT_TRUE(ignored);
+    EXPECT_EQ(log.count(ignoredLine), 1u);
+}
+
 TEST_F(StorageTest, UploadCapacityIsTwoRunningUploads) {
     LogCapture log;
     auto storage = makeStorage();

@@ -474,9 +474,10 @@ void ZNVStorage::invalidateClientAndCancelTasks() {
     willChange("uploads", ZNVKeyValueChange::Removal, range);
     ZNVNetwork::invalidateClientAndCancelTasks();
     {
+        // The file-ID map keeps its entries: an answer that arrives for one
+        // of these uploads is still recognised as belonging to it.
         std::lock_guard<std::mutex> lock(storageMutex_);
         mutableUploads_.clear();
-        uploadForRemoteFile_.clear();
     }
     didChange("uploads", ZNVKeyValueChange::Removal, range);
 }
