@@ -1,13 +1,11 @@
 #include "apps/emulator/emulator.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <httplib.h>
@@ -19,12 +17,26 @@
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <mutex>
+#include <set>
 #include <thread>
 #include <vector>
 
 #include "apps/emulator/faults.h"
 #include "apps/emulator/file_store.h"
 #include "apps/emulator/multipart.h"
+
+#if defined(__SANITIZE_THREAD__)
+// httplib comes as a shared library built without ThreadSanitizer. Its
+// function-local statics (the set of method names its request parser
+// compares against) are read on the guard's fast path, which the sanitizer
+// cannot see, so two workers parsing their first requests at once look like a
+// race inside the library. Accesses that the library itself makes through
+// intercepted calls are ignored; the emulator's own code is still checked.
+extern "C" const char* __tsan_default_suppressions() {
+    return "called_from_lib:libcpp-httplib.so\n";
+}
+#endif
 
 namespace znv::emulator {
 namespace {
@@ -73,47 +85,75 @@ std::string contentTypeOf(const httplib::Request& req) {
     return req.get_header_value("Content-Type");
 }
 
-// Calls `visit(fd, localPort, peerPort)` for every connected TCP socket of
-// this process, until it returns false. httplib does not hand its sockets to
-// handlers; the faults that act on a connection itself (reset, stall) and
-// `stop` find them by their endpoints.
-void forEachConnectedSocket(const std::function<bool(int, uint16_t, uint16_t)>& visit) {
-    DIR* dir = opendir("/proc/self/fd");
-    if (!dir) return;
-    auto port = [](const sockaddr_storage& a) {
-        if (a.ss_family == AF_INET) return ntohs(reinterpret_cast<const sockaddr_in&>(a).sin_port);
-        if (a.ss_family == AF_INET6) {
-            return ntohs(reinterpret_cast<const sockaddr_in6&>(a).sin6_port);
-        }
-        return uint16_t{0};
-    };
-    while (dirent* entry = readdir(dir)) {
-        char* end = nullptr;
-        long fd = std::strtol(entry->d_name, &end, 10);
-        if (end == entry->d_name || *end != '\0' || fd == dirfd(dir)) continue;
-        struct stat st {};
-        if (fstat(static_cast<int>(fd), &st) != 0 || !S_ISSOCK(st.st_mode)) continue;
-        sockaddr_storage local{}, peer{};
-        socklen_t localLen = sizeof local, peerLen = sizeof peer;
-        if (getsockname(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&local), &localLen) ||
-            getpeername(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&peer), &peerLen)) {
-            continue;
-        }
-        if (!visit(static_cast<int>(fd), port(local), port(peer))) break;
-    }
-    closedir(dir);
-}
+// httplib's server with its per-connection loop taken over, for two reasons:
+// the faults that act on a connection itself (reset, stall) need the socket of
+// the request they serve, which httplib does not hand to handlers; and stop()
+// must end idle keep-alive connections at once, without racing their close.
+// The loop is httplib's own: up to keep_alive_max_count_ requests a
+// connection, each after the client sent something within the keep-alive
+// timeout, and none once the listener is gone.
+class ConnectionServer final : public httplib::Server {
+  public:
+    // The socket of the connection the calling worker thread serves, or -1.
+    static int currentSocket() { return tCurrentSocket; }
 
-// The accepted socket that carries `req`, or -1.
-int findConnectionSocket(const httplib::Request& req) {
-    int found = -1;
-    forEachConnectedSocket([&](int fd, uint16_t localPort, uint16_t peerPort) {
-        if (localPort != req.local_port || peerPort != req.remote_port) return true;
-        found = fd;
+    // Shuts down both directions of every open connection; their workers then
+    // see end of stream and close them.
+    void shutdownConnections() {
+        std::lock_guard lock(openMutex_);
+        for (int fd : open_)
+            shutdown(fd, SHUT_RDWR);
+    }
+
+  private:
+    bool process_and_close_socket(socket_t sock) override {
+        {
+            std::lock_guard lock(openMutex_);
+            open_.insert(sock);
+        }
+        tCurrentSocket = sock;
+        bool ret = false;
+        for (size_t left = keep_alive_max_count_; left > 0 && awaitRequest(sock); --left) {
+            bool closeConnection = left == 1;
+            bool connectionClosed = false;
+            ret = httplib::detail::process_client_socket(
+                sock, read_timeout_sec_, read_timeout_usec_, write_timeout_sec_,
+                write_timeout_usec_, [&](httplib::Stream& strm) {
+                    return process_request(strm, closeConnection, connectionClosed, nullptr);
+                });
+            if (!ret || connectionClosed) break;
+        }
+        tCurrentSocket = -1;
+        // Closed under the lock so that shutdownConnections() never touches a
+        // descriptor number that another thread may already have reused.
+        std::lock_guard lock(openMutex_);
+        open_.erase(sock);
+        shutdown(sock, SHUT_RDWR);
+        close(sock);
+        return ret;
+    }
+
+    // Waits for the next request on a kept-alive connection: true once bytes
+    // (or end of stream) arrive, false after the keep-alive timeout or when
+    // the server stops.
+    bool awaitRequest(int sock) const {
+        auto deadline = Clock::now() + std::chrono::seconds(keep_alive_timeout_sec_);
+        while (svr_sock_ != INVALID_SOCKET) {
+            pollfd p{sock, POLLIN, 0};
+            int ready = poll(&p, 1, 10);
+            if (ready > 0) return true;
+            if (ready < 0 && errno != EINTR) return false;
+            if (Clock::now() >= deadline) return false;
+        }
         return false;
-    });
-    return found;
-}
+    }
+
+    static thread_local int tCurrentSocket;
+    std::mutex openMutex_;
+    std::set<int> open_;  // guarded by openMutex_: sockets of live connections
+};
+
+thread_local int ConnectionServer::tCurrentSocket = -1;
 
 // Aborts a TCP connection with a reset while leaving the descriptor open for
 // httplib to close: disconnecting an established socket (connect with
@@ -188,7 +228,7 @@ class Emulator::Impl {
     std::deque<json> log_;    // guarded by logMutex_
     uint64_t nextLogId_ = 1;  // guarded by logMutex_
 
-    std::unique_ptr<httplib::Server> server_;
+    std::unique_ptr<ConnectionServer> server_;
     std::thread listener_;
     std::atomic<bool> stopping_{false};
     std::atomic<bool> listenerDone_{false};  // set when listen_after_bind returned
@@ -261,7 +301,7 @@ bool Emulator::Impl::start(std::string* error) {
     }
 
     stopping_ = false;
-    server_ = std::make_unique<httplib::Server>();
+    server_ = std::make_unique<ConnectionServer>();
     auto& svr = *server_;
     svr.new_task_queue = [] { return new httplib::ThreadPool(kWorkerThreads); };
     svr.set_socket_options([](int sock) {
@@ -357,16 +397,12 @@ void Emulator::Impl::stop() {
     }
     wake_.notify_all();
     server_->stop();
-    // Workers keep idle keep-alive connections open for a few seconds before
-    // they notice the stop; shutting those connections down ends them now.
-    // Only sockets whose local port is ours are touched: those are the
-    // connections this server accepted.
-    const uint16_t port = port_.load();
+    // A worker in the middle of reading a body would wait for its read
+    // timeout; shutting the connections down ends those reads now. Repeated
+    // until the listener returns, as a connection accepted just before the
+    // stop may open after the first pass.
     while (listener_.joinable() && !listenerDone_) {
-        forEachConnectedSocket([&](int fd, uint16_t localPort, uint16_t) {
-            if (localPort == port) shutdown(fd, SHUT_RDWR);
-            return true;
-        });
+        server_->shutdownConnections();
         std::unique_lock lock(wakeMutex_);
         wake_.wait_for(lock, std::chrono::milliseconds(20), [&] { return listenerDone_.load(); });
     }
@@ -553,7 +589,7 @@ bool Emulator::Impl::readJSON(Exchange& ex, json& out) {
 
 void Emulator::Impl::drop(Exchange& ex) {
     ex.dropped = true;
-    resetConnection(findConnectionSocket(ex.req));
+    resetConnection(ConnectionServer::currentSocket());
     // Nothing reaches the client; httplib still wants a status to write.
     ex.res.status = 500;
     ex.res.set_header("Connection", "close");
@@ -562,7 +598,7 @@ void Emulator::Impl::drop(Exchange& ex) {
 // Holds a request unanswered until its rule is cleared (then serves it), the
 // client gives up, the emulator stops or the stall limit passes (then drops it).
 bool Emulator::Impl::stall(Exchange& ex, uint64_t ruleId) {
-    int fd = findConnectionSocket(ex.req);
+    int fd = ConnectionServer::currentSocket();
     auto deadline = Clock::now() + kStallLimit;
     std::unique_lock lock(wakeMutex_);
     while (!stopping_) {

@@ -40,6 +40,12 @@ TEST(AccountHTTPSession, FailingStatusesGiveABadServerResponseWithStatusAndURL) 
     auto unavailable = ZNVAccountHTTPSession::parseServerErrorFromResponse(503, {}, "", kURL);
     EXPECT_EQ(unavailable->localizedDescription(),
               "the server responded with status 503 (service unavailable)");
+    EXPECT_EQ(ZNVAccountHTTPSession::parseServerErrorFromResponse(507, {}, "", kURL)
+                  ->localizedDescription(),
+              "the server responded with status 507 (insufficient storage)");
+    EXPECT_EQ(ZNVAccountHTTPSession::parseServerErrorFromResponse(599, {}, "", kURL)
+                  ->localizedDescription(),
+              "the server responded with status 599 (server error)");
 }
 
 TEST(AccountHTTPSession, UsesTheServersJSONMessageOnlyWhenThereIsAUsableOne) {

@@ -178,13 +178,18 @@ TEST(OperationQueue, CanBeDestroyedFromItsOwnItem) {
     std::weak_ptr<ZNVOperationQueue> weakQueue = queue;
     std::atomic<bool> destroyed{false};
     std::atomic<bool> laterRan{false};
+    std::atomic<bool> released{false};
     auto holder = std::make_shared<std::shared_ptr<ZNVOperationQueue>>(queue);
-    queue->addOperation([holder, &destroyed] {
-        holder->reset();  // the last strong reference: the queue dies on its own worker
+    queue->addOperation([holder, &destroyed, &released] {
+        // Waits until the test has dropped its own reference, so that this
+        // is the last strong one and the queue dies on its own worker.
+        waitFor([&] { return released.load(); });
+        holder->reset();
         destroyed = true;
     });
     queue->addOperation([&] { laterRan = true; });
     queue.reset();
+    released = true;
     ASSERT_TRUE(waitFor([&] { return destroyed.load(); }));
     EXPECT_TRUE(waitFor([&] { return weakQueue.expired(); }));
     EXPECT_FALSE(waitFor([&] { return laterRan.load(); }, 100ms));

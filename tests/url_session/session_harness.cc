@@ -188,7 +188,7 @@ bool RecordingDelegate::lastLocationWasPrivate() const {
     return lastLocationPrivate_;
 }
 
-LocalServer::LocalServer() {
+LocalServer::LocalServer(std::string payloadBytes) : payload(std::move(payloadBytes)) {
     // Ranges are answered by httplib itself (it slices the provider's output).
     server_.Get("/payload", [this](const httplib::Request& request, httplib::Response& response) {
         response.set_header("ETag", "\"v1\"");

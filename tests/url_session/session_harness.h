@@ -92,13 +92,14 @@ class RecordingDelegate : public ZNVURLSessionDelegate {
 // A loopback HTTP server for the cases the emulator has no rule for.
 class LocalServer {
   public:
-    LocalServer();
+    // "/payload" answers `payload` with ETag and Accept-Ranges; with
+    // `dropAfter` > 0 a full answer stops after that many bytes (the
+    // connection closes short of its Content-Length). The payload is fixed
+    // before the server thread starts, so handlers read it without a lock.
+    explicit LocalServer(std::string payload);
     ~LocalServer();
     std::string url(const std::string& path) const;
-    // "/payload": `payloadSize` bytes with ETag and Accept-Ranges; with
-    // `dropAfter` > 0 a full answer stops after that many bytes (the
-    // connection closes short of its Content-Length).
-    std::string payload;
+    const std::string payload;
     std::atomic<size_t> dropAfter{0};
 
   private:

@@ -525,8 +525,7 @@ TEST_F(URLSessionTest, TransportFailuresBecomeURLErrorsWithTheFailingURL) {
 }
 
 TEST_F(URLSessionTest, DownloadDroppedMidwayCarriesResumeDataInItsError) {
-    LocalServer server;
-    server.payload = pattern(1 << 20, 8);
+    LocalServer server(pattern(1 << 20, 8));
     server.dropAfter = 300 * 1024;
     auto session = makeSession();
 
@@ -551,8 +550,7 @@ TEST_F(URLSessionTest, DownloadDroppedMidwayCarriesResumeDataInItsError) {
 }
 
 TEST_F(URLSessionTest, RedirectsAreFollowedOnlyToHTTP) {
-    LocalServer server;
-    server.payload = pattern(1000, 4);
+    LocalServer server(pattern(1000, 4));
     ZNVURLSessionConfiguration configuration =
         ZNVURLSessionConfiguration::defaultSessionConfiguration();
     configuration.maximumInMemoryBodyBytes = 999;

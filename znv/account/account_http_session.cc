@@ -4,6 +4,8 @@
 
 #include <cctype>
 
+#include "znv/platform/url_request.h"
+
 namespace znv {
 namespace {
 
@@ -42,69 +44,7 @@ bool mayHoldJSON(const ZNVAccountHTTPSession::Headers& headers) {
 }  // namespace
 
 std::string ZNVAccountHTTPSession::localizedStringForStatusCode(int64_t statusCode) {
-    switch (statusCode) {
-        case 400:
-            return "bad request";
-        case 401:
-            return "unauthorized";
-        case 402:
-            return "payment required";
-        case 403:
-            return "forbidden";
-        case 404:
-            return "not found";
-        case 405:
-            return "method not allowed";
-        case 406:
-            return "unacceptable";
-        case 407:
-            return "proxy authentication required";
-        case 408:
-            return "request timed out";
-        case 409:
-            return "conflict";
-        case 410:
-            return "no longer exists";
-        case 411:
-            return "length required";
-        case 412:
-            return "precondition failed";
-        case 413:
-            return "request too large";
-        case 414:
-            return "requested URL too long";
-        case 415:
-            return "unsupported media type";
-        case 416:
-            return "requested range not satisfiable";
-        case 417:
-            return "expectation failed";
-        case 422:
-            return "unprocessable entity";
-        case 423:
-            return "locked";
-        case 429:
-            return "too many requests";
-        case 500:
-            return "internal server error";
-        case 501:
-            return "unimplemented";
-        case 502:
-            return "bad gateway";
-        case 503:
-            return "service unavailable";
-        case 504:
-            return "gateway timed out";
-        case 505:
-            return "HTTP version not supported";
-        case 507:
-            return "insufficient storage";
-        default:
-            break;
-    }
-    if (statusCode >= 500 && statusCode < 600) return "server error";
-    if (statusCode >= 400 && statusCode < 500) return "client error";
-    return "unknown status";
+    return ZNVHTTPURLResponse::localizedStringForStatusCode(statusCode);
 }
 
 ZNVErrorRef ZNVAccountHTTPSession::parseServerErrorFromResponse(int64_t statusCode,

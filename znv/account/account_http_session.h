@@ -34,8 +34,9 @@ class ZNVAccountHTTPSession {
     static ZNVErrorRef parseServerErrorFromResponse(int64_t statusCode, const Headers& headers,
                                                     const ZNVBytes& body, const ZNVURL& url);
 
-    // The reason phrase of a status code in lower case ("not found"), or
-    // "server error" / "client error" / "unknown status" for codes without one.
+    // The reason phrase of a status code in lower case ("not found"), or the
+    // phrase of its class ("server error") for codes without one; the same
+    // table as ZNVHTTPURLResponse's.
     static std::string localizedStringForStatusCode(int64_t statusCode);
 };
 

@@ -178,6 +178,10 @@ std::string ZNVHTTPURLResponse::localizedStringForStatusCode(int64_t statusCode)
             return "requested range not satisfiable";
         case 417:
             return "expectation failed";
+        case 422:
+            return "unprocessable entity";
+        case 423:
+            return "locked";
         case 429:
             return "too many requests";
         case 500:
@@ -192,6 +196,8 @@ std::string ZNVHTTPURLResponse::localizedStringForStatusCode(int64_t statusCode)
             return "gateway timed out";
         case 505:
             return "unsupported version";
+        case 507:
+            return "insufficient storage";
         default:
             break;
     }
