@@ -217,7 +217,7 @@ TEST_F(StorageEndToEnd, SignedOutStartsNothingUntilSignedIn) {
     auto first = storage->uploadFromFile(ZNVURL::fileURL(writeSource("a.bin", 1000)), false);
     auto second = storage->uploadFromFile(ZNVURL::fileURL(writeSource("b.bin", 2000)), false);
     ASSERT_TRUE(test::waitFor([&] {
-        return log.count("Account must be signed in before uploads can be activated.") >= 1;
+        return log.count("Account must be signed in before uploads can be activated.") >= 2;
     }));
     EXPECT_TRUE(emulator_->requestLog().empty());
     EXPECT_EQ(first->state(), ZNVNetworkTaskStateSuspended);

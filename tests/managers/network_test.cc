@@ -292,6 +292,14 @@ class LaunchedNetwork : public ::testing::Test {
         session_->performBackgroundSessionBlock([done] { *done = true; });
         ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
     }
+    // Lets everything scheduled so far run: the main queue hands refreshes to
+    // the background queue, whose refreshes may queue saves behind them.
+    void settle() {
+        for (int round = 0; round < 2; ++round) {
+            ASSERT_TRUE(ZNVMainQueue::waitUntilDrained());
+            drainBackgroundQueue();
+        }
+    }
 
     struct Gate {
         std::mutex mutex;
@@ -394,6 +402,77 @@ TEST_F(LaunchedNetwork, SupersededSavesAreSkippedAndTheNewestWins) {
     // 25 saves were queued behind the gate; only the last one wrote.
     EXPECT_EQ(log.count("saving task state:"), 1u);
     EXPECT_EQ(log.count("   stored state for 25 suspended tasks"), 1u);
+}
+
+// The lines one refresh of a manager without downloads logs, in order.
+const std::vector<std::string> kIdleDownloadRound{
+    "0 download(s) are currently active.",
+    "Have capacity to activate 2 more download(s) ...",
+    "   No suspended download(s) left to activate.",
+};
+
+// The log lines that contain any of `texts`, in order.
+std::vector<std::string> linesContaining(const LogCapture& log,
+                                         const std::vector<std::string>& texts) {
+    std::vector<std::string> result;
+    for (const auto& line : log.lines()) {
+        for (const auto& text : texts) {
+            if (line.find(text) != std::string::npos) {
+                result.push_back(text);
+                break;
+            }
+        }
+    }
+    return result;
+}
+
+TEST_F(LaunchedNetwork, EveryRefreshRequestRunsItsOwnRoundInOrder) {
+    settle();
+    LogCapture log;
+    // Requests that pile up behind a busy queue are not merged: each one
+    // runs its own round of the activation policy, one after another.
+    auto release = blockBackgroundQueue();
+    network_->refreshAndSave();
+    network_->refreshAndSave();
+    network_->refreshAndSave();
+    release();
+    drainBackgroundQueue();
+
+    std::vector<std::string> expected;
+    for (int round = 0; round < 3; ++round)
+        expected.insert(expected.end(), kIdleDownloadRound.begin(), kIdleDownloadRound.end());
+    EXPECT_EQ(linesContaining(log, kIdleDownloadRound), expected);
+}
+
+TEST_F(LaunchedNetwork, ASaveWritesTheCollectionAsItWasWhenAskedFor) {
+    settle();
+    auto first = FakeTask::make(nullptr, "first");
+    auto second = FakeTask::make(nullptr, "second");
+    auto restoredSources = [&] {
+        auto reader = ZNVNetwork::create(configuration(identifier_));
+        reader->readState();
+        std::vector<std::string> names;
+        for (const auto& task : reader->tasks())
+            names.push_back(task->sourceURL() ? task->sourceURL()->lastPathComponent() : "?");
+        return names;
+    };
+
+    LogCapture log;
+    auto release = blockBackgroundQueue();
+    network_->addTask(first);  // asks for a save of [first]
+    network_->beginBatch();
+    network_->addTask(second);  // no save while the batch is open
+    release();
+    settle();
+    // The queued save still runs inside the batch, with what it was asked to
+    // write: the second task is not in it.
+    EXPECT_EQ(restoredSources(), std::vector<std::string>{"first"});
+    EXPECT_EQ(log.count("saving task state:"), 1u);
+    EXPECT_EQ(log.count("   stored state for 1 suspended tasks"), 1u);
+
+    network_->commitBatch();
+    settle();
+    EXPECT_EQ(restoredSources(), (std::vector<std::string>{"first", "second"}));
 }
 
 TEST_F(LaunchedNetwork, BackgroundStateChangesSaveWhenTheyMatter) {

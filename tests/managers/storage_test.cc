@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <condition_variable>
+
 #include "tests/managers/managers_test_support.h"
 #include "tests/support/test_support.h"
 #include "znv/platform/main_queue.h"
@@ -47,12 +49,15 @@ class StorageTest : public ::testing::Test {
         test::writePatternFile(path, size);
         return ZNVURL::fileURL(path);
     }
-    // Waits until a refresh has run on the session's queue after this call.
+    // Waits until everything scheduled so far has run: the main queue hands
+    // refreshes to the session's queue, whose refreshes may queue saves.
     void settle(const std::shared_ptr<ZNVStorage>& storage) {
-        ASSERT_TRUE(ZNVMainQueue::waitUntilDrained());
-        auto done = std::make_shared<std::atomic<bool>>(false);
-        storage->sessionManager()->performBackgroundSessionBlock([done] { *done = true; });
-        ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
+        for (int round = 0; round < 2; ++round) {
+            ASSERT_TRUE(ZNVMainQueue::waitUntilDrained());
+            auto done = std::make_shared<std::atomic<bool>>(false);
+            storage->sessionManager()->performBackgroundSessionBlock([done] { *done = true; });
+            ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
+        }
     }
 
     std::shared_ptr<ZNVTokenAccount> account_;
@@ -152,6 +157,141 @@ TEST_F(StorageTest, SignedOutOrUnreachableActivatesNothing) {
     }));
     EXPECT_EQ(upload->state(), ZNVNetworkTaskStateSuspended);
     EXPECT_FALSE(log.contains("Account must be signed in"));
+}
+
+// The log lines that contain any of `texts`, as those texts, in order.
+std::vector<std::string> linesContaining(const LogCapture& log,
+                                         const std::vector<std::string>& texts) {
+    std::vector<std::string> result;
+    for (const auto& line : log.lines()) {
+        for (const auto& text : texts) {
+            if (line.find(text) != std::string::npos) {
+                result.push_back(text);
+                break;
+            }
+        }
+    }
+    return result;
+}
+
+TEST_F(StorageTest, EachRefreshWeighsUploadsThenDownloadsAndNoneIsMerged) {
+    auto storage = makeStorage();
+    ASSERT_NE(storage->uploadFromFile(sourceFile("queued.bin", 100), false), nullptr);
+    settle(storage);
+
+    // Holds the session's queue so that the requests below pile up.
+    struct Gate {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool entered = false;
+        bool open = false;
+    };
+    auto hold = [&] {
+        auto gate = std::make_shared<Gate>();
+        storage->sessionManager()->performBackgroundSessionBlock([gate] {
+            std::unique_lock<std::mutex> lock(gate->mutex);
+            gate->entered = true;
+            gate->changed.notify_all();
+            gate->changed.wait(lock, [&] { return gate->open; });
+        });
+        std::unique_lock<std::mutex> lock(gate->mutex);
+        gate->changed.wait(lock, [&] { return gate->entered; });
+        return gate;
+    };
+    auto release = [](const std::shared_ptr<Gate>& gate) {
+        std::lock_guard<std::mutex> lock(gate->mutex);
+        gate->open = true;
+        gate->changed.notify_all();
+    };
+
+    const std::vector<std::string> watched{
+        "upload(s) are currently active.",
+        "Account must be signed in before uploads can be activated.",
+        "Network must be reachable before uploads can be activated.",
+        "download(s) are currently active.",
+        "Have capacity to activate 2 more download(s) ...",
+        "   No suspended download(s) left to activate.",
+        "Network must be reachable before downloads can be activated.",
+    };
+    {
+        // Signed out: the upload half stops at the account, the download
+        // half still runs, and two requests give two rounds.
+        LogCapture log;
+        auto gate = hold();
+        storage->refreshAndSave();
+        storage->refreshAndSave();
+        release(gate);
+        settle(storage);
+        const std::vector<std::string> round{
+            "upload(s) are currently active.",
+            "Account must be signed in before uploads can be activated.",
+            "download(s) are currently active.",
+            "Have capacity to activate 2 more download(s) ...",
+            "   No suspended download(s) left to activate.",
+        };
+        std::vector<std::string> expected = round;
+        expected.insert(expected.end(), round.begin(), round.end());
+        EXPECT_EQ(linesContaining(log, watched), expected);
+    }
+
+    // Signed in but unreachable: both halves name the network.
+    test::manualReachability(storage)->setReachable(false);
+    account_->setStatus(ZNVAccountStatusSignedIn);
+    settle(storage);
+    LogCapture log;
+    auto gate = hold();
+    storage->refreshAndSave();
+    release(gate);
+    settle(storage);
+    const std::vector<std::string> expected{
+        "upload(s) are currently active.",
+        "Network must be reachable before uploads can be activated.",
+        "download(s) are currently active.",
+        "Network must be reachable before downloads can be activated.",
+    };
+    EXPECT_EQ(linesContaining(log, watched), expected);
+}
+
+TEST_F(StorageTest, AnswersNamingAHeldUploadAreIgnoredEvenAfterInvalidation) {
+    auto storage = makeStorage();
+    // An upload that already has its remote file, as a restored one would.
+    auto upload = ZNVStorageUpload::create(sourceFile("held.bin", 100), "", account_, "", "", false,
+                                           storage->sessionManager());
+    ASSERT_NE(upload, nullptr);
+    upload->setRemoteFileID("held-file");
+    storage->addTask(upload);
+
+    auto session = storage->sessionManager();
+    auto authentication = std::make_shared<ZNVAuthentication>("dev-token");
+    // Requests whose answers are not awaited by anyone: an information
+    // request naming the held upload's file and one naming another file.
+    auto forHeld = session->getInformationForRemoteFile("held-file", authentication);
+    auto forOther = session->getInformationForRemoteFile("other-file", authentication);
+    ASSERT_NE(forHeld, nullptr);
+    ASSERT_NE(forOther, nullptr);
+    const std::string body = R"({"fileId":"held-file","contentUri":"http://x/y"})";
+    const ZNVBytes bytes(body.begin(), body.end());
+    const std::string ignoredLine = "ignoring response for old session task " +
+                                    std::to_string(forHeld->taskIdentifier()) +
+                                    ": information for remote file";
+    {
+        LogCapture log;
+        storage->didCompleteWithData(session, forHeld, bytes, nullptr);
+        EXPECT_EQ(log.count(ignoredLine), 1u);
+        EXPECT_FALSE(log.contains("no upload found for storage response:"));
+
+        storage->didCompleteWithData(session, forOther, bytes, nullptr);
+        EXPECT_EQ(log.count("no upload found for storage response:\n"), 1u);
+    }
+
+    // The file-ID lookup outlives the collection: after invalidation an
+    // answer for the upload's file is still recognised as stale.
+    storage->invalidateClientAndCancelTasks();
+    LogCapture log;
+    bool ignored = false;
+    EXPECT_EQ(storage->uploadForTask(forHeld, &ignored), nullptr);
+    EXPECT_TRUE(ignored);
+    EXPECT_EQ(log.count(ignoredLine), 1u);
 }
 
 TEST_F(StorageTest, UploadCapacityIsTwoRunningUploads) {

@@ -234,6 +234,34 @@ TEST_F(NetworkTaskTest, ResetForResumePassesThroughCompletedAndBack) {
     EXPECT_EQ(notifications.transitions(false), (Transitions{{0, 1}, {1, 0}, {0, 2}, {2, 0}}));
 }
 
+TEST_F(NetworkTaskTest, SettledValuesShowOnlyFinishedOperations) {
+    auto task = makeTask();
+    task->setTask(suspendedSessionTask());
+    EXPECT_EQ(task->settledState(), ZNVNetworkTaskStateRunning);
+    task->setRawError(recoverableError());
+    EXPECT_EQ(task->settledState(), ZNVNetworkTaskStateSuspended);
+    EXPECT_TRUE(task->settledHasRawError());
+
+    // Resetting passes through completed inside one operation; an observer
+    // called in the middle of it still reads the settled values it began with.
+    std::vector<std::pair<ZNVNetworkTaskState, ZNVNetworkTaskState>> seen;
+    bool errorSeenSettled = false;
+    auto token = task->addObserver("state", [&](const ZNVKeyValueChangeRecord&) {
+        seen.emplace_back(task->state(), task->settledState());
+        errorSeenSettled = errorSeenSettled || task->settledHasRawError();
+    });
+    task->resetForResume();
+    task->removeObserver(token);
+
+    using Seen = std::vector<std::pair<ZNVNetworkTaskState, ZNVNetworkTaskState>>;
+    EXPECT_EQ(seen, (Seen{{ZNVNetworkTaskStateCompleted, ZNVNetworkTaskStateSuspended},
+                          {ZNVNetworkTaskStateSuspended, ZNVNetworkTaskStateSuspended}}));
+    EXPECT_TRUE(errorSeenSettled);
+    // Once it is over they agree with the task again.
+    EXPECT_EQ(task->settledState(), task->state());
+    EXPECT_FALSE(task->settledHasRawError());
+}
+
 TEST_F(NetworkTaskTest, CancelKeepsSuccessAndReplacesAnyOtherOutcome) {
     auto succeeded = makeTask();
     succeeded->setTask(suspendedSessionTask());

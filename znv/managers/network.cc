@@ -37,16 +37,8 @@ ZNVIndexSet positionSet(size_t position, size_t count) {
     return ZNVIndexSet{static_cast<uint64_t>(position)};
 }
 
-template <class T>
-size_t indexOfIdentical(const std::vector<std::shared_ptr<T>>& items, const void* object) {
-    for (size_t i = 0; i < items.size(); ++i) {
-        if (items[i].get() == object) return i;
-    }
-    return items.size();
-}
-
 // The description of a list of tasks as the log shows it: "(\n    a,\n    b\n)".
-std::string describeTasks(const std::vector<ZNVNetworkTaskRef>& tasks) {
+std::string describeTasks(const std::vector<ZNVNetworkTask*>& tasks) {
     std::string text = "(";
     for (size_t i = 0; i < tasks.size(); ++i) {
         text += "\n    " + tasks[i]->description();
@@ -121,14 +113,22 @@ std::shared_ptr<ZNVNetworkSessionManager> ZNVNetwork::sessionManager() const {
 }
 
 std::vector<ZNVNetworkTaskRef> ZNVNetwork::tasks() const {
-    std::lock_guard<std::mutex> lock(collectionsMutex_);
-    return mutableTasks_;
+    return taskSnapshot().toVector();
 }
 
 std::vector<ZNVNetworkDownloadRef> ZNVNetwork::downloads() const {
     assertValidDownloadCount();
+    return downloadSnapshot().toVector();
+}
+
+ZNVTaskList<ZNVNetworkTask>::Snapshot ZNVNetwork::taskSnapshot() const {
     std::lock_guard<std::mutex> lock(collectionsMutex_);
-    return mutableDownloads_;
+    return mutableTasks_.snapshot();
+}
+
+ZNVTaskList<ZNVNetworkDownload>::Snapshot ZNVNetwork::downloadSnapshot() const {
+    std::lock_guard<std::mutex> lock(collectionsMutex_);
+    return mutableDownloads_.snapshot();
 }
 
 void ZNVNetwork::incrementBackgroundActivity() const {
@@ -208,6 +208,7 @@ void ZNVNetwork::addTask(const ZNVNetworkTaskRef& task) {
     std::lock_guard<std::recursive_mutex> mutation(mutationMutex());
     if (!task || hasTask(task)) return;
     incrementBackgroundActivity();
+    assertValidDownloadCount();
 
     auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task);
     ZNVIndexSet downloadPosition;
@@ -221,7 +222,7 @@ void ZNVNetwork::addTask(const ZNVNetworkTaskRef& task) {
     willChange("tasks", ZNVKeyValueChange::Insertion, taskPosition);
     {
         std::lock_guard<std::mutex> lock(collectionsMutex_);
-        mutableTasks_.push_back(task);
+        mutableTasks_.append(task);
         taskSet_.insert(task.get());
     }
     // The state file holds only the task list, so saving before the download
@@ -231,10 +232,11 @@ void ZNVNetwork::addTask(const ZNVNetworkTaskRef& task) {
     if (download) {
         {
             std::lock_guard<std::mutex> lock(collectionsMutex_);
-            mutableDownloads_.push_back(download);
+            mutableDownloads_.append(download);
         }
         didChange("downloads", ZNVKeyValueChange::Insertion, downloadPosition);
     }
+    assertValidDownloadCount();
     if (!isReadingState()) scheduleRefreshAndSave();
     decrementBackgroundActivity();
 }
@@ -247,10 +249,11 @@ void ZNVNetwork::finishTask(const ZNVNetworkTaskRef& task) {
     {
         std::lock_guard<std::mutex> lock(collectionsMutex_);
         taskPosition =
-            positionSet(indexOfIdentical(mutableTasks_, task.get()), mutableTasks_.size());
-        inDownloads = indexOfIdentical(mutableDownloads_, task.get()) < mutableDownloads_.size();
+            positionSet(mutableTasks_.indexOfIdentical(task.get()), mutableTasks_.size());
+        inDownloads = mutableDownloads_.indexOfIdentical(task.get()) < mutableDownloads_.size();
     }
     if (taskPosition.empty()) return;
+    assertValidDownloadCount();
 
     // Both "downloads" announcements carry the position in "tasks", and the
     // completing one is made for every finished task; observers of "downloads"
@@ -259,13 +262,14 @@ void ZNVNetwork::finishTask(const ZNVNetworkTaskRef& task) {
     willChange("tasks", ZNVKeyValueChange::Removal, taskPosition);
     {
         std::lock_guard<std::mutex> lock(collectionsMutex_);
-        std::erase_if(mutableTasks_, [&](const auto& t) { return t.get() == task.get(); });
+        mutableTasks_.removeIdentical(task.get());
         taskSet_.erase(task.get());
-        std::erase_if(mutableDownloads_, [&](const auto& d) { return d.get() == task.get(); });
+        mutableDownloads_.removeIdentical(task.get());
     }
     writeState();
     didChange("tasks", ZNVKeyValueChange::Removal, taskPosition);
     didChange("downloads", ZNVKeyValueChange::Removal, taskPosition);
+    assertValidDownloadCount();
     task->taskDidFinish();
 }
 
@@ -302,12 +306,11 @@ void ZNVNetwork::refreshAndSave() {
         ZNVLogDefault("No session manager available to serialize refresh.");
         return;
     }
-    // A refresh already queued and not started yet will see everything that
-    // led to this request, so one queued refresh serves any number of them.
-    if (refreshQueued_->exchange(true)) return;
+    // Every request runs its own refresh: each one re-reads the collection and
+    // the conditions when it runs, and observers see one round of activation
+    // lines per request.
     std::weak_ptr<ZNVNetwork> weak = weakSelf();
-    session->performBackgroundSessionBlock([weak, queued = refreshQueued_] {
-        queued->store(false);
+    session->performBackgroundSessionBlock([weak] {
         auto self = weak.lock();
         if (!self) return;
         if (self->refreshTaskActivity()) self->writeState();
@@ -323,19 +326,43 @@ bool ZNVNetwork::isReachableEvenInBackground() const {
 
 void ZNVNetwork::prepareTasksForActivation(const std::vector<ZNVNetworkTaskRef>& tasks,
                                            bool reachableNetwork) {
-    for (const auto& task : tasks) {
+    std::vector<ZNVNetworkTask*> pointers;
+    pointers.reserve(tasks.size());
+    for (const auto& task : tasks)
+        pointers.push_back(task.get());
+    prepareTaskPointers(pointers, reachableNetwork);
+}
+
+void ZNVNetwork::prepareTaskPointers(const std::vector<ZNVNetworkTask*>& tasks,
+                                     bool reachableNetwork) {
+    // Both calls begin by checking what the settled values tell without a
+    // lock: only a running task can have stalled, and only a task with a raw
+    // error can recover. Skipping the others keeps a pass over thousands of
+    // queued tasks from taking thousands of locks.
+    for (auto* task : tasks) {
         if (!task) continue;
-        if (reachableNetwork) task->automaticallyResumeFromStall();
-        task->automaticallyRecoverFromError();
+        if (reachableNetwork && task->settledState() == ZNVNetworkTaskStateRunning)
+            task->automaticallyResumeFromStall();
+        if (task->settledHasRawError()) task->automaticallyRecoverFromError();
     }
 }
 
 bool ZNVNetwork::activateTasks(uint64_t count, const std::vector<ZNVNetworkTaskRef>& collection,
                                const std::string& taskDescription) {
+    std::vector<ZNVNetworkTask*> pointers;
+    pointers.reserve(collection.size());
+    for (const auto& task : collection)
+        pointers.push_back(task.get());
+    return activateTaskPointers(count, pointers, taskDescription);
+}
+
+bool ZNVNetwork::activateTaskPointers(uint64_t count,
+                                      const std::vector<ZNVNetworkTask*>& collection,
+                                      const std::string& taskDescription) {
     ZNVLogInfo("Have capacity to activate {} more {}(s) ...", count, taskDescription);
-    std::vector<ZNVNetworkTaskRef> selected;
-    for (const auto& task : collection) {
-        if (!task || task->state() != ZNVNetworkTaskStateSuspended) continue;
+    std::vector<ZNVNetworkTask*> selected;
+    for (auto* task : collection) {
+        if (!task || task->settledState() != ZNVNetworkTaskStateSuspended) continue;
         if (count > 0) {
             selected.push_back(task);
             --count;
@@ -349,7 +376,7 @@ bool ZNVNetwork::activateTasks(uint64_t count, const std::vector<ZNVNetworkTaskR
         ZNVLogInfo("   Activating {}(s): {}", taskDescription, describeTasks(selected));
     }
     bool resumed = false;
-    for (const auto& task : selected) {
+    for (auto* task : selected) {
         if (task->resume()) resumed = true;
     }
     return resumed;
@@ -357,9 +384,9 @@ bool ZNVNetwork::activateTasks(uint64_t count, const std::vector<ZNVNetworkTaskR
 
 uint64_t ZNVNetwork::activeDownloadCount() const {
     uint64_t active = 0;
-    for (const auto& download : downloads()) {
-        if (download->state() == ZNVNetworkTaskStateRunning) ++active;
-    }
+    downloadSnapshot().forEach([&](const ZNVNetworkDownloadRef& download) {
+        if (download->settledState() == ZNVNetworkTaskStateRunning) ++active;
+    });
     ZNVLogInfo("{} download(s) are currently active.", active);
     return active;
 }
@@ -367,12 +394,14 @@ uint64_t ZNVNetwork::activeDownloadCount() const {
 bool ZNVNetwork::refreshDownloadActivity() {
     const bool reachable = isReachableEvenInBackground();
     const bool pluggedIn = ZNVNetworkDevice_deviceIsPluggedIn();
-    auto downloadList = downloads();
-    std::vector<ZNVNetworkTaskRef> collection(downloadList.begin(), downloadList.end());
-    prepareTasksForActivation(collection, reachable);
+    assertValidDownloadCount();
+    // One copy serves the whole pass and keeps its tasks alive.
+    const auto list = downloadSnapshot();
+    const auto collection = taskPointers<ZNVNetworkDownload>(list);
+    prepareTaskPointers(collection, reachable);
     const uint64_t active = activeDownloadCount();
     if (active > 1) return false;
-    if (reachable) return activateTasks(kDownloadCapacity - active, collection, "download");
+    if (reachable) return activateTaskPointers(kDownloadCapacity - active, collection, "download");
     if (pluggedIn) {
         ZNVLogInfo("Network must be reachable before downloads can be activated.");
     } else {
@@ -393,7 +422,7 @@ void ZNVNetwork::recycleDiscretionaryTasksIfNeeded() {
     }
     ZNVLogInfo("recycling discretionary tasks:");
     for (const auto& task : tasks()) {
-        if (!task->isDiscretionary()) continue;
+        if (!task || !task->isDiscretionary()) continue;
         ZNVLogInfo("   {} automatically cancelling task", task->description());
         task->cancelTaskWithRecoverableErrorMessage(
             "Discretionary URL session task intentionally cancelled to restart in the "
@@ -432,8 +461,9 @@ ZNVNetworkDownloadRef ZNVNetwork::downloadForTask(
     const std::shared_ptr<ZNVURLSessionTask>& task) const {
     if (!task || !ZNVNetworkSessionManager::taskIsForDownload(task)) return nullptr;
     const uint64_t identifier = task->taskIdentifier();
-    for (const auto& download : downloads()) {
-        if (download->taskIdentifier() == identifier) return download;
+    const auto list = downloadSnapshot();
+    for (size_t i = 0; i < list.size(); ++i) {
+        if (list[i]->taskIdentifier() == identifier) return list[i];
     }
     return nullptr;
 }
@@ -589,6 +619,7 @@ void ZNVNetwork::invalidateClientAndCancelTasks() {
     const auto taskRange = ZNVIndexSet::withRange(0, taskCount);
     const auto downloadRange = ZNVIndexSet::withRange(0, downloadCount);
     if (taskCount > 0) {
+        assertValidDownloadCount();
         if (downloadCount > 0) willChange("downloads", ZNVKeyValueChange::Removal, downloadRange);
         willChange("tasks", ZNVKeyValueChange::Removal, taskRange);
         {
@@ -600,6 +631,7 @@ void ZNVNetwork::invalidateClientAndCancelTasks() {
         commitBatch();
         didChange("tasks", ZNVKeyValueChange::Removal, taskRange);
         if (downloadCount > 0) didChange("downloads", ZNVKeyValueChange::Removal, downloadRange);
+        assertValidDownloadCount();
     }
 
     std::lock_guard<std::mutex> lock(sessionMutex_);

@@ -14,14 +14,14 @@
 // - `refreshAndSave` hands the activation policy (`refreshTaskActivity`) and the
 //   save to the session manager's background queue, so refreshes, saves and
 //   session callbacks never overlap; changes schedule it through the main
-//   queue. While one refresh waits on the queue, further requests join it.
+//   queue. Every request runs its own refresh, in the order requested.
 // - At most two downloads run at a time; activation waits for a reachable
 //   network. Every task state change is re-posted on the default notification
 //   center under "ZNVNetwork: task did resume/suspend/complete" with this
 //   manager as sender, on the main queue.
 // - The state file (see network_state.cc) is rewritten after every change of
-//   the collection; a save superseded by a newer queued one is skipped, and a
-//   save writes the collection as it is when the save runs.
+//   the collection. Each save writes the collection as it was when the save
+//   was asked for; a save superseded by a newer queued one is skipped.
 // - Posted work and observer callbacks hold only weak references to the manager.
 //   The session manager keeps the manager alive as its delegate until the
 //   session is invalidated; call `invalidateClientAndCancelTasks` to end it.
@@ -39,6 +39,7 @@
 
 #include "znv/account/account_configuration.h"
 #include "znv/account/reachability_manager.h"
+#include "znv/managers/task_list.h"
 #include "znv/platform/notification_center.h"
 #include "znv/platform/observable.h"
 #include "znv/session/network_session_manager.h"
@@ -179,6 +180,26 @@ class ZNVNetwork : public ZNVObservable,
     // Consistency hooks, deliberately empty.
     void assertValidDownloadCount() const {}
 
+    // The collections as they are now, without copying their elements; the
+    // snapshots may be walked on any thread.
+    ZNVTaskList<ZNVNetworkTask>::Snapshot taskSnapshot() const;
+    ZNVTaskList<ZNVNetworkDownload>::Snapshot downloadSnapshot() const;
+
+    // The activation policy over plain pointers; the caller keeps the tasks
+    // alive (normally through a snapshot).
+    static void prepareTaskPointers(const std::vector<ZNVNetworkTask*>& tasks,
+                                    bool reachableNetwork);
+    static bool activateTaskPointers(uint64_t count, const std::vector<ZNVNetworkTask*>& collection,
+                                     const std::string& taskDescription);
+    template <class T>
+    static std::vector<ZNVNetworkTask*> taskPointers(
+        const typename ZNVTaskList<T>::Snapshot& list) {
+        std::vector<ZNVNetworkTask*> pointers;
+        pointers.reserve(list.size());
+        list.forEach([&](const std::shared_ptr<T>& task) { pointers.push_back(task.get()); });
+        return pointers;
+    }
+
     void incrementBackgroundActivity() const;
     void decrementBackgroundActivity() const;
 
@@ -204,9 +225,9 @@ class ZNVNetwork : public ZNVObservable,
 
     std::recursive_mutex mutationMutex_;
     mutable std::mutex collectionsMutex_;
-    std::vector<ZNVNetworkTaskRef> mutableTasks_;          // guarded by collectionsMutex_
-    std::vector<ZNVNetworkDownloadRef> mutableDownloads_;  // guarded by collectionsMutex_
-    std::unordered_set<const ZNVNetworkTask*> taskSet_;    // guarded by collectionsMutex_
+    ZNVTaskList<ZNVNetworkTask> mutableTasks_;           // guarded by collectionsMutex_
+    ZNVTaskList<ZNVNetworkDownload> mutableDownloads_;   // guarded by collectionsMutex_
+    std::unordered_set<const ZNVNetworkTask*> taskSet_;  // guarded by collectionsMutex_
 
     // Tokens of the notification-center registrations made by launch.
     std::vector<ZNVNotificationToken> notificationTokens_;
@@ -214,8 +235,6 @@ class ZNVNetwork : public ZNVObservable,
     // Bumped by every queued save; a save that finds a newer number skips itself.
     std::shared_ptr<std::atomic<uint64_t>> saveGeneration_ =
         std::make_shared<std::atomic<uint64_t>>(0);
-    // Set while a refresh waits on the session's queue (see refreshAndSave).
-    std::shared_ptr<std::atomic<bool>> refreshQueued_ = std::make_shared<std::atomic<bool>>(false);
 };
 
 }  // namespace znv

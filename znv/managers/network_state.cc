@@ -3,13 +3,14 @@
 // collection as one keyed archive with the root keys "configuration type" and
 // "tasks".
 //
-// Saves run on the session manager's background queue, one after another. A
-// save that finds a newer save queued behind it skips itself, so adding
-// thousands of tasks does not write thousands of full archives; the one that
-// runs takes its snapshot of the collection then, so the newest state wins. Each
-// save writes "<state file>.tmp" (mode 0600), flushes it to disk and moves it
-// over the state file durably, so a crash leaves either the old or the new
-// file, never a torn one.
+// Each save takes its snapshot of the collection when it is asked for and
+// runs on the session manager's background queue, one after another. A save
+// that finds a newer save queued behind it skips itself, so adding thousands
+// of tasks does not write thousands of full archives; the newest snapshot
+// always wins. Snapshots share the collection's storage (ZNVTaskList), so
+// taking one per change copies nothing. Each save writes "<state file>.tmp"
+// (mode 0600), flushes it to disk and moves it over the state file durably,
+// so a crash leaves either the old or the new file, never a torn one.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -83,11 +84,15 @@ bool writeDurably(const ZNVURL& url, const ZNVBytes& bytes, ZNVErrorRef* error) 
 }
 
 // One save: archive the snapshot, write the temporary file, install it.
-void saveTaskState(const std::string& identifier, const std::vector<ZNVNetworkTaskRef>& tasks,
-                   const ZNVURL& stateURL, const ZNVURL& tempURL) {
+void saveTaskState(const std::string& identifier,
+                   const ZNVTaskList<ZNVNetworkTask>::Snapshot& tasks, const ZNVURL& stateURL,
+                   const ZNVURL& tempURL) {
     ZNVKeyedArchiver archiver;
     archiver.encodeString(identifier, kConfigurationTypeKey);
-    archiver.encodeArray(tasks, kTasksKey);
+    std::vector<const ZNVCoding*> objects;
+    objects.reserve(tasks.size());
+    tasks.forEach([&](const ZNVNetworkTaskRef& task) { objects.push_back(task.get()); });
+    archiver.encodeObjectArray(objects, kTasksKey);
     archiver.finishEncoding();
     ZNVErrorRef error = archiver.error();
     ZNVBytes bytes;
@@ -112,7 +117,8 @@ void saveTaskState(const std::string& identifier, const std::vector<ZNVNetworkTa
     ZNVLogInfo("saving task state:");
     uint64_t suspended = 0;
     uint64_t completed = 0;
-    for (const auto& task : tasks) {
+    for (size_t i = 0; i < tasks.size(); ++i) {
+        const auto& task = tasks[i];
         switch (task->state()) {
             case ZNVNetworkTaskStateRunning:
                 ZNVLogInfo("   stored state for {}", task->description());
@@ -141,21 +147,21 @@ void ZNVNetwork::writeState() {
     if (stateURL && stateURL->isFileURL()) tempURL = ZNVURL::fileURL(stateURL->path() + ".tmp");
     if (isReadingState() || isBatchingSave() || !stateURL || !tempURL) return;
 
-    auto self = weak_from_this().lock();
-    if (!self) return;  // being destroyed: nothing left to save
     incrementBackgroundActivity();
+    // The snapshot is taken now, on the calling thread: the save writes the
+    // collection as it was when the save was asked for, whatever happens to
+    // the manager or its collection meanwhile.
+    const std::string identifier =
+        ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(accountConfiguration_.get());
+    auto snapshot = taskSnapshot();
     auto generation = saveGeneration_;
     const uint64_t mine = ++*generation;
-    // The collection is read when the save runs, not now: only the newest
-    // queued save writes, and it sees every change that asked for a save. The
-    // strong reference keeps the manager (and so what it saves) until then.
-    auto save = [self, stateURL = *stateURL, tempURL = *tempURL, generation, mine] {
+    auto save = [identifier, snapshot = std::move(snapshot), stateURL = *stateURL,
+                 tempURL = *tempURL, generation, mine] {
         std::lock_guard<std::mutex> lock(stateFileMutex());
-        if (generation->load() != mine) return;  // a newer save is queued
-        if (self->isReadingState() || self->isBatchingSave()) return;
-        saveTaskState(ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(
-                          self->accountConfiguration().get()),
-                      self->tasks(), stateURL, tempURL);
+        // A newer snapshot is queued behind this one (or already written).
+        if (generation->load() != mine) return;
+        saveTaskState(identifier, snapshot, stateURL, tempURL);
     };
 
     if (auto session = sessionManager()) {

@@ -59,8 +59,12 @@ void ZNVStorage::launch() {
 
 std::vector<ZNVStorageUploadRef> ZNVStorage::uploads() const {
     assertValidUploadsCount();
+    return uploadSnapshot().toVector();
+}
+
+ZNVTaskList<ZNVStorageUpload>::Snapshot ZNVStorage::uploadSnapshot() const {
     std::lock_guard<std::mutex> lock(storageMutex_);
-    return mutableUploads_;
+    return mutableUploads_.snapshot();
 }
 
 // ---------------------------------------------------------------------------
@@ -106,7 +110,7 @@ void ZNVStorage::addTask(const ZNVNetworkTaskRef& task) {
     const std::string fileID = upload->remoteFileID();
     {
         std::lock_guard<std::mutex> lock(storageMutex_);
-        mutableUploads_.push_back(upload);
+        mutableUploads_.append(upload);
         if (!fileID.empty()) uploadForRemoteFile_[fileID] = upload;
     }
     didChange("uploads", ZNVKeyValueChange::Insertion, position);
@@ -119,12 +123,11 @@ void ZNVStorage::finishTask(const ZNVNetworkTaskRef& task) {
     ZNVStorageUploadRef upload;
     {
         std::lock_guard<std::mutex> lock(storageMutex_);
-        for (size_t i = 0; i < mutableUploads_.size(); ++i) {
-            if (task && mutableUploads_[i].get() == task.get()) {
-                position = ZNVIndexSet{static_cast<uint64_t>(i)};
-                upload = mutableUploads_[i];
-                break;
-            }
+        const size_t index =
+            task ? mutableUploads_.indexOfIdentical(task.get()) : mutableUploads_.size();
+        if (index < mutableUploads_.size()) {
+            position = ZNVIndexSet{static_cast<uint64_t>(index)};
+            upload = std::static_pointer_cast<ZNVStorageUpload>(task);
         }
     }
     if (!upload) {
@@ -137,7 +140,7 @@ void ZNVStorage::finishTask(const ZNVNetworkTaskRef& task) {
     {
         std::lock_guard<std::mutex> lock(storageMutex_);
         if (!fileID.empty()) uploadForRemoteFile_.erase(fileID);
-        std::erase_if(mutableUploads_, [&](const auto& u) { return u.get() == upload.get(); });
+        mutableUploads_.removeIdentical(upload.get());
     }
     ZNVNetwork::finishTask(task);
     didChange("uploads", ZNVKeyValueChange::Removal, position);
@@ -156,9 +159,9 @@ bool ZNVStorage::refreshTaskActivity() {
 
 uint64_t ZNVStorage::activeUploadCount() const {
     uint64_t active = 0;
-    for (const auto& upload : uploads()) {
-        if (upload->state() == ZNVNetworkTaskStateRunning) ++active;
-    }
+    uploadSnapshot().forEach([&](const ZNVStorageUploadRef& upload) {
+        if (upload->settledState() == ZNVNetworkTaskStateRunning) ++active;
+    });
     ZNVLogInfo("{} upload(s) are currently active.", active);
     return active;
 }
@@ -168,16 +171,18 @@ bool ZNVStorage::refreshUploadActivity() {
     const bool reachable = signedIn && isReachableEvenInBackground();
     const bool pluggedIn = ZNVNetworkDevice_deviceIsPluggedIn();
 
-    auto uploadList = uploads();
-    std::vector<ZNVNetworkTaskRef> collection(uploadList.begin(), uploadList.end());
-    prepareTasksForActivation(collection, reachable);
+    assertValidUploadsCount();
+    // One copy serves the whole pass and keeps its uploads alive.
+    const auto list = uploadSnapshot();
+    const auto collection = taskPointers<ZNVStorageUpload>(list);
+    prepareTaskPointers(collection, reachable);
     const uint64_t active = activeUploadCount();
     if (active > 1) return false;
     if (!signedIn) {
         ZNVLogInfo("Account must be signed in before uploads can be activated.");
         return false;
     }
-    if (reachable) return activateTasks(kUploadCapacity - active, collection, "upload");
+    if (reachable) return activateTaskPointers(kUploadCapacity - active, collection, "upload");
     if (pluggedIn) {
         ZNVLogInfo("Network must be reachable before uploads can be activated.");
     } else {
@@ -204,9 +209,10 @@ ZNVStorageUploadRef ZNVStorage::uploadForTask(const std::shared_ptr<ZNVURLSessio
         if (it != uploadForRemoteFile_.end()) candidate = it->second;
     }
     if (!candidate) {
-        for (const auto& upload : uploads()) {
-            if (upload->taskIdentifier() == identifier) {
-                candidate = upload;
+        const auto list = uploadSnapshot();
+        for (size_t i = 0; i < list.size(); ++i) {
+            if (list[i]->taskIdentifier() == identifier) {
+                candidate = list[i];
                 break;
             }
         }
@@ -468,9 +474,10 @@ void ZNVStorage::invalidateClientAndCancelTasks() {
     willChange("uploads", ZNVKeyValueChange::Removal, range);
     ZNVNetwork::invalidateClientAndCancelTasks();
     {
+        // The file-ID map keeps its entries: an answer that arrives for one
+        // of these uploads is still recognised as belonging to it.
         std::lock_guard<std::mutex> lock(storageMutex_);
         mutableUploads_.clear();
-        uploadForRemoteFile_.clear();
     }
     didChange("uploads", ZNVKeyValueChange::Removal, range);
 }

@@ -105,6 +105,8 @@ class ZNVStorage : public ZNVNetwork {
     static void callBlock(std::function<void()> block);
 
     void assertValidUploadsCount() const {}
+    // The uploads as they are now, without copying them (see ZNVTaskList).
+    ZNVTaskList<ZNVStorageUpload>::Snapshot uploadSnapshot() const;
 
   private:
     std::weak_ptr<ZNVStorage> weakStorage();
@@ -114,7 +116,7 @@ class ZNVStorage : public ZNVNetwork {
     ZNVObserverToken statusObservation_ = 0;
 
     mutable std::mutex storageMutex_;
-    std::vector<ZNVStorageUploadRef> mutableUploads_;                 // guarded by storageMutex_
+    ZNVTaskList<ZNVStorageUpload> mutableUploads_;                    // guarded by storageMutex_
     std::map<uint64_t, URLCompletion> remoteURLBlockForTask_;         // guarded by storageMutex_
     std::map<uint64_t, DeleteCompletion> deleteBlockForTask_;         // guarded by storageMutex_
     std::map<std::string, ZNVStorageUploadRef> uploadForRemoteFile_;  // guarded by storageMutex_

@@ -107,7 +107,12 @@ ZNVNetworkTask::Lock::Lock(const ZNVNetworkTask& task) : task_(task) {
 
 ZNVNetworkTask::Lock::~Lock() {
     std::vector<std::function<void()>> work;
-    if (--task_.lockDepth_ == 0) work.swap(task_.afterUnlock_);
+    if (--task_.lockDepth_ == 0) {
+        work.swap(task_.afterUnlock_);
+        task_.settledState_.store(task_.state_, std::memory_order_release);
+        task_.settledHasRawError_.store(static_cast<bool>(task_.rawError_),
+                                        std::memory_order_release);
+    }
     task_.mutex_.unlock();
     for (auto& item : work)
         item();

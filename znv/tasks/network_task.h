@@ -30,6 +30,7 @@
 //   task with `wasDecoded()` true.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -106,6 +107,16 @@ class ZNVNetworkTask : public ZNVObservable,
     bool wasDecoded() const { return wasDecoded_; }
     ZNVNetworkTaskState state() const;
     void setState(ZNVNetworkTaskState state);
+    // The state, and whether a raw error is set, as they were when the last
+    // operation of this task released it. Read without taking the task's
+    // lock, so a manager can pass over thousands of idle tasks cheaply; an
+    // operation in progress on another thread is not waited for (its outcome
+    // shows once it is done). Code inside an operation of this task reads
+    // `state()` / `rawError()` instead.
+    ZNVNetworkTaskState settledState() const {
+        return settledState_.load(std::memory_order_acquire);
+    }
+    bool settledHasRawError() const { return settledHasRawError_.load(std::memory_order_acquire); }
     ZNVDate startDate() const;
     uint64_t retryCount() const;
     void setRetryCount(uint64_t count);
@@ -200,6 +211,11 @@ class ZNVNetworkTask : public ZNVObservable,
     // Guarded by mutex_: hold depth and the work waiting for the last release.
     mutable int lockDepth_ = 0;
     mutable std::vector<std::function<void()>> afterUnlock_;
+    // Copies of state_ and of "rawError_ is set", stored under mutex_ when the
+    // outermost Lock is released (so they never show a state in the middle
+    // of an operation) and read without it.
+    mutable std::atomic<ZNVNetworkTaskState> settledState_{ZNVNetworkTaskStateSuspended};
+    mutable std::atomic<bool> settledHasRawError_{false};
 
     // Every field below is guarded by mutex_.
     std::optional<ZNVURL> sourceURL_;
