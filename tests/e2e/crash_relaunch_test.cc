@@ -261,7 +261,10 @@ class CrashRelaunch : public test::EmulatorTest {
 TEST_F(CrashRelaunch, KilledWhileCreatingTheRemoteFile) {
     ASSERT_TRUE(emulator_->addFault(
         {{"method", "POST"}, {"path", "/api/files"}, {"action", "stall"}, {"times", 1}}));
-    killAndRelaunch([&] { return inFlight("POST", "/api/files"); });
+    // The launch's own refresh may activate the upload before the save that
+    // adding it asked for has run; a process killed in that moment has
+    // nothing to restore. The kill waits until the upload is on disk.
+    killAndRelaunch([&] { return inFlight("POST", "/api/files") && !savedUpload().is_null(); });
 }
 
 TEST_F(CrashRelaunch, KilledDuringABatchAfterOthersWereSaved) {
