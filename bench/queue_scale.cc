@@ -41,11 +41,11 @@ double cpuSeconds() {
 
 // Waits until the session's queue has run everything handed to it so far
 // (refreshes and saves), after the main queue has passed its share on.
-void settle(const std::shared_ptr<znv::ZNVStorage>& storage) {
+void settle(const std::shared_ptr<znv::ZNVNetworkSessionManager>& session) {
     for (int round = 0; round < 2; ++round) {
         znv::ZNVMainQueue::waitUntilDrained(std::chrono::minutes(5));
         std::atomic<bool> done{false};
-        storage->sessionManager()->performBackgroundSessionBlock([&done] { done = true; });
+        session->performBackgroundSessionBlock([&done] { done = true; });
         while (!done)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -116,7 +116,7 @@ int main(int argc, char** argv) {
         }
     }
     const double addSeconds = secondsSince(addStart);
-    settle(storage);
+    settle(storage->sessionManager());
     const double addAndSaveSeconds = secondsSince(addStart);
     const double addAndSaveCpu = cpuSeconds() - addCpuStart;
     const size_t saved = savedTaskCount(statePath);
@@ -130,9 +130,13 @@ int main(int argc, char** argv) {
     const double restoreCpu = cpuSeconds() - restoreCpuStart;
     const size_t restoredCount = restored->uploads().size();
 
+    // Invalidation saves the emptied collection on each session's queue; the
+    // directory goes only after those saves have run.
+    auto sessions = {restored->sessionManager(), storage->sessionManager()};
     restored->invalidateClientAndCancelTasks();
     storage->invalidateClientAndCancelTasks();
-    znv::ZNVMainQueue::waitUntilDrained();
+    for (const auto& session : sessions)
+        settle(session);
 
     const bool scaled = count == 10000;
     const bool ok = saved == count && restoredCount == count &&
