@@ -44,7 +44,6 @@ namespace {
 using json = nlohmann::json;
 using Clock = std::chrono::steady_clock;
 
-constexpr uint64_t kChunkBytes = 4194304;
 constexpr size_t kMaxJSONBody = 1 << 20;
 // A batch of chunks: the library sends at most 8 chunks per request.
 constexpr uint64_t kMaxBatchBytes = 64ull << 20;
@@ -174,13 +173,17 @@ bool peerHasGone(int fd) {
 }
 
 // Writes out and empties `buffer`; false when the disk refuses.
-bool flushBuffer(int fd, std::vector<char>& buffer) {
+// With `offset`, writes there and advances it instead of at the file position.
+bool flushBuffer(int fd, std::vector<char>& buffer, off_t* offset = nullptr) {
     size_t done = 0;
     while (done < buffer.size()) {
-        ssize_t n = ::write(fd, buffer.data() + done, buffer.size() - done);
+        const char* from = buffer.data() + done;
+        const size_t left = buffer.size() - done;
+        ssize_t n = offset ? ::pwrite(fd, from, left, *offset) : ::write(fd, from, left);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
         done += static_cast<size_t>(n);
+        if (offset) *offset += n;
     }
     buffer.clear();
     return true;
@@ -818,7 +821,7 @@ void Emulator::Impl::handleCreate(Exchange& ex) {
                    {"fileName", result.info.name},
                    {"uploadMethods",
                     {{{"name", "fullfile"}, {"maxBytesPerRequest", options_.maxFullFileBytes}},
-                     {{"name", "chunks"}, {"maxBytesPerRequest", kChunkBytes}}}}};
+                     {{"name", "chunks"}, {"maxBytesPerRequest", kChunkStride}}}}};
     if (!shared.empty()) answer["sharedStorageId"] = shared;
     reply(ex, 201, answer);
 }
@@ -897,17 +900,35 @@ void Emulator::Impl::handleChunks(Exchange& ex, const std::string& id) {
                             "chunks are sent as a multipart/form-data body with a boundary");
     }
 
-    // Every part goes to its own file aside; only a body that parses to the
-    // end is moved into place, so a broken body stores nothing.
+    // A chunk not stored yet is written straight into its slot of the file's
+    // data file; one sent again over a stored chunk (or twice in this body)
+    // goes to a file aside. Only a body that parses to the end is committed,
+    // so a broken body stores nothing: slots it wrote into stay unrecorded.
+    ChunkWrites writes;
+    if (!store_.beginChunkWrites(id, writes)) return replyMessage(ex, 404, "no file with ID " + id);
+    struct EndWrites {
+        FileStore& store;
+        const std::string& id;
+        ChunkWrites& writes;
+        ~EndWrites() { store.endChunkWrites(id, writes); }
+    } endWrites{store_, id, writes};
+    std::set<uint64_t> placed;  // indices this body wrote in place
     std::vector<ReceivedChunk> received;
     std::optional<ReceivedChunk> current;
     int fd = -1;
+    off_t slotOffset = 0;  // where an in-place chunk's next bytes go
     std::vector<char> buffer;
     std::string problem;
-    auto flush = [&] { return flushBuffer(fd, buffer); };
+    auto flush = [&] {
+        return current && current->tempPath.empty() ? flushBuffer(fd, buffer, &slotOffset)
+                                                    : flushBuffer(fd, buffer);
+    };
     auto closeCurrent = [&] {
-        if (fd >= 0) ::close(fd);
+        if (fd >= 0 && fd != writes.dataFd) ::close(fd);
         fd = -1;
+    };
+    auto removeTemporary = [](const ReceivedChunk& chunk) {
+        if (!chunk.tempPath.empty()) ::unlink(chunk.tempPath.c_str());
     };
     MultipartParser::Callbacks callbacks;
     callbacks.partBegin = [&](const MultipartPartHeaders& headers) {
@@ -920,26 +941,35 @@ void Emulator::Impl::handleChunks(Exchange& ex, const std::string& id) {
             problem = "part name " + headers.name + " does not end in a chunk index";
             return false;
         }
-        current = ReceivedChunk{std::stoull(digits), store_.tempPath(), 0};
+        const uint64_t index = std::stoull(digits);
+        if (index <= kMaxStrideIndex && !writes.stored.count(index) &&
+            placed.insert(index).second) {
+            current = ReceivedChunk{index, "", 0};
+            fd = writes.dataFd;
+            slotOffset = static_cast<off_t>(index * kChunkStride);
+            buffer.reserve(kChunkStride / 4);
+            return true;
+        }
+        current = ReceivedChunk{index, store_.tempPath(), 0};
         fd = ::open(current->tempPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         if (fd < 0) {
             problem = std::string("cannot store a chunk: ") + std::strerror(errno);
             current.reset();
             return false;
         }
-        buffer.reserve(kChunkBytes / 4);
+        buffer.reserve(kChunkStride / 4);
         return true;
     };
     callbacks.partData = [&](const char* data, size_t size) {
         if (!current) return true;
         current->size += size;
-        if (current->size > kChunkBytes) {
+        if (current->size > kChunkStride) {
             problem = "chunk " + std::to_string(current->index) + " holds more than " +
-                      std::to_string(kChunkBytes) + " bytes";
+                      std::to_string(kChunkStride) + " bytes";
             return false;
         }
         buffer.insert(buffer.end(), data, data + size);
-        if (buffer.size() >= kChunkBytes / 4 && !flush()) {
+        if (buffer.size() >= kChunkStride / 4 && !flush()) {
             problem = "cannot write a chunk to disk";
             return false;
         }
@@ -951,13 +981,13 @@ void Emulator::Impl::handleChunks(Exchange& ex, const std::string& id) {
         closeCurrent();
         if (!ok) {
             problem = "cannot write a chunk to disk";
-            ::unlink(current->tempPath.c_str());
+            removeTemporary(*current);
             current.reset();
             return false;
         }
         if (current->size == 0) {
             problem = "chunk " + std::to_string(current->index) + " is empty";
-            ::unlink(current->tempPath.c_str());
+            removeTemporary(*current);
             current.reset();
             return false;
         }
@@ -970,10 +1000,10 @@ void Emulator::Impl::handleChunks(Exchange& ex, const std::string& id) {
         readBody(ex, [&](const char* data, size_t size) { return parser.feed(data, size); });
     bool parsed = bodyRead && parser.finish();
     closeCurrent();
-    if (current) ::unlink(current->tempPath.c_str());
+    if (current) removeTemporary(*current);
     if (!parsed) {
         for (const auto& chunk : received)
-            ::unlink(chunk.tempPath.c_str());
+            removeTemporary(chunk);
         if (!bodyRead) return replyMessage(ex, 400, "the request body ended before its end");
         return replyMessage(
             ex, 400, "malformed multipart body: " + (problem.empty() ? parser.error() : problem));

@@ -12,6 +12,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <vector>
 
@@ -155,29 +156,19 @@ bool FileStore::loadFile(const std::string& id) {
     info.completedAt = meta.value("completedAt", int64_t{0});
     info.etag = meta.value("etag", "");
     if (meta.contains("processing")) info.processing = meta["processing"];
-    if (info.complete) {
-        // Chunks were assembled and removed; the metadata remembers them.
-        if (auto it = meta.find("chunks"); it != meta.end() && it->is_array()) {
-            for (const auto& chunk : *it) {
-                if (chunk.is_object()) {
-                    info.chunks[chunk.value("index", uint64_t{0})] =
-                        chunk.value("sizeInBytes", uint64_t{0});
-                }
+    // The metadata is the record of the chunks that arrived (and, for a
+    // complete file, of the chunks it was assembled from).
+    if (auto it = meta.find("chunks"); it != meta.end() && it->is_array()) {
+        for (const auto& chunk : *it) {
+            if (chunk.is_object()) {
+                info.chunks[chunk.value("index", uint64_t{0})] =
+                    chunk.value("sizeInBytes", uint64_t{0});
             }
         }
+    }
+    if (info.complete) {
         std::error_code ec;
         if (!fs::is_regular_file(contentPath(id), ec)) info.complete = false;
-    }
-    if (!info.complete) {
-        // The chunk files themselves are the record of what arrived.
-        std::error_code ec;
-        for (const auto& dirent : fs::directory_iterator(fileDir(id) + "/chunks", ec)) {
-            std::string name = dirent.path().filename().string();
-            auto dot = name.find(".chunk");
-            if (dot == std::string::npos || dot == 0 || dot + 6 != name.size()) continue;
-            if (name.find_first_not_of("0123456789") != dot) continue;
-            info.chunks[std::stoull(name.substr(0, dot))] = dirent.file_size(ec);
-        }
     }
     files_[id] = entry;
     return true;
@@ -236,6 +227,14 @@ std::string FileStore::contentPath(const std::string& id) const {
     return fileDir(id) + "/content";
 }
 
+std::string FileStore::chunkDataPath(const std::string& id) const {
+    return fileDir(id) + "/chunks/data";
+}
+
+std::string FileStore::chunkFilePath(const std::string& id, uint64_t index) const {
+    return fileDir(id) + "/chunks/" + std::to_string(index) + ".chunk";
+}
+
 bool FileStore::saveMeta(const FileInfo& info, std::string* error) const {
     nlohmann::json meta = {
         {"fileId", info.id}, {"fileName", info.name}, {"isComplete", info.complete}};
@@ -244,12 +243,12 @@ bool FileStore::saveMeta(const FileInfo& info, std::string* error) const {
         meta["sizeInBytes"] = info.size;
         meta["completedAt"] = info.completedAt;
         meta["etag"] = info.etag;
-        nlohmann::json chunks = nlohmann::json::array();
-        for (const auto& [index, size] : info.chunks) {
-            chunks.push_back({{"index", index}, {"sizeInBytes", size}});
-        }
-        meta["chunks"] = chunks;
     }
+    nlohmann::json chunks = nlohmann::json::array();
+    for (const auto& [index, size] : info.chunks) {
+        chunks.push_back({{"index", index}, {"sizeInBytes", size}});
+    }
+    meta["chunks"] = chunks;
     if (!info.processing.is_null()) meta["processing"] = info.processing;
     std::string path = fileDir(info.id) + "/meta.json";
     std::string aside = path + ".new";
@@ -301,37 +300,82 @@ std::optional<FileInfo> FileStore::info(const std::string& id) const {
     return entry->info;
 }
 
+bool FileStore::beginChunkWrites(const std::string& id, ChunkWrites& writes) {
+    auto entry = find(id);
+    if (!entry) return false;
+    std::lock_guard lock(entry->mutex);
+    if (entry->removed || entry->info.complete) return false;
+    std::error_code ec;
+    fs::create_directories(fileDir(id) + "/chunks", ec);
+    writes.dataFd = ::open(chunkDataPath(id).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (writes.dataFd < 0) return false;
+    writes.stored = entry->info.chunks;
+    ++entry->inPlaceWriters;
+    return true;
+}
+
+void FileStore::endChunkWrites(const std::string& id, ChunkWrites& writes) {
+    if (writes.dataFd < 0) return;
+    ::close(writes.dataFd);
+    writes.dataFd = -1;
+    if (auto entry = find(id)) {
+        std::lock_guard lock(entry->mutex);
+        --entry->inPlaceWriters;
+    }
+}
+
 StoreResult FileStore::commitChunks(const std::string& id,
                                     const std::vector<ReceivedChunk>& chunks) {
     StoreResult result;
-    auto discard = [&] {
-        for (const auto& chunk : chunks)
-            ::unlink(chunk.tempPath.c_str());
+    auto removeTemporaries = [&](size_t from) {
+        for (size_t i = from; i < chunks.size(); ++i) {
+            if (!chunks[i].tempPath.empty()) ::unlink(chunks[i].tempPath.c_str());
+        }
     };
     auto entry = find(id);
     if (!entry) {
-        discard();
+        removeTemporaries(0);
         result.status = StoreStatus::NotFound;
         return result;
     }
     std::lock_guard lock(entry->mutex);
     if (entry->removed || entry->info.complete) {
-        discard();
+        removeTemporaries(0);
         result.status = entry->removed ? StoreStatus::NotFound : StoreStatus::AlreadyCompleted;
         result.info = entry->info;
         return result;
     }
+    int data = -1;
     for (size_t i = 0; i < chunks.size(); ++i) {
-        std::string target = fileDir(id) + "/chunks/" + std::to_string(chunks[i].index) + ".chunk";
-        if (::rename(chunks[i].tempPath.c_str(), target.c_str()) != 0) {
+        const ReceivedChunk& chunk = chunks[i];
+        bool stored = chunk.tempPath.empty();  // written in place by the request
+        if (!stored && chunk.index > kMaxStrideIndex) {
+            stored = ::rename(chunk.tempPath.c_str(), chunkFilePath(id, chunk.index).c_str()) == 0;
+        } else if (!stored) {
+            // A chunk sent again over a stored one: copied into its slot.
+            if (data < 0) {
+                std::error_code ec;
+                fs::create_directories(fileDir(id) + "/chunks", ec);
+                data = ::open(chunkDataPath(id).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+            }
+            int in = ::open(chunk.tempPath.c_str(), O_RDONLY | O_CLOEXEC);
+            stored = data >= 0 && in >= 0 &&
+                     ::lseek(data, static_cast<off_t>(chunk.index * kChunkStride), SEEK_SET) >= 0 &&
+                     appendFile(in, data, chunk.size);
+            if (in >= 0) ::close(in);
+            ::unlink(chunk.tempPath.c_str());
+        }
+        if (!stored) {
             result.status = StoreStatus::IOError;
-            result.message = errnoText("cannot store chunk " + std::to_string(chunks[i].index));
-            for (size_t j = i; j < chunks.size(); ++j)
-                ::unlink(chunks[j].tempPath.c_str());
+            result.message = errnoText("cannot store chunk " + std::to_string(chunk.index));
+            removeTemporaries(i + 1);
             break;
         }
-        entry->info.chunks[chunks[i].index] = chunks[i].size;
+        entry->info.chunks[chunk.index] = chunk.size;
     }
+    if (data >= 0) ::close(data);
+    // The chunks count as stored once the metadata lists them.
+    if (!saveMeta(entry->info, &result.message)) result.status = StoreStatus::IOError;
     result.info = entry->info;
     return result;
 }
@@ -420,6 +464,23 @@ StoreResult FileStore::complete(const std::string& id,
         return result;
     }
 
+    uint64_t total = 0;
+    for (const auto& [index, size] : wanted)
+        total += size;
+    // Chunks 0 .. n-1, all of a full stride but the last, already lie in the
+    // data file as the content: cut it to size and move it into place. Not
+    // while a request may still write into it.
+    const bool inOrder =
+        wanted.begin()->first == 0 && wanted.rbegin()->first + 1 == wanted.size() &&
+        wanted.size() - 1 <= kMaxStrideIndex && entry->inPlaceWriters == 0 &&
+        std::all_of(wanted.begin(), std::prev(wanted.end()),
+                    [](const auto& chunk) { return chunk.second == kChunkStride; });
+    if (inOrder && ::truncate(chunkDataPath(id).c_str(), static_cast<off_t>(total)) == 0) {
+        installContent(*entry, id, chunkDataPath(id), total, "cannot store the assembled file",
+                       result);
+        return result;
+    }
+
     std::string aside = tempPath();
     int out = ::open(aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (out < 0) {
@@ -427,21 +488,28 @@ StoreResult FileStore::complete(const std::string& id,
         result.message = errnoText("cannot create the assembled file");
         return result;
     }
-    uint64_t total = 0;
+    int data = ::open(chunkDataPath(id).c_str(), O_RDONLY | O_CLOEXEC);
     for (const auto& [index, size] : wanted) {
-        std::string chunkPath = fileDir(id) + "/chunks/" + std::to_string(index) + ".chunk";
-        int in = ::open(chunkPath.c_str(), O_RDONLY | O_CLOEXEC);
-        bool ok = in >= 0 && appendFile(in, out, size);
-        if (in >= 0) ::close(in);
+        bool ok = false;
+        if (index <= kMaxStrideIndex) {
+            ok = data >= 0 &&
+                 ::lseek(data, static_cast<off_t>(index * kChunkStride), SEEK_SET) >= 0 &&
+                 appendFile(data, out, size);
+        } else {
+            int in = ::open(chunkFilePath(id, index).c_str(), O_RDONLY | O_CLOEXEC);
+            ok = in >= 0 && appendFile(in, out, size);
+            if (in >= 0) ::close(in);
+        }
         if (!ok) {
+            if (data >= 0) ::close(data);
             ::close(out);
             ::unlink(aside.c_str());
             result.status = StoreStatus::IOError;
             result.message = "cannot assemble chunk " + std::to_string(index);
             return result;
         }
-        total += size;
     }
+    if (data >= 0) ::close(data);
     ::close(out);
     installContent(*entry, id, aside, total, "cannot store the assembled file", result);
     return result;

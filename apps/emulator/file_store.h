@@ -1,14 +1,21 @@
 // The emulator's on-disk store of remote files.
 //
 // Layout of the data directory:
-//   files/<id>/meta.json      name, shared storage ID, completion, validators
-//   files/<id>/chunks/<i>.chunk   chunks received and not yet assembled
+//   files/<id>/meta.json      name, shared storage ID, completion, validators,
+//                             the chunks stored so far (index and size)
+//   files/<id>/chunks/data    chunks received and not yet assembled, in one
+//                             sparse file: chunk i at byte i * kChunkStride
+//   files/<id>/chunks/<i>.chunk   chunks whose index is past kMaxStrideIndex
 //   files/<id>/content        the finished file
 //   tmp/                      bodies being received (same file system, so that
 //                             a finished one is moved into place by rename)
-// Every file that becomes visible (chunk, content, metadata) is written aside
-// and renamed, so a crash or a failed request never leaves half a file behind.
-// Opening a directory again restores every file and chunk it held.
+// Chunks 0, 1, 2 ... of a full stride each (the library's layout) thus already
+// lie in the data file as the finished content, and completing the file is a
+// truncation and a rename instead of a copy of every byte. A chunk counts as
+// stored only once meta.json lists it, so a crash or a failed request never
+// leaves half a chunk or half a file visible; content and metadata are
+// written aside and renamed. Opening a directory again restores every file
+// and chunk it held.
 //
 // Thread safety: every method may be called from any thread. The map of files
 // is guarded by `mutex_`; each file has its own mutex that serialises changes
@@ -53,10 +60,22 @@ struct StoreResult {
     FileInfo info;                  // the file after the operation
 };
 
+// Chunks may hold at most this many bytes; it is also the distance between
+// chunks in the data file.
+inline constexpr uint64_t kChunkStride = 4194304;
+// The largest index kept in the data file (offsets up to 4 TiB).
+inline constexpr uint64_t kMaxStrideIndex = (1ull << 20) - 1;
+
 struct ReceivedChunk {
     uint64_t index = 0;
-    std::string tempPath;
+    std::string tempPath;  // the part's bytes; empty when written in place
     uint64_t size = 0;
+};
+
+// A request that writes new chunks straight into a file's data file.
+struct ChunkWrites {
+    int dataFd = -1;                      // the data file, open for writing
+    std::map<uint64_t, uint64_t> stored;  // chunks stored when it began
 };
 
 class FileStore {
@@ -73,7 +92,16 @@ class FileStore {
 
     StoreResult create(const std::string& name, const std::string& sharedStorageId);
     std::optional<FileInfo> info(const std::string& id) const;
-    // Moves received chunks into place (replacing chunks of the same index).
+    // Opens the data file of an unfinished file for a request that writes
+    // chunks not stored yet in place (at index * kChunkStride); false when
+    // the file is unknown or complete. Completion copies instead of renaming
+    // while such a request runs. Every successful call is matched by one
+    // endChunkWrites, after the request's commitChunks if it has one.
+    bool beginChunkWrites(const std::string& id, ChunkWrites& writes);
+    void endChunkWrites(const std::string& id, ChunkWrites& writes);
+    // Records received chunks as stored (replacing chunks of the same index):
+    // those written in place as they are, the others copied into the data
+    // file (or, past kMaxStrideIndex, moved to a chunk file of their own).
     // The temporary files are removed whatever the outcome.
     StoreResult commitChunks(const std::string& id, const std::vector<ReceivedChunk>& chunks);
     // Moves a received whole file into place and marks the file complete.
@@ -91,9 +119,10 @@ class FileStore {
 
   private:
     struct Entry {
-        std::mutex mutex;      // serialises changes to this file
-        FileInfo info;         // guarded by mutex
-        bool removed = false;  // guarded by mutex
+        std::mutex mutex;        // serialises changes to this file
+        FileInfo info;           // guarded by mutex
+        bool removed = false;    // guarded by mutex
+        int inPlaceWriters = 0;  // guarded by mutex: requests between begin/endChunkWrites
     };
 
     std::shared_ptr<Entry> find(const std::string& id) const;
@@ -102,6 +131,8 @@ class FileStore {
     void installContent(Entry& entry, const std::string& id, const std::string& tempPath,
                         uint64_t size, const char* failure, StoreResult& result);
     bool loadFile(const std::string& id);
+    std::string chunkDataPath(const std::string& id) const;
+    std::string chunkFilePath(const std::string& id, uint64_t index) const;
     // Moves `path` aside under tmp/ and has the cleaner thread remove it, so
     // that no request waits while gigabytes of chunk files are unlinked.
     void discard(const std::string& path);

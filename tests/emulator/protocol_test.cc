@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -375,6 +376,44 @@ TEST_F(ProtocolTest, RestartKnowsEveryFileAndChunk) {
     current_ = &third;
     EXPECT_EQ(get(root("content/" + chunkedId), {}).body, c0 + c1 + c2);
     EXPECT_EQ(get(api("files/" + chunkedId)).json()["isComplete"], true);
+}
+
+TEST_F(ProtocolTest, FullSizeChunksBecomeTheContentWithoutACopy) {
+    const uint64_t stride = 4194304;
+    const std::string c0 = pattern(stride, 1), c1 = pattern(stride, 2), c2 = pattern(12345, 3);
+    const std::string id = createFile("large.bin");
+    // Chunk 2 before chunk 1, and chunk 0 first with the wrong bytes.
+    ASSERT_EQ(putBatch(id, {{2, c2}, {0, pattern(stride, 9)}}).status, 200);
+    // A body cut before its closing delimiter stores none of its chunks, also
+    // not the one whose bytes already went into its slot.
+    HttpRequest cut;
+    cut.method = "PUT";
+    cut.url = api("files/" + id);
+    cut.headers = {kAuth, "Content-Type: multipart/form-data; boundary=B"};
+    const std::string body = batchBody("B", {{1, c1}});
+    cut.body = body.substr(0, body.size() - 8);
+    EXPECT_EQ(perform(cut).status, 400);
+    EXPECT_EQ(indices(get(api("files/" + id)).json()["uploadedChunks"]),
+              (std::vector<uint64_t>{0, 2}));
+
+    // What was stored survives a restart; chunk 0 sent again replaces the
+    // stored one, and chunk 1 goes into its slot.
+    emulator_.stop();
+    Emulator second(EmulatorOptions{emulator_.dataDir(), 0, "dev-token", 1ull << 30});
+    ASSERT_TRUE(second.start());
+    current_ = &second;
+    ASSERT_EQ(putBatch(id, {{0, c0}, {1, c1}}).status, 200);
+    const std::string dir = emulator_.dataDir() + "/files/" + id;
+    struct stat data {};
+    ASSERT_EQ(::stat((dir + "/chunks/data").c_str(), &data), 0);
+    auto done = complete(id, {{0, stride}, {1, stride}, {2, c2.size()}});
+    ASSERT_EQ(done.status, 200) << done.body;
+    EXPECT_EQ(get(root("content/" + id), {}).body, c0 + c1 + c2);
+    // The data file itself, cut to size, became the content.
+    struct stat content {};
+    ASSERT_EQ(::stat((dir + "/content").c_str(), &content), 0);
+    EXPECT_EQ(content.st_ino, data.st_ino);
+    EXPECT_EQ(static_cast<uint64_t>(content.st_size), 2 * stride + c2.size());
 }
 
 TEST_F(ProtocolTest, StopsPromptlyWithIdleConnectionsAndFreesItsPort) {
