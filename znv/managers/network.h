@@ -9,8 +9,11 @@
 //   any thread; they are announced to observers of the keys "tasks" and
 //   "downloads" as indexed insertions and removals, synchronously on the thread
 //   that makes the change, will-change before the mutation and did-change after.
-//   The collections are guarded by a mutex that is never held while calling out;
-//   every walk works on a copy taken under the lock.
+//   Changes are serialised by a recursive lock that is held while their
+//   announcements run, so that two changes never interleave: an observer may
+//   itself add or finish tasks on its own thread, but must not wait for
+//   another thread that does. The collections themselves are guarded by a
+//   mutex that is never held while calling out; every walk works on a copy.
 // - `refreshAndSave` hands the activation policy (`refreshTaskActivity`) and the
 //   save to the session manager's background queue, so refreshes, saves and
 //   session callbacks never overlap; changes schedule it through the main
