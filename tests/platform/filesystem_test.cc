@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -139,6 +141,35 @@ TEST(FileSystem, DurableReplacementMovesTheSourceAndLeavesNothingBehind) {
     EXPECT_FALSE(ZNVReplaceFileDurably(source, dir + "/missing/state", &error));
     EXPECT_EQ(error->code(), NSFileNoSuchFileError);
     EXPECT_EQ(test::readFile(source), "third");
+}
+
+TEST(FileSystem, BackgroundRemovalFreesTheNameAtOnceAndSweepsLeftovers) {
+    std::string dir = test::makeTempDir("removal");
+    // What a process that ended before its background removals ran left.
+    test::writeFile(dir + "/.znv-removing-left-over", "old");
+    test::writeFile(dir + "/staged.chunk", std::string(1 << 20, 'x'));
+    test::writeFile(dir + "/kept", "kept");
+
+    ZNVErrorRef error;
+    ASSERT_TRUE(ZNVRemoveFileInBackground(dir + "/staged.chunk", &error));
+    EXPECT_EQ(error, nullptr);
+    struct stat st {};
+    EXPECT_NE(stat((dir + "/staged.chunk").c_str(), &st), 0);  // gone from its name at once
+    // The same name can be used again right away.
+    test::writeFile(dir + "/staged.chunk", "new");
+    EXPECT_TRUE(test::waitFor([&] { return entries(dir).size() == 2; }, std::chrono::seconds(10)));
+    std::vector<std::string> left = entries(dir);
+    std::sort(left.begin(), left.end());
+    EXPECT_EQ(left, (std::vector<std::string>{"kept", "staged.chunk"}));
+    EXPECT_EQ(test::readFile(dir + "/staged.chunk"), "new");
+
+    // Nothing to remove is no failure; a name that cannot be moved is.
+    EXPECT_TRUE(ZNVRemoveFileInBackground(dir + "/missing", &error));
+    EXPECT_EQ(error, nullptr);
+    test::writeFile(dir + "/plain", "");
+    EXPECT_FALSE(ZNVRemoveFileInBackground(dir + "/plain/x", &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
 }
 
 TEST(FileSystem, CreateDirectoriesMakesEveryLevel) {

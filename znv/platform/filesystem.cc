@@ -10,9 +10,15 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <dirent.h>
+
 #include <mutex>
 #include <optional>
+#include <set>
 #include <vector>
+
+#include "znv/platform/operation_queue.h"
+#include "znv/platform/uuid.h"
 
 namespace znv {
 namespace {
@@ -331,6 +337,61 @@ bool ZNVReplaceFileDurably(const std::string& source, const std::string& target,
         ::unlink(source.c_str());
     }
     return syncPath(directory, true, error);
+}
+
+namespace {
+
+constexpr const char kRemovingPrefix[] = ".znv-removing-";
+
+// Never destroyed: removals still queued at exit leave hidden entries that a
+// later process sweeps.
+ZNVOperationQueue& removalQueue() {
+    static auto* queue = new ZNVOperationQueue("com.znv.file-removal");
+    return *queue;
+}
+
+// Whether `directory` is seen for the first time by this process.
+bool firstRemovalIn(const std::string& directory) {
+    static std::mutex mutex;
+    static std::set<std::string> seen;  // guarded by mutex
+    std::lock_guard lock(mutex);
+    return seen.insert(directory).second;
+}
+
+void sweepHiddenEntries(const std::string& directory) {
+    DIR* dir = ::opendir(directory.c_str());
+    if (!dir) return;
+    std::vector<std::string> names;
+    while (dirent* entry = ::readdir(dir)) {
+        if (::strncmp(entry->d_name, kRemovingPrefix, sizeof kRemovingPrefix - 1) == 0) {
+            names.emplace_back(entry->d_name);
+        }
+    }
+    ::closedir(dir);
+    for (const auto& name : names)
+        ::unlink((directory + "/" + name).c_str());
+}
+
+}  // namespace
+
+bool ZNVRemoveFileInBackground(const std::string& path, ZNVErrorRef* error) {
+    if (error) *error = nullptr;
+    const size_t slash = path.rfind('/');
+    const std::string directory =
+        slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+    const std::string hidden =
+        (directory == "/" ? "" : directory) + "/" + kRemovingPrefix + ZNVUUIDString();
+    if (::rename(path.c_str(), hidden.c_str()) != 0) {
+        if (errno == ENOENT) return true;
+        if (error) *error = ZNVFileErrorFromErrno(errno, "failed to remove", path, true);
+        return false;
+    }
+    const bool sweep = firstRemovalIn(directory);
+    removalQueue().addOperation([hidden, directory, sweep] {
+        ::unlink(hidden.c_str());
+        if (sweep) sweepHiddenEntries(directory);
+    });
+    return true;
 }
 
 }  // namespace znv

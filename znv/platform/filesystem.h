@@ -64,6 +64,15 @@ bool ZNVCreateDirectories(const std::string& path, unsigned mode = 0755,
 bool ZNVReplaceFileDurably(const std::string& source, const std::string& target,
                            ZNVErrorRef* error = nullptr);
 
+// Removes a file without making the caller wait while its blocks are freed
+// (a freshly written body of tens of megabytes takes milliseconds to unlink):
+// the file leaves its name at once, renamed to a hidden ".znv-removing-..."
+// entry of the same directory, and a background thread unlinks it. Hidden
+// entries left by a process that ended first are removed with the first
+// background removal in their directory. A missing file is success; a failed
+// rename returns false with the error and removes nothing.
+bool ZNVRemoveFileInBackground(const std::string& path, ZNVErrorRef* error = nullptr);
+
 // An NSCocoaErrorDomain error for a failed POSIX call on `path`:
 // "<what> \"<path>\": <strerror>", with a code that tells missing files,
 // permissions, full disks and bad names apart (read or write codes).
