@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
+#include <thread>
 
 #include "tests/managers/managers_test_support.h"
 #include "tests/support/test_support.h"
@@ -122,6 +123,36 @@ TEST_F(StorageTest, UploadsJoinTasksAndUploadsAndAnEmptyNameMeansNone) {
     EXPECT_EQ(recorder.records(), expected);
     EXPECT_EQ(storage->uploads().size(), 2u);
     EXPECT_EQ(storage->tasks().size(), 2u);
+}
+
+TEST_F(StorageTest, TheRefreshAnUploadAsksForIsPostedOnceItJoinedUploads) {
+    // Added off the main queue, an upload's refresh may run at once; were it
+    // posted before the upload joined "uploads", it would find nothing to
+    // start and nothing would ask again.
+    auto storage = makeStorage();
+    settle(storage);
+    std::mutex mutex;
+    std::vector<std::function<void()>> held;  // guarded by mutex
+    std::vector<size_t> missingAtPost;        // guarded by mutex
+    ZNVMainQueue::setExecutor([&](std::function<void()> work) {
+        const size_t missing = storage->tasks().size() - storage->uploads().size();
+        std::lock_guard lock(mutex);
+        missingAtPost.push_back(missing);
+        held.push_back(std::move(work));
+    });
+    std::thread adder([&] {
+        storage->uploadFromFile(sourceFile("a.bin", 100), false);
+        storage->uploadFromFile(sourceFile("b.bin", 100), false);
+    });
+    adder.join();
+    ZNVMainQueue::setExecutor(nullptr);
+    std::lock_guard lock(mutex);
+    for (auto& work : held)
+        ZNVMainQueue::async(std::move(work));
+    EXPECT_GE(missingAtPost.size(), 2u);
+    for (size_t missing : missingAtPost)
+        EXPECT_EQ(missing, 0u);
+    EXPECT_EQ(storage->uploads().size(), 2u);
 }
 
 TEST_F(StorageTest, AnUploadThatCannotStartIsNotAdded) {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <mutex>
+#include <utility>
 
 #include "znv/foundation/device.h"
 #include "znv/foundation/log.h"
@@ -204,8 +205,27 @@ bool ZNVNetwork::hasTask(const ZNVNetworkTaskRef& task) const {
     return taskSet_.count(task.get()) != 0;
 }
 
+ZNVNetwork::MutationScope::MutationScope(ZNVNetwork& network) : network_(network) {
+    network_.mutationMutex_.lock();
+    ++network_.mutationDepth_;
+}
+
+ZNVNetwork::MutationScope::~MutationScope() {
+    size_t refreshes = 0;
+    if (--network_.mutationDepth_ == 0)
+        refreshes = std::exchange(network_.refreshesAfterChange_, 0);
+    network_.mutationMutex_.unlock();
+    for (size_t i = 0; i < refreshes; ++i)
+        network_.scheduleRefreshAndSave();
+}
+
+void ZNVNetwork::scheduleRefreshAfterChange() {
+    MutationScope scope(*this);
+    ++refreshesAfterChange_;
+}
+
 void ZNVNetwork::addTask(const ZNVNetworkTaskRef& task) {
-    std::lock_guard<std::recursive_mutex> mutation(mutationMutex());
+    MutationScope mutation(*this);
     if (!task || hasTask(task)) return;
     incrementBackgroundActivity();
     assertValidDownloadCount();
@@ -237,12 +257,12 @@ void ZNVNetwork::addTask(const ZNVNetworkTaskRef& task) {
         didChange("downloads", ZNVKeyValueChange::Insertion, downloadPosition);
     }
     assertValidDownloadCount();
-    if (!isReadingState()) scheduleRefreshAndSave();
+    if (!isReadingState()) scheduleRefreshAfterChange();
     decrementBackgroundActivity();
 }
 
 void ZNVNetwork::finishTask(const ZNVNetworkTaskRef& task) {
-    std::lock_guard<std::recursive_mutex> mutation(mutationMutex());
+    MutationScope mutation(*this);
     if (!task) return;
     ZNVIndexSet taskPosition;
     bool inDownloads = false;
@@ -606,7 +626,7 @@ void ZNVNetwork::handleDidBecomeActiveNotification(const ZNVNotification&) {
 // Invalidation
 
 void ZNVNetwork::invalidateClientAndCancelTasks() {
-    std::lock_guard<std::recursive_mutex> mutation(mutationMutex());
+    MutationScope mutation(*this);
     if (auto session = sessionManager()) session->invalidate();
 
     size_t taskCount = 0;

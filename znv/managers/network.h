@@ -212,8 +212,23 @@ class ZNVNetwork : public ZNVObservable,
 
     // Serialises collection changes (adding, finishing, invalidating) so that
     // the announcements of one change never interleave with another's. Held
-    // while announcing; recursive because subclasses extend these operations.
-    std::recursive_mutex& mutationMutex() { return mutationMutex_; }
+    // while announcing; nests because subclasses extend these operations.
+    // Refreshes a change asks for (`scheduleRefreshAfterChange`) are scheduled
+    // when the outermost scope ends: a subclass finishes its part of the
+    // change (an upload joins `uploads` after the base added it to `tasks`)
+    // before any refresh can look at the collections, whatever thread the
+    // change runs on.
+    class MutationScope {
+      public:
+        explicit MutationScope(ZNVNetwork& network);
+        ~MutationScope();
+        MutationScope(const MutationScope&) = delete;
+        MutationScope& operator=(const MutationScope&) = delete;
+
+      private:
+        ZNVNetwork& network_;
+    };
+    void scheduleRefreshAfterChange();
 
   private:
     std::atomic<bool> readingState_{false};
@@ -227,6 +242,8 @@ class ZNVNetwork : public ZNVObservable,
     std::shared_ptr<ZNVNetworkSessionManager> sessionManager_;  // guarded by sessionMutex_
 
     std::recursive_mutex mutationMutex_;
+    int mutationDepth_ = 0;            // guarded by mutationMutex_
+    size_t refreshesAfterChange_ = 0;  // guarded by mutationMutex_
     mutable std::mutex collectionsMutex_;
     ZNVTaskList<ZNVNetworkTask> mutableTasks_;           // guarded by collectionsMutex_
     ZNVTaskList<ZNVNetworkDownload> mutableDownloads_;   // guarded by collectionsMutex_

@@ -93,7 +93,7 @@ ZNVStorageUploadRef ZNVStorage::uploadFromFile(
 }
 
 void ZNVStorage::addTask(const ZNVNetworkTaskRef& task) {
-    std::lock_guard<std::recursive_mutex> mutation(mutationMutex());
+    MutationScope mutation(*this);
     auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(task);
     if (!upload || hasTask(task)) {
         ZNVNetwork::addTask(task);
@@ -118,7 +118,7 @@ void ZNVStorage::addTask(const ZNVNetworkTaskRef& task) {
 }
 
 void ZNVStorage::finishTask(const ZNVNetworkTaskRef& task) {
-    std::lock_guard<std::recursive_mutex> mutation(mutationMutex());
+    MutationScope mutation(*this);
     ZNVIndexSet position;
     ZNVStorageUploadRef upload;
     {
@@ -460,7 +460,7 @@ void ZNVStorage::disconnectFromAccount() {
 // Invalidation
 
 void ZNVStorage::invalidateClientAndCancelTasks() {
-    std::lock_guard<std::recursive_mutex> mutation(mutationMutex());
+    MutationScope mutation(*this);
     size_t uploadCount = 0;
     {
         std::lock_guard<std::mutex> lock(storageMutex_);
