@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <ostream>
@@ -16,6 +18,7 @@
 #include "znv/account/reachability_manager.h"
 #include "znv/foundation/log.h"
 #include "znv/platform/observable.h"
+#include "znv/session/network_session_manager.h"
 #include "znv/tasks/network_task.h"
 
 namespace znv::test {
@@ -54,6 +57,49 @@ class LogCapture {
     std::shared_ptr<spdlog::sinks::ringbuffer_sink_mt> sink_;
     spdlog::level::level_enum previousLevel_;
 };
+
+// The log lines that contain any of `texts`, as those texts, in order.
+inline std::vector<std::string> linesContaining(const LogCapture& log,
+                                                const std::vector<std::string>& texts) {
+    std::vector<std::string> result;
+    for (const auto& line : log.lines()) {
+        for (const auto& text : texts) {
+            if (line.find(text) != std::string::npos) {
+                result.push_back(text);
+                break;
+            }
+        }
+    }
+    return result;
+}
+
+// Holds a session's background queue busy until the returned function is
+// called, so that work handed to it meanwhile piles up.
+inline std::function<void()> blockBackgroundQueue(
+    const std::shared_ptr<ZNVNetworkSessionManager>& session) {
+    struct Gate {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool entered = false;  // guarded by mutex
+        bool open = false;     // guarded by mutex
+    };
+    auto gate = std::make_shared<Gate>();
+    session->performBackgroundSessionBlock([gate] {
+        std::unique_lock<std::mutex> lock(gate->mutex);
+        gate->entered = true;
+        gate->changed.notify_all();
+        gate->changed.wait(lock, [&] { return gate->open; });
+    });
+    {
+        std::unique_lock<std::mutex> lock(gate->mutex);
+        gate->changed.wait(lock, [&] { return gate->entered; });
+    }
+    return [gate] {
+        std::lock_guard<std::mutex> lock(gate->mutex);
+        gate->open = true;
+        gate->changed.notify_all();
+    };
+}
 
 // One announcement of an observable collection.
 struct Announcement {

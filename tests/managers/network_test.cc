@@ -269,24 +269,7 @@ class LaunchedNetwork : public ::testing::Test {
     }
 
     // Blocks the session's background queue until the returned release is called.
-    std::function<void()> blockBackgroundQueue() {
-        auto gate = std::make_shared<Gate>();
-        session_->performBackgroundSessionBlock([gate] {
-            std::unique_lock<std::mutex> lock(gate->mutex);
-            gate->entered = true;
-            gate->changed.notify_all();
-            gate->changed.wait(lock, [&] { return gate->open; });
-        });
-        {
-            std::unique_lock<std::mutex> lock(gate->mutex);
-            gate->changed.wait(lock, [&] { return gate->entered; });
-        }
-        return [gate] {
-            std::lock_guard<std::mutex> lock(gate->mutex);
-            gate->open = true;
-            gate->changed.notify_all();
-        };
-    }
+    std::function<void()> blockBackgroundQueue() { return test::blockBackgroundQueue(session_); }
     void drainBackgroundQueue() {
         auto done = std::make_shared<std::atomic<bool>>(false);
         session_->performBackgroundSessionBlock([done] { *done = true; });
@@ -300,13 +283,6 @@ class LaunchedNetwork : public ::testing::Test {
             drainBackgroundQueue();
         }
     }
-
-    struct Gate {
-        std::mutex mutex;
-        std::condition_variable changed;
-        bool entered = false;
-        bool open = false;
-    };
 
     std::string identifier_;
     std::shared_ptr<ZNVNetwork> network_;
@@ -410,21 +386,6 @@ const std::vector<std::string> kIdleDownloadRound{
     "Have capacity to activate 2 more download(s) ...",
     "   No suspended download(s) left to activate.",
 };
-
-// The log lines that contain any of `texts`, in order.
-std::vector<std::string> linesContaining(const LogCapture& log,
-                                         const std::vector<std::string>& texts) {
-    std::vector<std::string> result;
-    for (const auto& line : log.lines()) {
-        for (const auto& text : texts) {
-            if (line.find(text) != std::string::npos) {
-                result.push_back(text);
-                break;
-            }
-        }
-    }
-    return result;
-}
 
 TEST_F(LaunchedNetwork, EveryRefreshRequestRunsItsOwnRoundInOrder) {
     settle();

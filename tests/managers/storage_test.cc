@@ -190,51 +190,13 @@ TEST_F(StorageTest, SignedOutOrUnreachableActivatesNothing) {
     EXPECT_FALSE(log.contains("Account must be signed in"));
 }
 
-// The log lines that contain any of `texts`, as those texts, in order.
-std::vector<std::string> linesContaining(const LogCapture& log,
-                                         const std::vector<std::string>& texts) {
-    std::vector<std::string> result;
-    for (const auto& line : log.lines()) {
-        for (const auto& text : texts) {
-            if (line.find(text) != std::string::npos) {
-                result.push_back(text);
-                break;
-            }
-        }
-    }
-    return result;
-}
-
 TEST_F(StorageTest, EachRefreshWeighsUploadsThenDownloadsAndNoneIsMerged) {
     auto storage = makeStorage();
     ASSERT_NE(storage->uploadFromFile(sourceFile("queued.bin", 100), false), nullptr);
     settle(storage);
 
     // Holds the session's queue so that the requests below pile up.
-    struct Gate {
-        std::mutex mutex;
-        std::condition_variable changed;
-        bool entered = false;
-        bool open = false;
-    };
-    auto hold = [&] {
-        auto gate = std::make_shared<Gate>();
-        storage->sessionManager()->performBackgroundSessionBlock([gate] {
-            std::unique_lock<std::mutex> lock(gate->mutex);
-            gate->entered = true;
-            gate->changed.notify_all();
-            gate->changed.wait(lock, [&] { return gate->open; });
-        });
-        std::unique_lock<std::mutex> lock(gate->mutex);
-        gate->changed.wait(lock, [&] { return gate->entered; });
-        return gate;
-    };
-    auto release = [](const std::shared_ptr<Gate>& gate) {
-        std::lock_guard<std::mutex> lock(gate->mutex);
-        gate->open = true;
-        gate->changed.notify_all();
-    };
-
+    auto hold = [&] { return test::blockBackgroundQueue(storage->sessionManager()); };
     const std::vector<std::string> watched{
         "upload(s) are currently active.",
         "Account must be signed in before uploads can be activated.",
@@ -248,10 +210,10 @@ TEST_F(StorageTest, EachRefreshWeighsUploadsThenDownloadsAndNoneIsMerged) {
         // Signed out: the upload half stops at the account, the download
         // half still runs, and two requests give two rounds.
         LogCapture log;
-        auto gate = hold();
+        auto release = hold();
         storage->refreshAndSave();
         storage->refreshAndSave();
-        release(gate);
+        release();
         settle(storage);
         const std::vector<std::string> round{
             "upload(s) are currently active.",
@@ -270,9 +232,9 @@ TEST_F(StorageTest, EachRefreshWeighsUploadsThenDownloadsAndNoneIsMerged) {
     account_->setStatus(ZNVAccountStatusSignedIn);
     settle(storage);
     LogCapture log;
-    auto gate = hold();
+    auto release = hold();
     storage->refreshAndSave();
-    release(gate);
+    release();
     settle(storage);
     const std::vector<std::string> expected{
         "upload(s) are currently active.",
