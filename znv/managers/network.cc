@@ -562,22 +562,43 @@ void ZNVNetwork::invokeNetworkSessionCompletionWithDescription(const std::string
 // ---------------------------------------------------------------------------
 // Notifications
 
-void ZNVNetwork::forwardTaskNotification(const ZNVNotification& notification) {
-    const auto* task =
-        ZNVNotificationValue<ZNVNetworkTaskRef>(notification, ZNVNetworkTask_TaskKey);
-    const auto* previous =
-        ZNVNotificationValue<uint64_t>(notification, ZNVNetworkTask_PreviousStateKey);
-    const auto* current = ZNVNotificationValue<uint64_t>(notification, ZNVNetworkTask_NewStateKey);
-    const uint64_t previousState = previous ? *previous : 0;
-    const uint64_t newState = current ? *current : 0;
+namespace {
 
+// What a task's state-change notification tells (absent values read as 0).
+struct TaskStateChange {
+    ZNVNetworkTaskRef task;
+    uint64_t previousState = 0;
+    uint64_t newState = 0;
+};
+
+TaskStateChange taskStateChangeOf(const ZNVNotification& notification) {
+    TaskStateChange change;
+    if (const auto* task =
+            ZNVNotificationValue<ZNVNetworkTaskRef>(notification, ZNVNetworkTask_TaskKey)) {
+        change.task = *task;
+    }
+    if (const auto* previous =
+            ZNVNotificationValue<uint64_t>(notification, ZNVNetworkTask_PreviousStateKey)) {
+        change.previousState = *previous;
+    }
+    if (const auto* current =
+            ZNVNotificationValue<uint64_t>(notification, ZNVNetworkTask_NewStateKey)) {
+        change.newState = *current;
+    }
+    return change;
+}
+
+}  // namespace
+
+void ZNVNetwork::forwardTaskNotification(const ZNVNotification& notification) {
+    const TaskStateChange change = taskStateChangeOf(notification);
     ZNVNotificationUserInfo userInfo;
-    userInfo[ZNVNetwork_TaskKey] = task ? *task : ZNVNetworkTaskRef();
-    userInfo[ZNVNetwork_PreviousTaskStateKey] = previousState;
-    userInfo[ZNVNetwork_NewTaskStateKey] = newState;
+    userInfo[ZNVNetwork_TaskKey] = change.task;
+    userInfo[ZNVNetwork_PreviousTaskStateKey] = change.previousState;
+    userInfo[ZNVNetwork_NewTaskStateKey] = change.newState;
 
     const char* name = nullptr;
-    switch (newState) {
+    switch (change.newState) {
         case ZNVNetworkTaskStateSuspended:
             name = ZNVNetwork_TaskDidSuspendNotification;
             break;
@@ -594,17 +615,10 @@ void ZNVNetwork::forwardTaskNotification(const ZNVNotification& notification) {
 }
 
 void ZNVNetwork::handleBackgroundNetworkTaskNotification(const ZNVNotification& notification) {
-    const auto* task =
-        ZNVNotificationValue<ZNVNetworkTaskRef>(notification, ZNVNetworkTask_TaskKey);
-    const auto* previous =
-        ZNVNotificationValue<uint64_t>(notification, ZNVNetworkTask_PreviousStateKey);
-    const auto* current = ZNVNotificationValue<uint64_t>(notification, ZNVNetworkTask_NewStateKey);
-    const uint64_t previousState = previous ? *previous : 0;
-    const uint64_t newState = current ? *current : 0;
-
-    if (newState == ZNVNetworkTaskStateRunning) {
-        if (previousState != ZNVNetworkTaskStateRunning && task && *task &&
-            (*task)->needsEarlyActivation()) {
+    const TaskStateChange change = taskStateChangeOf(notification);
+    if (change.newState == ZNVNetworkTaskStateRunning) {
+        if (change.previousState != ZNVNetworkTaskStateRunning && change.task &&
+            change.task->needsEarlyActivation()) {
             writeState();
         }
         return;

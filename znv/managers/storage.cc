@@ -377,61 +377,63 @@ bool ZNVStorage::validateParametersWithFailure(const std::function<void()>& fail
     return false;
 }
 
-void ZNVStorage::URLForRemoteFile(const std::string& remoteFile, URLCompletion completion) {
-    std::function<void()> failure = [completion] {
-        if (completion) completion(std::nullopt);
-    };
+// Asks the session manager, with the account's authentication, for a request
+// on a remote file (`makeTask`), and keeps `completion` under the request's
+// task identifier in `pending` until its answer is routed. A request that the
+// session manager refuses is logged as `failureLog` followed by the error
+// and fails at once.
+template <class Completion, class MakeTask>
+void ZNVStorage::startRemoteFileRequest(Completion completion, std::function<void()> failure,
+                                        std::map<uint64_t, Completion> ZNVStorage::*pending,
+                                        const char* failureLog, MakeTask makeTask) {
     if (!validateParametersWithFailure(failure)) return;
     auto weak = weakStorage();
-    account_->dispatchAuthenticatedBlock(
-        [weak, remoteFile, completion, failure](ZNVAuthenticationRef authentication, ZNVErrorRef) {
-            auto self = weak.lock();
-            if (!self) return;
-            auto session = self->sessionManager();
-            if (!session) return;
-            ZNVErrorRef error;
-            auto task = session->getInformationForRemoteFile(remoteFile, authentication, &error);
-            if (error) {
-                ZNVLogError("failed to get information for remote file: {}", describe(error));
-                failure();
-                return;
+    account_->dispatchAuthenticatedBlock([weak, completion, failure, pending, failureLog, makeTask](
+                                             ZNVAuthenticationRef authentication, ZNVErrorRef) {
+        auto self = weak.lock();
+        if (!self) return;
+        auto session = self->sessionManager();
+        if (!session) return;
+        ZNVErrorRef error;
+        auto task = makeTask(*session, authentication, &error);
+        if (error) {
+            ZNVLogError("{}{}", failureLog, describe(error));
+            failure();
+            return;
+        }
+        if (completion && task) {
+            {
+                std::lock_guard<std::mutex> lock(self->storageMutex_);
+                (self.get()->*pending)[task->taskIdentifier()] = completion;
             }
-            if (completion && task) {
-                {
-                    std::lock_guard<std::mutex> lock(self->storageMutex_);
-                    self->remoteURLBlockForTask_[task->taskIdentifier()] = completion;
-                }
-                task->resume();
-            }
+            task->resume();
+        }
+    });
+}
+
+void ZNVStorage::URLForRemoteFile(const std::string& remoteFile, URLCompletion completion) {
+    startRemoteFileRequest(
+        completion,
+        [completion] {
+            if (completion) completion(std::nullopt);
+        },
+        &ZNVStorage::remoteURLBlockForTask_, "failed to get information for remote file: ",
+        [remoteFile](ZNVNetworkSessionManager& session, const ZNVAuthenticationRef& authentication,
+                     ZNVErrorRef* error) {
+            return session.getInformationForRemoteFile(remoteFile, authentication, error);
         });
 }
 
 void ZNVStorage::deleteRemoteFile(const std::string& remoteFile, DeleteCompletion completion) {
-    std::function<void()> failure = [completion] {
-        if (completion) completion(false);
-    };
-    if (!validateParametersWithFailure(failure)) return;
-    auto weak = weakStorage();
-    account_->dispatchAuthenticatedBlock(
-        [weak, remoteFile, completion, failure](ZNVAuthenticationRef authentication, ZNVErrorRef) {
-            auto self = weak.lock();
-            if (!self) return;
-            auto session = self->sessionManager();
-            if (!session) return;
-            ZNVErrorRef error;
-            auto task = session->deleteRemoteFile(remoteFile, authentication, &error);
-            if (error) {
-                ZNVLogError("failed to delete remote file: {}", describe(error));
-                failure();
-                return;
-            }
-            if (completion && task) {
-                {
-                    std::lock_guard<std::mutex> lock(self->storageMutex_);
-                    self->deleteBlockForTask_[task->taskIdentifier()] = completion;
-                }
-                task->resume();
-            }
+    startRemoteFileRequest(
+        completion,
+        [completion] {
+            if (completion) completion(false);
+        },
+        &ZNVStorage::deleteBlockForTask_, "failed to delete remote file: ",
+        [remoteFile](ZNVNetworkSessionManager& session, const ZNVAuthenticationRef& authentication,
+                     ZNVErrorRef* error) {
+            return session.deleteRemoteFile(remoteFile, authentication, error);
         });
 }
 

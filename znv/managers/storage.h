@@ -110,6 +110,10 @@ class ZNVStorage : public ZNVNetwork {
 
   private:
     std::weak_ptr<ZNVStorage> weakStorage();
+    template <class Completion, class MakeTask>
+    void startRemoteFileRequest(Completion completion, std::function<void()> failure,
+                                std::map<uint64_t, Completion> ZNVStorage::*pending,
+                                const char* failureLog, MakeTask makeTask);
 
     std::atomic<bool> storageIsLaunched_{false};
     const std::shared_ptr<ZNVAccount> account_;
