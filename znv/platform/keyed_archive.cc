@@ -7,6 +7,8 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "znv/platform/json_depth.h"
+
 namespace znv {
 
 const char* const NSInvalidArchiveOperationException = "NSInvalidArchiveOperationException";
@@ -34,37 +36,6 @@ std::string keyFromMemberName(const std::string& name) {
 
 ZNVErrorRef coderError(int64_t code, const std::string& message) {
     return ZNVError::withMessage(NSCocoaErrorDomain, code, message);
-}
-
-// Deepest nesting of arrays and objects in a JSON text, counted without
-// parsing so that a hostile document cannot drive the parser or any later
-// recursion deep. Stops counting once `limit` is exceeded.
-int maxNestingDepth(std::string_view text, int limit) {
-    int depth = 0;
-    int deepest = 0;
-    bool inString = false;
-    for (size_t i = 0; i < text.size(); ++i) {
-        char c = text[i];
-        if (inString) {
-            if (c == '\\') {
-                ++i;
-            } else if (c == '"') {
-                inString = false;
-            }
-            continue;
-        }
-        if (c == '"') {
-            inString = true;
-        } else if (c == '[' || c == '{') {
-            if (++depth > deepest) {
-                deepest = depth;
-                if (deepest > limit) return deepest;
-            }
-        } else if (c == ']' || c == '}') {
-            --depth;
-        }
-    }
-    return deepest;
 }
 
 const char* jsonTypeName(const nlohmann::json& value) {
@@ -481,7 +452,7 @@ std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::create(std::string_view 
     };
     if (error) *error = nullptr;
     if (data.empty()) return refuse(NSCoderReadCorruptError, "the archive is empty");
-    if (maxNestingDepth(data, kMaxDepth) > kMaxDepth) {
+    if (ZNVJSONNestingDepth(data, kMaxDepth) > static_cast<size_t>(kMaxDepth)) {
         return refuse(NSCoderReadCorruptError, "the archive is nested more than " +
                                                    std::to_string(kMaxDepth) + " levels deep");
     }

@@ -7,6 +7,7 @@
 
 #include "znv/foundation/error_handler.h"
 #include "znv/foundation/network_utilities.h"
+#include "znv/platform/json_depth.h"
 #include "znv/platform/url_session.h"
 #include "znv/session/network_session_manager.h"
 
@@ -18,39 +19,6 @@ using json = nlohmann::json;
 
 // The code the platform's JSON reader uses for unparsable content.
 constexpr int64_t kJSONReadCorruptError = 3840;
-
-// The deepest nesting of arrays and objects in `text`, counted outside
-// strings; stops counting once `limit` is exceeded. Malformed text is left
-// to the parser.
-size_t nestingDepth(const ZNVBytes& text, size_t limit) {
-    size_t depth = 0;
-    size_t deepest = 0;
-    bool inString = false;
-    bool escaped = false;
-    for (uint8_t c : text) {
-        if (inString) {
-            if (escaped) {
-                escaped = false;
-            } else if (c == '\\') {
-                escaped = true;
-            } else if (c == '"') {
-                inString = false;
-            }
-            continue;
-        }
-        if (c == '"') {
-            inString = true;
-        } else if (c == '[' || c == '{') {
-            if (++depth > deepest) {
-                deepest = depth;
-                if (deepest > limit) return deepest;
-            }
-        } else if ((c == ']' || c == '}') && depth > 0) {
-            --depth;
-        }
-    }
-    return deepest;
-}
 
 // A JSON number (or boolean) as an unsigned 64-bit value; none for negative
 // numbers, non-finite values and every other type.
@@ -181,7 +149,8 @@ std::optional<ZNVIndexSet> ZNVStorageResponse::parseChunkIndicesFromArray(const 
 
 std::optional<json> ZNVStorageResponse::parseJSON(const ZNVBytes& data, ZNVErrorRef* error) {
     if (error) *error = nullptr;
-    if (nestingDepth(data, ZNVStorageResponseMaximumNestingDepth) >
+    const std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
+    if (ZNVJSONNestingDepth(text, ZNVStorageResponseMaximumNestingDepth) >
         ZNVStorageResponseMaximumNestingDepth) {
         if (error) {
             *error = ZNVError::withMessage(
