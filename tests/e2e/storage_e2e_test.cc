@@ -7,8 +7,8 @@
 
 #include "tests/e2e/e2e_support.h"
 #include "znv/platform/progress.h"
+#include "znv/protocol/storage_response.h"
 #include "znv/session/network_session_manager.h"
-#include "znv/upload/storage_response.h"
 
 namespace znv {
 namespace {

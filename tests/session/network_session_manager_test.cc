@@ -9,7 +9,7 @@
 #include "tests/session/session_test_support.h"
 #include "znv/foundation/error_handler.h"
 #include "znv/platform/filesystem.h"
-#include "znv/upload/storage_response.h"
+#include "znv/protocol/storage_response.h"
 
 namespace znv {
 namespace {

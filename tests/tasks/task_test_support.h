@@ -23,10 +23,10 @@
 #include "znv/account/account_configuration.h"
 #include "znv/platform/main_queue.h"
 #include "znv/platform/url_session.h"
+#include "znv/protocol/storage_response.h"
 #include "znv/session/network_session_manager.h"
 #include "znv/tasks/network_download.h"
 #include "znv/tasks/network_task.h"
-#include "znv/upload/storage_response.h"
 #include "znv/upload/storage_upload.h"
 
 namespace znv::test {

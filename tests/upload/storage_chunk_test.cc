@@ -1,4 +1,4 @@
-#include "znv/upload/storage_chunk.h"
+#include "znv/protocol/storage_chunk.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -11,8 +11,8 @@
 #include "apps/emulator/multipart.h"
 #include "tests/support/test_support.h"
 #include "znv/platform/url_session.h"
+#include "znv/protocol/storage_chunk_writer.h"
 #include "znv/session/network_session_manager.h"
-#include "znv/upload/storage_chunk_writer.h"
 
 namespace znv {
 namespace {

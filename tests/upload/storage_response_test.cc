@@ -1,4 +1,4 @@
-#include "znv/upload/storage_response.h"
+#include "znv/protocol/storage_response.h"
 
 #include <gtest/gtest.h>
 

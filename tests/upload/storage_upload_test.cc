@@ -17,7 +17,8 @@
 #include "znv/platform/filesystem.h"
 #include "znv/platform/keyed_archive.h"
 #include "znv/platform/progress.h"
-#include "znv/upload/storage_chunk.h"
+#include "znv/protocol/internal/chunk_size_testing.h"
+#include "znv/protocol/storage_chunk.h"
 
 namespace znv {
 namespace {
@@ -58,9 +59,9 @@ ZNVStorageResponseRef chunksSent(const std::string& id, const ZNVIndexSet& indic
 class StorageUploadTest : public ::testing::Test {
   protected:
     StorageUploadTest() : harness({}, /*launch=*/false) {
-        ZNVNetworkSessionManager::setMaximumChunkSizeForTesting(4);
+        internal::setMaximumChunkSizeForTesting(4);
     }
-    ~StorageUploadTest() override { ZNVNetworkSessionManager::setMaximumChunkSizeForTesting(0); }
+    ~StorageUploadTest() override { internal::setMaximumChunkSizeForTesting(0); }
 
     std::shared_ptr<ZNVStorageUpload> makeUpload(uint64_t size, bool video = false,
                                                  const std::string& name = "movie.mov") {
@@ -87,14 +88,14 @@ class StorageUploadTest : public ::testing::Test {
 };
 
 TEST(StorageUploadChunkSize, TestSizeAppliesToTheWholeLayoutAndResets) {
-    ZNVNetworkSessionManager::setMaximumChunkSizeForTesting(4);
+    internal::setMaximumChunkSizeForTesting(4);
     EXPECT_EQ(ZNVNetworkSessionManager::maximumChunkSize(), 4u);
     auto last = _chunkWithIndexForFileSize(2, 10);
     ASSERT_NE(last, nullptr);
     EXPECT_EQ(last->length(), 2u);
     EXPECT_EQ(last->fileOffset(), 8u);
     EXPECT_EQ(_chunkWithIndexForFileSize(3, 10), nullptr);
-    ZNVNetworkSessionManager::setMaximumChunkSizeForTesting(0);
+    internal::setMaximumChunkSizeForTesting(0);
     EXPECT_EQ(ZNVNetworkSessionManager::maximumChunkSize(), 4194304u);
 }
 

@@ -91,6 +91,10 @@ ZNVNetwork::ZNVNetwork(ZNVAccountConfigurationRef configuration)
         reinterpret_cast<const sockaddr*>(&wildcard), sizeof(wildcard));
 }
 
+spdlog::logger& ZNVNetwork::log() {
+    return ZNVLog();
+}
+
 ZNVNetwork::~ZNVNetwork() {
     for (auto token : notificationTokens_) {
         ZNVNotificationCenter::defaultCenter().removeObserver(token);

@@ -49,6 +49,10 @@
 #include "znv/tasks/network_download.h"
 #include "znv/tasks/network_task.h"
 
+namespace spdlog {
+class logger;
+}
+
 namespace znv {
 
 // Notification names and user-info keys posted by the manager.
@@ -96,6 +100,10 @@ class ZNVNetwork : public ZNVObservable,
     // A manager for a configuration (or none). Starts nothing; call `launch`.
     static std::shared_ptr<ZNVNetwork> create(ZNVAccountConfigurationRef configuration = nullptr);
     ~ZNVNetwork() override;
+
+    // The library's log channel "com.znv.storage:cloud" (the same logger as
+    // `ZNVLog()` in znv/foundation/log.h; `ZNVStorage::log()` too). Any thread.
+    static spdlog::logger& log();
 
     // Restores the saved tasks, creates and launches the session manager,
     // starts watching reachability and notifications, reconnects downloads and

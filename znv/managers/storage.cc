@@ -6,7 +6,7 @@
 #include "znv/foundation/log.h"
 #include "znv/platform/main_queue.h"
 #include "znv/platform/url_session.h"
-#include "znv/upload/storage_response.h"
+#include "znv/protocol/storage_response.h"
 
 namespace znv {
 

@@ -49,8 +49,9 @@
 #include "znv/platform/index_set.h"
 #include "znv/platform/url.h"
 #include "znv/platform/url_session.h"
+#include "znv/protocol/session_task_tags.h"
+#include "znv/protocol/storage_chunk.h"
 #include "znv/session/storage_path_manager.h"
-#include "znv/upload/storage_chunk.h"
 
 namespace znv {
 
@@ -85,17 +86,6 @@ class ZNVNetworkSessionBackgroundDelegate {
     }
 };
 
-// Session task tags.
-inline constexpr const char* ZNVSessionTaskTagDownload = "download";
-inline constexpr const char* ZNVSessionTaskTagResumeDownload = "resume download";
-inline constexpr const char* ZNVSessionTaskTagNewRemoteFile = "new remote file";
-inline constexpr const char* ZNVSessionTaskTagUploadEntireFile = "upload entire file";
-inline constexpr const char* ZNVSessionTaskTagChunkIndexPrefix = "chunk index ";
-inline constexpr const char* ZNVSessionTaskTagAssembleRemoteFile = "assemble remote file";
-inline constexpr const char* ZNVSessionTaskTagPostProcessing = "request video post processing";
-inline constexpr const char* ZNVSessionTaskTagInformation = "information for remote file";
-inline constexpr const char* ZNVSessionTaskTagDeleteRemoteFile = "delete remote file";
-
 class ZNVNetworkSessionManager : public ZNVURLSessionDelegate,
                                  public std::enable_shared_from_this<ZNVNetworkSessionManager> {
   public:
@@ -111,21 +101,24 @@ class ZNVNetworkSessionManager : public ZNVURLSessionDelegate,
     ZNVNetworkSessionManager& operator=(const ZNVNetworkSessionManager&) = delete;
 
     // --- Task tags and the chunk size (no manager needed) ---
+    // The same functions as ZNVSessionTaskTags (znv/protocol/session_task_tags.h).
 
     // 4194304: the largest size of one chunk.
-    static uint64_t maximumChunkSize();
-    // Test-only: makes `maximumChunkSize` answer `size` (0 restores 4194304),
-    // so that tests can lay out small files in many chunks. Never called by
-    // the library.
-    static void setMaximumChunkSizeForTesting(uint64_t size);
+    static uint64_t maximumChunkSize() { return ZNVSessionTaskTags::maximumChunkSize(); }
     // The indices of a task tagged "chunk index <list>"; none otherwise.
     static std::optional<ZNVIndexSet> chunkIndicesForTask(
-        const std::shared_ptr<ZNVURLSessionTask>& task);
+        const std::shared_ptr<ZNVURLSessionTask>& task) {
+        return ZNVSessionTaskTags::chunkIndicesForTask(task);
+    }
     // Whether the task's original request carries "Authorization: Bearer ...",
     // which marks a storage request as opposed to a plain download.
-    static bool taskHasAuthentication(const std::shared_ptr<ZNVURLSessionTask>& task);
+    static bool taskHasAuthentication(const std::shared_ptr<ZNVURLSessionTask>& task) {
+        return ZNVSessionTaskTags::taskHasAuthentication(task);
+    }
     // Whether the tag is exactly "download" or "resume download".
-    static bool taskIsForDownload(const std::shared_ptr<ZNVURLSessionTask>& task);
+    static bool taskIsForDownload(const std::shared_ptr<ZNVURLSessionTask>& task) {
+        return ZNVSessionTaskTags::taskIsForDownload(task);
+    }
 
     // --- State ---
 

@@ -12,7 +12,7 @@
 #include "znv/foundation/log.h"
 #include "znv/foundation/network_utilities.h"
 #include "znv/platform/filesystem.h"
-#include "znv/upload/storage_response.h"
+#include "znv/protocol/storage_response.h"
 
 namespace znv {
 

@@ -27,7 +27,7 @@
 #include "znv/platform/error.h"
 #include "znv/platform/index_set.h"
 #include "znv/platform/url.h"
-#include "znv/upload/storage_chunk_writer.h"
+#include "znv/protocol/storage_chunk_writer.h"
 
 namespace znv {
 

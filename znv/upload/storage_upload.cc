@@ -18,9 +18,9 @@
 #include "znv/platform/filesystem.h"
 #include "znv/platform/progress.h"
 #include "znv/platform/url_session.h"
+#include "znv/protocol/storage_chunk.h"
+#include "znv/protocol/storage_response.h"
 #include "znv/session/network_session_manager.h"
-#include "znv/upload/storage_chunk.h"
-#include "znv/upload/storage_response.h"
 
 namespace znv {
 

@@ -1,4 +1,4 @@
-#include "znv/upload/storage_chunk.h"
+#include "znv/protocol/storage_chunk.h"
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -7,7 +7,7 @@
 #include <cerrno>
 
 #include "znv/foundation/error_handler.h"
-#include "znv/session/network_session_manager.h"
+#include "znv/protocol/session_task_tags.h"
 
 namespace znv {
 
@@ -71,7 +71,7 @@ std::string ZNVStorageChunk::description() const {
 
 ZNVStorageChunkRef _chunkWithIndexForFileSize(uint64_t index, uint64_t fileSize) {
     if (index == static_cast<uint64_t>(ZNVNotFound)) return nullptr;
-    uint64_t chunkSize = ZNVNetworkSessionManager::maximumChunkSize();
+    uint64_t chunkSize = ZNVSessionTaskTags::maximumChunkSize();
     // An offset beyond 64 bits lies past the end of any file.
     if (chunkSize == 0 || index > UINT64_MAX / chunkSize) return nullptr;
     uint64_t offset = chunkSize * index;

@@ -1,5 +1,5 @@
 // ZNVStorageChunk: one slice of a local file (index, length, offset), and the
-// layout of a file into chunks of `ZNVNetworkSessionManager::maximumChunkSize()`.
+// layout of a file into chunks of `ZNVSessionTaskTags::maximumChunkSize()`.
 //
 // Contract
 // - Chunks are immutable and shared as `ZNVStorageChunkRef` (a shared pointer

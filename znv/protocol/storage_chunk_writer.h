@@ -31,7 +31,7 @@
 #include "znv/platform/error.h"
 #include "znv/platform/index_set.h"
 #include "znv/platform/url.h"
-#include "znv/upload/storage_chunk.h"
+#include "znv/protocol/storage_chunk.h"
 
 namespace znv {
 

@@ -1,4 +1,4 @@
-#include "znv/upload/storage_chunk_writer.h"
+#include "znv/protocol/storage_chunk_writer.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>

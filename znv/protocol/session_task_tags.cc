@@ -1,10 +1,12 @@
-// Task tags and the chunk size: class-level helpers of the session manager
-// that read a session task alone.
+// Task tags and the chunk size, read from a session task alone.
+#include "znv/protocol/session_task_tags.h"
+
 #include <atomic>
 #include <string_view>
 
 #include "znv/foundation/network_utilities.h"
-#include "znv/session/network_session_manager.h"
+#include "znv/platform/url_session.h"
+#include "znv/protocol/internal/chunk_size_testing.h"
 
 namespace znv {
 
@@ -21,16 +23,16 @@ namespace {
 std::atomic<uint64_t> chunkSizeForTesting{0};
 }  // namespace
 
-uint64_t ZNVNetworkSessionManager::maximumChunkSize() {
+uint64_t ZNVSessionTaskTags::maximumChunkSize() {
     const uint64_t testing = chunkSizeForTesting.load(std::memory_order_relaxed);
-    return testing != 0 ? testing : 4194304;
+    return testing != 0 ? testing : ZNVStorageMaximumChunkSize;
 }
 
-void ZNVNetworkSessionManager::setMaximumChunkSizeForTesting(uint64_t size) {
+void internal::setMaximumChunkSizeForTesting(uint64_t size) {
     chunkSizeForTesting.store(size, std::memory_order_relaxed);
 }
 
-std::optional<ZNVIndexSet> ZNVNetworkSessionManager::chunkIndicesForTask(
+std::optional<ZNVIndexSet> ZNVSessionTaskTags::chunkIndicesForTask(
     const std::shared_ptr<ZNVURLSessionTask>& task) {
     if (!task) return std::nullopt;
     std::string tag = task->taskDescription();
@@ -39,15 +41,14 @@ std::optional<ZNVIndexSet> ZNVNetworkSessionManager::chunkIndicesForTask(
     return ZNVNetworkUtilities_indicesFromString(tag.substr(prefix.size()));
 }
 
-bool ZNVNetworkSessionManager::taskHasAuthentication(
-    const std::shared_ptr<ZNVURLSessionTask>& task) {
+bool ZNVSessionTaskTags::taskHasAuthentication(const std::shared_ptr<ZNVURLSessionTask>& task) {
     if (!task) return false;
     std::optional<std::string> authorization =
         task->originalRequest().valueForHTTPHeaderField("Authorization");
     return authorization && hasPrefix(*authorization, "Bearer ");
 }
 
-bool ZNVNetworkSessionManager::taskIsForDownload(const std::shared_ptr<ZNVURLSessionTask>& task) {
+bool ZNVSessionTaskTags::taskIsForDownload(const std::shared_ptr<ZNVURLSessionTask>& task) {
     if (!task) return false;
     std::string tag = task->taskDescription();
     return tag == ZNVSessionTaskTagDownload || tag == ZNVSessionTaskTagResumeDownload;

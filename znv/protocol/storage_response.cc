@@ -1,4 +1,4 @@
-#include "znv/upload/storage_response.h"
+#include "znv/protocol/storage_response.h"
 
 #include <fmt/format.h>
 
@@ -9,7 +9,7 @@
 #include "znv/foundation/network_utilities.h"
 #include "znv/platform/json_depth.h"
 #include "znv/platform/url_session.h"
-#include "znv/session/network_session_manager.h"
+#include "znv/protocol/session_task_tags.h"
 
 namespace znv {
 
@@ -240,10 +240,10 @@ ZNVStorageResponseRef ZNVStorageResponse::responseForRequest(
 ZNVStorageResponseRef ZNVStorageResponse::responseForTask(
     const std::shared_ptr<ZNVURLSessionTask>& task, const std::optional<ZNVBytes>& data,
     ZNVErrorRef error) {
-    if (!task || !ZNVNetworkSessionManager::taskHasAuthentication(task)) return nullptr;
+    if (!task || !ZNVSessionTaskTags::taskHasAuthentication(task)) return nullptr;
     const ZNVURLRequest& request = task->originalRequest();
     return responseForRequest(request.HTTPMethod(), request.URL(),
-                              ZNVNetworkSessionManager::chunkIndicesForTask(task), data,
+                              ZNVSessionTaskTags::chunkIndicesForTask(task), data,
                               std::move(error));
 }
 
