@@ -6,6 +6,7 @@
 #   ./dev.sh test    deps + build + every test through CTest
 #   ./dev.sh demo    deps + build + `znv demo` (upload, download and verify a sample file)
 #   ./dev.sh bench   deps + build + the benchmarks of bench/
+#   ./dev.sh package deps + a Debian package of library, headers and tools (build-package/)
 #
 # ZNV_SANITIZE=address (address + undefined behaviour) or ZNV_SANITIZE=thread builds
 # into its own build directory (build-asan, build-tsan) and runs the tests there.
@@ -16,7 +17,7 @@ cd "$(dirname "$0")"
 ROOT=$(pwd)
 
 PACKAGES=(
-  build-essential cmake ninja-build pkg-config ccache
+  build-essential cmake ninja-build pkg-config ccache file
   libcurl4-openssl-dev nlohmann-json3-dev libspdlog-dev libfmt-dev uuid-dev
   libcli11-dev libcpp-httplib-dev libssl-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev hyperfine curl
@@ -79,6 +80,21 @@ run_tests() {
   ctest "${args[@]}" "$@"
 }
 
+# A Debian package (CPack) of what `cmake --install` installs, built for
+# /usr in its own build directory without tests, benchmarks or examples.
+package() {
+  local dir="$ROOT/build-package"
+  cmake -S "$ROOT" -B "$dir" -G Ninja -DZNV_WERROR=ON -DCMAKE_INSTALL_PREFIX=/usr \
+    -DZNV_BUILD_TESTS=OFF -DZNV_BUILD_BENCH=OFF -DZNV_BUILD_EXAMPLES=OFF >/dev/null
+  cmake --build "$dir" -j "$(jobs)"
+  rm -f "$dir"/*.deb
+  (cd "$dir" && cpack -G DEB >/dev/null)
+  local deb
+  deb=$(ls "$dir"/*.deb)
+  log "built $deb"
+  log "install it with: sudo apt-get install $deb"
+}
+
 cmd=${1:-}
 [ $# -gt 0 ] && shift
 case "$cmd" in
@@ -94,6 +110,7 @@ case "$cmd" in
     fi
     exec "$znv" demo "$@"
     ;;
+  package) deps; package ;;
   bench)
     deps; build
     if [ -x "$ROOT/bench/run.sh" ]; then
@@ -103,7 +120,7 @@ case "$cmd" in
     exit 1
     ;;
   *)
-    sed -n '2,13p' "$0" | sed 's/^# \{0,1\}//'
+    sed -n '2,14p' "$0" | sed 's/^# \{0,1\}//'
     [ -z "$cmd" ] && exit 2 || { log "unknown verb: $cmd"; exit 2; }
     ;;
 esac
