@@ -1,14 +1,21 @@
 // The state file of ZNVNetwork: round trips, refusals while reading or
 // batching, damaged and foreign files, durability details and the log.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <barrier>
 #include <cstdlib>
 #include <filesystem>
+#include <thread>
 
 #include "tests/managers/managers_test_support.h"
 #include "tests/support/test_support.h"
 #include "znv/managers/network.h"
+#include "znv/platform/main_queue.h"
 
 namespace znv {
 namespace {
@@ -151,19 +158,52 @@ TEST(NetworkState, MissingFileRestoresNothingAndLogsNothing) {
     EXPECT_TRUE(log.lines().empty());
 }
 
+// The copies of a state file kept as damaged, by path.
+std::vector<std::string> damagedCopies(const std::string& identifier) {
+    std::vector<std::string> found;
+    const std::string prefix = identifier + ".state.damaged-";
+    for (const auto& entry : std::filesystem::directory_iterator(stateDirectory())) {
+        if (entry.path().filename().string().rfind(prefix, 0) == 0)
+            found.push_back(entry.path().string());
+    }
+    return found;
+}
+
 class DamagedState : public ::testing::Test {
   protected:
     // Restores from a state file with the given content and returns the log.
     std::vector<std::string> restoreFrom(const std::string& content) {
         std::filesystem::create_directories(stateDirectory());
+        for (const auto& old : damagedCopies("damaged"))
+            std::filesystem::remove(old);
         test::writeFile(statePath("damaged"), content);
         LogCapture log;
         network_ = ZNVNetwork::create(configuration("damaged"));
         network_->readState();
-        // Reading never deletes or rewrites the file.
-        EXPECT_EQ(test::readFile(statePath("damaged")), content);
         EXPECT_FALSE(network_->isReadingState());
+        EXPECT_TRUE(network_->tasks().empty());
         return log.lines();
+    }
+    // The file was moved aside whole, the application and the log were told.
+    void expectKept(const std::string& content, const std::vector<std::string>& lines) {
+        EXPECT_FALSE(std::filesystem::exists(statePath("damaged")));
+        auto copies = damagedCopies("damaged");
+        ASSERT_EQ(copies.size(), 1u);
+        const std::string kept = copies[0];
+        const std::string stamp = kept.substr(kept.find(".damaged-") + 9);
+        EXPECT_EQ(stamp.size(), 16u) << kept;  // yyyymmddThhmmssZ
+        EXPECT_EQ(stamp[8], 'T');
+        EXPECT_EQ(stamp.back(), 'Z');
+        EXPECT_EQ(test::readFile(kept), content);
+        struct stat info {};
+        ASSERT_EQ(::stat(kept.c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 0777, 0600u);
+        auto error = network_->stateRestoreError();
+        ASSERT_NE(error, nullptr);
+        EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
+        EXPECT_EQ(error->code(), NSFileReadCorruptFileError);
+        EXPECT_EQ(error->stringValue(NSFilePathErrorKey), kept);
+        EXPECT_TRUE(has(lines, "kept damaged network task state as " + kept));
     }
     static bool has(const std::vector<std::string>& lines, const std::string& text) {
         for (const auto& line : lines) {
@@ -174,47 +214,87 @@ class DamagedState : public ::testing::Test {
     std::shared_ptr<ZNVNetwork> network_;
 };
 
-TEST_F(DamagedState, EmptyUnparsableAndForeignFilesAreReportedAndIgnored) {
-    auto lines = restoreFrom("");
-    EXPECT_TRUE(has(lines, "failed to read network task state: "));
-    EXPECT_TRUE(network_->tasks().empty());
-
-    lines = restoreFrom("{\"not\": \"an archive\"");
-    EXPECT_TRUE(has(lines, "failed to set up reader for network task state: "));
-    EXPECT_TRUE(network_->tasks().empty());
-
-    // Saved under another configuration identifier.
-    auto other = ZNVNetwork::create(configuration("other"));
-    other->addTask(makeDownload("foreign.zip"));
-    lines = restoreFrom(test::readFile(statePath("other")));
-    EXPECT_TRUE(has(lines, "Failed to load other task state for damaged network session."));
-    EXPECT_TRUE(network_->tasks().empty());
-
-    // No identifier at all.
-    lines = restoreFrom(
-        R"({"$archiver":"ZNVKeyedArchiver","$version":1,"$top":{"configuration type":7}})");
-    EXPECT_TRUE(has(lines, "Failed to load (null) task state for damaged network session."));
-}
-
-TEST_F(DamagedState, AnUndecodableTaskRestoresNothing) {
+TEST_F(DamagedState, EveryUnrestorableFileIsKeptAsideAndReported) {
     auto good = ZNVNetwork::create(configuration("source"));
     good->addTask(makeDownload("good.zip"));
-    auto json = nlohmann::json::parse(test::readFile(statePath("source")));
+    good->addTask(makeDownload("other.zip"));
+    const std::string valid = test::readFile(statePath("source"));
+    auto json = nlohmann::json::parse(valid);
     json["$top"]["configuration type"] = "damaged";
-    auto& objects = json["$top"]["tasks"]["$objects"];
-    objects.push_back(objects[0]);
-    objects[1]["$class"] = "ZNVSomethingElse";  // a class no call allows
+    auto unknownClass = json;
+    unknownClass["$top"]["tasks"]["$objects"][1]["$class"] = "ZNVSomethingElse";
+    auto wrongMember = json;
+    ASSERT_TRUE(wrongMember["$top"]["tasks"]["$objects"][1].contains("source URL"));
+    wrongMember["$top"]["tasks"]["$objects"][1]["source URL"] = "not wrapped";
+    auto notAList = json;
+    notAList["$top"]["tasks"] = "nothing";
+    std::string random(4096, '\0');
+    for (size_t i = 0; i < random.size(); ++i)
+        random[i] = static_cast<char>((i * 2654435761u) >> 13);
 
-    auto lines = restoreFrom(json.dump());
-    EXPECT_TRUE(has(lines, "failed to parse network task state: "));
-    EXPECT_TRUE(has(lines, "Unable to decode 32-bit task data."));
-    EXPECT_TRUE(network_->tasks().empty());
+    struct Case {
+        std::string name, content, logged;
+    };
+    const std::vector<Case> cases = {
+        {"empty", "", "failed to read network task state: "},
+        {"truncated", json.dump().substr(0, json.dump().size() / 2),
+         "failed to set up reader for network task state: "},
+        {"random bytes", random, "failed to set up reader for network task state: "},
+        {"foreign document", R"({"hello":"world"})",
+         "failed to set up reader for network task state: "},
+        {"no configuration type",
+         R"({"$archiver":"ZNVKeyedArchiver","$version":1,"$top":{"configuration type":7}})",
+         "Failed to load (null) task state for damaged network session."},
+        {"unknown task class", unknownClass.dump(), "Unable to decode 32-bit task data."},
+        {"task member of the wrong type", wrongMember.dump(), "failed to parse network task state"},
+        {"tasks not a list", notAList.dump(), "failed to parse network task state: "},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto lines = restoreFrom(c.content);
+        EXPECT_TRUE(has(lines, c.logged));
+        expectKept(c.content, lines);
+    }
 
-    // Tasks that are no list.
-    json["$top"]["tasks"] = "nothing";
-    lines = restoreFrom(json.dump());
-    EXPECT_TRUE(has(lines, "failed to parse network task state: "));
-    EXPECT_TRUE(network_->tasks().empty());
+    // The next save starts a new file and leaves the kept copy alone.
+    network_->addTask(makeDownload("after.zip"));
+    EXPECT_TRUE(std::filesystem::exists(statePath("damaged")));
+    EXPECT_EQ(test::readFile(damagedCopies("damaged").at(0)), notAList.dump());
+}
+
+TEST_F(DamagedState, AForeignOrMissingFileIsNoDamage) {
+    auto other = ZNVNetwork::create(configuration("other"));
+    other->addTask(makeDownload("foreign.zip"));
+    const std::string foreign = test::readFile(statePath("other"));
+    auto lines = restoreFrom(foreign);
+    EXPECT_TRUE(has(lines, "Failed to load other task state for damaged network session."));
+    EXPECT_EQ(test::readFile(statePath("damaged")), foreign);
+    EXPECT_TRUE(damagedCopies("damaged").empty());
+    EXPECT_EQ(network_->stateRestoreError(), nullptr);
+
+    network_ = ZNVNetwork::create(configuration("absent"));
+    network_->readState();
+    EXPECT_EQ(network_->stateRestoreError(), nullptr);
+}
+
+TEST_F(DamagedState, AnOversizedFileIsKeptWithoutBeingLoaded) {
+    std::filesystem::create_directories(stateDirectory());
+    {
+        test::writeFile(statePath("damaged"), "");
+        std::filesystem::resize_file(statePath("damaged"), (uint64_t{256} << 20) + 1);
+    }
+    const uint64_t before = test::currentRSS();
+    LogCapture log;
+    network_ = ZNVNetwork::create(configuration("damaged"));
+    network_->readState();
+    EXPECT_LT(test::currentRSS(), before + (uint64_t{64} << 20));
+    auto copies = damagedCopies("damaged");
+    ASSERT_EQ(copies.size(), 1u);
+    EXPECT_EQ(std::filesystem::file_size(copies[0]), (uint64_t{256} << 20) + 1);
+    ASSERT_NE(network_->stateRestoreError(), nullptr);
+    EXPECT_EQ(network_->stateRestoreError()->code(), NSFileReadCorruptFileError);
+    EXPECT_TRUE(log.contains("larger than 256 MiB"));
+    std::filesystem::remove(copies[0]);
 }
 
 TEST(NetworkState, AFailedReplacementIsReportedAndLeavesNoTemporaryFile) {
@@ -227,6 +307,149 @@ TEST(NetworkState, AFailedReplacementIsReportedAndLeavesNoTemporaryFile) {
     EXPECT_FALSE(log.contains("saving task state:"));
     EXPECT_TRUE(std::filesystem::is_directory(statePath("blocked") + "/inside"));
     EXPECT_FALSE(std::filesystem::exists(statePath("blocked") + ".tmp"));
+}
+
+// Saves asked for from two threads at once (a refresh's save racing an
+// addition) must leave the newest collection on disk, round after round.
+TEST(NetworkState, ConcurrentSavesNeverLeaveAnOlderCollection) {
+    auto network = ZNVNetwork::create(configuration("race"));
+    network->launch();
+    auto session = network->sessionManager();
+    ASSERT_NE(session, nullptr);
+    const auto drain = [&] {
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        session->performBackgroundSessionBlock([done] { *done = true; });
+        ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
+    };
+    for (int round = 0; round < 150; ++round) {
+        // Saves pile up behind the gate; only the newest may write.
+        auto release = test::blockBackgroundQueue(session);
+        std::barrier start(3);
+        std::thread saver([&] {
+            start.arrive_and_wait();
+            for (int i = 0; i < 8; ++i)
+                network->writeState();
+        });
+        std::thread adder([&] {
+            start.arrive_and_wait();
+            network->addTask(FakeTask::make(nullptr, "t" + std::to_string(round)));
+        });
+        start.arrive_and_wait();
+        saver.join();
+        adder.join();
+        release();
+        drain();
+        auto json = nlohmann::json::parse(test::readFile(statePath("race")));
+        ASSERT_EQ(json["$top"]["tasks"]["$objects"].size(), static_cast<size_t>(round + 1))
+            << "round " << round;
+    }
+    network->invalidateClientAndCancelTasks();
+    ZNVMainQueue::waitUntilDrained();
+    drain();
+}
+
+// A child process that holds a queue's lock (and names itself in it) until
+// it is destroyed.
+class LockHolder {
+  public:
+    explicit LockHolder(const std::string& lockPath) {
+        int ready[2];
+        int release[2];
+        if (::pipe2(ready, O_CLOEXEC) != 0 || ::pipe2(release, O_CLOEXEC) != 0) return;
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            // Only async-signal-safe calls from here on.
+            ::close(ready[0]);
+            ::close(release[1]);
+            int fd = ::open(lockPath.c_str(), O_RDWR | O_CREAT, 0600);
+            if (fd < 0 || ::flock(fd, LOCK_EX | LOCK_NB) != 0) ::_exit(3);
+            char text[24];
+            int n = 0;
+            char digits[24];
+            int d = 0;
+            for (pid_t pid = ::getpid(); pid > 0; pid /= 10)
+                digits[d++] = static_cast<char>('0' + pid % 10);
+            while (d > 0)
+                text[n++] = digits[--d];
+            text[n++] = '\n';
+            if (::ftruncate(fd, 0) != 0 || ::write(fd, text, n) != n) ::_exit(4);
+            char c = 'r';
+            if (::write(ready[1], &c, 1) != 1) ::_exit(5);
+            while (::read(release[0], &c, 1) > 0) {
+            }
+            ::_exit(0);
+        }
+        ::close(ready[1]);
+        ::close(release[0]);
+        release_ = release[1];
+        char c;
+        ready_ = ::read(ready[0], &c, 1) == 1;
+        ::close(ready[0]);
+    }
+    ~LockHolder() {
+        if (release_ >= 0) ::close(release_);
+        if (pid_ > 0) ::waitpid(pid_, nullptr, 0);
+    }
+    bool ready() const { return ready_; }
+    pid_t pid() const { return pid_; }
+
+  private:
+    pid_t pid_ = -1;
+    int release_ = -1;
+    bool ready_ = false;
+};
+
+TEST(NetworkState, AQueueHeldByAnotherProcessIsNeitherReadNorWritten) {
+    const std::string lockPath = statePath("shared") + ".lock";
+    {
+        auto writer = ZNVNetwork::create(configuration("shared"));
+        writer->addTask(makeDownload("queued.zip"));
+    }  // the last manager of the queue lets go of it
+    const std::string saved = test::readFile(statePath("shared"));
+    {
+        LockHolder holder(lockPath);
+        ASSERT_TRUE(holder.ready());
+        LogCapture log;
+        auto refused = ZNVNetwork::create(configuration("shared"));
+        refused->launch();
+        auto error = refused->stateRestoreError();
+        ASSERT_NE(error, nullptr);
+        EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
+        EXPECT_EQ(error->code(), NSFileLockingError);
+        const auto* holderPID = error->value(ZNVNetwork_StateLockHolderPIDKey);
+        ASSERT_NE(holderPID, nullptr);
+        EXPECT_EQ(std::get<int64_t>(*holderPID), holder.pid());
+        EXPECT_TRUE(refused->tasks().empty());
+        refused->addTask(makeDownload("elsewhere.zip"));
+        refused->commitBatch();
+        refused->invalidateClientAndCancelTasks();
+        ZNVMainQueue::waitUntilDrained();
+        EXPECT_FALSE(log.contains("saving task state:"));
+        EXPECT_EQ(test::readFile(statePath("shared")), saved);
+    }
+
+    // Once the other process is gone the queue is this process's.
+    auto owner = ZNVNetwork::create(configuration("shared"));
+    owner->launch();
+    EXPECT_EQ(owner->stateRestoreError(), nullptr);
+    EXPECT_EQ(owner->tasks().size(), 1u);
+    EXPECT_EQ(test::readFile(lockPath), std::to_string(::getpid()) + "\n");
+    // Managers of one process share the queue.
+    auto second = ZNVNetwork::create(configuration("shared"));
+    second->readState();
+    EXPECT_EQ(second->stateRestoreError(), nullptr);
+    EXPECT_EQ(second->tasks().size(), 1u);
+    // And another process is now refused.
+    pid_t child = ::fork();
+    if (child == 0) {
+        int fd = ::open(lockPath.c_str(), O_RDWR);
+        ::_exit(fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    owner->invalidateClientAndCancelTasks();
+    ZNVMainQueue::waitUntilDrained();
 }
 
 }  // namespace

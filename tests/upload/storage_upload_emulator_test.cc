@@ -213,5 +213,133 @@ TEST_F(StorageUploadEmulatorTest, InterruptedChunkBatchIsRecoveredSilently) {
     EXPECT_TRUE(test::filesEqual(harness.storedContentPath(upload->remoteFileID()), source));
 }
 
+// A source changed between two steps of its upload never completes: the
+// upload is driven one step at a time (an unreachable network suspends it
+// after every answer), the file is changed, and the next step must refuse.
+TEST_F(StorageUploadEmulatorTest, ASourceChangedBetweenStepsFailsTheUpload) {
+    enum class Change { Rewrite, Grow, Truncate };
+    struct Case {
+        const char* name;
+        bool chunks;
+        int stepsBefore;  // answers handled before the change (create = 1)
+        Change change;
+        const char* refusedPath;  // the request that must never be sent
+    };
+    const bool wholeFileFits = ZNVNetworkUtilities_freeSizeAvailableOnFileSystem() >=
+                               ZNVStorageUploadFreeSpaceMargin + 33 * MiB;
+    const std::vector<Case> cases = {
+        {"rewritten before the second batch", true, 2, Change::Rewrite, "/complete"},
+        {"truncated before the second batch", true, 2, Change::Truncate, "/complete"},
+        {"grown before the assembly", true, 3, Change::Grow, "/complete"},
+        {"rewritten before the whole file", false, 1, Change::Rewrite, "/fullfile"},
+        {"grown before the whole file", false, 1, Change::Grow, "/fullfile"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (!c.chunks && !wholeFileFits) continue;
+        harness.emulator.clearRequestLog();
+        const std::string source = writeSource("changing.bin", 32 * MiB + 1000);  // 9 chunks
+        harness.router->setReachable(false);
+        auto upload = ZNVStorageUpload::create(ZNVURL::fileURL(source), "", harness.account, "", "",
+                                               false, harness.session);
+        upload->setForceChunkUploading(c.chunks);
+        harness.router->add(upload);
+        // Chunks: an early create leaves every chunk to send; whole: a create
+        // answered while unreachable leaves the full-file request next.
+        if (c.chunks) {
+            upload->resolveRemoteFileID();
+        } else {
+            ASSERT_TRUE(upload->resume());
+        }
+        int handled = 1;
+        const auto suspendedAfter = [&](int steps) {
+            return test::waitFor([&] {
+                if (upload->state() != ZNVNetworkTaskStateSuspended ||
+                    upload->remoteFileID().empty())
+                    return false;
+                const uint64_t left = upload->chunkIndicesToUpload().count();
+                return left == (steps == 1 ? (c.chunks ? 9u : 0u) : steps == 2 ? 1u : 0u);
+            });
+        };
+        ASSERT_TRUE(suspendedAfter(1));
+        while (handled < c.stepsBefore) {
+            ASSERT_TRUE(upload->resume());
+            ASSERT_TRUE(suspendedAfter(++handled));
+        }
+        ASSERT_EQ(upload->rawError(), nullptr);
+
+        switch (c.change) {
+            case Change::Rewrite:  // same size, other bytes
+                test::writePatternFile(source, 32 * MiB + 1000, 77);
+                break;
+            case Change::Grow: {
+                std::FILE* file = std::fopen(source.c_str(), "ab");
+                ASSERT_NE(file, nullptr);
+                std::fputs("more", file);
+                std::fclose(file);
+                break;
+            }
+            case Change::Truncate:
+                fs::resize_file(source, 5 * MiB);
+                break;
+        }
+        harness.router->setReachable(true);
+        ASSERT_TRUE(upload->resume());
+        ASSERT_TRUE(finished(upload));
+        ASSERT_NE(upload->error(), nullptr);
+        EXPECT_EQ(upload->error()->domain(), NSURLErrorDomain);
+        EXPECT_EQ(upload->error()->code(), NSURLErrorFileDoesNotExist);
+        EXPECT_EQ(upload->error()->localizedDescription(),
+                  "The source of the upload has changed or moved.");
+        const auto log = harness.emulator.requestLog();
+        EXPECT_EQ(count(log, c.chunks ? "POST" : "PUT", c.refusedPath), 0u);
+        EXPECT_FALSE(fs::exists(harness.storedContentPath(upload->remoteFileID())));
+    }
+}
+
+// The identity survives the archive: an upload restored after its source was
+// rewritten in place (same size) fails at its next step.
+TEST_F(StorageUploadEmulatorTest, ARestoredUploadNoticesASourceRewrittenWhileItWasAway) {
+    const std::string source = writeSource("away.bin", 3 * MiB);
+    auto upload = ZNVStorageUpload::create(ZNVURL::fileURL(source), "", harness.account, "", "",
+                                           false, harness.session);
+    ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*upload);
+    test::writePatternFile(source, 3 * MiB, 99);
+    auto restored = std::dynamic_pointer_cast<ZNVStorageUpload>(
+        ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data));
+    ASSERT_NE(restored, nullptr);
+    ASSERT_EQ(restored->rawError(), nullptr) << "same size: only the next step can tell";
+    restored->connectToAccount(harness.account, harness.session, nullptr);
+    harness.router->add(restored);
+    restored->setForceChunkUploading(true);
+    ASSERT_TRUE(restored->resume());
+    ASSERT_TRUE(finished(restored));
+    ASSERT_NE(restored->error(), nullptr);
+    EXPECT_EQ(restored->error()->localizedDescription(),
+              "The source of the upload has changed or moved.");
+    EXPECT_EQ(count(harness.emulator.requestLog(), "PUT", "/files/" + restored->remoteFileID()),
+              0u);
+}
+
+// A completed upload is history: its source may be deleted before the next
+// launch without turning it into a failure.
+TEST_F(StorageUploadEmulatorTest, ACompletedUploadStaysCompletedWithoutItsSource) {
+    const std::string source = writeSource("done.bin", 5 * MiB);
+    auto upload = start(source, true);
+    ASSERT_TRUE(finished(upload));
+    ASSERT_EQ(upload->error(), nullptr);
+    ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*upload);
+    fs::remove(source);
+    auto restored = std::dynamic_pointer_cast<ZNVStorageUpload>(
+        ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data));
+    ASSERT_NE(restored, nullptr);
+    EXPECT_EQ(restored->state(), ZNVNetworkTaskStateCompleted);
+    EXPECT_EQ(restored->rawError(), nullptr);
+    EXPECT_EQ(restored->error(), nullptr);
+    EXPECT_EQ(restored->remoteFileID(), upload->remoteFileID());
+    EXPECT_EQ(restored->chunkCount(), 2u);
+    EXPECT_EQ(restored->sourceFileSize(), 5 * MiB);
+}
+
 }  // namespace
 }  // namespace znv

@@ -395,12 +395,14 @@ TEST_F(StorageUploadTest, ArchiveRoundTripKeepsThePipelineFields) {
     std::vector<std::string> keys;
     for (const auto& item : json["$top"]["root"].items())
         keys.push_back(item.key());
-    const std::vector<std::string> tail(keys.end() - 11, keys.end());
-    EXPECT_EQ(tail, (std::vector<std::string>{
-                        "remote file ID", "shared storage ID", "multiplexing hint",
-                        "source URL bookmark", "chunk indices to upload", "chunk count",
-                        "size of last chunk", "pending batch chunk count", "remote file name",
-                        "maximum full-file upload size", "requires video post processing"}));
+    const std::vector<std::string> tail(keys.end() - 15, keys.end());
+    EXPECT_EQ(tail,
+              (std::vector<std::string>{
+                  "remote file ID", "shared storage ID", "multiplexing hint", "source URL bookmark",
+                  "chunk indices to upload", "chunk count", "size of last chunk",
+                  "pending batch chunk count", "remote file name", "maximum full-file upload size",
+                  "requires video post processing", "source device", "source inode", "source size",
+                  "source modification time"}));
 
     ZNVErrorRef error;
     auto decoded = std::dynamic_pointer_cast<ZNVStorageUpload>(

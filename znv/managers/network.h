@@ -24,7 +24,26 @@
 //   manager as sender, on the main queue.
 // - The state file (see network_state.cc) is rewritten after every change of
 //   the collection. Each save writes the collection as it was when the save
-//   was asked for; a save superseded by a newer queued one is skipped.
+//   was asked for; a save superseded by a newer queued one is skipped. The
+//   snapshot and its place in the order of saves are taken together, so the
+//   file never goes back to an older collection.
+// - One process per queue: the first read or write of the state file (normally
+//   `launch`) takes an exclusive `flock` on "<name>.state.lock" beside it and
+//   holds it until the manager is destroyed (managers of one process share
+//   it); the holder writes its PID, in decimal and a newline, into that file.
+//   When another process holds it, the manager neither reads nor writes the
+//   state file and `stateRestoreError` is NSCocoaErrorDomain /
+//   NSFileLockingError with the holder's PID (int64) under
+//   `ZNVNetwork_StateLockHolderPIDKey` when it could be read.
+// - A state file that exists but cannot be restored (unreadable, empty, over
+//   256 MiB, not an archive, no configuration type, undecodable tasks; a file
+//   of another configuration identifier excepted) is renamed to
+//   "<name>.state.damaged-<UTC yyyymmddThhmmssZ>" (mode 0600) before anything
+//   can save over it, that path is logged at error level, and
+//   `stateRestoreError` is NSCocoaErrorDomain / NSFileReadCorruptFileError
+//   with NSFilePathErrorKey naming the kept copy. It is set before `launch`
+//   returns and stays null when the state was restored or there was no file;
+//   it may be read from any thread.
 // - Posted work and observer callbacks hold only weak references to the manager.
 //   The session manager keeps the manager alive as its delegate until the
 //   session is invalidated; call `invalidateClientAndCancelTasks` to end it.
@@ -62,12 +81,15 @@ extern const char* const ZNVNetwork_TaskDidCompleteNotification;
 extern const char* const ZNVNetwork_TaskKey;
 extern const char* const ZNVNetwork_PreviousTaskStateKey;
 extern const char* const ZNVNetwork_NewTaskStateKey;
+// User-info key of `stateRestoreError`: the PID of the process holding the queue.
+extern const char* const ZNVNetwork_StateLockHolderPIDKey;
 // Published for hosts that distinguish background delivery; never posted here.
 extern const char* const ZNVNetwork_TaskDidResumeBackgroundNotification;
 extern const char* const ZNVNetwork_TaskDidSuspendBackgroundNotification;
 extern const char* const ZNVNetwork_TaskDidCompleteBackgroundNotification;
 
 class ZNVNetwork;
+class ZNVNetworkStateLock;
 class ZNVStorage;
 
 using ZNVNetworkTaskRef = std::shared_ptr<ZNVNetworkTask>;
@@ -152,6 +174,9 @@ class ZNVNetwork : public ZNVObservable,
     // Persistence (network_state.cc).
     void writeState();
     void readState();
+    // Why the saved tasks were not restored (damaged file, queue held by
+    // another process), or null. See the contract above.
+    ZNVErrorRef stateRestoreError() const;
 
     // Session manager delegate (runs on the session's callback queue).
     void didFinishDownloadingToURL(const std::shared_ptr<ZNVNetworkSessionManager>& manager,
@@ -260,9 +285,19 @@ class ZNVNetwork : public ZNVObservable,
     // Tokens of the notification-center registrations made by launch.
     std::vector<ZNVNotificationToken> notificationTokens_;
 
-    // Bumped by every queued save; a save that finds a newer number skips itself.
+    // Bumped by every queued save under collectionsMutex_, together with the
+    // snapshot it saves; a save that finds a newer number skips itself.
     std::shared_ptr<std::atomic<uint64_t>> saveGeneration_ =
         std::make_shared<std::atomic<uint64_t>>(0);
+
+    // Whether this manager may use the state file (network_state.cc).
+    enum class StateLockStatus { Untried, Held, HeldElsewhere, Unavailable };
+    // Takes the queue's lock on first use; false when another process holds it.
+    bool acquireStateLock();
+    mutable std::mutex stateMutex_;
+    StateLockStatus stateLockStatus_ = StateLockStatus::Untried;  // guarded by stateMutex_
+    std::shared_ptr<ZNVNetworkStateLock> stateLock_;              // guarded by stateMutex_
+    ZNVErrorRef stateRestoreError_;                               // guarded by stateMutex_
 };
 
 }  // namespace znv

@@ -11,12 +11,31 @@
 // taking one per change copies nothing. Each save writes "<state file>.tmp"
 // (mode 0600), flushes it to disk and moves it over the state file durably,
 // so a crash leaves either the old or the new file, never a torn one.
+//
+// The snapshot and the save's number are taken under the collection's mutex,
+// the same mutex every change of the collection holds: numbers follow the
+// order of the snapshots, so the save that wins is always of the newest one.
+//
+// One process per queue: "<state file>.lock" carries an exclusive flock for
+// as long as a manager of this process uses the file (all managers of the
+// process share the one lock). Another process's queue is never read or
+// written: a refused manager works on an empty collection and saves nothing.
+//
+// A state file that exists and cannot be restored is kept under a new name
+// before anything can save over it, and the application is told through
+// `stateRestoreError`; a file of another configuration identifier is not
+// damage and stays as it is.
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <cstring>
+#include <filesystem>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -28,6 +47,20 @@
 #include "znv/platform/keyed_archive.h"
 
 namespace znv {
+
+const char* const ZNVNetwork_StateLockHolderPIDKey = "ZNVNetwork: state lock holder PID";
+
+// An open lock file whose flock this process holds; closing it releases it.
+class ZNVNetworkStateLock {
+  public:
+    explicit ZNVNetworkStateLock(int fd) : fd_(fd) {}
+    ~ZNVNetworkStateLock() { ::close(fd_); }
+    ZNVNetworkStateLock(const ZNVNetworkStateLock&) = delete;
+    ZNVNetworkStateLock& operator=(const ZNVNetworkStateLock&) = delete;
+
+  private:
+    int fd_;
+};
 
 namespace {
 
@@ -48,6 +81,114 @@ std::optional<ZNVURL> _fileURLForNetworkStateWithConfiguration(
         ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(configuration.get());
     if (identifier.empty()) return std::nullopt;
     return ZNVNetworkUtilities_libraryURLWithFileName(identifier + ".state");
+}
+
+// Larger state files are not loaded: no queue of ours comes near it.
+constexpr off_t kMaximumStateFileSize = off_t{256} << 20;
+
+// The locks this process holds, by lock file path. A flock belongs to one
+// open file description, so managers of one process share one.
+struct StateLockRegistry {
+    std::mutex mutex;
+    std::map<std::string, std::weak_ptr<ZNVNetworkStateLock>> locks;  // guarded by mutex
+};
+StateLockRegistry& stateLockRegistry() {
+    static auto* registry = new StateLockRegistry;  // outlives every manager
+    return *registry;
+}
+
+// The PID written in a lock file by its holder, if it is there yet.
+std::optional<int64_t> readLockHolder(int fd) {
+    char text[32];
+    const ssize_t n = ::pread(fd, text, sizeof text - 1, 0);
+    if (n <= 0) return std::nullopt;
+    int64_t pid = 0;
+    auto [end, ec] = std::from_chars(text, text + n, pid);
+    if (ec != std::errc() || end == text || end == text + n || *end != '\n' || pid <= 0) {
+        return std::nullopt;
+    }
+    return pid;
+}
+
+struct StateLockAttempt {
+    std::shared_ptr<ZNVNetworkStateLock> lock;  // held (possibly shared)
+    bool heldElsewhere = false;
+    std::optional<int64_t> holder;  // when held elsewhere and readable
+    std::string problem;            // when the lock file cannot be used at all
+};
+
+StateLockAttempt lockStateFile(const std::string& path) {
+    auto& registry = stateLockRegistry();
+    std::lock_guard<std::mutex> guard(registry.mutex);
+    StateLockAttempt attempt;
+    if (auto held = registry.locks[path].lock()) {
+        attempt.lock = std::move(held);
+        return attempt;
+    }
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0) {
+        attempt.problem = std::strerror(errno);
+        return attempt;
+    }
+    int result;
+    do {
+        result = ::flock(fd, LOCK_EX | LOCK_NB);
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) {
+        const int lockErrno = errno;
+        if (lockErrno == EWOULDBLOCK) {
+            attempt.heldElsewhere = true;
+            attempt.holder = readLockHolder(fd);
+        } else {
+            attempt.problem = std::strerror(lockErrno);
+        }
+        ::close(fd);
+        return attempt;
+    }
+    const std::string pid = std::to_string(::getpid()) + "\n";
+    if (::ftruncate(fd, 0) != 0 ||
+        ::pwrite(fd, pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
+        ZNVLogError("cannot record the holder of {}: {}", path, std::strerror(errno));
+    }
+    attempt.lock = std::make_shared<ZNVNetworkStateLock>(fd);
+    registry.locks[path] = attempt.lock;
+    return attempt;
+}
+
+// "yyyymmddThhmmssZ" for now, in UTC.
+std::string utcStamp() {
+    const time_t now = ::time(nullptr);
+    struct tm utc {};
+    ::gmtime_r(&now, &utc);
+    char text[32];
+    const size_t length = ::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &utc);
+    return std::string(text, length);
+}
+
+// Moves a damaged state file out of the way of every later save, keeps it
+// readable only by its owner and tells why.
+ZNVErrorRef keepDamagedStateFile(const ZNVURL& stateURL, const std::string& reason) {
+    const std::string path = stateURL.path();
+    std::string kept = path + ".damaged-" + utcStamp();
+    // Two damaged files within one second keep both.
+    for (int n = 2; ::access(kept.c_str(), F_OK) == 0 || errno != ENOENT; ++n) {
+        kept = path + ".damaged-" + utcStamp() + "-" + std::to_string(n);
+        if (n > 1000) break;
+    }
+    if (::rename(path.c_str(), kept.c_str()) != 0) {
+        ZNVLogError("cannot keep damaged network task state {}: {}", path, std::strerror(errno));
+        kept = path;
+    } else {
+        ::chmod(kept.c_str(), 0600);
+        ZNVLogError("kept damaged network task state as {}", kept);
+    }
+    return ZNVError::make(
+        NSCocoaErrorDomain, NSFileReadCorruptFileError,
+        {{NSLocalizedDescriptionKey,
+          "The saved task state is damaged (" + reason + "); it was kept as " + kept + "."},
+         {NSFilePathErrorKey, kept}});
 }
 
 ZNVErrorRef posixError(int code, const std::string& what, const ZNVURL& url) {
@@ -141,21 +282,67 @@ std::string describe(const ZNVErrorRef& error) {
 
 }  // namespace
 
+ZNVErrorRef ZNVNetwork::stateRestoreError() const {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    return stateRestoreError_;
+}
+
+bool ZNVNetwork::acquireStateLock() {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    if (stateLockStatus_ != StateLockStatus::Untried) {
+        return stateLockStatus_ != StateLockStatus::HeldElsewhere;
+    }
+    const auto stateURL = _fileURLForNetworkStateWithConfiguration(accountConfiguration_);
+    if (!stateURL || !stateURL->isFileURL()) {
+        stateLockStatus_ = StateLockStatus::Unavailable;
+        return true;
+    }
+    const std::string lockPath = stateURL->path() + ".lock";
+    StateLockAttempt attempt = lockStateFile(lockPath);
+    if (attempt.lock) {
+        stateLock_ = std::move(attempt.lock);
+        stateLockStatus_ = StateLockStatus::Held;
+        return true;
+    }
+    if (!attempt.heldElsewhere) {
+        // Without a usable lock file the queue works as it would alone.
+        ZNVLogError("cannot lock network task state {}: {}", lockPath, attempt.problem);
+        stateLockStatus_ = StateLockStatus::Unavailable;
+        return true;
+    }
+    stateLockStatus_ = StateLockStatus::HeldElsewhere;
+    const std::string holder =
+        attempt.holder ? "process " + std::to_string(*attempt.holder) : "another process";
+    ZNVUserInfo info{{NSLocalizedDescriptionKey, "The task queue is in use by " + holder + "."},
+                     {NSFilePathErrorKey, stateURL->path()}};
+    if (attempt.holder) info[ZNVNetwork_StateLockHolderPIDKey] = *attempt.holder;
+    stateRestoreError_ = ZNVError::make(NSCocoaErrorDomain, NSFileLockingError, std::move(info));
+    ZNVLogError("network task state {} is in use by {}; not using it", stateURL->path(), holder);
+    return false;
+}
+
 void ZNVNetwork::writeState() {
     const auto stateURL = _fileURLForNetworkStateWithConfiguration(accountConfiguration_);
     std::optional<ZNVURL> tempURL;
     if (stateURL && stateURL->isFileURL()) tempURL = ZNVURL::fileURL(stateURL->path() + ".tmp");
     if (isReadingState() || isBatchingSave() || !stateURL || !tempURL) return;
+    if (!acquireStateLock()) return;
 
     incrementBackgroundActivity();
     // The snapshot is taken now, on the calling thread: the save writes the
     // collection as it was when the save was asked for, whatever happens to
-    // the manager or its collection meanwhile.
+    // the manager or its collection meanwhile. Its number is drawn under the
+    // same lock, so a later number always belongs to a later snapshot.
     const std::string identifier =
         ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(accountConfiguration_.get());
-    auto snapshot = taskSnapshot();
     auto generation = saveGeneration_;
-    const uint64_t mine = ++*generation;
+    ZNVTaskList<ZNVNetworkTask>::Snapshot snapshot;
+    uint64_t mine = 0;
+    {
+        std::lock_guard<std::mutex> lock(collectionsMutex_);
+        snapshot = mutableTasks_.snapshot();
+        mine = ++*generation;
+    }
     auto save = [identifier, snapshot = std::move(snapshot), stateURL = *stateURL,
                  tempURL = *tempURL, generation, mine] {
         std::lock_guard<std::mutex> lock(stateFileMutex());
@@ -184,13 +371,30 @@ void ZNVNetwork::readState() {
 
     const auto stateURL = _fileURLForNetworkStateWithConfiguration(accountConfiguration_);
     if (!stateURL) return;
+    if (!acquireStateLock()) return;  // another process's queue
     struct stat info {};
     if (::stat(stateURL->path().c_str(), &info) != 0) return;  // first launch
+
+    // From here on a file exists: whatever keeps it from being restored
+    // (other than belonging to another configuration) keeps it aside.
+    const auto damaged = [&](const std::string& reason) {
+        ZNVErrorRef error = keepDamagedStateFile(*stateURL, reason);
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        stateRestoreError_ = std::move(error);
+    };
+
+    if (info.st_size > kMaximumStateFileSize) {
+        ZNVLogError("failed to read network task state: {}",
+                    "the file is larger than 256 MiB (" + std::to_string(info.st_size) + " bytes)");
+        damaged("larger than 256 MiB");
+        return;
+    }
 
     ZNVErrorRef readError;
     auto data = ZNVNetworkUtilities_loadDataFromURL(*stateURL, &readError);
     if (!data || data->empty()) {
         ZNVLogError("failed to read network task state: {}", describe(readError));
+        damaged(data ? "empty" : "unreadable: " + describe(readError));
         return;
     }
 
@@ -198,6 +402,7 @@ void ZNVNetwork::readState() {
     auto unarchiver = ZNVKeyedUnarchiver::create(*data, &setupError);
     if (!unarchiver) {
         ZNVLogError("failed to set up reader for network task state: {}", describe(setupError));
+        damaged("not a task archive");
         return;
     }
 
@@ -211,6 +416,8 @@ void ZNVNetwork::readState() {
         ZNVLogDefault("Failed to load {} task state for {} network session.",
                       stored.value_or("(null)"), identifier);
         unarchiver->finishDecoding();
+        // A file saved for another identifier is intact; one without any is not ours.
+        if (!stored) damaged("no configuration type");
         return;
     }
 
@@ -226,14 +433,16 @@ void ZNVNetwork::readState() {
 
     if (!decoded) {
         ZNVLogError("failed to parse network task state: {}", describe(decodeError));
-    } else {
-        ZNVLogInfo("restoring task state:");
-        for (const auto& object : *decoded) {
-            auto task = std::dynamic_pointer_cast<ZNVNetworkTask>(object);
-            if (!task) continue;
-            addTask(task);
-            ZNVLogInfo("   restored state for {}", task->description());
-        }
+        unarchiver->finishDecoding();
+        damaged("the tasks cannot be decoded");
+        return;
+    }
+    ZNVLogInfo("restoring task state:");
+    for (const auto& object : *decoded) {
+        auto task = std::dynamic_pointer_cast<ZNVNetworkTask>(object);
+        if (!task) continue;
+        addTask(task);
+        ZNVLogInfo("   restored state for {}", task->description());
     }
     unarchiver->finishDecoding();
 }

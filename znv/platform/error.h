@@ -70,6 +70,7 @@ enum : int64_t {
 // Cocoa-domain codes.
 enum : int64_t {
     NSFileNoSuchFileError = 4,
+    NSFileLockingError = 255,
     NSFileReadUnknownError = 256,
     NSFileReadNoPermissionError = 257,
     NSFileReadCorruptFileError = 259,

@@ -1,6 +1,7 @@
 #include "znv/upload/storage_upload.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <nlohmann/json.hpp>
 
@@ -66,6 +67,10 @@ std::shared_ptr<ZNVStorageUpload> ZNVStorageUpload::create(
         upload->requiresVideoPostProcessing_ = applyVideoPostProcessing;
     }
     upload->finishUploadInit();
+    {
+        Lock lock(*upload);
+        if (!upload->rawError()) upload->sourceIdentity_ = upload->currentSourceIdentity();
+    }
     return upload;
 }
 
@@ -117,6 +122,29 @@ void ZNVStorageUpload::validateChunkCount(uint64_t chunkCount, uint64_t sizeOfLa
         setRawError(ZNVNetworkErrorHandler_createURLError(
             NSURLErrorFileDoesNotExist, "The source of the upload has changed or moved."));
     }
+}
+
+std::optional<ZNVStorageUpload::SourceIdentity> ZNVStorageUpload::currentSourceIdentity() const {
+    const std::optional<ZNVURL> source = sourceURL();
+    if (!source || !source->isFileURL()) return std::nullopt;
+    struct stat info {};
+    if (::stat(source->path().c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
+    SourceIdentity identity;
+    identity.device = static_cast<uint64_t>(info.st_dev);
+    identity.inode = static_cast<uint64_t>(info.st_ino);
+    identity.size = static_cast<uint64_t>(info.st_size);
+    identity.modificationTime =
+        static_cast<int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
+    return identity;
+}
+
+ZNVErrorRef ZNVStorageUpload::sourceChangeError() const {
+    if (!sourceIdentity_) return nullptr;
+    const std::optional<SourceIdentity> now = currentSourceIdentity();
+    if (now && *now == *sourceIdentity_) return nullptr;
+    ZNVLogDefault("{}: the source file changed since the upload started.", description());
+    return ZNVNetworkErrorHandler_createURLError(NSURLErrorFileDoesNotExist,
+                                                 "The source of the upload has changed or moved.");
 }
 
 // ---------------------------------------------------------------------------
@@ -373,6 +401,10 @@ void ZNVStorageUpload::uploadFullFile() {
         auto self = std::static_pointer_cast<ZNVStorageUpload>(weakSelf.lock());
         if (!self) return;
         Lock lock(*self);
+        if (ZNVErrorRef changed = self->sourceChangeError()) {
+            self->startNewSessionTask(nullptr, changed);
+            return;
+        }
         ZNVErrorRef error;
         const std::optional<ZNVURL> source = self->sourceURL();
         auto sessionTask = self->session()->uploadLocalFile(
@@ -404,6 +436,10 @@ void ZNVStorageUpload::uploadNextBatchOfChunks() {
         auto self = std::static_pointer_cast<ZNVStorageUpload>(weakSelf.lock());
         if (!self) return;
         Lock lock(*self);
+        if (ZNVErrorRef changed = self->sourceChangeError()) {
+            self->startNewSessionTask(nullptr, changed);
+            return;
+        }
         ZNVErrorRef error;
         const std::optional<ZNVURL> source = self->sourceURL();
         auto sessionTask = self->session()->uploadChunks(
@@ -432,6 +468,10 @@ void ZNVStorageUpload::assembleRemoteFile() {
         auto self = std::static_pointer_cast<ZNVStorageUpload>(weakSelf.lock());
         if (!self) return;
         Lock lock(*self);
+        if (ZNVErrorRef changed = self->sourceChangeError()) {
+            self->startNewSessionTask(nullptr, changed);
+            return;
+        }
         const uint64_t chunkSize = ZNVNetworkSessionManager::maximumChunkSize();
         const ZNVIndexSet indices = self->allChunkIndices();
         nlohmann::json sizes = nlohmann::json::array();
@@ -533,6 +573,13 @@ void ZNVStorageUpload::handleStorageResponse(const ZNVStorageResponse& response,
                 break;
             case ZNVStorageResponseTypeUploadedFullFile:
             case ZNVStorageResponseTypeAssembledRemoteFile:
+                // The whole file was read while the request ran.
+                if (type == ZNVStorageResponseTypeUploadedFullFile) {
+                    if (ZNVErrorRef changed = sourceChangeError()) {
+                        setRawError(changed);
+                        return;
+                    }
+                }
                 if (!requiresVideoPostProcessing_) {
                     setTask(nullptr);
                     completing = true;
@@ -675,6 +722,12 @@ void ZNVStorageUpload::encodeWithCoder(ZNVCoder& coder) const {
     if (!remoteFilename_.empty()) archiver->encodeString(remoteFilename_, "remote file name");
     archiver->encodeUInt64(maximumFullFileUploadSize_, "maximum full-file upload size");
     archiver->encodeBool(requiresVideoPostProcessing_, "requires video post processing");
+    if (sourceIdentity_) {
+        archiver->encodeUInt64(sourceIdentity_->device, "source device");
+        archiver->encodeUInt64(sourceIdentity_->inode, "source inode");
+        archiver->encodeUInt64(sourceIdentity_->size, "source size");
+        archiver->encodeInt64(sourceIdentity_->modificationTime, "source modification time");
+    }
 }
 
 std::shared_ptr<ZNVStorageUpload> ZNVStorageUpload::decode(ZNVCoder& coder) {
@@ -683,6 +736,7 @@ std::shared_ptr<ZNVStorageUpload> ZNVStorageUpload::decode(ZNVCoder& coder) {
     upload->initWithCoder(coder);
     uint64_t decodedChunkCount = kNoIndex;
     uint64_t decodedSizeOfLastChunk = kNoIndex;
+    std::optional<SourceIdentity> decodedIdentity;
     {
         Lock lock(*upload);
         ZNVKeyedUnarchiver* unarchiver = coder.asKeyedUnarchiver();
@@ -722,6 +776,13 @@ std::shared_ptr<ZNVStorageUpload> ZNVStorageUpload::decode(ZNVCoder& coder) {
                 unarchiver->decodeUInt64ForKey("maximum full-file upload size").value_or(0);
             upload->requiresVideoPostProcessing_ =
                 unarchiver->decodeBoolForKey("requires video post processing").value_or(false);
+            auto device = unarchiver->decodeUInt64ForKey("source device");
+            auto inode = unarchiver->decodeUInt64ForKey("source inode");
+            auto size = unarchiver->decodeUInt64ForKey("source size");
+            auto modified = unarchiver->decodeInt64ForKey("source modification time");
+            if (device && inode && size && modified) {
+                decodedIdentity = SourceIdentity{*device, *inode, *size, *modified};
+            }
         }
         if (upload->remoteFilename_.empty()) {
             if (std::optional<ZNVURL> source = upload->sourceURL()) {
@@ -730,8 +791,32 @@ std::shared_ptr<ZNVStorageUpload> ZNVStorageUpload::decode(ZNVCoder& coder) {
             }
         }
     }
+    if (upload->state() == ZNVNetworkTaskStateCompleted && !upload->rawError()) {
+        // Done: its source may be gone or changed since, and that is no failure.
+        Lock lock(*upload);
+        const uint64_t chunkSize = ZNVNetworkSessionManager::maximumChunkSize();
+        upload->remainingAttemptsForFileCompletion_ = ZNVStorageUploadFileCompletionAttempts;
+        upload->chunkCount_ = decodedChunkCount;
+        upload->sizeOfLastChunk_ = decodedSizeOfLastChunk;
+        upload->sourceFileSize_ =
+            decodedIdentity          ? decodedIdentity->size
+            : decodedChunkCount == 0 ? 0
+                                     : (decodedChunkCount - 1) * chunkSize + decodedSizeOfLastChunk;
+        upload->sourceIdentity_ = decodedIdentity;
+        upload->setProgress(
+            ZNVProgress::make(static_cast<int64_t>(10 * upload->chunkCount_ + 2), 0));
+        return upload;
+    }
     upload->finishUploadInit();
     upload->validateChunkCount(decodedChunkCount, decodedSizeOfLastChunk);
+    {
+        // Archives made before the identity was kept start from the file as it is.
+        Lock lock(*upload);
+        upload->sourceIdentity_ = decodedIdentity;
+        if (!upload->sourceIdentity_ && !upload->rawError()) {
+            upload->sourceIdentity_ = upload->currentSourceIdentity();
+        }
+    }
     return upload;
 }
 

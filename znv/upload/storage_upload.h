@@ -22,8 +22,17 @@
 //   "multiplexing hint", "source URL bookmark", "chunk indices to upload",
 //   "chunk count", "size of last chunk", "pending batch chunk count",
 //   "remote file name", "maximum full-file upload size",
-//   "requires video post processing". A decoded upload whose source changed
-//   size fails with "The source of the upload has changed or moved.".
+//   "requires video post processing", and the source's identity when the
+//   upload started: "source device", "source inode", "source size",
+//   "source modification time" (nanoseconds since 1970).
+// - Source changes: the source's identity (device, inode), size and
+//   modification time are recorded when the upload is made (or decoded from
+//   an archive without them) and checked before each chunk batch, before the
+//   full-file request, before the assembly request and when the full file was
+//   accepted; a change fails the upload with URL error -1100 "The source of
+//   the upload has changed or moved.". A decoded upload whose source changed
+//   size fails the same way. An upload archived as completed without error is
+//   decoded without looking at its source.
 #pragma once
 
 #include <atomic>
@@ -131,6 +140,20 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     ZNVStorageUpload() = default;
 
   private:
+    // What identifies the source's content without reading it.
+    struct SourceIdentity {
+        uint64_t device = 0;
+        uint64_t inode = 0;
+        uint64_t size = 0;
+        int64_t modificationTime = 0;  // nanoseconds since 1970
+        bool operator==(const SourceIdentity&) const = default;
+    };
+    // The identity of the source file as it is now, if it can be examined.
+    std::optional<SourceIdentity> currentSourceIdentity() const;
+    // The "changed or moved" error when the source no longer matches what
+    // was recorded, else null. Caller holds the task's lock.
+    ZNVErrorRef sourceChangeError() const;
+
     void setChunkIndicesToUpload(const ZNVIndexSet& indices);
     ZNVIndexSet allChunkIndices() const;
     // The file-reference URL resolved to the file's current path, symbolic
@@ -153,6 +176,7 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     uint64_t sourceFileSize_ = 0;
     uint64_t maximumFullFileUploadSize_ = 0;
     bool requiresVideoPostProcessing_ = false;
+    std::optional<SourceIdentity> sourceIdentity_;  // recorded at the start
     uint64_t remainingAttemptsForFileCompletion_ = ZNVStorageUploadFileCompletionAttempts;
     // Set by the storage manager from any thread.
     std::atomic<bool> forceChunkUploading_{false};
