@@ -199,8 +199,8 @@ TEST_F(ZnvCliTest, UploadAndDownloadReportEachStepAsJsonLines) {
     ASSERT_EQ(whole.status, 0) << whole.out << whole.err;
     EXPECT_EQ(countEndingWith(successfulRequests(), "/fullfile"), 1u);
     // Plain lines when the output is not a terminal: no escape sequences.
-    EXPECT_EQ(whole.out.find('\x1b'), std::string::npos);
-    EXPECT_NE(whole.out.find("completed"), std::string::npos) << whole.out;
+    EXPECT_EQ(whole.err.find('\x1b'), std::string::npos);
+    EXPECT_NE(whole.err.find("completed"), std::string::npos) << whole.err;
 }
 
 TEST_F(ZnvCliTest, FailuresEndWithStatus1AndTheirError) {
