@@ -356,8 +356,9 @@ class TerminalReporter : public Reporter {
                                    meters_[t.id].rate()));
         }
         if (running + queued > 0 && tasks.size() > 1) {
-            std::string label = fmt::format("{} running, {} queued", running, queued);
-            live.push_back(barLine("total", label, done, total, totalMeter_.rate()));
+            std::string label = queued == 0 ? fmt::format("{} running", running)
+                                            : fmt::format("{} running, {} queued", running, queued);
+            live.push_back(barLine("total", label, done, total, totalMeter_.rate(), false));
         }
         for (const auto& line : live)
             out += line + "\n";
@@ -398,20 +399,22 @@ class TerminalReporter : public Reporter {
     // "ID  42% 12.0 MiB/28.6 MiB 4.20 MB/s ETA 0:04 [#####     ] name", never
     // wider than the terminal less one column (a full line would wrap).
     std::string barLine(const std::string& id, const std::string& name, int64_t done, int64_t total,
-                        double rate) const {
+                        double rate, bool keepNameEnd = true) const {
         size_t width = static_cast<size_t>(std::max(columns_ - 1, 10));
         double eta = rate > 0 && total >= done ? static_cast<double>(total - done) / rate : -1;
         std::string percent =
             total > 0 ? fmt::format("{:>3}%", std::min<int64_t>(100, done * 100 / total)) : "  ?%";
-        std::string numbers = fmt::format("{} {}/{} {} ETA {}", percent, formatBytes(done),
-                                          total >= 0 ? formatBytes(total) : "?", formatRate(rate),
-                                          formatDuration(eta));
+        // Fixed widths keep the columns from jumping between redraws.
+        std::string numbers = fmt::format("{} {:>9}/{:<9} {:>10} ETA {:>5}", percent,
+                                          formatBytes(done), total >= 0 ? formatBytes(total) : "?",
+                                          formatRate(rate), formatDuration(eta));
         std::string line = fmt::format("{:<6} {}", id, numbers);
         if (line.size() > width) line = numbers;
         if (line.size() >= width) return fitWidth(line, width, false);
         size_t left = width - line.size() - 1;
-        if (left >= 16) {
-            size_t barWidth = std::min<size_t>(30, left / 3);
+        // Every line of the block has the same bar width, so bars line up.
+        size_t barWidth = left >= 24 ? std::min<size_t>(30, left / 3) : 0;
+        if (barWidth > 0) {
             std::string bar(barWidth, ' ');
             if (total > 0) {
                 auto filled = static_cast<size_t>(static_cast<double>(barWidth) *
@@ -421,7 +424,7 @@ class TerminalReporter : public Reporter {
             line += " [" + bar + "]";
             left -= barWidth + 3;
         }
-        if (left >= 4) line += " " + fitWidth(name, left - 1, true);
+        if (left >= 4) line += " " + fitWidth(name, left - 1, keepNameEnd);
         return line;
     }
 
