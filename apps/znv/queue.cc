@@ -23,6 +23,7 @@
 #include "apps/znv/paths.h"
 #include "apps/znv/signals.h"
 #include "znv/account/reachability_manager.h"
+#include "znv/foundation/error_handler.h"
 #include "znv/foundation/log.h"
 #include "znv/platform/progress.h"
 #include "znv/platform/url_session.h"
@@ -275,8 +276,51 @@ void QueueFile::save() {
 
 // --- TransferSession ---------------------------------------------------------
 
+// What observers saw between two turns of the run loop: every state a task
+// went through, and the URL session task of each download as it starts, so
+// that the HTTP status and the headers can be read once the download has
+// detached from it.
+struct TransferSession::Observed {
+    std::mutex mutex;
+    std::map<const ZNVNetworkTask*, std::vector<uint64_t>> states;  // guarded by mutex
+    std::map<const ZNVNetworkTask*, std::shared_ptr<ZNVURLSessionTask>> sessionTask;  // guarded
+};
+
 TransferSession::TransferSession(GlobalOptions global)
-    : global_(std::move(global)), destinations_(global_.profile) {}
+    : global_(std::move(global)),
+      destinations_(global_.profile),
+      observed_(std::make_shared<Observed>()) {}
+
+void TransferSession::observe(const ZNVNetworkTaskRef& task) {
+    for (const auto& [observedTask, token] : observations_) {
+        if (observedTask == task) return;
+    }
+    bool isDownload = std::dynamic_pointer_cast<ZNVNetworkDownload>(task) != nullptr;
+    std::weak_ptr<ZNVNetworkTask> weakTask = task;
+    auto remember = [weakTask, observed = observed_, isDownload](const ZNVKeyValueChangeRecord&) {
+        auto strong = weakTask.lock();
+        if (!strong) return;
+        uint64_t state = strong->state();
+        auto sessionTask = isDownload ? strong->task() : nullptr;
+        std::lock_guard lock(observed->mutex);
+        observed->states[strong.get()].push_back(state);
+        if (sessionTask) observed->sessionTask[strong.get()] = std::move(sessionTask);
+    };
+    observations_.emplace_back(task, task->addObserver("state", remember));
+}
+
+void TransferSession::stopObserving(const ZNVNetworkTaskRef& task) {
+    for (auto it = observations_.begin(); it != observations_.end(); ++it) {
+        if (it->first == task) {
+            task->removeObserver(it->second);
+            observations_.erase(it);
+            std::lock_guard lock(observed_->mutex);
+            observed_->states.erase(task.get());
+            observed_->sessionTask.erase(task.get());
+            return;
+        }
+    }
+}
 
 TransferSession::~TransferSession() = default;
 
@@ -367,6 +411,7 @@ std::shared_ptr<ZNVNetworkDownload> TransferSession::addDownload(const std::stri
         *error = "cannot download " + url + " (see " + logFilePath() + ")";
         return nullptr;
     }
+    observe(download);
     destinations_.set(fullTaskHash(identityOf(download)), destination);
     return download;
 }
@@ -418,16 +463,6 @@ struct Lookups {
     std::map<std::string, std::optional<std::string>> urls;  // guarded by mutex; file ID -> URL
 };
 
-// What observers saw between two turns of the loop: every state a task went
-// through (a short transfer may start and end between turns), and the URL
-// session task of each download as it starts, so that the HTTP status and
-// the headers can be read once the download has detached from it.
-struct Observed {
-    std::mutex mutex;
-    std::map<const ZNVNetworkTask*, std::vector<uint64_t>> states;  // guarded by mutex
-    std::map<const ZNVNetworkTask*, std::shared_ptr<ZNVURLSessionTask>> sessionTask;  // guarded
-};
-
 bool unfinished(const ZNVNetworkTaskRef& task) {
     // A completed task with an error it will still retry is not finished.
     return task->state() != ZNVNetworkTaskStateCompleted || (!task->error() && task->rawError());
@@ -450,8 +485,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
     }
 
     auto lookups = std::make_shared<Lookups>();
-    auto observed = std::make_shared<Observed>();
-    std::vector<std::pair<ZNVNetworkTaskRef, ZNVObserverToken>> observations;
+    auto observed = observed_;
     std::vector<Tracked> tracked;
     {
         auto entries = queueEntries(storage_->tasks());
@@ -467,17 +501,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
                 t.destination = destinations_.get(it->hash);
                 if (t.destination) t.output = t.destination->path;
             }
-            std::weak_ptr<ZNVNetworkTask> weakTask = task;
-            auto remember = [weakTask, observed, isDownload](const ZNVKeyValueChangeRecord&) {
-                auto strong = weakTask.lock();
-                if (!strong) return;
-                uint64_t state = strong->state();
-                auto sessionTask = isDownload ? strong->task() : nullptr;
-                std::lock_guard lock(observed->mutex);
-                observed->states[strong.get()].push_back(state);
-                if (sessionTask) observed->sessionTask[strong.get()] = std::move(sessionTask);
-            };
-            observations.emplace_back(task, task->addObserver("state", remember));
+            observe(task);
             tracked.push_back(std::move(t));
         }
     }
@@ -580,15 +604,24 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             // (completion is reported below, once it is final).
             std::vector<uint64_t> passed;
             {
+                // A download still attached to its URL session task. Asked
+                // before taking the mutex: observers take it under the task's
+                // lock.
+                auto sessionTask = std::dynamic_pointer_cast<ZNVNetworkDownload>(t.entry.task)
+                                       ? t.entry.task->task()
+                                       : nullptr;
                 std::lock_guard lock(observed->mutex);
                 passed.swap(observed->states[t.entry.task.get()]);
+                if (sessionTask) observed->sessionTask[t.entry.task.get()] = std::move(sessionTask);
             }
             for (uint64_t state : passed) {
                 if (state == ZNVNetworkTaskStateCompleted || t.final) continue;
                 TaskView step = viewFor(t);
+                // A task that stops with an error it will retry waits to retry.
+                std::string failure = step.error.empty() ? step.retryError : step.error;
                 step.state = state;
                 step.error.clear();
-                step.retryError.clear();
+                step.retryError = state == ZNVNetworkTaskStateSuspended ? failure : std::string();
                 if (stateName(step) != t.reportedState) {
                     reporter.stateChanged(step);
                     t.reportedState = stateName(step);
@@ -610,7 +643,17 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
                         if (it != observed->sessionTask.end()) sessionTask = it->second;
                     }
                     t.extraError = deliver(t, sessionTask);
-                    if (t.extraError.empty()) destinations_.erase(t.entry.hash);
+                    if (t.extraError.empty()) {
+                        destinations_.erase(t.entry.hash);
+                    } else {
+                        // The library saw a finished transfer; the queue must
+                        // say it failed, or `status` and later runs would
+                        // call it completed.
+                        bool http = t.extraError.rfind("the server answered", 0) == 0;
+                        t.entry.task->setRawError(ZNVNetworkErrorHandler_createURLError(
+                            http ? NSURLErrorBadServerResponse : NSURLErrorCannotCreateFile,
+                            t.extraError));
+                    }
                 }
                 if (view.kind == "upload" && view.succeeded() && !view.remoteFileID.empty()) {
                     t.urlRequested = true;
@@ -670,8 +713,8 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             lastActivity = now;
         }
     }
-    for (auto& [task, token] : observations)
-        task->removeObserver(token);
+    for (auto& t : tracked)
+        stopObserving(t.entry.task);
 
     result.seconds = std::chrono::duration<double>(Clock::now() - started).count();
     if (result.exitStatus == kExitOK) {

@@ -140,6 +140,11 @@ class TransferSession {
 
   private:
     explicit TransferSession(GlobalOptions global);
+    // Starts recording the states `task` passes through (and the URL session
+    // task of a download) from now on; a short download may start and end
+    // before the run loop looks at it.
+    void observe(const ZNVNetworkTaskRef& task);
+    void stopObserving(const ZNVNetworkTaskRef& task);
 
     GlobalOptions global_;
     std::string baseURL_;  // the service the session talks to
@@ -147,6 +152,9 @@ class TransferSession {
     std::shared_ptr<ZNVTokenAccount> account_;
     std::shared_ptr<ZNVStorage> storage_;
     DownloadDestinations destinations_;
+    struct Observed;
+    std::shared_ptr<Observed> observed_;
+    std::vector<std::pair<ZNVNetworkTaskRef, ZNVObserverToken>> observations_;
 };
 
 }  // namespace znv::cli
