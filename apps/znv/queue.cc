@@ -282,7 +282,11 @@ void QueueFile::save() {
 // detached from it.
 struct TransferSession::Observed {
     std::mutex mutex;
-    std::map<const ZNVNetworkTask*, std::vector<uint64_t>> states;  // guarded by mutex
+    struct Step {
+        uint64_t state;
+        std::string retryError;  // the error the task will retry after; empty: none
+    };
+    std::map<const ZNVNetworkTask*, std::vector<Step>> states;  // guarded by mutex
     std::map<const ZNVNetworkTask*, std::shared_ptr<ZNVURLSessionTask>> sessionTask;  // guarded
 };
 
@@ -301,9 +305,13 @@ void TransferSession::observe(const ZNVNetworkTaskRef& task) {
         auto strong = weakTask.lock();
         if (!strong) return;
         uint64_t state = strong->state();
+        std::string retryError;
+        if (auto raw = strong->rawError(); raw && !strong->error()) {
+            retryError = raw->localizedDescription();
+        }
         auto sessionTask = isDownload ? strong->task() : nullptr;
         std::lock_guard lock(observed->mutex);
-        observed->states[strong.get()].push_back(state);
+        observed->states[strong.get()].push_back({state, std::move(retryError)});
         if (sessionTask) observed->sessionTask[strong.get()] = std::move(sessionTask);
     };
     observations_.emplace_back(task, task->addObserver("state", remember));
@@ -602,7 +610,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         for (auto& t : tracked) {
             // States passed through since the last turn, reported in order
             // (completion is reported below, once it is final).
-            std::vector<uint64_t> passed;
+            std::vector<Observed::Step> passed;
             {
                 // A download still attached to its URL session task. Asked
                 // before taking the mutex: observers take it under the task's
@@ -614,14 +622,17 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
                 passed.swap(observed->states[t.entry.task.get()]);
                 if (sessionTask) observed->sessionTask[t.entry.task.get()] = std::move(sessionTask);
             }
-            for (uint64_t state : passed) {
-                if (state == ZNVNetworkTaskStateCompleted || t.final) continue;
+            for (const auto& passedStep : passed) {
+                // A task that stops with an error it will retry waits to
+                // retry; its final completion is reported below.
+                bool retrying = !passedStep.retryError.empty();
+                if (t.final || (passedStep.state == ZNVNetworkTaskStateCompleted && !retrying)) {
+                    continue;
+                }
                 TaskView step = viewFor(t);
-                // A task that stops with an error it will retry waits to retry.
-                std::string failure = step.error.empty() ? step.retryError : step.error;
-                step.state = state;
+                step.state = passedStep.state;
                 step.error.clear();
-                step.retryError = state == ZNVNetworkTaskStateSuspended ? failure : std::string();
+                step.retryError = passedStep.retryError;
                 if (stateName(step) != t.reportedState) {
                     reporter.stateChanged(step);
                     t.reportedState = stateName(step);

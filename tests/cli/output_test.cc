@@ -130,7 +130,7 @@ TEST_F(ZnvOutputTest, LiveViewFitsSixtyColumnsAndDumbTerminalsGetNoCursorCodes) 
         ++bars;
         EXPECT_LE(line.size(), 59u) << line;
         EXPECT_NE(line.find("MB/s"), std::string::npos) << line;
-        if (std::regex_search(line, std::regex("[0-9.]+ MB/s ETA [0-9]+:[0-9]{2}"))) ++measured;
+        if (std::regex_search(line, std::regex("[0-9.]+ MB/s ETA +[0-9]+:[0-9]{2}"))) ++measured;
     }
     EXPECT_GT(bars, 3u) << live.out;
     EXPECT_GT(measured, 0u) << "a rate and an ETA once the transfer runs:\n" << live.out;
