@@ -21,7 +21,7 @@ PACKAGES=(
   libcurl4-openssl-dev nlohmann-json3-dev libspdlog-dev libfmt-dev uuid-dev
   libcli11-dev libcpp-httplib-dev libssl-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev hyperfine curl
-  iproute2
+  iproute2 help2man
 )
 
 log() { printf '[dev.sh] %s\n' "$*" >&2; }

@@ -6,12 +6,15 @@
 
 #ifdef ZNV_CLI_HAVE_QUEUE
 
+#include <algorithm>
 #include <cstdio>
 #include <future>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "apps/znv/binding.h"
+#include "apps/znv/names.h"
 #include "apps/znv/paths.h"
 #include "apps/znv/signals.h"
 
@@ -21,25 +24,43 @@ namespace {
 void printFailures(const RunResult& result) {
     for (const auto& task : result.tasks) {
         if (task.failed()) {
-            printError(
-                fmt::format("{} {} {} failed: {}", task.id, task.kind, task.subject, task.error));
+            printError(fmt::format("{} {} {} failed: {}", task.id, task.kind,
+                                   escapeControls(task.subject), escapeControls(task.error)));
         }
     }
 }
 
-TransferSession* openSession(const GlobalOptions& global) {
-    routeLibraryLog();
+TransferSession* openSession(const GlobalOptions& global, int* exitStatus) {
+    routeLibraryLog(global.verbosity);
     std::string error;
-    auto session = TransferSession::open(global, &error);
+    auto session = TransferSession::open(global, &error, exitStatus);
     if (!session) printError(error);
     return session;
 }
 
-int runTasks(TransferSession& session, const std::vector<ZNVNetworkTaskRef>& tasks) {
-    auto reporter = makeReporter(session.options().json, stdout);
-    RunResult result = session.run(*reporter, tasks);
+std::unique_ptr<Reporter> reporterFor(const GlobalOptions& global) {
+    ReporterOptions options;
+    options.json = global.json;
+    options.verbosity = global.verbosity;
+    return makeReporter(options);
+}
+
+int runTasks(TransferSession& session, const std::vector<ZNVNetworkTaskRef>& tasks,
+             bool countAll = false) {
+    auto reporter = reporterFor(session.options());
+    RunResult result = session.run(*reporter, tasks, countAll);
     printFailures(result);
     return result.exitStatus;
+}
+
+// How `status` shows a state, with what a user needs to know about it.
+std::string statusDetail(const TaskView& view) {
+    if (view.failed()) return "error: " + escapeControls(view.error);
+    if (view.retrying()) {
+        return "waiting to retry after: " + escapeControls(view.retryError) +
+               " (retried when the queue runs next: znv resume)";
+    }
+    return {};
 }
 
 // Waits for a one-shot answer of the library, giving up on SIGINT/SIGTERM.
@@ -57,8 +78,9 @@ std::optional<T> await(std::future<T>& future, int* signal) {
 }  // namespace
 
 int runUpload(const GlobalOptions& global, const UploadOptions& options) {
-    auto session = openSession(global);
-    if (!session) return kExitFailed;
+    int status = kExitFailed;
+    auto session = openSession(global, &status);
+    if (!session) return status;
     std::vector<ZNVNetworkTaskRef> tasks;
     for (const auto& file : options.files) {
         std::string error;
@@ -74,10 +96,12 @@ int runUpload(const GlobalOptions& global, const UploadOptions& options) {
 }
 
 int runDownload(const GlobalOptions& global, const DownloadOptions& options) {
-    auto session = openSession(global);
-    if (!session) return kExitFailed;
+    int status = kExitFailed;
+    auto session = openSession(global, &status);
+    if (!session) return status;
     std::string error;
-    auto download = session->addDownload(options.url, options.output, &error);
+    auto download = session->addDownload(
+        options.url, Destination{options.output, options.outputIsDirectory, options.force}, &error);
     if (!download) {
         printError(error);
         return kExitFailed;
@@ -86,14 +110,33 @@ int runDownload(const GlobalOptions& global, const DownloadOptions& options) {
 }
 
 int runResume(const GlobalOptions& global) {
-    auto session = openSession(global);
-    if (!session) return kExitFailed;
-    return runTasks(*session, {});
+    // Tasks the state file holds as unfinished: those that fail while the
+    // queue is restored (a source gone, a damaged entry) are part of this run.
+    std::vector<int64_t> unfinished = archivedUnfinishedTasks(global.profile);
+    int status = kExitFailed;
+    auto session = openSession(global, &status);
+    if (!session) return status;
+    std::vector<ZNVNetworkTaskRef> failedAtRestore;
+    size_t restored = 0;
+    for (const auto& task : session->storage().tasks()) {
+        int64_t start = identityOf(task).createdMicros;
+        if (std::find(unfinished.begin(), unfinished.end(), start) == unfinished.end()) continue;
+        ++restored;
+        if (task->error()) failedAtRestore.push_back(task);
+    }
+    int result = runTasks(*session, failedAtRestore, true);
+    if (restored < unfinished.size()) {
+        printError(fmt::format("{} unfinished task(s) of the queue could not be restored (see {})",
+                               unfinished.size() - restored, logFilePath()));
+        if (result == kExitOK) result = kExitFailed;
+    }
+    return result;
 }
 
 int runRetry(const GlobalOptions& global, const std::string& id) {
-    auto session = openSession(global);
-    if (!session) return kExitFailed;
+    int status = kExitFailed;
+    auto session = openSession(global, &status);
+    if (!session) return status;
     std::string problem;
     auto entry = findEntry(queueEntries(session->storage().tasks()), id, &problem);
     if (!entry) {
@@ -109,58 +152,63 @@ int runRetry(const GlobalOptions& global, const std::string& id) {
 }
 
 int runStatus(const GlobalOptions& global) {
-    routeLibraryLog();
+    routeLibraryLog(global.verbosity);
     QueueFile queue(global.profile);
     DownloadDestinations destinations(global.profile);
     auto entries = queue.entries();
+    std::string server = boundServer(global.profile);
+    auto viewWithOutput = [&](const QueueEntry& entry) {
+        TaskView view = viewOf(entry);
+        if (auto destination = destinations.get(entry.hash)) view.output = destination->path;
+        return view;
+    };
     if (global.json) {
         nlohmann::json list = nlohmann::json::array();
         for (const auto& entry : entries) {
-            TaskView view = viewOf(entry);
-            view.output = destinations.get(entry.hash);
-            auto j = taskJson(view);
-            if (view.error.empty() && entry.task->rawError()) {
-                j["retrying"] = entry.task->rawError()->localizedDescription();
-            }
+            auto j = taskEventJson("task", viewWithOutput(entry));
+            j.erase("event");
+            j.erase("time");
             list.push_back(std::move(j));
         }
-        nlohmann::json status = {{"event", "status"}, {"tasks", std::move(list)}};
-        std::printf("%s\n",
-                    status.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+        auto status = eventJson("status");
+        status["profile"] = profileIdentifier(global.profile);
+        status["queue"] = stateFilePath(global.profile);
+        status["server"] = server.empty() ? nlohmann::json() : nlohmann::json(server);
+        status["tasks"] = std::move(list);
+        std::printf("%s\n", dumpJson(status).c_str());
         return kExitOK;
     }
+    std::printf("queue:   %s (profile \"%s\")\n",
+                escapeControls(stateFilePath(global.profile)).c_str(),
+                escapeControls(profileIdentifier(global.profile)).c_str());
+    std::printf("server:  %s\n", server.empty() ? "(none yet)" : escapeControls(server).c_str());
     if (entries.empty()) {
         std::printf("no tasks in the queue\n");
         return kExitOK;
     }
     std::printf("%-8s %-8s %-10s %-22s %s\n", "ID", "KIND", "STATE", "PROGRESS", "FILE OR URL");
     for (const auto& entry : entries) {
-        TaskView view = viewOf(entry);
+        TaskView view = viewWithOutput(entry);
         std::string progress = view.totalBytes >= 0
                                    ? fmt::format("{} / {}", formatBytes(view.completedBytes),
                                                  formatBytes(view.totalBytes))
                                    : "?";
-        std::string subject = view.subject;
-        if (std::string output = destinations.get(entry.hash); !output.empty()) {
-            subject += " -> " + output;
-        }
+        std::string subject = escapeControls(view.subject);
+        if (!view.output.empty()) subject += " -> " + escapeControls(view.output);
         std::printf("%-8s %-8s %-10s %-22s %s\n", view.id.c_str(), view.kind.c_str(),
                     stateName(view).c_str(), progress.c_str(), subject.c_str());
-        if (!view.error.empty()) {
-            std::printf("%-8s error: %s\n", "", view.error.c_str());
-        } else if (auto raw = entry.task->rawError()) {
-            std::printf("%-8s retrying after: %s\n", "", raw->localizedDescription().c_str());
+        if (std::string detail = statusDetail(view); !detail.empty()) {
+            std::printf("%-8s %s\n", "", detail.c_str());
         }
-        if (auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(entry.task);
-            upload && !upload->remoteFileID().empty()) {
-            std::printf("%-8s file ID: %s\n", "", upload->remoteFileID().c_str());
+        if (!view.remoteFileID.empty()) {
+            std::printf("%-8s file ID: %s\n", "", escapeControls(view.remoteFileID).c_str());
         }
     }
     return kExitOK;
 }
 
 int runCancel(const GlobalOptions& global, const std::string& id) {
-    routeLibraryLog();
+    routeLibraryLog(global.verbosity);
     QueueFile queue(global.profile);
     std::string problem;
     auto entry = findEntry(queue.entries(), id, &problem);
@@ -175,8 +223,7 @@ int runCancel(const GlobalOptions& global, const std::string& id) {
     entry->task->cancel();
     queue.save();
     if (global.json) {
-        std::printf("%s\n",
-                    nlohmann::json({{"event", "cancelled"}, {"task", entry->id}}).dump().c_str());
+        std::printf("%s\n", dumpJson(taskEventJson("cancelled", viewOf(*entry))).c_str());
     } else {
         std::printf("cancelled %s\n", entry->id.c_str());
     }
@@ -184,7 +231,7 @@ int runCancel(const GlobalOptions& global, const std::string& id) {
 }
 
 int runFinish(const GlobalOptions& global, const std::string& id, bool completed) {
-    routeLibraryLog();
+    routeLibraryLog(global.verbosity);
     QueueFile queue(global.profile);
     DownloadDestinations destinations(global.profile);
     std::vector<QueueEntry> chosen;
@@ -210,8 +257,7 @@ int runFinish(const GlobalOptions& global, const std::string& id, bool completed
         queue.network().finishTask(entry.task);
         destinations.erase(entry.hash);
         if (global.json) {
-            std::printf("%s\n",
-                        nlohmann::json({{"event", "finished"}, {"task", entry.id}}).dump().c_str());
+            std::printf("%s\n", dumpJson(taskEventJson("finished", viewOf(entry))).c_str());
         } else {
             std::printf("finished %s\n", entry.id.c_str());
         }
@@ -221,8 +267,9 @@ int runFinish(const GlobalOptions& global, const std::string& id, bool completed
 }
 
 int runInfo(const GlobalOptions& global, const std::string& fileID) {
-    auto session = openSession(global);
-    if (!session) return kExitFailed;
+    int status = kExitFailed;
+    auto session = openSession(global, &status);
+    if (!session) return status;
     auto promise = std::make_shared<std::promise<std::optional<ZNVURL>>>();
     auto future = promise->get_future();
     session->storage().URLForRemoteFile(
@@ -235,21 +282,21 @@ int runInfo(const GlobalOptions& global, const std::string& fileID) {
         return kExitFailed;
     }
     if (global.json) {
-        std::printf("%s\n", nlohmann::json({{"event", "info"},
-                                            {"fileId", fileID},
-                                            {"contentURL", (*answer)->absoluteString()}})
-                                .dump()
-                                .c_str());
+        auto event = eventJson("info");
+        event["fileId"] = fileID;
+        event["contentURL"] = (*answer)->absoluteString();
+        std::printf("%s\n", dumpJson(event).c_str());
     } else {
         std::printf("file ID:     %s\ncontent URL: %s\n", fileID.c_str(),
-                    (*answer)->absoluteString().c_str());
+                    escapeControls((*answer)->absoluteString()).c_str());
     }
     return kExitOK;
 }
 
 int runDelete(const GlobalOptions& global, const std::string& fileID) {
-    auto session = openSession(global);
-    if (!session) return kExitFailed;
+    int status = kExitFailed;
+    auto session = openSession(global, &status);
+    if (!session) return status;
     auto promise = std::make_shared<std::promise<bool>>();
     auto future = promise->get_future();
     session->storage().deleteRemoteFile(fileID,
@@ -262,8 +309,9 @@ int runDelete(const GlobalOptions& global, const std::string& fileID) {
         return kExitFailed;
     }
     if (global.json) {
-        std::printf("%s\n",
-                    nlohmann::json({{"event", "deleted"}, {"fileId", fileID}}).dump().c_str());
+        auto event = eventJson("deleted");
+        event["fileId"] = fileID;
+        std::printf("%s\n", dumpJson(event).c_str());
     } else {
         std::printf("deleted %s\n", fileID.c_str());
     }

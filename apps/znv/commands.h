@@ -1,9 +1,10 @@
 // The znv commands. main.cc parses and validates the command line (usage
 // errors end there with status 2); these functions do the work and return
 // the process's exit status:
-//   0   every task of the run completed without error
-//   1   a task failed, or a remote operation did not succeed
-//   2   bad input found only once the queue is loaded (an unknown task ID)
+//   0   every task the command ran completed without error
+//   1   one of them failed, or a remote operation did not succeed
+//   2   bad input found only once the queue is loaded (an unknown task ID, a
+//       server the profile is not bound to)
 //   130 / 143  interrupted by SIGINT / SIGTERM after saving the queue
 // They run on the main thread with SIGINT and SIGTERM blocked (see signals.h).
 #pragma once
@@ -26,6 +27,7 @@ struct GlobalOptions {
     std::string profile;  // account configuration identifier; empty: the default queue
     bool json = false;
     bool offline = false;  // queue only; start no transfer
+    int verbosity = 0;     // -1 with -q (errors only), 1 with -v, 2 with -vv
 };
 
 struct UploadOptions {
@@ -36,8 +38,10 @@ struct UploadOptions {
 };
 
 struct DownloadOptions {
-    std::string url;     // absolute http(s) URL
-    std::string output;  // absolute path of the file to write
+    std::string url;                // absolute http(s) URL
+    std::string output;             // absolute path of the directory or file to write
+    bool outputIsDirectory = true;  // the name comes from the server or the URL
+    bool force = false;             // replace an existing file
 };
 
 struct EmulatorCommandOptions {

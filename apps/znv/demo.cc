@@ -16,6 +16,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "apps/znv/binding.h"
 #include "apps/znv/digest.h"
 #include "apps/znv/paths.h"
 #include "znv/foundation/network_utilities.h"
@@ -54,7 +55,7 @@ std::string uploadPathSeen(const emulator::Emulator& server, const std::string& 
 }  // namespace
 
 int runDemo(const GlobalOptions& globalOptions, const DemoOptions& options) {
-    routeLibraryLog();
+    routeLibraryLog(globalOptions.verbosity);
     GlobalOptions global = globalOptions;
     global.offline = false;
     // A queue of its own, so that the demo neither runs nor disturbs the user's.
@@ -74,7 +75,10 @@ int runDemo(const GlobalOptions& globalOptions, const DemoOptions& options) {
         return kExitFailed;
     }
     std::string sample = work + "/sample.bin";
-    auto reporter = makeReporter(global.json, stdout);
+    ReporterOptions reporterOptions;
+    reporterOptions.json = global.json;
+    reporterOptions.verbosity = global.verbosity;
+    auto reporter = makeReporter(reporterOptions);
 
     reporter->note(fmt::format("writing a {} sample file: {}",
                                formatBytes(static_cast<int64_t>(options.size)), sample));
@@ -90,10 +94,11 @@ int runDemo(const GlobalOptions& globalOptions, const DemoOptions& options) {
     }
     reporter->note("source SHA-256 " + sourceDigest);
 
-    auto session = TransferSession::open(global, &error, work + "/emulator");
+    int openStatus = kExitFailed;
+    auto session = TransferSession::open(global, &error, &openStatus, work + "/emulator");
     if (!session) {
         printError(error);
-        return kExitFailed;
+        return openStatus;
     }
     if (session->emulator().running()) {
         reporter->note("emulator started on " + session->emulator().baseURL());
@@ -143,7 +148,8 @@ int runDemo(const GlobalOptions& globalOptions, const DemoOptions& options) {
         down.path = "download, " + std::string(variant.label) + " copy";
         std::string copy = fmt::format("{}/{}.copy", work, variant.label);
         if (up.ok && !upView.contentURL.empty()) {
-            auto download = session->addDownload(upView.contentURL, copy, &error);
+            auto download =
+                session->addDownload(upView.contentURL, Destination{copy, false, true}, &error);
             if (download && !transfer(download, down, &downView)) break;
             if (!download) printError(error);
         }
@@ -166,6 +172,7 @@ int runDemo(const GlobalOptions& globalOptions, const DemoOptions& options) {
             ".state")) {
         std::filesystem::remove(stateFile->path());
     }
+    std::filesystem::remove(bindingFilePath(global.profile));
     session->emulator().stop();
     if (interrupted != 0) {
         std::filesystem::remove_all(work);
@@ -186,12 +193,12 @@ int runDemo(const GlobalOptions& globalOptions, const DemoOptions& options) {
                             {"MBps", rate},
                             {"sha256Match", row.match}});
         }
-        std::printf("%s\n", nlohmann::json({{"event", "demo"},
-                                            {"sha256", sourceDigest},
-                                            {"ok", allGood},
-                                            {"rows", std::move(list)}})
-                                .dump()
-                                .c_str());
+        auto event = eventJson("demo");
+        event["state"] = allGood ? "completed" : "failed";
+        event["sha256"] = sourceDigest;
+        event["ok"] = allGood;
+        event["rows"] = std::move(list);
+        std::printf("%s\n", dumpJson(event).c_str());
     } else {
         std::printf("\n%-28s %12s %9s %9s  %s\n", "path", "bytes", "seconds", "MB/s",
                     "SHA-256 match");

@@ -15,9 +15,12 @@
 #include <iostream>
 #include <optional>
 
+#include <curl/curl.h>
 #include <CLI/CLI.hpp>
 
 #include "apps/znv/commands.h"
+#include "apps/znv/delivery.h"
+#include "apps/znv/names.h"
 #include "apps/znv/signals.h"
 #include "znv/foundation/log.h"
 #include "znv/platform/url.h"
@@ -25,11 +28,57 @@
 namespace znv::cli {
 
 void printError(const std::string& message) {
-    std::fprintf(stderr, "znv: %s\n", message.c_str());
+    // Messages quote names, URLs and server texts: no control character of
+    // theirs reaches the terminal (escaping twice changes nothing).
+    std::fprintf(stderr, "znv: %s\n", escapeControls(message).c_str());
     std::fflush(stderr);
 }
 
 namespace {
+
+#ifndef ZNV_VERSION
+#define ZNV_VERSION "unknown"
+#endif
+
+std::string versionText() {
+    const curl_version_info_data* curl = curl_version_info(CURLVERSION_NOW);
+    return std::string("znv ") + ZNV_VERSION + "\nlibznvstorage " + ZNV_VERSION + "\nlibcurl " +
+           (curl && curl->version ? curl->version : "unknown") +
+           (curl && curl->ssl_version ? std::string(" (") + curl->ssl_version + ")" : "");
+}
+
+// The end of `znv --help`, and so of the manual page made from it.
+const char* const kHelpFooter = R"(Output:
+  Standard output carries results only: "FILEID URL" per completed upload, the
+  path per completed download, status tables, info output, or one JSON object
+  per line with --json. Progress bars (on a terminal), state lines, hints and
+  the summary go to standard error. -q leaves only errors there.
+
+Uploads:
+  Files up to the service's whole-file limit go up in one request unless
+  --force-chunks is given; an interruption restarts such an upload from zero.
+  Chunked uploads (larger files, or --force-chunks) continue where they
+  stopped.
+
+Exit status:
+  0    every task the command ran completed
+  1    a task the command ran failed (its error is printed), or a remote
+       operation did not succeed
+  2    bad command line or input, or a server the profile is not bound to
+  130  interrupted by Ctrl-C (SIGINT); 143: by SIGTERM. The queue is saved
+       and the printed command continues it
+
+Files (PROFILE is "live" unless --profile NAME is given):
+  queue      ~/Library/Network/PROFILE.state
+  lock       ~/Library/Network/PROFILE.state.lock
+  server     ~/Library/Network/PROFILE.server (the server PROFILE is bound to)
+  log        $XDG_STATE_HOME/znv/znv.log (default ~/.local/state/znv/znv.log)
+  downloads  $XDG_STATE_HOME/znv/PROFILE.downloads.json (pending destinations)
+  emulator   $XDG_DATA_HOME/znv/emulator (default ~/.local/share/znv/emulator)
+  staging    ${TMPDIR:-/tmp}/znv-UID/ (upload bodies on their way)
+  A profile is bound to the first server it is used with (without --server:
+  the built-in emulator, whose URLs work only while a znv runs it; use
+  `znv emulator` or --server for lasting ones).)";
 
 std::string absolutePath(const std::string& path) {
     std::error_code ec;
@@ -66,25 +115,29 @@ std::optional<ZNVURL> webURL(const std::string& text) {
     return url;
 }
 
-// Where a download of `url` goes: `output` as given, inside it when it is a
-// directory, or the URL's last path component in the current directory.
-std::string downloadDestination(const ZNVURL& url, const std::string& output,
-                                std::string* problem) {
-    std::string name = url.lastPathComponent();
-    if (name.empty() || name == "/" || name == "." || name == "..") name = "download";
-    std::string path = output.empty() ? name : output;
+// Where a download goes: into the current directory or the directory
+// `output` names (the file's name comes later, from the server or the URL),
+// or to the file `output` names.
+void chooseDestination(const std::string& output, DownloadOptions* download, std::string* problem) {
     std::error_code ec;
-    if (!output.empty() && (output.back() == '/' || std::filesystem::is_directory(output, ec))) {
-        path = (std::filesystem::path(output) / name).string();
+    download->outputIsDirectory =
+        output.empty() || output.back() == '/' || std::filesystem::is_directory(output, ec);
+    std::string path = absolutePath(output.empty() ? "." : output);
+    std::string directory =
+        download->outputIsDirectory ? path : std::filesystem::path(path).parent_path().string();
+    if (!download->outputIsDirectory) {
+        std::string name = std::filesystem::path(path).filename().string();
+        if (name.empty() || name == "." || name == "..") {
+            *problem = "not a file name for the download: " + output;
+            return;
+        }
     }
-    path = absolutePath(path);
-    auto parent = std::filesystem::path(path).parent_path();
-    if (!std::filesystem::is_directory(parent, ec)) {
-        *problem = "no such directory for the download: " + parent.string();
-    } else if (::access(parent.c_str(), W_OK) != 0) {
-        *problem = "cannot write to " + parent.string() + ": " + std::strerror(errno);
+    if (!std::filesystem::is_directory(directory, ec)) {
+        *problem = "no such directory for the download: " + directory;
+    } else if (::access(directory.c_str(), W_OK) != 0) {
+        *problem = "cannot write to " + directory + ": " + std::strerror(errno);
     }
-    return path;
+    download->output = path;
 }
 
 int usageError(const std::string& message) {
@@ -97,6 +150,8 @@ int run(int argc, char** argv) {
         "znv: upload files to and download files from the storage service.\n"
         "Without --server, an emulator of the service runs inside znv."};
     app.set_help_all_flag("--help-all", "Show every command's options");
+    app.set_version_flag("--version", versionText, "Show the versions of znv and libcurl");
+    app.footer(kHelpFooter);
     app.require_subcommand(1, 1);
     app.fallthrough();
 
@@ -105,9 +160,17 @@ int run(int argc, char** argv) {
                    "Storage service base URL (default: the embedded emulator)")
         ->envname("ZNV_SERVER");
     app.add_option("--token", global.token, "Access token")->envname("ZNV_TOKEN");
-    app.add_option("--profile", global.profile, "Account profile; each has its own queue");
-    app.add_flag("--json", global.json, "One JSON object per line");
+    app.add_option("--profile", global.profile,
+                   "Account profile; each has its own queue and server (default: live)");
+    app.add_flag("--json", global.json, "One JSON object per event on standard output");
     app.add_flag("--offline", global.offline, "Queue tasks without starting transfers");
+    int verbose = 0;
+    bool quiet = false;
+    auto* quietFlag = app.add_flag("-q,--quiet", quiet,
+                                   "Print errors only (results still go to standard output)");
+    app.add_flag("-v,--verbose", verbose,
+                 "Show the library's log on standard error (-vv: debug messages too)")
+        ->excludes(quietFlag);
 
     UploadOptions upload;
     auto* uploadCommand = app.add_subcommand("upload", "Upload files");
@@ -115,13 +178,17 @@ int run(int argc, char** argv) {
     uploadCommand->add_option("--name", upload.name, "Remote file name (one FILE only)");
     uploadCommand->add_flag("--video", upload.video, "Ask the service to convert it to video/mp4");
     uploadCommand->add_flag("--force-chunks", upload.forceChunks,
-                            "Send the file in chunks even when it could go whole");
+                            "Send the file in chunks even when it could go whole: the resumable "
+                            "choice (a whole-file upload restarts from zero when interrupted)");
 
     DownloadOptions download;
     std::string downloadOutput;
     auto* downloadCommand = app.add_subcommand("download", "Download a file by its URL");
     downloadCommand->add_option("URL", download.url, "Content URL")->required();
-    downloadCommand->add_option("-o,--output", downloadOutput, "File or directory to write");
+    downloadCommand->add_option("-o,--output", downloadOutput,
+                                "File or directory to write (default: the current directory)");
+    downloadCommand->add_flag("-f,--force", download.force,
+                              "Replace an existing file (default: keep it and write \"NAME (1)\")");
 
     auto* statusCommand = app.add_subcommand("status", "List the queued tasks");
     auto* resumeCommand = app.add_subcommand("resume", "Run the unfinished tasks of the queue");
@@ -182,6 +249,7 @@ int run(int argc, char** argv) {
         if (!url) return usageError("bad server URL: " + global.server);
         if (global.server.back() != '/') global.server += '/';
     }
+    global.verbosity = quiet ? -1 : verbose;
     if (global.token.empty()) return usageError("the access token is empty");
     for (char c : global.profile) {
         if (c == '/' || c == '\0') return usageError("bad profile name: " + global.profile);
@@ -202,7 +270,7 @@ int run(int argc, char** argv) {
         auto url = webURL(download.url);
         if (!url) return usageError("bad URL: " + download.url + " (expected http:// or https://)");
         std::string problem;
-        download.output = downloadDestination(*url, downloadOutput, &problem);
+        chooseDestination(downloadOutput, &download, &problem);
         if (!problem.empty()) return usageError(problem);
         download.url = url->absoluteString();
         return runDownload(global, download);
@@ -231,6 +299,7 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     znv::cli::blockTerminationSignals();
+    znv::cli::rememberUmask();
     int status = znv::cli::run(argc, argv);
     // Leave without static destructors: library threads may still be at work,
     // and nothing on the way out may touch the saved queue.

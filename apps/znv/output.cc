@@ -5,18 +5,24 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
+#include <ctime>
 #include <map>
 
 #include <fmt/format.h>
 
+#include "apps/znv/names.h"
+
 namespace znv::cli {
 
 std::string stateName(const TaskView& view) {
+    if (view.failed()) return "failed";
+    if (view.retrying()) return "retrying";
     switch (view.state) {
         case 1:
             return "running";
         case 2:
-            return view.error.empty() ? "completed" : "failed";
+            return "completed";
         default:
             return "queued";
     }
@@ -50,6 +56,16 @@ std::string formatDuration(double seconds) {
     return fmt::format("{}:{:02}", m, s);
 }
 
+std::string utcTimestamp(std::chrono::system_clock::time_point when) {
+    auto millis =
+        std::chrono::duration_cast<std::chrono::milliseconds>(when.time_since_epoch()).count();
+    std::time_t seconds = static_cast<std::time_t>(millis / 1000);
+    std::tm tm{};
+    gmtime_r(&seconds, &tm);
+    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", tm.tm_year + 1900,
+                       tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, millis % 1000);
+}
+
 void RateMeter::add(Clock::time_point when, int64_t bytes) {
     if (!samples_.empty() && bytes < samples_.back().second) samples_.clear();  // restarted
     samples_.emplace_back(when, bytes);
@@ -65,42 +81,51 @@ double RateMeter::rate() const {
     return static_cast<double>(samples_.back().second - samples_.front().second) / seconds;
 }
 
-nlohmann::json taskJson(const TaskView& task) {
-    nlohmann::json j = {{"task", task.id}, {"kind", task.kind}, {"state", stateName(task)}};
+nlohmann::json eventJson(const std::string& event) {
+    return {{"event", event},
+            {"task", nullptr},
+            {"kind", nullptr},
+            {"state", nullptr},
+            {"completed", nullptr},
+            {"total", nullptr},
+            {"time", utcTimestamp(std::chrono::system_clock::now())}};
+}
+
+nlohmann::json taskEventJson(const std::string& event, const TaskView& task) {
+    nlohmann::json j = eventJson(event);
+    j["task"] = task.id;
+    j["kind"] = task.kind;
+    j["state"] = stateName(task);
+    j["completed"] = task.completedBytes;
+    j["total"] = task.totalBytes >= 0 ? nlohmann::json(task.totalBytes) : nlohmann::json();
     if (task.kind == "download") {
         j["url"] = task.subject;
         if (!task.output.empty()) j["file"] = task.output;
     } else {
         j["file"] = task.subject;
+        j["mode"] = task.whole ? "whole" : "chunks";
     }
-    j["completed"] = task.completedBytes;
-    j["total"] = task.totalBytes >= 0 ? nlohmann::json(task.totalBytes) : nlohmann::json();
-    if (!task.error.empty()) j["error"] = task.error;
+    if (!task.error.empty()) {
+        j["error"] = task.error;
+    } else if (task.retrying()) {
+        j["error"] = task.retryError;
+    }
     if (!task.remoteFileID.empty()) j["fileId"] = task.remoteFileID;
     if (!task.contentURL.empty()) j["contentURL"] = task.contentURL;
     return j;
 }
 
+std::string dumpJson(const nlohmann::json& j) {
+    return j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+bool terminalCanRedraw(FILE* stream) {
+    if (!isatty(fileno(stream))) return false;
+    const char* term = std::getenv("TERM");
+    return term != nullptr && term[0] != '\0' && std::string(term) != "dumb";
+}
+
 namespace {
-
-std::string subjectLine(const TaskView& task) {
-    std::string line = fmt::format("{} {} {}", task.id, task.kind, task.subject);
-    if (!task.output.empty()) line += " -> " + task.output;
-    return line;
-}
-
-std::string outcomeDetail(const TaskView& task) {
-    if (task.failed()) return ": " + task.error;
-    std::string detail;
-    if (task.succeeded() && task.totalBytes >= 0) detail += " (" + formatBytes(task.totalBytes);
-    if (!task.remoteFileID.empty()) {
-        detail += detail.empty() ? " (" : ", ";
-        detail += "file ID " + task.remoteFileID;
-    }
-    if (!task.contentURL.empty()) detail += ", " + task.contentURL;
-    if (!detail.empty()) detail += ")";
-    return detail;
-}
 
 void writeLine(FILE* stream, const std::string& line) {
     std::fwrite(line.data(), 1, line.size(), stream);
@@ -108,7 +133,52 @@ void writeLine(FILE* stream, const std::string& line) {
     std::fflush(stream);
 }
 
-std::string summaryCounts(const std::vector<TaskView>& tasks) {
+std::string baseName(const std::string& path) {
+    size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string subjectLine(const TaskView& task) {
+    std::string line = fmt::format("{} {} {}", task.id, task.kind, escapeControls(task.subject));
+    if (!task.output.empty()) line += " -> " + escapeControls(task.output);
+    return line;
+}
+
+// What a state line adds after the subject. `brief` leaves out the file ID and
+// URL of a completed upload when its result line appears on the same screen.
+std::string stateDetail(const TaskView& task, bool brief) {
+    if (task.failed()) return ": " + escapeControls(task.error);
+    if (task.retrying()) {
+        return ": " + escapeControls(task.retryError) + " (retried when the queue runs next)";
+    }
+    if (task.state == 1 && task.kind == "upload" && task.whole) {
+        return std::string(" (") + kWholeFileNote + ")";
+    }
+    if (!task.succeeded()) return {};
+    std::string detail;
+    if (task.totalBytes >= 0) detail += " (" + formatBytes(task.totalBytes);
+    if (!task.remoteFileID.empty() && !brief) {
+        detail += detail.empty() ? " (" : ", ";
+        detail += "file ID " + escapeControls(task.remoteFileID);
+    }
+    if (!task.contentURL.empty() && !brief) detail += ", " + escapeControls(task.contentURL);
+    if (!detail.empty()) detail += ")";
+    return detail;
+}
+
+std::string stateLine(const TaskView& task, bool brief) {
+    return fmt::format("{:<9} {}{}", stateName(task), subjectLine(task), stateDetail(task, brief));
+}
+
+// The result line of a completed task (standard output).
+std::string resultLine(const TaskView& task) {
+    if (task.kind == "download") return escapeControls(task.output);
+    std::string line = escapeControls(task.remoteFileID);
+    if (!task.contentURL.empty()) line += " " + escapeControls(task.contentURL);
+    return line;
+}
+
+std::string summaryText(const std::vector<TaskView>& tasks, const RunTotals& totals) {
     size_t done = 0, failed = 0, pending = 0;
     for (const auto& t : tasks) {
         if (t.succeeded())
@@ -120,6 +190,11 @@ std::string summaryCounts(const std::vector<TaskView>& tasks) {
     }
     std::string text = fmt::format("{} completed, {} failed", done, failed);
     if (pending != 0) text += fmt::format(", {} unfinished", pending);
+    std::string elapsed = totals.seconds < 60 ? fmt::format("{:.1f} s", totals.seconds)
+                                              : formatDuration(totals.seconds);
+    double rate = totals.seconds > 0 ? static_cast<double>(totals.bytes) / totals.seconds : 0;
+    text += fmt::format(": {} in {}", formatBytes(totals.bytes), elapsed);
+    if (totals.bytes > 0) text += " (" + formatRate(rate) + ")";
     return text;
 }
 
@@ -128,75 +203,103 @@ class JsonReporter : public Reporter {
     explicit JsonReporter(FILE* stream) : stream_(stream) {}
 
     void taskAdded(const TaskView& task) override {
-        auto j = taskJson(task);
-        j.erase("completed");
-        j.erase("total");
-        emit("queued", std::move(j));
+        auto j = taskEventJson("queued", task);
+        j["state"] = "queued";
+        writeLine(stream_, dumpJson(j));
     }
-    void stateChanged(const TaskView& task) override { emit("state", taskJson(task)); }
+    void stateChanged(const TaskView& task) override {
+        writeLine(stream_, dumpJson(taskEventJson("state", task)));
+    }
     void progressed(const TaskView& task) override {
-        nlohmann::json j = {{"task", task.id}, {"kind", task.kind}};
-        j["file"] = task.kind == "download" ? task.output : task.subject;
-        j["completed"] = task.completedBytes;
-        j["total"] = task.totalBytes >= 0 ? nlohmann::json(task.totalBytes) : nlohmann::json();
-        emit("progress", std::move(j));
+        writeLine(stream_, dumpJson(taskEventJson("progress", task)));
     }
     void tick(const std::vector<TaskView>&) override {}
-    void note(const std::string& text) override { emit("note", {{"message", text}}); }
-    void summary(const std::vector<TaskView>& tasks) override {
+    void note(const std::string& text) override {
+        auto j = eventJson("note");
+        j["message"] = text;
+        writeLine(stream_, dumpJson(j));
+    }
+    void interrupted(const std::string& text, const std::string& command) override {
+        auto j = eventJson("interrupted");
+        j["state"] = "interrupted";
+        j["message"] = text;
+        j["command"] = command;
+        writeLine(stream_, dumpJson(j));
+    }
+    void summary(const std::vector<TaskView>& tasks, const RunTotals& totals) override {
         nlohmann::json list = nlohmann::json::array();
         bool ok = true;
+        int64_t total = 0;
         for (const auto& t : tasks) {
-            list.push_back(taskJson(t));
+            list.push_back(taskEventJson("task", t));
+            list.back().erase("event");
+            list.back().erase("time");
             ok = ok && t.succeeded();
+            total += std::max<int64_t>(t.totalBytes, 0);
         }
-        emit("summary", {{"ok", ok}, {"tasks", std::move(list)}});
+        auto j = eventJson("summary");
+        j["state"] = ok ? "completed" : "failed";
+        j["completed"] = totals.bytes;
+        j["total"] = total;
+        j["ok"] = ok;
+        j["seconds"] = totals.seconds;
+        j["bytesPerSecond"] =
+            totals.seconds > 0 ? static_cast<double>(totals.bytes) / totals.seconds : 0.0;
+        j["tasks"] = std::move(list);
+        writeLine(stream_, dumpJson(j));
     }
 
   private:
-    void emit(const char* event, nlohmann::json body) {
-        nlohmann::json j = {{"event", event}};
-        for (auto& [key, value] : body.items())
-            j[key] = value;
-        // Invalid UTF-8 in a file name must not abort the run.
-        writeLine(stream_, j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
-    }
-
     FILE* stream_;
 };
 
 class PlainReporter : public Reporter {
   public:
-    explicit PlainReporter(FILE* stream) : stream_(stream) {}
+    PlainReporter(FILE* results, FILE* messages, bool quiet)
+        : results_(results),
+          messages_(messages),
+          quiet_(quiet),
+          brief_(isatty(fileno(results)) && isatty(fileno(messages))) {}
 
     void taskAdded(const TaskView& task) override {
-        writeLine(stream_, fmt::format("{:<9} {}", "queued", subjectLine(task)));
+        if (!quiet_) writeLine(messages_, fmt::format("{:<9} {}", "queued", subjectLine(task)));
     }
     void stateChanged(const TaskView& task) override {
-        writeLine(stream_, fmt::format("{:<9} {}{}", stateName(task), subjectLine(task),
-                                       outcomeDetail(task)));
+        if (!quiet_) writeLine(messages_, stateLine(task, brief_));
+        if (task.succeeded()) writeLine(results_, resultLine(task));
     }
     void progressed(const TaskView&) override {}
     void tick(const std::vector<TaskView>&) override {}
-    void note(const std::string& text) override { writeLine(stream_, text); }
-    void summary(const std::vector<TaskView>& tasks) override {
-        writeLine(stream_, summaryCounts(tasks));
+    void note(const std::string& text) override {
+        if (!quiet_) writeLine(messages_, text);
+    }
+    void interrupted(const std::string& text, const std::string& command) override {
+        writeLine(messages_, text + " " + command);
+    }
+    void summary(const std::vector<TaskView>& tasks, const RunTotals& totals) override {
+        if (!quiet_) writeLine(messages_, summaryText(tasks, totals));
     }
 
   private:
-    FILE* stream_;
+    FILE* results_;
+    FILE* messages_;
+    bool quiet_;
+    bool brief_;  // both streams on a terminal: the result line follows
 };
 
 // Draws one line per running task and a total line below the lines already
 // printed, and redraws them in place (cursor up, clear to the end of the
-// screen) at most ten times a second. Lines that must stay (finished tasks,
-// notes) are printed above the live block.
+// screen) at most ten times a second. Lines that must stay (state changes,
+// notes) are printed above the live block and never cut: a user may need to
+// copy them. Live lines always fit the width: numbers first, then a bar and
+// the name in whatever is left.
 class TerminalReporter : public Reporter {
   public:
-    TerminalReporter(FILE* stream, int columns) : stream_(stream), columns_(columns) {
+    TerminalReporter(FILE* results, FILE* messages, int columns)
+        : results_(results), messages_(messages), columns_(columns) {
         if (columns_ <= 0) {
             winsize size{};
-            if (ioctl(fileno(stream), TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
+            if (ioctl(fileno(messages), TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
                 columns_ = size.ws_col;
             } else {
                 columns_ = 80;
@@ -205,15 +308,27 @@ class TerminalReporter : public Reporter {
     }
 
     void taskAdded(const TaskView& task) override {
-        permanent_.push_back(fmt::format("queued    {}", subjectLine(task)));
+        permanent_.push_back(fmt::format("{:<9} {}", "queued", subjectLine(task)));
     }
     void stateChanged(const TaskView& task) override {
-        if (task.state != 2) return;  // the live block shows running and queued tasks
-        permanent_.push_back(
-            fmt::format("{:<9} {}{}", stateName(task), subjectLine(task), outcomeDetail(task)));
+        // The live block shows running tasks; only a whole upload's start is
+        // worth a line of its own.
+        if (task.state == 1 && !(task.kind == "upload" && task.whole)) return;
+        if (task.state == 0 && !task.retrying()) return;
+        permanent_.push_back(stateLine(task, isatty(fileno(results_))));
+        if (task.succeeded()) {
+            flushPermanent();
+            writeLine(results_, resultLine(task));
+        }
     }
     void progressed(const TaskView&) override {}
-    void note(const std::string& text) override { permanent_.push_back(text); }
+    void note(const std::string& text) override {
+        permanent_.push_back(text);
+        flushPermanent();
+    }
+    void interrupted(const std::string& text, const std::string& command) override {
+        note(text + " " + command);
+    }
 
     void tick(const std::vector<TaskView>& tasks) override {
         auto now = RateMeter::Clock::now();
@@ -229,46 +344,51 @@ class TerminalReporter : public Reporter {
         lastDraw_ = now;
         forceDraw_ = false;
 
-        std::string out = eraseLive();
-        for (const auto& line : permanent_)
-            out += clip(line) + "\n";
-        permanent_.clear();
+        std::string out = eraseLive() + takePermanent();
         size_t running = 0, queued = 0;
         std::vector<std::string> live;
         for (const auto& t : tasks) {
             if (t.state == 0) ++queued;
             if (t.state != 1) continue;
             ++running;
-            live.push_back(barLine(t.id, t.kind, t.subject, t.completedBytes, t.totalBytes,
+            std::string name = t.kind == "download" ? t.subject : baseName(t.subject);
+            live.push_back(barLine(t.id, escapeControls(name), t.completedBytes, t.totalBytes,
                                    meters_[t.id].rate()));
         }
-        if (running + queued > 0) {
-            std::string label = fmt::format("{} running, {} queued", running, queued);
-            live.push_back(barLine("total", "", label, done, total, totalMeter_.rate()));
+        if (running + queued > 0 && tasks.size() > 1) {
+            std::string label = queued == 0 ? fmt::format("{} running", running)
+                                            : fmt::format("{} running, {} queued", running, queued);
+            live.push_back(barLine("total", label, done, total, totalMeter_.rate(), false));
         }
         for (const auto& line : live)
             out += line + "\n";
         liveLines_ = live.size();
-        std::fwrite(out.data(), 1, out.size(), stream_);
-        std::fflush(stream_);
+        write(out);
     }
 
-    void summary(const std::vector<TaskView>& tasks) override {
+    void summary(const std::vector<TaskView>& tasks, const RunTotals& totals) override {
         forceDraw_ = true;
-        std::vector<TaskView> none;
-        tick(none);
-        writeLine(stream_, summaryCounts(tasks));
+        tick({});
+        writeLine(messages_, summaryText(tasks, totals));
     }
-    void close() override {
-        std::string out = eraseLive();
-        for (const auto& line : permanent_)
-            out += clip(line) + "\n";
-        permanent_.clear();
-        std::fwrite(out.data(), 1, out.size(), stream_);
-        std::fflush(stream_);
-    }
+    void close() override { flushPermanent(); }
 
   private:
+    void write(const std::string& out) {
+        std::fwrite(out.data(), 1, out.size(), messages_);
+        std::fflush(messages_);
+    }
+
+    void flushPermanent() { write(eraseLive() + takePermanent()); }
+
+    std::string takePermanent() {
+        std::string out;
+        for (const auto& line : permanent_)
+            out += line + "\n";
+        permanent_.clear();
+        return out;
+    }
+
     std::string eraseLive() {
         if (liveLines_ == 0) return {};
         std::string s = fmt::format("\x1b[{}F\x1b[J", liveLines_);
@@ -276,39 +396,40 @@ class TerminalReporter : public Reporter {
         return s;
     }
 
-    std::string clip(const std::string& line) const {
-        auto width = static_cast<size_t>(std::max(columns_ - 1, 20));
-        if (line.size() <= width) return line;
-        return line.substr(0, width - 3) + "...";
-    }
-
-    std::string barLine(const std::string& id, const std::string& kind, const std::string& name,
-                        int64_t done, int64_t total, double rate) const {
-        std::string numbers = fmt::format(" {:>10} / {:<10} {:>11}", formatBytes(done),
-                                          total >= 0 ? formatBytes(total) : "?", formatRate(rate));
+    // "ID  42% 12.0 MiB/28.6 MiB 4.20 MB/s ETA 0:04 [#####     ] name", never
+    // wider than the terminal less one column (a full line would wrap).
+    std::string barLine(const std::string& id, const std::string& name, int64_t done, int64_t total,
+                        double rate, bool keepNameEnd = true) const {
+        size_t width = static_cast<size_t>(std::max(columns_ - 1, 10));
         double eta = rate > 0 && total >= done ? static_cast<double>(total - done) / rate : -1;
-        numbers += " ETA " + formatDuration(eta);
-        std::string head = fmt::format("{:<8} {:<8} ", id, kind);
-        // The numbers always fit; the name and the bar share what is left.
-        int available = columns_ - 1 - static_cast<int>(head.size() + numbers.size()) - 3;
-        int labelWidth = std::clamp(available / 3, 8, 40);
-        int barWidth = std::max(5, available - labelWidth);
-        std::string bar(static_cast<size_t>(barWidth), ' ');
-        if (total > 0) {
-            auto filled = static_cast<int>(static_cast<double>(barWidth) *
-                                           std::min(1.0, static_cast<double>(done) / total));
-            for (int i = 0; i < filled; ++i)
-                bar[static_cast<size_t>(i)] = '#';
+        std::string percent =
+            total > 0 ? fmt::format("{:>3}%", std::min<int64_t>(100, done * 100 / total)) : "  ?%";
+        // Fixed widths keep the columns from jumping between redraws.
+        std::string numbers = fmt::format("{} {:>9}/{:<9} {:>10} ETA {:>5}", percent,
+                                          formatBytes(done), total >= 0 ? formatBytes(total) : "?",
+                                          formatRate(rate), formatDuration(eta));
+        std::string line = fmt::format("{:<6} {}", id, numbers);
+        if (line.size() > width) line = numbers;
+        if (line.size() >= width) return fitWidth(line, width, false);
+        size_t left = width - line.size() - 1;
+        // Every line of the block has the same bar width, so bars line up.
+        size_t barWidth = left >= 24 ? std::min<size_t>(30, left / 3) : 0;
+        if (barWidth > 0) {
+            std::string bar(barWidth, ' ');
+            if (total > 0) {
+                auto filled = static_cast<size_t>(static_cast<double>(barWidth) *
+                                                  std::min(1.0, static_cast<double>(done) / total));
+                std::fill(bar.begin(), bar.begin() + static_cast<long>(filled), '#');
+            }
+            line += " [" + bar + "]";
+            left -= barWidth + 3;
         }
-        std::string label = name;
-        if (static_cast<int>(label.size()) > labelWidth) {
-            label = "..." + label.substr(label.size() - static_cast<size_t>(labelWidth - 3));
-        }
-        label.resize(static_cast<size_t>(labelWidth), ' ');
-        return clip(head + label + " [" + bar + "]" + numbers);
+        if (left >= 4) line += " " + fitWidth(name, left - 1, keepNameEnd);
+        return line;
     }
 
-    FILE* stream_;
+    FILE* results_;
+    FILE* messages_;
     int columns_;
     std::vector<std::string> permanent_;
     size_t liveLines_ = 0;
@@ -320,20 +441,14 @@ class TerminalReporter : public Reporter {
 
 }  // namespace
 
-std::unique_ptr<Reporter> makeJsonReporter(FILE* stream) {
-    return std::make_unique<JsonReporter>(stream);
-}
-std::unique_ptr<Reporter> makePlainReporter(FILE* stream) {
-    return std::make_unique<PlainReporter>(stream);
-}
-std::unique_ptr<Reporter> makeTerminalReporter(FILE* stream, int columns) {
-    return std::make_unique<TerminalReporter>(stream, columns);
-}
-
-std::unique_ptr<Reporter> makeReporter(bool json, FILE* stream) {
-    if (json) return makeJsonReporter(stream);
-    if (isatty(fileno(stream))) return makeTerminalReporter(stream);
-    return makePlainReporter(stream);
+std::unique_ptr<Reporter> makeReporter(const ReporterOptions& options) {
+    if (options.json) return std::make_unique<JsonReporter>(options.results);
+    if (options.verbosity == 0 && terminalCanRedraw(options.messages)) {
+        return std::make_unique<TerminalReporter>(options.results, options.messages,
+                                                  options.columns);
+    }
+    return std::make_unique<PlainReporter>(options.results, options.messages,
+                                           options.verbosity < 0);
 }
 
 }  // namespace znv::cli

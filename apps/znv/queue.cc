@@ -13,12 +13,17 @@
 #include <future>
 #include <set>
 
+#include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/basic_file_sink.h>
 #include <nlohmann/json.hpp>
 
+#include "apps/znv/binding.h"
+#include "apps/znv/delivery.h"
+#include "apps/znv/names.h"
 #include "apps/znv/paths.h"
 #include "apps/znv/signals.h"
 #include "znv/account/reachability_manager.h"
+#include "znv/foundation/error_handler.h"
 #include "znv/foundation/log.h"
 #include "znv/platform/progress.h"
 #include "znv/platform/url_session.h"
@@ -42,20 +47,47 @@ int64_t fileSize(const std::string& path) {
     return ec ? -1 : static_cast<int64_t>(size);
 }
 
-// Moves a finished download to where the user asked for it (copying across
-// file systems). "" on success, else what went wrong.
-std::string deliverFile(const std::string& from, const std::string& to) {
-    std::error_code ec;
-    std::filesystem::rename(from, to, ec);
-    if (!ec) return {};
-    std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing, ec);
-    if (ec) return "cannot write " + to + ": " + ec.message();
-    return {};
+// The log on standard error (-v): each message on one line, with the
+// control characters of names and server texts escaped.
+class EscapingStderrSink : public spdlog::sinks::base_sink<std::mutex> {
+  protected:
+    void sink_it_(const spdlog::details::log_msg& msg) override {
+        spdlog::memory_buf_t formatted;
+        formatter_->format(msg, formatted);
+        std::string text(formatted.data(), formatted.size());
+        while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+            text.pop_back();
+        text = escapeControls(text) + "\n";
+        std::fwrite(text.data(), 1, text.size(), stderr);
+    }
+    void flush_() override { std::fflush(stderr); }
+};
+
+std::string shellQuoted(const std::string& text) {
+    if (!text.empty() &&
+        text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+                               "0123456789-_./:@%+=,") == std::string::npos) {
+        return text;
+    }
+    std::string quoted = "'";
+    for (char c : text) {
+        if (c == '\'') {
+            quoted += "'\\''";
+        } else {
+            quoted += c;
+        }
+    }
+    return quoted + "'";
+}
+
+std::string parentOf(const std::string& path) {
+    auto parent = std::filesystem::path(path).parent_path().string();
+    return parent.empty() ? std::string("/") : parent;
 }
 
 }  // namespace
 
-void routeLibraryLog() {
+void routeLibraryLog(int verbosity) {
     std::string path = logFilePath();
     std::vector<spdlog::sink_ptr> sinks;
     if (ensureDirectory(stateDirectory()).empty()) {
@@ -65,8 +97,14 @@ void routeLibraryLog() {
             // No log file: the log is dropped rather than drawn over the output.
         }
     }
+    if (verbosity >= 1) {
+        auto console = std::make_shared<EscapingStderrSink>();
+        console->set_pattern("znv: [%l] %v");
+        console->set_level(verbosity >= 2 ? spdlog::level::debug : spdlog::level::info);
+        sinks.push_back(std::move(console));
+    }
     ZNVLogSetSinks(std::move(sinks));
-    ZNVLogSetLevel(spdlog::level::info);
+    ZNVLogSetLevel(verbosity >= 2 ? spdlog::level::debug : spdlog::level::info);
     ZNVLog().flush_on(spdlog::level::warn);
 }
 
@@ -89,24 +127,31 @@ TaskIdentity identityOf(const ZNVNetworkTaskRef& task) {
 // --- Download destinations -------------------------------------------------
 
 DownloadDestinations::DownloadDestinations(const std::string& profile)
-    : path_(stateDirectory() + "/" + (profile.empty() ? std::string("default") : profile) +
-            ".downloads.json") {
+    : path_(stateDirectory() + "/" + profileIdentifier(profile) + ".downloads.json") {
     std::ifstream in(path_);
     if (!in) return;
     auto j = nlohmann::json::parse(in, nullptr, false);
     if (!j.is_object()) return;
     for (auto& [hash, value] : j.items()) {
-        if (value.is_string()) entries_[hash] = value.get<std::string>();
+        if (value.is_string()) {
+            // Written by earlier releases: a file path, replaced when it exists.
+            entries_[hash] = Destination{value.get<std::string>(), false, true};
+        } else if (value.is_object() && value.contains("path") && value["path"].is_string()) {
+            entries_[hash] =
+                Destination{value["path"].get<std::string>(), value.value("directory", false),
+                            value.value("force", false)};
+        }
     }
 }
 
-std::string DownloadDestinations::get(const std::string& hash) const {
+std::optional<Destination> DownloadDestinations::get(const std::string& hash) const {
     auto it = entries_.find(hash);
-    return it == entries_.end() ? std::string() : it->second;
+    if (it == entries_.end()) return std::nullopt;
+    return it->second;
 }
 
-void DownloadDestinations::set(const std::string& hash, const std::string& path) {
-    entries_[hash] = path;
+void DownloadDestinations::set(const std::string& hash, const Destination& destination) {
+    entries_[hash] = destination;
     save();
 }
 
@@ -117,8 +162,11 @@ void DownloadDestinations::erase(const std::string& hash) {
 void DownloadDestinations::save() const {
     if (!ensureDirectory(stateDirectory()).empty()) return;
     nlohmann::json j = nlohmann::json::object();
-    for (const auto& [hash, path] : entries_)
-        j[hash] = path;
+    for (const auto& [hash, destination] : entries_) {
+        j[hash] = {{"path", destination.path},
+                   {"directory", destination.directory},
+                   {"force", destination.force}};
+    }
     std::string temporary = path_ + ".tmp";
     {
         std::ofstream out(temporary, std::ios::trunc);
@@ -173,6 +221,7 @@ TaskView viewOf(const QueueEntry& entry) {
     view.id = entry.id;
     view.state = task->state();
     view.error = errorText(task->error());
+    if (view.error.empty()) view.retryError = errorText(task->rawError());
     double fraction = 0;
     if (auto progress = task->progress(); progress && progress->totalUnitCount() > 0) {
         fraction = std::clamp(progress->fractionCompleted(), 0.0, 1.0);
@@ -182,6 +231,7 @@ TaskView viewOf(const QueueEntry& entry) {
         auto source = upload->sourceURL();
         view.subject = source ? source->path() : upload->remoteFilename();
         view.remoteFileID = upload->remoteFileID();
+        view.whole = !upload->forceChunkUploading() && upload->canUploadFullFile();
         auto size = static_cast<int64_t>(upload->sourceFileSize());
         view.totalBytes = size;
         view.completedBytes = std::llround(fraction * static_cast<double>(size));
@@ -226,13 +276,100 @@ void QueueFile::save() {
 
 // --- TransferSession ---------------------------------------------------------
 
+// What observers saw between two turns of the run loop: every state a task
+// went through, and the URL session task of each download as it starts, so
+// that the HTTP status and the headers can be read once the download has
+// detached from it.
+struct TransferSession::Observed {
+    std::mutex mutex;
+    struct Step {
+        uint64_t state;
+        std::string retryError;  // the error the task will retry after; empty: none
+    };
+    std::map<const ZNVNetworkTask*, std::vector<Step>> states;  // guarded by mutex
+    std::map<const ZNVNetworkTask*, std::shared_ptr<ZNVURLSessionTask>> sessionTask;  // guarded
+};
+
 TransferSession::TransferSession(GlobalOptions global)
-    : global_(std::move(global)), destinations_(global_.profile) {}
+    : global_(std::move(global)),
+      destinations_(global_.profile),
+      observed_(std::make_shared<Observed>()) {}
+
+void TransferSession::observe(const ZNVNetworkTaskRef& task) {
+    for (const auto& [observedTask, token] : observations_) {
+        if (observedTask == task) return;
+    }
+    bool isDownload = std::dynamic_pointer_cast<ZNVNetworkDownload>(task) != nullptr;
+    std::weak_ptr<ZNVNetworkTask> weakTask = task;
+    auto remember = [weakTask, observed = observed_, isDownload](const ZNVKeyValueChangeRecord&) {
+        auto strong = weakTask.lock();
+        if (!strong) return;
+        uint64_t state = strong->state();
+        std::string retryError;
+        if (auto raw = strong->rawError(); raw && !strong->error()) {
+            retryError = raw->localizedDescription();
+        }
+        auto sessionTask = isDownload ? strong->task() : nullptr;
+        std::lock_guard lock(observed->mutex);
+        observed->states[strong.get()].push_back({state, std::move(retryError)});
+        if (sessionTask) observed->sessionTask[strong.get()] = std::move(sessionTask);
+    };
+    observations_.emplace_back(task, task->addObserver("state", remember));
+}
+
+void TransferSession::stopObserving(const ZNVNetworkTaskRef& task) {
+    for (auto it = observations_.begin(); it != observations_.end(); ++it) {
+        if (it->first == task) {
+            task->removeObserver(it->second);
+            observations_.erase(it);
+            std::lock_guard lock(observed_->mutex);
+            observed_->states.erase(task.get());
+            observed_->sessionTask.erase(task.get());
+            return;
+        }
+    }
+}
 
 TransferSession::~TransferSession() = default;
 
+std::vector<int64_t> archivedUnfinishedTasks(const std::string& profile) {
+    std::vector<int64_t> starts;
+    std::ifstream in(stateFilePath(profile), std::ios::binary);
+    if (!in) return starts;
+    auto document = nlohmann::json::parse(in, nullptr, false);
+    // Every archived task is an object with a "$class" and a "start date".
+    std::vector<const nlohmann::json*> pending = {&document};
+    while (!pending.empty()) {
+        const nlohmann::json* node = pending.back();
+        pending.pop_back();
+        if (node->is_object() && node->contains("$class") && node->contains("start date")) {
+            const auto& date = (*node)["start date"];
+            const auto* state = node->contains("state") ? &(*node)["state"] : nullptr;
+            bool finished = state && state->is_string() && *state == "completed";
+            if (!finished && date.is_object() && date.contains("$date") &&
+                date["$date"].is_number()) {
+                starts.push_back(std::llround(date["$date"].get<double>() * 1e6));
+            }
+            continue;
+        }
+        if (node->is_structured()) {
+            for (const auto& child : *node)
+                pending.push_back(&child);
+        }
+    }
+    return starts;
+}
+
 TransferSession* TransferSession::open(const GlobalOptions& global, std::string* error,
-                                       const std::string& emulatorDataDir) {
+                                       int* exitStatus, const std::string& emulatorDataDir) {
+    *exitStatus = kExitFailed;
+    if (std::string refused = bindProfile(
+            global.profile, global.server.empty() ? std::string(kBuiltInServer) : global.server);
+        !refused.empty()) {
+        *error = refused;
+        if (refused.rfind("cannot", 0) != 0) *exitStatus = kExitUsage;
+        return nullptr;
+    }
     std::unique_ptr<TransferSession> session(new TransferSession(global));
     std::string baseURL = global.server;
     if (global.offline) {
@@ -253,6 +390,7 @@ TransferSession* TransferSession::open(const GlobalOptions& global, std::string*
             baseURL = session->emulator_.baseURL();
         }
     }
+    session->baseURL_ = baseURL;
     session->account_ =
         ZNVTokenAccount::createWithToken(configurationFor(baseURL, global.profile), global.token);
     session->storage_ = ZNVStorage::storageForAccount(session->account_);
@@ -273,7 +411,7 @@ std::shared_ptr<ZNVStorageUpload> TransferSession::addUpload(const std::string& 
 }
 
 std::shared_ptr<ZNVNetworkDownload> TransferSession::addDownload(const std::string& url,
-                                                                 const std::string& output,
+                                                                 const Destination& destination,
                                                                  std::string* error) {
     auto remote = ZNVURL::fromString(url);
     auto download = remote ? storage_->downloadFromRemoteFile(*remote) : nullptr;
@@ -281,8 +419,16 @@ std::shared_ptr<ZNVNetworkDownload> TransferSession::addDownload(const std::stri
         *error = "cannot download " + url + " (see " + logFilePath() + ")";
         return nullptr;
     }
-    destinations_.set(fullTaskHash(identityOf(download)), output);
+    observe(download);
+    destinations_.set(fullTaskHash(identityOf(download)), destination);
     return download;
+}
+
+std::string TransferSession::resumeCommand() const {
+    std::string command = "znv";
+    if (!global_.profile.empty()) command += " --profile " + shellQuoted(global_.profile);
+    if (!global_.server.empty()) command += " --server " + shellQuoted(global_.server);
+    return command + " resume";
 }
 
 void TransferSession::save() {
@@ -303,16 +449,19 @@ namespace {
 // What the run knows about one task beyond what the library tells.
 struct Tracked {
     QueueEntry entry;
+    bool counted = false;       // its outcome decides the exit status
     std::string reportedState;  // last state name reported
     int64_t reportedBytes = -1;
+    int64_t startBytes = 0;  // completed bytes when the run began
     std::chrono::steady_clock::time_point lastProgressEvent{};
     int64_t knownTotal = -1;  // largest total seen (downloads learn it late)
-    bool finalizing = false;  // completed; waiting for the content URL or delivery
+    bool finalizing = false;  // finished; waiting for the content URL or delivery
     bool final = false;       // completion reported
     std::chrono::steady_clock::time_point finalizingSince{};
     std::string contentURL;
-    std::string output;
-    std::string extraError;  // a failure znv found (HTTP status, delivery)
+    std::optional<Destination> destination;  // downloads
+    std::string output;                      // where a download is, or goes
+    std::string extraError;                  // a failure znv found (HTTP status, delivery)
     bool urlRequested = false;
 };
 
@@ -322,19 +471,15 @@ struct Lookups {
     std::map<std::string, std::optional<std::string>> urls;  // guarded by mutex; file ID -> URL
 };
 
-// What observers saw between two turns of the loop: every state a task went
-// through (a short transfer may start and end between turns), and the URL
-// session task of each download as it starts, so that the HTTP status can be
-// checked once the download has detached from it.
-struct Observed {
-    std::mutex mutex;
-    std::map<const ZNVNetworkTask*, std::vector<uint64_t>> states;  // guarded by mutex
-    std::map<const ZNVNetworkTask*, std::shared_ptr<ZNVURLSessionTask>> sessionTask;  // guarded
-};
+bool unfinished(const ZNVNetworkTaskRef& task) {
+    // A completed task with an error it will still retry is not finished.
+    return task->state() != ZNVNetworkTaskStateCompleted || (!task->error() && task->rawError());
+}
 
 }  // namespace
 
-RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkTaskRef>& tasks) {
+RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkTaskRef>& tasks,
+                               bool countAll) {
     using Clock = std::chrono::steady_clock;
     auto started = Clock::now();
     RunResult result;
@@ -344,12 +489,11 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
     std::vector<ZNVNetworkTaskRef> runTasks = tasks;
     for (const auto& task : storage_->tasks()) {
         bool listed = std::find(runTasks.begin(), runTasks.end(), task) != runTasks.end();
-        if (!listed && task->state() != ZNVNetworkTaskStateCompleted) runTasks.push_back(task);
+        if (!listed && unfinished(task)) runTasks.push_back(task);
     }
 
     auto lookups = std::make_shared<Lookups>();
-    auto observed = std::make_shared<Observed>();
-    std::vector<std::pair<ZNVNetworkTaskRef, ZNVObserverToken>> observations;
+    auto observed = observed_;
     std::vector<Tracked> tracked;
     {
         auto entries = queueEntries(storage_->tasks());
@@ -359,19 +503,13 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             if (it == entries.end()) continue;
             Tracked t;
             t.entry = *it;
+            t.counted = countAll || std::find(tasks.begin(), tasks.end(), task) != tasks.end();
             bool isDownload = std::dynamic_pointer_cast<ZNVNetworkDownload>(task) != nullptr;
-            if (isDownload) t.output = destinations_.get(it->hash);
-            std::weak_ptr<ZNVNetworkTask> weakTask = task;
-            auto remember = [weakTask, observed, isDownload](const ZNVKeyValueChangeRecord&) {
-                auto strong = weakTask.lock();
-                if (!strong) return;
-                uint64_t state = strong->state();
-                auto sessionTask = isDownload ? strong->task() : nullptr;
-                std::lock_guard lock(observed->mutex);
-                observed->states[strong.get()].push_back(state);
-                if (sessionTask) observed->sessionTask[strong.get()] = std::move(sessionTask);
-            };
-            observations.emplace_back(task, task->addObserver("state", remember));
+            if (isDownload) {
+                t.destination = destinations_.get(it->hash);
+                if (t.destination) t.output = t.destination->path;
+            }
+            observe(task);
             tracked.push_back(std::move(t));
         }
     }
@@ -382,15 +520,55 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         if (view.totalBytes < 0) view.totalBytes = t.knownTotal;
         view.output = t.output;
         view.contentURL = t.contentURL;
-        if (!t.extraError.empty()) view.error = t.extraError;
+        if (!t.extraError.empty()) {
+            view.error = t.extraError;
+            view.retryError.clear();
+        }
         if (view.kind == "download" && view.succeeded() && t.final) {
             view.totalBytes = view.completedBytes = fileSize(t.output);
         }
         return view;
     };
 
+    // Puts a finished download where the user asked for it; "" or what failed.
+    auto deliver = [&](Tracked& t, const std::shared_ptr<ZNVURLSessionTask>& sessionTask) {
+        auto response = sessionTask ? sessionTask->response() : nullptr;
+        auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(t.entry.task);
+        auto local = download->localFileURL();
+        if (response && response->statusCode() >= 400) {
+            return "the server answered HTTP " + std::to_string(response->statusCode());
+        }
+        if (!local) return std::string("the download finished without a file");
+        if (!t.destination) return std::string("no destination recorded for this download");
+        std::string directory = t.destination->path, name;
+        if (t.destination->directory) {
+            auto source = download->sourceURL();
+            std::string disposition;
+            if (response) {
+                disposition = response->valueForHTTPHeaderField("Content-Disposition").value_or("");
+            }
+            std::string serverName;
+            if (safeFileName(contentDispositionFilename(disposition)).empty() && source) {
+                auto base = ZNVURL::fromString(baseURL_);
+                if (base) {
+                    serverName = fetchServiceFileName(*base, global_.token, *source,
+                                                      std::chrono::seconds(5));
+                }
+            }
+            name = chooseDownloadName(disposition, serverName, source ? *source : ZNVURL());
+        } else {
+            directory = parentOf(t.destination->path);
+            name = std::filesystem::path(t.destination->path).filename().string();
+        }
+        Delivered delivered = deliverDownload(local->path(), directory, name, t.destination->force);
+        if (!delivered.error.empty()) return delivered.error;
+        t.output = delivered.path;
+        return std::string();
+    };
+
     for (auto& t : tracked) {
         TaskView view = viewFor(t);
+        t.startBytes = view.completedBytes;
         reporter.taskAdded(view);
         t.reportedState = "queued";
         if (stateName(view) == "running") {
@@ -405,7 +583,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         for (auto& t : tracked)
             views.push_back(viewFor(t));
         reporter.note("offline: " + std::to_string(tracked.size()) +
-                      " task(s) queued; start them with: znv resume");
+                      " task(s) queued; start them with: " + resumeCommand());
         result.tasks = views;
         result.exitStatus = kExitOK;
         return result;
@@ -418,8 +596,9 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         if (signal != 0) {
             reporter.close();
             save();
-            reporter.note(std::string(signal == SIGINT ? "interrupted" : "terminated") +
-                          "; the queue is saved. Continue with: znv resume");
+            reporter.interrupted(std::string(signal == SIGINT ? "interrupted" : "terminated") +
+                                     "; the queue is saved. Continue with:",
+                                 resumeCommand());
             result.exitStatus = exitStatusForSignal(signal);
             for (auto& t : tracked)
                 result.tasks.push_back(viewFor(t));
@@ -431,16 +610,29 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         for (auto& t : tracked) {
             // States passed through since the last turn, reported in order
             // (completion is reported below, once it is final).
-            std::vector<uint64_t> passed;
+            std::vector<Observed::Step> passed;
             {
+                // A download still attached to its URL session task. Asked
+                // before taking the mutex: observers take it under the task's
+                // lock.
+                auto sessionTask = std::dynamic_pointer_cast<ZNVNetworkDownload>(t.entry.task)
+                                       ? t.entry.task->task()
+                                       : nullptr;
                 std::lock_guard lock(observed->mutex);
                 passed.swap(observed->states[t.entry.task.get()]);
+                if (sessionTask) observed->sessionTask[t.entry.task.get()] = std::move(sessionTask);
             }
-            for (uint64_t state : passed) {
-                if (state == ZNVNetworkTaskStateCompleted) continue;
+            for (const auto& passedStep : passed) {
+                // A task that stops with an error it will retry waits to
+                // retry; its final completion is reported below.
+                bool retrying = !passedStep.retryError.empty();
+                if (t.final || (passedStep.state == ZNVNetworkTaskStateCompleted && !retrying)) {
+                    continue;
+                }
                 TaskView step = viewFor(t);
-                step.state = state;
+                step.state = passedStep.state;
                 step.error.clear();
+                step.retryError = passedStep.retryError;
                 if (stateName(step) != t.reportedState) {
                     reporter.stateChanged(step);
                     t.reportedState = stateName(step);
@@ -451,7 +643,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             std::string name = stateName(view);
             if (name == "running") anyRunning = true;
 
-            if (!t.final && view.state == ZNVNetworkTaskStateCompleted && !t.finalizing) {
+            if (!t.final && (view.succeeded() || view.failed()) && !t.finalizing) {
                 t.finalizing = true;
                 t.finalizingSince = now;
                 if (view.kind == "download" && view.succeeded()) {
@@ -461,20 +653,18 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
                         auto it = observed->sessionTask.find(t.entry.task.get());
                         if (it != observed->sessionTask.end()) sessionTask = it->second;
                     }
-                    auto response = sessionTask ? sessionTask->response() : nullptr;
-                    auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(t.entry.task);
-                    auto local = download->localFileURL();
-                    if (response && response->statusCode() >= 400) {
-                        t.extraError =
-                            "the server answered HTTP " + std::to_string(response->statusCode());
-                    } else if (!local) {
-                        t.extraError = "the download finished without a file";
-                    } else if (t.output.empty()) {
-                        t.extraError = "no destination recorded for this download";
+                    t.extraError = deliver(t, sessionTask);
+                    if (t.extraError.empty()) {
+                        destinations_.erase(t.entry.hash);
                     } else {
-                        t.extraError = deliverFile(local->path(), t.output);
+                        // The library saw a finished transfer; the queue must
+                        // say it failed, or `status` and later runs would
+                        // call it completed.
+                        bool http = t.extraError.rfind("the server answered", 0) == 0;
+                        t.entry.task->setRawError(ZNVNetworkErrorHandler_createURLError(
+                            http ? NSURLErrorBadServerResponse : NSURLErrorCannotCreateFile,
+                            t.extraError));
                     }
-                    if (t.extraError.empty()) destinations_.erase(t.entry.hash);
                 }
                 if (view.kind == "upload" && view.succeeded() && !view.remoteFileID.empty()) {
                     t.urlRequested = true;
@@ -513,7 +703,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
                 t.lastProgressEvent = now;
                 lastActivity = now;
             }
-            bool reportable = view.state != ZNVNetworkTaskStateCompleted || t.final;
+            bool reportable = !(view.succeeded() || view.failed()) || t.final;
             if (reportable && name != t.reportedState) {
                 reporter.stateChanged(view);
                 t.reportedState = name;
@@ -534,17 +724,21 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             lastActivity = now;
         }
     }
-    for (auto& [task, token] : observations)
-        task->removeObserver(token);
+    for (auto& t : tracked)
+        stopObserving(t.entry.task);
 
+    result.seconds = std::chrono::duration<double>(Clock::now() - started).count();
     if (result.exitStatus == kExitOK) {
         save();
-        reporter.summary(result.tasks);
-        for (const auto& view : result.tasks) {
-            if (!view.succeeded()) result.exitStatus = kExitFailed;
+        RunTotals totals;
+        totals.seconds = result.seconds;
+        for (size_t i = 0; i < tracked.size() && i < result.tasks.size(); ++i) {
+            totals.bytes +=
+                std::max<int64_t>(0, result.tasks[i].completedBytes - tracked[i].startBytes);
+            if (tracked[i].counted && !result.tasks[i].succeeded()) result.exitStatus = kExitFailed;
         }
+        reporter.summary(result.tasks, totals);
     }
-    result.seconds = std::chrono::duration<double>(Clock::now() - started).count();
     return result;
 }
 

@@ -31,24 +31,34 @@
 
 namespace znv::cli {
 
-// Sends the library's log to znv's log file (never to the terminal).
-void routeLibraryLog();
+// Sends the library's log to znv's log file, and with -v (info) or -vv
+// (debug) to standard error as well, with control characters escaped.
+void routeLibraryLog(int verbosity);
 
 TaskIdentity identityOf(const ZNVNetworkTaskRef& task);
 
-// Where pending downloads of a profile are delivered (task hash -> path),
-// kept beside the log because the library's download task has no such field.
+// Where a pending download is delivered: into a directory under the name
+// the server or the URL suggests, or to the path the user gave.
+struct Destination {
+    std::string path;        // absolute
+    bool directory = false;  // `path` is the directory to write into
+    bool force = false;      // replace an existing file instead of numbering the new one
+};
+
+// Where pending downloads of a profile are delivered (task hash ->
+// destination), kept beside the log because the library's download task has
+// no such field.
 class DownloadDestinations {
   public:
     explicit DownloadDestinations(const std::string& profile);
-    std::string get(const std::string& hash) const;
-    void set(const std::string& hash, const std::string& path);
+    std::optional<Destination> get(const std::string& hash) const;
+    void set(const std::string& hash, const Destination& destination);
     void erase(const std::string& hash);
 
   private:
     void save() const;
     std::string path_;
-    std::map<std::string, std::string> entries_;
+    std::map<std::string, Destination> entries_;
 };
 
 struct QueueEntry {
@@ -86,13 +96,20 @@ struct RunResult {
     double seconds = 0;
 };
 
+// The start times (microseconds, as TaskIdentity keeps them) of the tasks the
+// profile's state file holds as unfinished, read without the library; empty
+// when there is no readable state file.
+std::vector<int64_t> archivedUnfinishedTasks(const std::string& profile);
+
 class TransferSession {
   public:
     // Starts the embedded emulator unless --server was given (with `dataDir`
     // overriding its data directory), then the account and the storage
-    // manager of the profile. None with a message on failure.
+    // manager of the profile. The profile must be bound to this server (or
+    // unbound: it is bound now). None with a message and the exit status on
+    // failure (2 for a server the profile is not bound to).
     // The session lives until the process ends.
-    static TransferSession* open(const GlobalOptions& global, std::string* error,
+    static TransferSession* open(const GlobalOptions& global, std::string* error, int* exitStatus,
                                  const std::string& emulatorDataDir = {});
     ~TransferSession();
 
@@ -103,24 +120,41 @@ class TransferSession {
     std::shared_ptr<ZNVStorageUpload> addUpload(const std::string& path, const std::string& name,
                                                 bool video, bool forceChunks, std::string* error);
     std::shared_ptr<ZNVNetworkDownload> addDownload(const std::string& url,
-                                                    const std::string& output, std::string* error);
+                                                    const Destination& destination,
+                                                    std::string* error);
 
     // Runs until none of `tasks` (and no other unfinished task of the queue)
     // is queued or running, reporting as it goes; on SIGINT/SIGTERM saves the
-    // queue and returns 130/143. With --offline it only saves and reports.
-    RunResult run(Reporter& reporter, const std::vector<ZNVNetworkTaskRef>& tasks);
+    // queue, prints the command that continues and returns 130/143. With
+    // --offline it only saves and reports. The exit status counts `tasks`
+    // only, or every task of the run with `countAll` (resume): an unrelated
+    // task of the queue does not change the outcome of a command.
+    RunResult run(Reporter& reporter, const std::vector<ZNVNetworkTaskRef>& tasks,
+                  bool countAll = false);
+
+    // "znv [--profile P] [--server URL] resume", quoted for a shell.
+    std::string resumeCommand() const;
 
     // Saves the queue and waits until the state file is written.
     void save();
 
   private:
     explicit TransferSession(GlobalOptions global);
+    // Starts recording the states `task` passes through (and the URL session
+    // task of a download) from now on; a short download may start and end
+    // before the run loop looks at it.
+    void observe(const ZNVNetworkTaskRef& task);
+    void stopObserving(const ZNVNetworkTaskRef& task);
 
     GlobalOptions global_;
+    std::string baseURL_;  // the service the session talks to
     EmbeddedEmulator emulator_;
     std::shared_ptr<ZNVTokenAccount> account_;
     std::shared_ptr<ZNVStorage> storage_;
     DownloadDestinations destinations_;
+    struct Observed;
+    std::shared_ptr<Observed> observed_;
+    std::vector<std::pair<ZNVNetworkTaskRef, ZNVObserverToken>> observations_;
 };
 
 }  // namespace znv::cli

@@ -7,7 +7,9 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <regex>
 #include <set>
+#include <sstream>
 
 #include "apps/emulator/emulator.h"
 #include "tests/cli/znv_process.h"
@@ -126,9 +128,40 @@ size_t countEndingWith(const std::vector<std::string>& list, const std::string& 
     return n;
 }
 
+// Every line of --json output is one event with the same members: event,
+// task, kind, state, completed, total (null where they do not apply), a UTC
+// time, and an error exactly when the state says something went wrong.
+void expectEventSchema(const ZnvRun& run) {
+    static const std::regex time(
+        "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z");
+    std::istringstream in(run.out);
+    size_t count = 0;
+    for (std::string line; std::getline(in, line); ++count) {
+        auto e = nlohmann::json::parse(line, nullptr, false);
+        ASSERT_TRUE(e.is_object()) << line;
+        for (const char* key : {"event", "task", "kind", "state", "completed", "total", "time"}) {
+            EXPECT_TRUE(e.contains(key)) << key << " missing: " << line;
+        }
+        EXPECT_TRUE(std::regex_match(e.value("time", ""), time)) << line;
+        std::string state = e["state"].is_string() ? e["state"].get<std::string>() : "";
+        bool wrong = state == "failed" || state == "retrying";
+        if (!e["task"].is_null()) {
+            EXPECT_TRUE(e["kind"] == "upload" || e["kind"] == "download") << line;
+            EXPECT_TRUE(e["completed"].is_number_integer()) << line;
+            EXPECT_TRUE(e["total"].is_number_integer() || e["total"].is_null()) << line;
+            EXPECT_EQ(e.contains("error"), wrong) << line;
+        }
+        if (e["event"] == "queued") {
+            EXPECT_EQ(state, "queued") << line;
+        }
+    }
+    EXPECT_GT(count, 0u);
+}
+
 // Checks the event stream of one task: queued, running, progress that only
 // grows up to the total, then completed, then the summary.
 void expectOrderlyTaskEvents(const ZnvRun& run, const std::string& file, int64_t size) {
+    expectEventSchema(run);
     auto events = run.events();
     ASSERT_FALSE(events.empty()) << run.out << run.err;
     EXPECT_EQ(events.front().value("event", ""), "queued");
@@ -199,19 +232,24 @@ TEST_F(ZnvCliTest, UploadAndDownloadReportEachStepAsJsonLines) {
     ASSERT_EQ(whole.status, 0) << whole.out << whole.err;
     EXPECT_EQ(countEndingWith(successfulRequests(), "/fullfile"), 1u);
     // Plain lines when the output is not a terminal: no escape sequences.
-    EXPECT_EQ(whole.out.find('\x1b'), std::string::npos);
-    EXPECT_NE(whole.out.find("completed"), std::string::npos) << whole.out;
+    EXPECT_EQ(whole.err.find('\x1b'), std::string::npos);
+    EXPECT_NE(whole.err.find("completed"), std::string::npos) << whole.err;
 }
 
 TEST_F(ZnvCliTest, FailuresEndWithStatus1AndTheirError) {
     std::string server = startEmulator();
     ZnvUser user;
     std::string copy = files_ + "/never.bin";
-    ZnvRun missing = user.run({"--server", server, "download",
+    ZnvRun missing = user.run({"--server", server, "--json", "download",
                                emulator_->rootURL() + "content/no-such-file", "-o", copy});
     EXPECT_EQ(missing.status, 1) << missing.out << missing.err;
     EXPECT_NE(missing.err.find("404"), std::string::npos) << missing.err;
     EXPECT_FALSE(std::filesystem::exists(copy)) << "an error page is not the file";
+    expectEventSchema(missing);
+    ASSERT_EQ(missing.events("summary").size(), 1u);
+    EXPECT_EQ(missing.events("summary")[0].value("state", ""), "failed");
+    ZnvRun status = user.run({"--json", "status"});
+    expectEventSchema(status);
 
     ZnvRun wrongToken =
         user.run({"--server", server, "--token", "not-the-token", "upload", file("t.bin", 100)});

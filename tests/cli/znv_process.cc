@@ -1,5 +1,7 @@
 #include "tests/cli/znv_process.h"
 
+#include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -57,7 +59,7 @@ ZnvUser::ZnvUser() {
     env_["ZNV_TOKEN"] = "";
 }
 
-pid_t ZnvUser::start(const std::vector<std::string>& args) {
+std::vector<std::string> ZnvUser::environment() const {
     std::vector<std::string> environment;
     for (char** e = environ; *e != nullptr; ++e) {
         std::string entry = *e;
@@ -67,9 +69,73 @@ pid_t ZnvUser::start(const std::vector<std::string>& args) {
     for (const auto& [name, value] : env_) {
         if (!value.empty()) environment.push_back(name + "=" + value);
     }
+    return environment;
+}
+
+namespace {
+
+[[noreturn]] void execZnv(const std::vector<std::string>& args,
+                          std::vector<std::string> environment) {
+    // The test runner may block signals; the child starts clean.
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
     std::vector<std::string> argv = {znvPath()};
     argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<char*> cargv, cenv;
+    for (auto& a : argv)
+        cargv.push_back(a.data());
+    cargv.push_back(nullptr);
+    for (auto& e : environment)
+        cenv.push_back(e.data());
+    cenv.push_back(nullptr);
+    execve(cargv[0], cargv.data(), cenv.data());
+    _exit(127);
+}
 
+}  // namespace
+
+ZnvRun ZnvUser::runOnTerminal(const std::vector<std::string>& args, int columns,
+                              const std::function<bool(const std::string&)>& interruptWhen,
+                              std::chrono::seconds timeout) {
+    winsize size{};
+    size.ws_col = static_cast<unsigned short>(columns);
+    size.ws_row = 40;
+    int master = -1;
+    auto environment = this->environment();
+    pid_t pid = forkpty(&master, nullptr, nullptr, &size);
+    if (pid == 0) execZnv(args, environment);
+    ZnvRun run;
+    if (pid < 0) return run;
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    bool interrupted = false;
+    for (;;) {
+        pollfd p{master, POLLIN, 0};
+        int ready = ::poll(&p, 1, 100);
+        if (ready > 0) {
+            char buffer[4096];
+            ssize_t n = ::read(master, buffer, sizeof buffer);
+            if (n <= 0) break;  // EIO once the child and its terminal are gone
+            run.out.append(buffer, static_cast<size_t>(n));
+        }
+        if (!interrupted && interruptWhen && interruptWhen(run.out)) {
+            kill(pid, SIGINT);
+            interrupted = true;
+        }
+        if (std::chrono::steady_clock::now() > deadline) {
+            kill(pid, SIGKILL);
+            break;
+        }
+    }
+    ::close(master);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return run;
+}
+
+pid_t ZnvUser::start(const std::vector<std::string>& args) {
+    auto environment = this->environment();
     pid_t pid = fork();
     if (pid == 0) {
         int out = ::open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
@@ -78,25 +144,17 @@ pid_t ZnvUser::start(const std::vector<std::string>& args) {
         dup2(err, 2);
         int devnull = ::open("/dev/null", O_RDONLY);
         dup2(devnull, 0);
-        // The test runner may block signals; the child starts clean.
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        std::vector<char*> cargv, cenv;
-        for (auto& a : argv)
-            cargv.push_back(a.data());
-        cargv.push_back(nullptr);
-        for (auto& e : environment)
-            cenv.push_back(e.data());
-        cenv.push_back(nullptr);
-        execve(cargv[0], cargv.data(), cenv.data());
-        _exit(127);
+        execZnv(args, std::move(environment));
     }
     return pid;
 }
 
 std::string ZnvUser::outSoFar() const {
     return readFile(outPath_);
+}
+
+std::string ZnvUser::errSoFar() const {
+    return readFile(errPath_);
 }
 
 ZnvRun ZnvUser::finish(pid_t pid, std::chrono::seconds timeout) {

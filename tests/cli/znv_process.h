@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -39,10 +40,19 @@ class ZnvUser {
 
     // Starts znv and returns at once; `finish` waits for it.
     pid_t start(const std::vector<std::string>& args);
+
+    // Runs znv on a pseudo-terminal `columns` wide (standard input, output and
+    // error all on it) and returns everything it wrote there in `out`. When
+    // `interruptWhen` returns true for the output so far, znv gets SIGINT.
+    ZnvRun runOnTerminal(const std::vector<std::string>& args, int columns,
+                         const std::function<bool(const std::string&)>& interruptWhen = {},
+                         std::chrono::seconds timeout = std::chrono::seconds(120));
     std::string outSoFar() const;
+    std::string errSoFar() const;
     ZnvRun finish(pid_t pid, std::chrono::seconds timeout = std::chrono::seconds(180));
 
   private:
+    std::vector<std::string> environment() const;
     std::string home_;
     std::string outPath_;
     std::string errPath_;

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "znv/foundation/error_handler.h"
@@ -164,7 +165,14 @@ void ZNVNetworkDownload::handleDownloadedFile(const ZNVURL& temporaryURL) {
     }
     const std::optional<ZNVURL> source = sourceURL();
     std::string extension = source ? source->pathExtension() : std::string();
-    if (extension.empty()) extension = "download";
+    // The extension comes from the URL (percent-decoded): it may hold "/",
+    // NUL or control characters. Only a short run of ASCII letters and digits
+    // is kept, so that the name stays one plain component of the file area.
+    const bool plainExtension =
+        extension.size() <= 16 && std::all_of(extension.begin(), extension.end(), [](char c) {
+            return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+        });
+    if (extension.empty() || !plainExtension) extension = "download";
     const std::string name = fmt::format("download-{}.{}", ZNVUUIDString(), extension);
     const std::optional<ZNVURL> destination = ZNVNetworkUtilities_libraryURLWithFileName(name);
     if (!destination) return;

@@ -1,0 +1,77 @@
+#include "apps/znv/binding.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+#include "apps/znv/names.h"
+#include "znv/foundation/network_utilities.h"
+#include "znv/platform/filesystem.h"
+
+namespace znv::cli {
+namespace {
+
+std::string libraryFile(const std::string& profile, const std::string& suffix) {
+    auto url = ZNVNetworkUtilities_libraryURLWithFileName(profileIdentifier(profile) + suffix);
+    return url ? url->path() : std::string();
+}
+
+std::string describe(const std::string& server) {
+    return server == kBuiltInServer ? std::string("the built-in emulator") : server;
+}
+
+}  // namespace
+
+std::string profileIdentifier(const std::string& profile) {
+    return profile.empty() ? std::string("live") : profile;
+}
+
+std::string stateFilePath(const std::string& profile) {
+    return libraryFile(profile, ".state");
+}
+
+std::string bindingFilePath(const std::string& profile) {
+    return libraryFile(profile, ".server");
+}
+
+std::string boundServer(const std::string& profile) {
+    std::ifstream in(bindingFilePath(profile));
+    std::string line;
+    std::getline(in, line);
+    return line;
+}
+
+std::string bindProfile(const std::string& profile, const std::string& server) {
+    std::string bound = boundServer(profile);
+    if (bound == server) return {};
+    std::string name = profileIdentifier(profile);
+    if (!bound.empty()) {
+        std::string use =
+            bound == kBuiltInServer ? std::string("leave out --server") : "use --server " + bound;
+        return escapeControls("profile \"" + name + "\" is bound to " + describe(bound) +
+                              ", not to " + describe(server) + "; " + use +
+                              ", or give this server a queue of its own with --profile NAME");
+    }
+    std::string path = bindingFilePath(profile);
+    ZNVErrorRef error;
+    if (path.empty() ||
+        !ZNVCreateDirectories(std::filesystem::path(path).parent_path().string(), 0700, &error)) {
+        return "cannot remember the server of profile \"" + name + "\"";
+    }
+    std::string temporary = path + ".tmp";
+    int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    std::string line = server + "\n";
+    bool ok = fd >= 0 && ::write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+    ok = ok && ::fsync(fd) == 0;
+    if (fd >= 0) ::close(fd);
+    if (!ok || std::rename(temporary.c_str(), path.c_str()) != 0) {
+        ::unlink(temporary.c_str());
+        return "cannot write " + path;
+    }
+    return {};
+}
+
+}  // namespace znv::cli

@@ -1,0 +1,211 @@
+// What znv prints, where, and how it looks: results on standard output,
+// everything for people on standard error, a live view that fits the
+// terminal, and the command that continues an interrupted run.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <regex>
+#include <sstream>
+
+#include "apps/emulator/emulator.h"
+#include "tests/cli/znv_process.h"
+#include "tests/support/test_support.h"
+
+#if __has_include("znv/managers/storage.h")
+
+namespace znv::test {
+namespace {
+
+constexpr uint64_t kChunk = 4194304;
+
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> list;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        list.push_back(line);
+    return list;
+}
+
+// The text a terminal shows for one line of output: CSI sequences and
+// carriage returns removed.
+std::string visible(const std::string& line) {
+    static const std::regex csi("\x1b\\[[0-9;?]*[A-Za-z]");
+    std::string text = std::regex_replace(line, csi, "");
+    text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
+    return text;
+}
+
+class ZnvOutputTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        files_ = makeTempDir("files");
+        std::string error;
+        ASSERT_TRUE(emulator_.start(&error)) << error;
+        server_ = emulator_.baseURL();
+    }
+
+    std::string file(const std::string& name, uint64_t size) {
+        std::string path = files_ + "/" + name;
+        writePatternFile(path, size, static_cast<uint32_t>(name.size()));
+        return path;
+    }
+
+    void throttleChunks(int bytesPerSecond) {
+        ASSERT_TRUE(emulator_.addFault({{"method", "PUT"},
+                                        {"path", "/api/files/*"},
+                                        {"action", "throttle"},
+                                        {"bytesPerSecond", bytesPerSecond}}));
+    }
+
+    std::string files_;
+    std::string server_;
+    emulator::Emulator emulator_;
+};
+
+TEST_F(ZnvOutputTest, ResultsGoToStdoutAndEverythingElseToStderr) {
+    ZnvUser user;
+    ZnvRun version = user.run({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_TRUE(std::regex_search(version.out, std::regex("^znv [0-9]+\\.[0-9]+\\.[0-9]+\n")))
+        << version.out;
+    EXPECT_NE(version.out.find("\nlibcurl "), std::string::npos) << version.out;
+    EXPECT_EQ(version.err, "");
+
+    ZnvRun help = user.run({"--help"});
+    EXPECT_EQ(help.status, 0);
+    for (const char* needed : {"Exit status", "130", "~/Library/Network/PROFILE.state", "\"live\"",
+                               "znv.log", "emulator", "staging"}) {
+        EXPECT_NE(help.out.find(needed), std::string::npos) << needed;
+    }
+    EXPECT_NE(user.run({"upload", "--help"}).out.find("resumable"), std::string::npos);
+
+    // Two small files go whole: one result line each, "FILEID URL".
+    std::string a = file("a.bin", 3000), b = file("b.bin", 5000);
+    ZnvRun up = user.run({"--server", server_, "upload", a, b});
+    ASSERT_EQ(up.status, 0) << up.err;
+    auto results = lines(up.out);
+    ASSERT_EQ(results.size(), 2u) << up.out;
+    for (const auto& line : results) {
+        std::smatch m;
+        ASSERT_TRUE(std::regex_match(line, m, std::regex("(\\S+) (http://\\S+)"))) << line;
+        EXPECT_NE(m[2].str().find(m[1].str()), std::string::npos) << "the URL serves that ID";
+    }
+    EXPECT_NE(up.err.find("whole file: an interruption restarts it"), std::string::npos) << up.err;
+    EXPECT_TRUE(std::regex_search(
+        up.err, std::regex("2 completed, 0 failed: 7\\.8 KiB in [0-9.]+ s \\([0-9.]+ MB/s\\)")))
+        << up.err;
+    EXPECT_EQ((up.out + up.err).find('\x1b'), std::string::npos);
+
+    ZnvRun quiet = user.run({"--server", server_, "-q", "upload", file("q.bin", 100)});
+    EXPECT_EQ(quiet.status, 0);
+    EXPECT_EQ(quiet.err, "");
+    EXPECT_EQ(lines(quiet.out).size(), 1u);
+
+    ZnvRun verbose = user.run({"--server", server_, "-v", "upload", file("v.bin", 100)});
+    EXPECT_EQ(verbose.status, 0);
+    EXPECT_NE(verbose.err.find("znv: [info]"), std::string::npos) << verbose.err;
+    EXPECT_EQ(verbose.err.find("[debug]"), std::string::npos);
+    EXPECT_EQ(lines(verbose.out).size(), 1u);
+    ZnvRun debug = user.run({"--server", server_, "-vv", "status"});
+    EXPECT_EQ(debug.status, 0);
+    EXPECT_EQ(user.run({"-q", "-v", "status"}).status, 2);
+}
+
+TEST_F(ZnvOutputTest, LiveViewFitsSixtyColumnsAndDumbTerminalsGetNoCursorCodes) {
+    throttleChunks(6000000);
+    ZnvUser user;
+    std::string longName = std::string(120, 'n') + ".bin";
+    std::string big = file(longName, 2 * kChunk + 1000);
+    std::string small = file("small.bin", 2000);
+
+    user.setEnv("TERM", "xterm");
+    ZnvRun live =
+        user.runOnTerminal({"--server", server_, "upload", "--force-chunks", big, small}, 60);
+    ASSERT_EQ(live.status, 0) << live.out;
+    size_t bars = 0, measured = 0;
+    for (const auto& raw : lines(live.out)) {
+        std::string line = visible(raw);
+        if (line.find("ETA") == std::string::npos) continue;
+        ++bars;
+        EXPECT_LE(line.size(), 59u) << line;
+        EXPECT_NE(line.find("MB/s"), std::string::npos) << line;
+        if (std::regex_search(line, std::regex("[0-9.]+ MB/s ETA +[0-9]+:[0-9]{2}"))) ++measured;
+    }
+    EXPECT_GT(bars, 3u) << live.out;
+    EXPECT_GT(measured, 0u) << "a rate and an ETA once the transfer runs:\n" << live.out;
+    EXPECT_NE(live.out.find("\x1b["), std::string::npos) << "redrawn in place";
+    // The result lines are never cut, however narrow the terminal.
+    auto url = std::regex("http://127\\.0\\.0\\.1:[0-9]+/\\S+/[0-9a-f-]{36}");
+    EXPECT_EQ(std::distance(std::sregex_iterator(live.out.begin(), live.out.end(), url),
+                            std::sregex_iterator()),
+              2)
+        << live.out;
+
+    user.setEnv("TERM", "dumb");
+    ZnvRun dumb = user.runOnTerminal({"--server", server_, "upload", "--force-chunks", big}, 60);
+    ASSERT_EQ(dumb.status, 0) << dumb.out;
+    EXPECT_EQ(dumb.out.find('\x1b'), std::string::npos) << dumb.out;
+    EXPECT_NE(dumb.out.find("completed"), std::string::npos) << dumb.out;
+}
+
+TEST_F(ZnvOutputTest, InterruptionInEveryModeNamesTheCommandThatResumes) {
+    throttleChunks(1000000);
+    ZnvUser user;
+    std::vector<std::string> base = {"--profile", "work", "--server", server_};
+    std::string expected = "znv --profile work --server " + server_ + " resume";
+    auto args = [&](std::vector<std::string> extra) {
+        std::vector<std::string> all = base;
+        all.insert(all.end(), extra.begin(), extra.end());
+        return all;
+    };
+
+    // Plain lines on standard error.
+    pid_t pid = user.start(args({"upload", "--force-chunks", file("plain.bin", 3 * kChunk)}));
+    ASSERT_TRUE(waitFor([&] { return user.errSoFar().find("running") != std::string::npos; },
+                        std::chrono::seconds(30)));
+    kill(pid, SIGINT);
+    ZnvRun plain = user.finish(pid);
+    EXPECT_EQ(plain.status, 130) << plain.err;
+    EXPECT_NE(plain.err.find(expected), std::string::npos) << plain.err;
+    EXPECT_EQ(plain.out, "");
+
+    // JSON: an "interrupted" event carries the command.
+    pid = user.start(args({"--json", "upload", "--force-chunks", file("json.bin", 3 * kChunk)}));
+    ASSERT_TRUE(waitFor([&] { return user.outSoFar().find("\"running\"") != std::string::npos; },
+                        std::chrono::seconds(30)));
+    kill(pid, SIGINT);
+    ZnvRun json = user.finish(pid);
+    EXPECT_EQ(json.status, 130);
+    auto interrupted = json.events("interrupted");
+    ASSERT_EQ(interrupted.size(), 1u) << json.out;
+    EXPECT_EQ(interrupted[0].value("command", ""), expected);
+
+    // The live view on a terminal.
+    user.setEnv("TERM", "xterm");
+    ZnvRun terminal = user.runOnTerminal(
+        args({"upload", "--force-chunks", file("tty.bin", 3 * kChunk)}), 80,
+        [](const std::string& out) { return out.find("ETA") != std::string::npos; });
+    EXPECT_EQ(terminal.status, 130) << terminal.out;
+    EXPECT_NE(visible(terminal.out).find(expected), std::string::npos) << terminal.out;
+
+    // The printed command finishes all three.
+    emulator_.clearFaults();
+    std::vector<std::string> command;
+    std::istringstream words(expected);
+    for (std::string word; words >> word;)
+        command.push_back(word);
+    command.erase(command.begin());  // "znv"
+    command.insert(command.begin(), "--json");
+    ZnvRun resumed = user.run(command);
+    ASSERT_EQ(resumed.status, 0) << resumed.out << resumed.err;
+    auto summary = resumed.events("summary");
+    ASSERT_EQ(summary.size(), 1u);
+    EXPECT_EQ(summary[0]["tasks"].size(), 3u);
+    EXPECT_EQ(summary[0].value("state", ""), "completed");
+}
+
+}  // namespace
+}  // namespace znv::test
+
+#endif
