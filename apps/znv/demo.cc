@@ -171,6 +171,8 @@ int runDemo(const GlobalOptions& globalOptions, const DemoOptions& options) {
                 session->storage().accountConfiguration().get()) +
             ".state")) {
         std::filesystem::remove(stateFile->path());
+        // The demo's profile is its own: nobody else waits on its lock.
+        std::filesystem::remove(stateFile->path() + ".lock");
     }
     std::filesystem::remove(bindingFilePath(global.profile));
     session->emulator().stop();
