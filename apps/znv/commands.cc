@@ -110,7 +110,11 @@ int runRetry(const GlobalOptions& global, const std::string& id) {
 
 int runStatus(const GlobalOptions& global) {
     routeLibraryLog();
-    QueueFile queue(global.profile);
+    QueueFile queue(global);
+    if (!queue.problem().empty()) {
+        printError(queue.problem());
+        return kExitFailed;
+    }
     DownloadDestinations destinations(global.profile);
     auto entries = queue.entries();
     if (global.json) {
@@ -161,7 +165,11 @@ int runStatus(const GlobalOptions& global) {
 
 int runCancel(const GlobalOptions& global, const std::string& id) {
     routeLibraryLog();
-    QueueFile queue(global.profile);
+    QueueFile queue(global);
+    if (!queue.problem().empty()) {
+        printError(queue.problem());
+        return kExitFailed;
+    }
     std::string problem;
     auto entry = findEntry(queue.entries(), id, &problem);
     if (!entry) {
@@ -185,7 +193,11 @@ int runCancel(const GlobalOptions& global, const std::string& id) {
 
 int runFinish(const GlobalOptions& global, const std::string& id, bool completed) {
     routeLibraryLog();
-    QueueFile queue(global.profile);
+    QueueFile queue(global);
+    if (!queue.problem().empty()) {
+        printError(queue.problem());
+        return kExitFailed;
+    }
     DownloadDestinations destinations(global.profile);
     std::vector<QueueEntry> chosen;
     if (completed) {

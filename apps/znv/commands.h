@@ -26,6 +26,7 @@ struct GlobalOptions {
     std::string profile;  // account configuration identifier; empty: the default queue
     bool json = false;
     bool offline = false;  // queue only; start no transfer
+    bool wait = false;     // wait while another process uses the queue
 };
 
 struct UploadOptions {

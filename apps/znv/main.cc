@@ -108,6 +108,7 @@ int run(int argc, char** argv) {
     app.add_option("--profile", global.profile, "Account profile; each has its own queue");
     app.add_flag("--json", global.json, "One JSON object per line");
     app.add_flag("--offline", global.offline, "Queue tasks without starting transfers");
+    app.add_flag("--wait", global.wait, "Wait while another znv uses the profile's queue");
 
     UploadOptions upload;
     auto* uploadCommand = app.add_subcommand("upload", "Upload files");

@@ -99,6 +99,10 @@ std::string ZnvUser::outSoFar() const {
     return readFile(outPath_);
 }
 
+std::string ZnvUser::errSoFar() const {
+    return readFile(errPath_);
+}
+
 ZnvRun ZnvUser::finish(pid_t pid, std::chrono::seconds timeout) {
     ZnvRun run;
     int status = 0;

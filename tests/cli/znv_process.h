@@ -40,6 +40,7 @@ class ZnvUser {
     // Starts znv and returns at once; `finish` waits for it.
     pid_t start(const std::vector<std::string>& args);
     std::string outSoFar() const;
+    std::string errSoFar() const;
     ZnvRun finish(pid_t pid, std::chrono::seconds timeout = std::chrono::seconds(180));
 
   private:
