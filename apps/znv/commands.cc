@@ -153,7 +153,11 @@ int runRetry(const GlobalOptions& global, const std::string& id) {
 
 int runStatus(const GlobalOptions& global) {
     routeLibraryLog(global.verbosity);
-    QueueFile queue(global.profile);
+    QueueFile queue(global);
+    if (!queue.problem().empty()) {
+        printError(queue.problem());
+        return kExitFailed;
+    }
     DownloadDestinations destinations(global.profile);
     auto entries = queue.entries();
     std::string server = boundServer(global.profile);
@@ -209,7 +213,11 @@ int runStatus(const GlobalOptions& global) {
 
 int runCancel(const GlobalOptions& global, const std::string& id) {
     routeLibraryLog(global.verbosity);
-    QueueFile queue(global.profile);
+    QueueFile queue(global);
+    if (!queue.problem().empty()) {
+        printError(queue.problem());
+        return kExitFailed;
+    }
     std::string problem;
     auto entry = findEntry(queue.entries(), id, &problem);
     if (!entry) {
@@ -232,7 +240,11 @@ int runCancel(const GlobalOptions& global, const std::string& id) {
 
 int runFinish(const GlobalOptions& global, const std::string& id, bool completed) {
     routeLibraryLog(global.verbosity);
-    QueueFile queue(global.profile);
+    QueueFile queue(global);
+    if (!queue.problem().empty()) {
+        printError(queue.problem());
+        return kExitFailed;
+    }
     DownloadDestinations destinations(global.profile);
     std::vector<QueueEntry> chosen;
     if (completed) {

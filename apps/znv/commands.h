@@ -28,6 +28,7 @@ struct GlobalOptions {
     bool json = false;
     bool offline = false;  // queue only; start no transfer
     int verbosity = 0;     // -1 with -q (errors only), 1 with -v, 2 with -vv
+    bool wait = false;     // wait while another process uses the queue
 };
 
 struct UploadOptions {

@@ -171,6 +171,7 @@ int run(int argc, char** argv) {
     app.add_flag("-v,--verbose", verbose,
                  "Show the library's log on standard error (-vv: debug messages too)")
         ->excludes(quietFlag);
+    app.add_flag("--wait", global.wait, "Wait while another znv uses the profile's queue");
 
     UploadOptions upload;
     auto* uploadCommand = app.add_subcommand("upload", "Upload files");

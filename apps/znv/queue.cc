@@ -2,7 +2,9 @@
 
 #ifdef ZNV_CLI_HAVE_QUEUE
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,6 +27,7 @@
 #include "znv/account/reachability_manager.h"
 #include "znv/foundation/error_handler.h"
 #include "znv/foundation/log.h"
+#include "znv/foundation/network_utilities.h"
 #include "znv/platform/progress.h"
 #include "znv/platform/url_session.h"
 
@@ -266,6 +269,50 @@ TaskView viewOf(const QueueEntry& entry) {
 QueueFile::QueueFile(const std::string& profile)
     : network_(ZNVNetwork::create(configurationFor("http://127.0.0.1/api/", profile))) {
     network_->readState();
+    problem_ = queueProblem(*network_, profile);
+}
+
+QueueFile::QueueFile(const GlobalOptions& global) : QueueFile(global.profile) {
+    while (global.wait && network_->stateRestoreError() &&
+           network_->stateRestoreError()->code() == NSFileLockingError) {
+        waitForQueue(global.profile);
+        network_ = ZNVNetwork::create(configurationFor("http://127.0.0.1/api/", global.profile));
+        network_->readState();
+        problem_ = queueProblem(*network_, global.profile);
+    }
+}
+
+std::string queueProblem(const ZNVNetwork& network, const std::string& profile) {
+    const ZNVErrorRef error = network.stateRestoreError();
+    if (!error) return {};
+    const std::string name = profile.empty() ? std::string("default") : profile;
+    if (error->code() == NSFileLockingError) {
+        const auto* pid = error->value(ZNVNetwork_StateLockHolderPIDKey);
+        const std::string holder = pid && std::holds_alternative<int64_t>(*pid)
+                                       ? "process " + std::to_string(std::get<int64_t>(*pid))
+                                       : std::string("another process");
+        return "the queue of profile " + name + " is in use by " + holder +
+               " (use --wait to wait for it)";
+    }
+    return "the queue of profile " + name +
+           " could not be restored: " + error->localizedDescription() + " It was kept as " +
+           error->stringValue(NSFilePathErrorKey).value_or("?") + "; the queue starts empty.";
+}
+
+void waitForQueue(const std::string& profile) {
+    auto configuration = configurationFor("http://127.0.0.1/api/", profile);
+    const auto stateURL = ZNVNetworkUtilities_libraryURLWithFileName(
+        ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(configuration.get()) + ".state");
+    if (!stateURL) return;
+    const std::string lockPath = stateURL->path() + ".lock";
+    int fd = ::open(lockPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) return;
+    std::fprintf(stderr, "znv: waiting for the queue of profile %s ...\n",
+                 profile.empty() ? "default" : profile.c_str());
+    // Taken and given back at once: the library takes it on its own file.
+    while (::flock(fd, LOCK_SH) != 0 && errno == EINTR) {
+    }
+    ::close(fd);
 }
 
 void QueueFile::save() {
@@ -396,6 +443,21 @@ TransferSession* TransferSession::open(const GlobalOptions& global, std::string*
     session->storage_ = ZNVStorage::storageForAccount(session->account_);
     if (!session->storage_) {
         *error = "cannot open the task queue";
+        return nullptr;
+    }
+    while (global.wait && session->storage_->stateRestoreError() &&
+           session->storage_->stateRestoreError()->code() == NSFileLockingError) {
+        session->storage_->invalidateClientAndCancelTasks();
+        session->storage_.reset();
+        waitForQueue(global.profile);
+        session->storage_ = ZNVStorage::storageForAccount(session->account_);
+        if (!session->storage_) {
+            *error = "cannot open the task queue";
+            return nullptr;
+        }
+    }
+    if (std::string problem = queueProblem(*session->storage_, global.profile); !problem.empty()) {
+        *error = problem;
         return nullptr;
     }
     // Deliberately never destroyed (see the header).

@@ -76,17 +76,29 @@ std::optional<QueueEntry> findEntry(const std::vector<QueueEntry>& entries,
 // adds what it knows).
 TaskView viewOf(const QueueEntry& entry);
 
+// Why the library could not open a profile's queue ("" when it did): held by
+// another process, or damaged (then kept aside). With --wait, `open` waits
+// for the other process instead.
+std::string queueProblem(const ZNVNetwork& network, const std::string& profile);
+// Blocks until no other process holds the profile's queue.
+void waitForQueue(const std::string& profile);
+
 // The profile's queue read from its state file, with nothing started: for
 // status, cancel and finish. Changes are saved with `save`.
 class QueueFile {
   public:
     explicit QueueFile(const std::string& profile);
+    // Waits for the queue when --wait asks for it; see `problem`.
+    explicit QueueFile(const GlobalOptions& global);
+    // Why the queue could not be used ("" when it could).
+    const std::string& problem() const { return problem_; }
     std::vector<QueueEntry> entries() const { return queueEntries(network_->tasks()); }
     ZNVNetwork& network() { return *network_; }
     void save();
 
   private:
     std::shared_ptr<ZNVNetwork> network_;
+    std::string problem_;
 };
 
 // One finished (or interrupted) run of the queue.

@@ -1,8 +1,10 @@
 // The znv command line, run as a user runs it: separate processes, their own
 // home directories, an emulator on a port the kernel chose.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -365,6 +367,58 @@ TEST_F(ZnvCliTest, ProfilesKeepSeparateQueuesAndStatusListsThem) {
     EXPECT_EQ(remaining.size(), 1u);
     EXPECT_TRUE(remaining.count(c));
     EXPECT_EQ(listed("work"), work);
+}
+
+// One process per queue: a queue held elsewhere is refused (exit 1, naming the
+// holder) or awaited with --wait. A damaged queue is kept aside, reported
+// with the kept copy's path (exit 1), and the next run starts empty.
+TEST_F(ZnvCliTest, ABusyQueueIsRefusedOrAwaitedAndADamagedOneIsKept) {
+    ZnvUser user;
+    const std::string a = file("a.bin", 5000);
+    ASSERT_EQ(user.run({"--offline", "--profile", "p", "upload", a}).status, 0);
+    const std::string dir = user.home() + "/Library/Network";
+    const std::string state = dir + "/p.state";
+    const std::string saved = readFile(state);
+
+    // This process holds the queue, as a running znv does.
+    int fd = ::open((state + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::flock(fd, LOCK_EX | LOCK_NB), 0);
+    const std::string pid = std::to_string(::getpid());
+    ASSERT_EQ(::pwrite(fd, (pid + "\n").data(), pid.size() + 1, 0),
+              static_cast<ssize_t>(pid.size() + 1));
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"--profile", "p", "status"}, {"--offline", "--profile", "p", "upload", a}}) {
+        ZnvRun busy = user.run(args);
+        EXPECT_EQ(busy.status, 1) << busy.err;
+        EXPECT_NE(busy.err.find("the queue of profile p is in use by process " + pid),
+                  std::string::npos)
+            << busy.err;
+    }
+    EXPECT_EQ(readFile(state), saved);
+
+    pid_t waiting = user.start({"--wait", "--profile", "p", "--json", "status"});
+    ASSERT_TRUE(waitFor([&] { return user.errSoFar().find("waiting") != std::string::npos; }));
+    ::close(fd);
+    ZnvRun waited = user.finish(waiting);
+    ASSERT_EQ(waited.status, 0) << waited.err;
+    EXPECT_EQ(waited.events("status").at(0)["tasks"].size(), 1u);
+
+    const std::string damage = R"({"hello":"world"})";
+    writeFile(state, damage);
+    ZnvRun damaged = user.run({"--profile", "p", "status"});
+    EXPECT_EQ(damaged.status, 1);
+    std::vector<std::string> kept;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        if (entry.path().filename().string().rfind("p.state.damaged-", 0) == 0)
+            kept.push_back(entry.path().string());
+    }
+    ASSERT_EQ(kept.size(), 1u);
+    EXPECT_EQ(readFile(kept[0]), damage);
+    EXPECT_NE(damaged.err.find(kept[0]), std::string::npos) << damaged.err;
+    ZnvRun next = user.run({"--profile", "p", "status"});
+    EXPECT_EQ(next.status, 0) << next.err;
+    EXPECT_NE(next.out.find("no tasks"), std::string::npos) << next.out;
 }
 
 #endif  // ZNV_TEST_HAVE_QUEUE

@@ -180,6 +180,9 @@ TEST(SanitizeFilename, KeepsLettersDigitsDotsAndHyphens) {
         // Malformed bytes are dropped, the rest survives; no crash.
         {"bad\xFF\xC3(name.txt", "badname.txt"},
         {"\xE4\xB8.txt", std::nullopt},
+        // In the extension too (a Latin-1 name), so the name fits a JSON request.
+        {"photo.jp\xE9g", "photo.jpg"},
+        {"clip.\xE9\xFF", "clip"},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(ZNVNetworkUtilities_sanitizeFilename(c.name), c.expected) << c.name;

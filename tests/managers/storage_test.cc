@@ -6,10 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
+#include <filesystem>
 #include <thread>
 
 #include "tests/managers/managers_test_support.h"
 #include "tests/support/test_support.h"
+#include "znv/platform/filesystem.h"
 #include "znv/platform/main_queue.h"
 
 namespace znv {
@@ -359,6 +361,49 @@ TEST_F(StorageTest, RestoredUploadsReturnToTheUploadsCollection) {
     EXPECT_EQ(relaunched->tasks().size(), 1u);
     EXPECT_TRUE(test::waitFor(
         [&] { return log.contains("reconciling 1 uploads against 0 session tasks"); }));
+}
+
+// Staged bodies of this configuration that no queued upload refers to and
+// that predate the process are removed at launch; everything else stays.
+TEST_F(StorageTest, LaunchRemovesOnlyOrphanStagedBodiesOlderThanTheProcess) {
+    {
+        auto network = ZNVNetwork::create(configuration(name()));
+        auto upload = ZNVStorageUpload::create(sourceFile("live.bin", 5000), "", account_, "", "",
+                                               false, nullptr);
+        upload->setRemoteFileID("LIVE-1");
+        network->addTask(upload);
+    }
+    const std::string dir = ZNVPrivateTemporaryDirectory();
+    ASSERT_FALSE(dir.empty());
+    const std::string prefix = dir + "/ZNVStorageUpload-" + name() + "-";
+    const std::vector<std::string> orphans = {prefix + "GONE-0.chunk", prefix + "GONE-2-16.chunk",
+                                              prefix + "GONE.json"};
+    const std::vector<std::string> kept = {
+        prefix + "LIVE-1-8.chunk",
+        prefix + "LIVE-1.json",                       // a queued upload's
+        dir + "/ZNVStorageUpload-another-GONE.json",  // another configuration's
+        prefix + "GONE.txt",
+        dir + "/GONE-0.chunk",  // not staging names
+    };
+    const auto old = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
+    for (const auto& path : orphans) {
+        test::writeFile(path, "body");
+        std::filesystem::last_write_time(path, old);
+    }
+    for (const auto& path : kept) {
+        test::writeFile(path, "body");
+        std::filesystem::last_write_time(path, old);
+    }
+    const std::string fresh = prefix + "FRESH-0.chunk";  // may be this process's own
+    test::writeFile(fresh, "body");
+
+    auto storage = makeStorage();
+    ASSERT_EQ(storage->uploads().size(), 1u);
+    for (const auto& path : orphans)
+        EXPECT_FALSE(std::filesystem::exists(path)) << path;
+    for (const auto& path : kept)
+        EXPECT_TRUE(std::filesystem::exists(path)) << path;
+    EXPECT_TRUE(std::filesystem::exists(fresh));
 }
 
 }  // namespace

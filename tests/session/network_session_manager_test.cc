@@ -548,5 +548,32 @@ TEST_F(SessionManagerTest, ListsItsLiveTasks) {
     upload->cancel();
 }
 
+// Answers read from download files are held to the in-memory limit: a create
+// answered with 17 MiB fails with -1103 and hands on no data; one just under
+// the limit is read.
+TEST_F(SessionManagerTest, AnOversizedAnswerFailsTheRequestUnread) {
+    for (const uint64_t padding : {17 * MiB, 15 * MiB}) {
+        SCOPED_TRACE(padding);
+        ASSERT_TRUE(emulator_.addFault(
+            {{"method", "POST"},
+             {"path", "/api/files"},
+             {"times", 1},
+             {"action", "status"},
+             {"status", 201},
+             {"body",
+              {{"fileId", "F1"}, {"fileName", "big"}, {"padding", std::string(padding, 'a')}}}}));
+        auto c = run(manager_->createRemoteFileWithName("big", std::nullopt, auth_, std::nullopt));
+        if (padding > 16 * MiB) {
+            ASSERT_NE(c.error, nullptr);
+            EXPECT_EQ(c.error->domain(), NSURLErrorDomain);
+            EXPECT_EQ(c.error->code(), NSURLErrorDataLengthExceedsMaximum);
+            EXPECT_FALSE(c.data && !c.data->empty());
+        } else {
+            EXPECT_EQ(c.error, nullptr);
+            EXPECT_EQ(bodyJSON(c.data).value("fileId", ""), "F1");
+        }
+    }
+}
+
 }  // namespace
 }  // namespace znv

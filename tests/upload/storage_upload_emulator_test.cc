@@ -341,5 +341,26 @@ TEST_F(StorageUploadEmulatorTest, ACompletedUploadStaysCompletedWithoutItsSource
     EXPECT_EQ(restored->sourceFileSize(), 5 * MiB);
 }
 
+// A cancelled upload leaves none of its staged bodies behind.
+TEST_F(StorageUploadEmulatorTest, ACancelledUploadLeavesNoStagedBody) {
+    ASSERT_TRUE(harness.emulator.addFault(
+        {{"method", "PUT"}, {"path", "/api/files/*"}, {"times", 1}, {"action", "stall"}}));
+    const std::string source = writeSource("cancelled.bin", 6 * MiB);
+    auto upload = start(source, /*forceChunks=*/true);
+    const auto staged = [&] {
+        size_t n = 0;
+        const std::string id = upload->remoteFileID();
+        if (id.empty()) return n;
+        for (const auto& entry : fs::directory_iterator(ZNVPrivateTemporaryDirectory())) {
+            if (entry.path().filename().string().find(id) != std::string::npos) ++n;
+        }
+        return n;
+    };
+    ASSERT_TRUE(test::waitFor([&] { return staged() == 1 && upload->task() != nullptr; }));
+    upload->cancel();
+    EXPECT_TRUE(test::waitFor([&] { return staged() == 0; }, std::chrono::seconds(10)));
+    EXPECT_TRUE(ZNVNetworkTask::errorIndicatesManuallyCancelledTask(upload->error()));
+}
+
 }  // namespace
 }  // namespace znv

@@ -167,11 +167,26 @@ std::optional<ZNVIndexSet> ZNVNetworkUtilities_indicesFromString(const std::stri
     return set;
 }
 
+// The text without the bytes that are not part of well-formed UTF-8.
+static std::string validUTF8Only(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size();) {
+        const ZNVDecodedCodePoint decoded = ZNVDecodeUTF8(text, i);
+        if (decoded.codePoint != ZNVInvalidCodePoint) out.append(text.substr(i, decoded.length));
+        i += decoded.length;
+    }
+    return out;
+}
+
 std::optional<std::string> ZNVNetworkUtilities_sanitizeFilename(const std::string& filename) {
     const std::string_view name(filename);
-    const std::string_view extension = pathExtension(name);
+    const std::string_view rawExtension = pathExtension(name);
     const std::string_view base =
-        extension.empty() ? name : name.substr(0, name.size() - extension.size() - 1);
+        rawExtension.empty() ? name : name.substr(0, name.size() - rawExtension.size() - 1);
+    // The name goes into a JSON request, which holds only UTF-8: bytes that
+    // are not are dropped from the extension as from the base.
+    const std::string extension = validUTF8Only(rawExtension);
 
     std::string stripped = keepOnly(base, NameClass::KeptOrHyphen);
     if (extension.empty()) {

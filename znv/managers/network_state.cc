@@ -186,8 +186,7 @@ ZNVErrorRef keepDamagedStateFile(const ZNVURL& stateURL, const std::string& reas
     }
     return ZNVError::make(
         NSCocoaErrorDomain, NSFileReadCorruptFileError,
-        {{NSLocalizedDescriptionKey,
-          "The saved task state is damaged (" + reason + "); it was kept as " + kept + "."},
+        {{NSLocalizedDescriptionKey, "The saved task state is damaged (" + reason + ")."},
          {NSFilePathErrorKey, kept}});
 }
 

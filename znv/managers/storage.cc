@@ -7,6 +7,7 @@
 #include "znv/platform/main_queue.h"
 #include "znv/platform/url_session.h"
 #include "znv/protocol/storage_response.h"
+#include "znv/session/storage_path_manager.h"
 
 namespace znv {
 
@@ -51,10 +52,25 @@ std::weak_ptr<ZNVStorage> ZNVStorage::weakStorage() {
 
 void ZNVStorage::launch() {
     ZNVNetwork::launch();
+    removeOrphanStagedBodies();
     connectSessionToUploads();
     connectToAccount();
     storageIsLaunched_ = true;
     scheduleRefreshAndSave();
+}
+
+void ZNVStorage::removeOrphanStagedBodies() {
+    // Only with the queue in hand: without it (held elsewhere, or kept aside
+    // as damaged) the bodies may belong to tasks this manager cannot see.
+    if (stateRestoreError()) return;
+    auto session = sessionManager();
+    if (!session || !session->pathManager()) return;
+    std::vector<std::string> live;
+    for (const auto& upload : uploads()) {
+        if (!upload->remoteFileID().empty()) live.push_back(upload->remoteFileID());
+    }
+    session->pathManager()->removeOrphanUploadFiles(live,
+                                                    ZNVStoragePathManager::processStartTime());
 }
 
 std::vector<ZNVStorageUploadRef> ZNVStorage::uploads() const {

@@ -109,6 +109,8 @@ class ZNVStorage : public ZNVNetwork {
     ZNVTaskList<ZNVStorageUpload>::Snapshot uploadSnapshot() const;
 
   private:
+    // Removes staged bodies of this configuration that no upload refers to.
+    void removeOrphanStagedBodies();
     std::weak_ptr<ZNVStorage> weakStorage();
     template <class Completion, class MakeTask>
     void startRemoteFileRequest(Completion completion, std::function<void()> failure,

@@ -1,5 +1,7 @@
 #include "znv/session/network_session_manager.h"
 
+#include <sys/stat.h>
+
 #include <fmt/format.h>
 
 #include <nlohmann/json.hpp>
@@ -317,6 +319,24 @@ void ZNVNetworkSessionManager::didFinishDownloadingToURL(
     if (taskHasAuthentication(task)) {
         // A storage request's JSON answer, written to a file by the session:
         // it reaches the delegate with the completion.
+        // Answers are small JSON documents: one larger than an in-memory
+        // body may be is refused unread, and fails the request.
+        const uint64_t limit =
+            session_ ? session_->configuration().maximumInMemoryBodyBytes : (uint64_t{16} << 20);
+        struct stat info {};
+        if (::stat(location.path().c_str(), &info) == 0 &&
+            static_cast<uint64_t>(info.st_size) > limit) {
+            ZNVLogError("refusing an answer of {} bytes for {}", info.st_size,
+                        task->taskDescription());
+            setData(std::nullopt, task);
+            std::lock_guard guard(mutex_);
+            answerErrorForTask_[task->taskIdentifier()] = ZNVNetworkErrorHandler_createURLError(
+                NSURLErrorDataLengthExceedsMaximum,
+                fmt::format("The answer of the storage service is larger than the {} bytes it may "
+                            "hold.",
+                            limit));
+            return;
+        }
         ZNVErrorRef error;
         std::optional<ZNVBytes> data = ZNVNetworkUtilities_loadDataFromURL(location, &error);
         setData(data, task);
@@ -381,6 +401,15 @@ void ZNVNetworkSessionManager::didCompleteWithError(const std::shared_ptr<ZNVURL
 
     std::optional<ZNVBytes> data = task ? dataForTask(task->taskIdentifier()) : std::nullopt;
     setData(std::nullopt, task);
+    ZNVErrorRef answerError;
+    if (task) {
+        std::lock_guard guard(mutex_);
+        if (auto it = answerErrorForTask_.find(task->taskIdentifier());
+            it != answerErrorForTask_.end()) {
+            answerError = it->second;
+            answerErrorForTask_.erase(it);
+        }
+    }
 
     std::shared_ptr<const ZNVHTTPURLResponse> response = task ? task->response() : nullptr;
     if (infoLogEnabled()) {
@@ -426,7 +455,7 @@ void ZNVNetworkSessionManager::didCompleteWithError(const std::shared_ptr<ZNVURL
         serverError = ZNVAccountHTTPSession::parseServerErrorFromResponse(
             response->statusCode(), headers, data ? *data : ZNVBytes(), response->URL());
     }
-    ZNVErrorRef handedOn = serverError ? serverError : error;
+    ZNVErrorRef handedOn = serverError ? serverError : error ? error : answerError;
     if (auto delegate = backgroundDelegate()) {
         delegate->didCompleteWithData(shared_from_this(), task, data, handedOn);
     }

@@ -20,7 +20,9 @@
 //   before it returns), then exactly one `didCompleteWithData` with the
 //   response body (none when nothing arrived) and the error: a failing HTTP
 //   status replaces the transport error with a server error that carries the
-//   status. All of them run on the callback queue.
+//   status. All of them run on the callback queue. An answer that a request
+//   wrote to a file is read only up to the in-memory body limit (16 MiB): a
+//   larger one is not read, and the request fails with URL error -1103.
 // - The service operations may be called from any thread. Each checks its
 //   inputs, stores the authentication's token, builds its request and, while
 //   holding the session's lock, creates the session task (not started: the
@@ -280,6 +282,8 @@ class ZNVNetworkSessionManager : public ZNVURLSessionDelegate,
     mutable std::mutex mutex_;  // guards the members below
     std::shared_ptr<ZNVNetworkSessionBackgroundDelegate> backgroundDelegate_;
     std::map<uint64_t, ZNVBytes> dataForTask_;
+    // Why a task's answer file was refused (too large), until its completion.
+    std::map<uint64_t, ZNVErrorRef> answerErrorForTask_;
     std::string accessToken_;
 };
 

@@ -5,6 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <dirent.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <nlohmann/json.hpp>
 
@@ -166,6 +169,112 @@ bool ZNVStoragePathManager::removeUploadFileForTask(const std::shared_ptr<ZNVURL
     if (url && !ZNVRemoveFileInBackground(url->path())) ZNVNetworkUtilities_removeFileAtURL(*url);
     if (error) *error = failure;
     return failure == nullptr;
+}
+
+}  // namespace znv
+
+namespace znv {
+
+namespace {
+
+// Taken when the library is loaded, before any staging of this process.
+const std::chrono::system_clock::time_point kProcessStart = std::chrono::system_clock::now();
+
+bool allDigits(const std::string& text) {
+    return !text.empty() &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// The remote file IDs a staged name of `prefix` may stand for: an assemble
+// body names the ID alone; a batch body may end in "-<first index>" (IDs may
+// themselves hold "-", so both readings count). None for other names.
+std::vector<std::string> remoteFileIDsOfStagedName(const std::string& name,
+                                                   const std::string& prefix) {
+    if (name.size() <= prefix.size() || name.compare(0, prefix.size(), prefix) != 0) return {};
+    std::string rest = name.substr(prefix.size());
+    const auto endsWith = [&](const std::string& suffix) {
+        return rest.size() > suffix.size() &&
+               rest.compare(rest.size() - suffix.size(), suffix.size(), suffix) == 0;
+    };
+    if (endsWith(".json")) return {rest.substr(0, rest.size() - 5)};
+    if (!endsWith(".chunk")) return {};
+    rest.resize(rest.size() - 6);
+    std::vector<std::string> ids{rest};
+    const size_t dash = rest.rfind('-');
+    if (dash != std::string::npos && dash > 0 && allDigits(rest.substr(dash + 1))) {
+        ids.push_back(rest.substr(0, dash));
+    }
+    return ids;
+}
+
+// Calls `visit(path, name, info)` for each regular file of the private
+// temporary directory.
+template <class Visit>
+void forEachTemporaryFile(Visit&& visit) {
+    const std::string directory = ZNVPrivateTemporaryDirectory();
+    if (directory.empty()) return;
+    DIR* dir = ::opendir(directory.c_str());
+    if (!dir) return;
+    while (const dirent* entry = ::readdir(dir)) {
+        const std::string name = entry->d_name;
+        const std::string path = directory + (directory.back() == '/' ? "" : "/") + name;
+        struct stat info {};
+        if (::lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) continue;
+        visit(path, name, info);
+    }
+    ::closedir(dir);
+}
+
+}  // namespace
+
+std::chrono::system_clock::time_point ZNVStoragePathManager::processStartTime() {
+    return kProcessStart;
+}
+
+void ZNVStoragePathManager::removeUploadFilesForRemoteFile(const std::string& remoteFileID) const {
+    if (!configuration_ || remoteFileID.empty()) return;
+    const std::string prefix =
+        fmt::format("ZNVStorageUpload-{}-",
+                    ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(configuration_.get()));
+    forEachTemporaryFile([&](const std::string& path, const std::string& name, const struct stat&) {
+        for (const auto& id : remoteFileIDsOfStagedName(name, prefix)) {
+            if (id == remoteFileID) {
+                ::unlink(path.c_str());
+                return;
+            }
+        }
+    });
+}
+
+size_t ZNVStoragePathManager::removeOrphanUploadFiles(
+    const std::vector<std::string>& liveRemoteFileIDs,
+    std::chrono::system_clock::time_point before) const {
+    if (!configuration_) return 0;
+    const std::string prefix =
+        fmt::format("ZNVStorageUpload-{}-",
+                    ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(configuration_.get()));
+    const auto limit =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(before.time_since_epoch()).count();
+    size_t removed = 0;
+    forEachTemporaryFile(
+        [&](const std::string& path, const std::string& name, const struct stat& info) {
+            const auto ids = remoteFileIDsOfStagedName(name, prefix);
+            if (ids.empty()) return;
+            for (const auto& id : ids) {
+                if (std::find(liveRemoteFileIDs.begin(), liveRemoteFileIDs.end(), id) !=
+                    liveRemoteFileIDs.end()) {
+                    return;
+                }
+            }
+            const int64_t written =
+                static_cast<int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
+            if (written >= limit) return;
+            if (::unlink(path.c_str()) == 0) {
+                ZNVLogInfo("removed staged upload body that no task refers to: {}", name);
+                ++removed;
+            }
+        });
+    return removed;
 }
 
 }  // namespace znv

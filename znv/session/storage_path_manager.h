@@ -16,12 +16,18 @@
 //   callback queue.
 // - Failures come back through the error out-parameter; a partly written
 //   file is left in place until the name is staged again.
+// - Clean-up beyond single tasks: the bodies of an upload that ended for good
+//   (`removeUploadFilesForRemoteFile`) and, at launch, bodies of this
+//   configuration that no task of the manager refers to and that predate the
+//   process (`removeOrphanUploadFiles`).
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "znv/account/account_configuration.h"
 #include "znv/platform/error.h"
@@ -72,6 +78,18 @@ class ZNVStoragePathManager {
     // unless the staged name could not be formed.
     bool removeUploadFileForTask(const std::shared_ptr<ZNVURLSessionTask>& task,
                                  ZNVErrorRef* error = nullptr) const;
+
+    // Removes every body staged for one remote file (all batches and the
+    // assemble body), for an upload that has ended for good.
+    void removeUploadFilesForRemoteFile(const std::string& remoteFileID) const;
+    // Removes the staged files of this configuration that belong to none of
+    // `liveRemoteFileIDs` and were last written before `before`. Only names
+    // formed as above are touched. Returns how many were removed.
+    size_t removeOrphanUploadFiles(const std::vector<std::string>& liveRemoteFileIDs,
+                                   std::chrono::system_clock::time_point before) const;
+    // When this process started using the library (files older than this
+    // cannot be in use by it).
+    static std::chrono::system_clock::time_point processStartTime();
 
   private:
     ZNVAccountConfigurationRef configuration_;

@@ -22,6 +22,7 @@
 #include "znv/protocol/storage_chunk.h"
 #include "znv/protocol/storage_response.h"
 #include "znv/session/network_session_manager.h"
+#include "znv/session/storage_path_manager.h"
 
 namespace znv {
 
@@ -673,6 +674,26 @@ void ZNVStorageUpload::resetForResume() {
     ZNVNetworkTask::resetForResume();
     remainingAttemptsForFileCompletion_ = ZNVStorageUploadFileCompletionAttempts;
     pendingBatchChunkCount_ = 0;
+}
+
+void ZNVStorageUpload::removeStagedBodies() const {
+    const std::string remoteFileID = this->remoteFileID();
+    const std::shared_ptr<ZNVNetworkSessionManager> owner = session();
+    if (remoteFileID.empty() || !owner || !owner->pathManager()) return;
+    owner->pathManager()->removeUploadFilesForRemoteFile(remoteFileID);
+}
+
+void ZNVStorageUpload::setTask(const std::shared_ptr<ZNVURLSessionTask>& task) {
+    Lock lock(*this);
+    ZNVNetworkTask::setTask(task);
+    // Cancelled by the application: nothing sends these bodies again (a
+    // retry stages anew). A request still reading one keeps its open file.
+    if (!task && errorIndicatesManuallyCancelledTask(rawError())) removeStagedBodies();
+}
+
+void ZNVStorageUpload::taskDidFinish() {
+    ZNVNetworkTask::taskDidFinish();
+    removeStagedBodies();
 }
 
 void ZNVStorageUpload::connectToAccount(std::shared_ptr<ZNVAccount> account,

@@ -33,6 +33,8 @@
 //   the upload has changed or moved.". A decoded upload whose source changed
 //   size fails the same way. An upload archived as completed without error is
 //   decoded without looking at its source.
+// - Staged bodies: all of them are removed when the upload is cancelled by
+//   the application and when it is finished (`taskDidFinish`).
 #pragma once
 
 #include <atomic>
@@ -128,6 +130,10 @@ class ZNVStorageUpload : public ZNVNetworkTask {
 
     bool validateParameters() override;
     void resetForResume() override;
+    // Dropping the session task of a cancelled upload removes its staged bodies.
+    void setTask(const std::shared_ptr<ZNVURLSessionTask>& task) override;
+    // Removed from its manager: the bodies staged for it go too.
+    void taskDidFinish() override;
     std::string description() const override;
 
     void finishUploadInit();
@@ -150,6 +156,8 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     };
     // The identity of the source file as it is now, if it can be examined.
     std::optional<SourceIdentity> currentSourceIdentity() const;
+    // Removes every body staged for this upload's remote file.
+    void removeStagedBodies() const;
     // The "changed or moved" error when the source no longer matches what
     // was recorded, else null. Caller holds the task's lock.
     ZNVErrorRef sourceChangeError() const;
