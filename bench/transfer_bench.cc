@@ -79,7 +79,7 @@ class EmulatorClient {
     // Whether the emulator received the file's bytes through chunk requests
     // (true) or one full-file request (false); none when it cannot tell.
     std::optional<bool> receivedInChunks(const std::string& id) {
-        auto answer = client_.Get("/_admin/requests");
+        auto answer = client_.Get("/_admin/requests", headers());
         if (!answer || answer->status != 200) return std::nullopt;
         auto log = nlohmann::json::parse(answer->body, nullptr, false);
         if (!log.is_array()) return std::nullopt;

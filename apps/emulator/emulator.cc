@@ -189,6 +189,39 @@ bool flushBuffer(int fd, std::vector<char>& buffer, off_t* offset = nullptr) {
     return true;
 }
 
+// An "Authorization" value as the request log keeps it: the scheme and the
+// credential's first four characters, then "..." when there was more, so the
+// log shows which token was sent without handing it to whoever reads the log.
+std::string shortenedAuthorization(const std::string& value) {
+    size_t start = value.find_first_not_of(" \t");
+    if (start == std::string::npos) return value;
+    size_t space = value.find_first_of(" \t", start);
+    size_t credential = space == std::string::npos ? start : value.find_first_not_of(" \t", space);
+    if (credential == std::string::npos) return value.substr(0, space);
+    // Four characters, not bytes: a UTF-8 sequence is never cut in two.
+    size_t end = credential, seen = 0;
+    while (end < value.size() && seen < 4) {
+        ++end;
+        while (end < value.size() && (static_cast<unsigned char>(value[end]) & 0xC0) == 0x80)
+            ++end;
+        ++seen;
+    }
+    std::string shown =
+        space == std::string::npos ? std::string() : value.substr(start, space - start) + " ";
+    shown += value.substr(credential, end - credential);
+    if (value.find_first_not_of(" \t", end) != std::string::npos) shown += "...";
+    return shown;
+}
+
+// Compares a presented secret without an early exit on the first difference.
+bool sameSecret(const std::string& presented, const std::string& expected) {
+    if (expected.empty()) return false;
+    unsigned char differ = presented.size() == expected.size() ? 0 : 1;
+    for (size_t i = 0; i < presented.size(); ++i)
+        differ |= static_cast<unsigned char>(presented[i] ^ expected[i % expected.size()]);
+    return differ == 0;
+}
+
 json chunkList(const std::map<uint64_t, uint64_t>& chunks) {
     json out = json::array();
     for (const auto& [index, size] : chunks)
@@ -253,6 +286,9 @@ class Emulator::Impl {
 
     json requestLog() const;
     void clearRequestLog();
+    const std::string& adminToken() const {
+        return options_.adminToken.empty() ? options_.token : options_.adminToken;
+    }
 
   private:
     void dispatch(const httplib::Request& req, httplib::Response& res,
@@ -283,6 +319,8 @@ class Emulator::Impl {
     void replyCompleted(Exchange& ex, const std::string& id, const FileInfo& info);
     void replyStoreFailure(Exchange& ex, const std::string& id, const StoreResult& result);
     bool checkAuthorization(Exchange& ex);
+    // Answers 401 unless the request carries "Authorization: Bearer <token>".
+    bool checkBearer(Exchange& ex, const std::string& token);
     bool findFile(Exchange& ex, const std::string& id, FileInfo& info);
     bool declaredCompleted(Exchange& ex, const FileInfo& info);
     std::string contentURI(const httplib::Request& req, const std::string& id) const;
@@ -297,7 +335,11 @@ bool Emulator::Impl::start(std::string* error) {
         return false;
     };
     dataDir_ = options_.dataDir;
-    if (dataDir_.empty()) {
+    if (options_.sink) {
+        if (!dataDir_.empty())
+            return fail("a sink keeps nothing on disk and takes no data directory");
+        store_.openSink();
+    } else if (dataDir_.empty()) {
         const char* tmp = getenv("TMPDIR");
         std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/znv-emulator-XXXXXX";
         std::vector<char> buffer(pattern.begin(), pattern.end());
@@ -308,8 +350,10 @@ bool Emulator::Impl::start(std::string* error) {
         }
         dataDir_ = buffer.data();
     }
-    if (!store_.open(dataDir_, error)) return false;
-    dataDir_ = store_.dataDir();
+    if (!options_.sink) {
+        if (!store_.open(dataDir_, error)) return false;
+        dataDir_ = store_.dataDir();
+    }
 
     // A client that disconnects while the server writes would otherwise end
     // the whole process with SIGPIPE (httplib sends without MSG_NOSIGNAL).
@@ -452,6 +496,11 @@ int Emulator::Impl::precheck(const httplib::Request& req, httplib::Response& res
         }
     }
     if (!answered) return 100;
+    // httplib writes this answer as it stands, without a length, and then
+    // reads the connection on: a body the client sends anyway would be parsed
+    // as requests. The length ends the answer, and the client closes.
+    res.set_header("Content-Length", std::to_string(res.body.size()));
+    res.set_header("Connection", "close");
     ex.logId = beginLog(req);
     finishLog(ex);
     return res.status;
@@ -489,6 +538,7 @@ uint64_t Emulator::Impl::beginLog(const httplib::Request& req) {
     for (const char* name : kLoggedHeaders) {
         std::string value = std::strcmp(name, "Content-Type") == 0 ? contentTypeOf(req)
                                                                    : req.get_header_value(name);
+        if (std::strcmp(name, "Authorization") == 0) value = shortenedAuthorization(value);
         if (!value.empty() || req.has_header(name)) headers[name] = value;
     }
     entry["headers"] = headers;
@@ -530,7 +580,9 @@ void Emulator::Impl::clearRequestLog() {
 
 void Emulator::Impl::reply(Exchange& ex, int status, const json& body) {
     ex.res.status = status;
-    ex.res.set_content(body.dump(), "application/json");
+    // Paths and names echoed from a request need not be UTF-8.
+    ex.res.set_content(body.dump(-1, ' ', false, json::error_handler_t::replace),
+                       "application/json");
 }
 
 void Emulator::Impl::replyMessage(Exchange& ex, int status, const std::string& message) {
@@ -769,8 +821,12 @@ void Emulator::Impl::route(Exchange& ex) {
 }
 
 bool Emulator::Impl::checkAuthorization(Exchange& ex) {
+    return checkBearer(ex, options_.token);
+}
+
+bool Emulator::Impl::checkBearer(Exchange& ex, const std::string& token) {
     std::string header = ex.req.get_header_value("Authorization");
-    if (header == "Bearer " + options_.token) return true;
+    if (sameSecret(header, "Bearer " + token)) return true;
     ex.res.set_header("WWW-Authenticate", "Bearer");
     replyMessage(ex, 401, header.empty() ? "missing access token" : "invalid access token");
     return false;
@@ -862,8 +918,21 @@ void Emulator::Impl::handleFullFile(Exchange& ex, const std::string& id) {
                          " bytes");
     };
 
+    if (options_.sink) {
+        uint64_t size = 0;
+        bool complete = readBody(ex, [&](const char*, size_t n) {
+            size += n;
+            return size <= limit;
+        });
+        if (!complete) return replyMessage(ex, 400, "the request body ended before its end");
+        if (size > limit) return tooLarge(size);
+        auto result = store_.commitFullFile(id, std::string(), size);
+        if (result.status != StoreStatus::Ok) return replyStoreFailure(ex, id, result);
+        return replyCompleted(ex, id, result.info);
+    }
+
     std::string aside = store_.tempPath();
-    int fd = ::open(aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    int fd = ::open(aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (fd < 0) return replyMessage(ex, 500, std::string("cannot store: ") + std::strerror(errno));
     // Pieces from the socket are small; gather them to write in large blocks.
     std::vector<char> buffer;
@@ -942,6 +1011,10 @@ void Emulator::Impl::handleChunks(Exchange& ex, const std::string& id) {
             return false;
         }
         const uint64_t index = std::stoull(digits);
+        if (options_.sink) {  // counted, never written (fd stays -1)
+            current = ReceivedChunk{index, "", 0};
+            return true;
+        }
         if (index <= kMaxStrideIndex && !writes.stored.count(index) &&
             placed.insert(index).second) {
             current = ReceivedChunk{index, "", 0};
@@ -951,7 +1024,7 @@ void Emulator::Impl::handleChunks(Exchange& ex, const std::string& id) {
             return true;
         }
         current = ReceivedChunk{index, store_.tempPath(), 0};
-        fd = ::open(current->tempPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        fd = ::open(current->tempPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
         if (fd < 0) {
             problem = std::string("cannot store a chunk: ") + std::strerror(errno);
             current.reset();
@@ -968,6 +1041,7 @@ void Emulator::Impl::handleChunks(Exchange& ex, const std::string& id) {
                       std::to_string(kChunkStride) + " bytes";
             return false;
         }
+        if (fd < 0) return true;  // a sink
         buffer.insert(buffer.end(), data, data + size);
         if (buffer.size() >= kChunkStride / 4 && !flush()) {
             problem = "cannot write a chunk to disk";
@@ -1062,8 +1136,12 @@ void Emulator::Impl::handleProcess(Exchange& ex, const std::string& id) {
 void Emulator::Impl::handleContent(Exchange& ex, const std::string& id) {
     auto info = isValidFileId(id) ? store_.info(id) : std::nullopt;
     if (!info || !info->complete) return replyMessage(ex, 404, "no content for " + id);
-    int fd = ::open(store_.contentPath(id).c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return replyMessage(ex, 404, "no content for " + id);
+    // A sink has no bytes to send: it sends zeros (fd -1).
+    int fd = options_.sink ? -1 : ::open(store_.contentPath(id).c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0 && !options_.sink) return replyMessage(ex, 404, "no content for " + id);
+    auto closeFd = [](int fd) {
+        if (fd >= 0) ::close(fd);
+    };
 
     const uint64_t size = info->size;
     const std::string lastModified = httpDate(info->completedAt);
@@ -1102,7 +1180,7 @@ void Emulator::Impl::handleContent(Exchange& ex, const std::string& id) {
                 if (!b.empty() && std::stoull(b) < first) valid = false;
             }
             if (valid && (first >= size)) {
-                ::close(fd);
+                closeFd(fd);
                 res.set_header("Content-Range", "bytes */" + std::to_string(size));
                 return replyMessage(
                     ex, 416,
@@ -1119,7 +1197,7 @@ void Emulator::Impl::handleContent(Exchange& ex, const std::string& id) {
     }
     res.status = status;
     if (count == 0) {
-        ::close(fd);
+        closeFd(fd);
         res.set_content("", "application/octet-stream");
         return;
     }
@@ -1139,11 +1217,12 @@ void Emulator::Impl::handleContent(Exchange& ex, const std::string& id) {
                 pace(*started, offset, rate);
                 if (stopping_) return false;
             }
+            if (fd < 0) return sink.write(buffer->data(), want);  // zeros, never written to
             ssize_t n = ::pread(fd, buffer->data(), want, static_cast<off_t>(first + offset));
             if (n <= 0) return false;
             return sink.write(buffer->data(), static_cast<size_t>(n));
         },
-        [fd](bool) { ::close(fd); });
+        [fd, closeFd](bool) { closeFd(fd); });
 }
 
 void Emulator::Impl::handleAdmin(Exchange& ex) {
@@ -1153,6 +1232,9 @@ void Emulator::Impl::handleAdmin(Exchange& ex) {
     if (ex.req.remote_addr != "127.0.0.1" && ex.req.remote_addr != "::1") {
         return replyMessage(ex, 403, "admin endpoints answer only on loopback");
     }
+    // Loopback is not enough: any local user can connect. The log holds file
+    // IDs (and with them the content URLs), and rules can break uploads.
+    if (!checkBearer(ex, adminToken())) return;
     auto parts = splitPath(ex.req.path);
     const std::string& method = ex.req.method;
     if (parts.size() == 2 && parts[1] == "requests") {
@@ -1220,6 +1302,10 @@ std::string Emulator::rootURL() const {
 
 const std::string& Emulator::dataDir() const {
     return impl_->dataDir_;
+}
+
+const std::string& Emulator::adminToken() const {
+    return impl_->adminToken();
 }
 
 bool Emulator::addFault(const nlohmann::json& rule, std::string* error) {

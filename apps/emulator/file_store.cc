@@ -115,11 +115,23 @@ bool FileStore::open(const std::string& dataDir, std::string* error) {
     if (fs::exists(root, ec) && !fs::is_directory(root, ec)) {
         return fail("data directory " + root.string() + " is not a directory");
     }
-    fs::create_directories(root / "files", ec);
+    // Content and file IDs are for the emulator's user only: a directory it
+    // creates is 0700, and so are files/ and tmp/ in one that already existed.
+    auto makePrivate = [&](const fs::path& dir) {
+        if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+            return fail("cannot create " + dir.string() + ": " + std::strerror(errno));
+        }
+        ::chmod(dir.c_str(), 0700);  // one made by an earlier release may be 0755
+        return true;
+    };
+    fs::create_directories(root.parent_path(), ec);
     if (ec) return fail("cannot create data directory " + root.string() + ": " + ec.message());
+    if (!fs::exists(root, ec) && ::mkdir(root.c_str(), 0700) != 0 && errno != EEXIST) {
+        return fail("cannot create data directory " + root.string() + ": " + std::strerror(errno));
+    }
+    if (!makePrivate(root / "files")) return false;
     fs::remove_all(root / "tmp", ec);
-    fs::create_directories(root / "tmp", ec);
-    if (ec) return fail("cannot create " + (root / "tmp").string() + ": " + ec.message());
+    if (!makePrivate(root / "tmp")) return false;
     // Probe that the directory is writable now rather than on the first upload.
     std::string probe = (root / "tmp" / "probe").string();
     int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -172,6 +184,13 @@ bool FileStore::loadFile(const std::string& id) {
     }
     files_[id] = entry;
     return true;
+}
+
+void FileStore::openSink() {
+    sink_ = true;
+    dataDir_.clear();
+    std::lock_guard lock(mutex_);
+    files_.clear();
 }
 
 FileStore::~FileStore() {
@@ -236,6 +255,7 @@ std::string FileStore::chunkFilePath(const std::string& id, uint64_t index) cons
 }
 
 bool FileStore::saveMeta(const FileInfo& info, std::string* error) const {
+    if (sink_) return true;  // a sink keeps its records in memory only
     nlohmann::json meta = {
         {"fileId", info.id}, {"fileName", info.name}, {"isComplete", info.complete}};
     if (!info.sharedStorageId.empty()) meta["sharedStorageId"] = info.sharedStorageId;
@@ -280,7 +300,7 @@ StoreResult FileStore::create(const std::string& name, const std::string& shared
     entry->info.sharedStorageId = sharedStorageId;
     StoreResult result;
     std::error_code ec;
-    fs::create_directories(fileDir(entry->info.id) + "/chunks", ec);
+    if (!sink_) fs::create_directories(fileDir(entry->info.id) + "/chunks", ec);
     if (ec || !saveMeta(entry->info, &result.message)) {
         result.status = StoreStatus::IOError;
         if (ec) result.message = "cannot create file directory: " + ec.message();
@@ -305,11 +325,12 @@ bool FileStore::beginChunkWrites(const std::string& id, ChunkWrites& writes) {
     if (!entry) return false;
     std::lock_guard lock(entry->mutex);
     if (entry->removed || entry->info.complete) return false;
+    writes.stored = entry->info.chunks;
+    if (sink_) return true;  // nothing to write into; dataFd stays -1
     std::error_code ec;
     fs::create_directories(fileDir(id) + "/chunks", ec);
-    writes.dataFd = ::open(chunkDataPath(id).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    writes.dataFd = ::open(chunkDataPath(id).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     if (writes.dataFd < 0) return false;
-    writes.stored = entry->info.chunks;
     ++entry->inPlaceWriters;
     return true;
 }
@@ -356,7 +377,7 @@ StoreResult FileStore::commitChunks(const std::string& id,
             if (data < 0) {
                 std::error_code ec;
                 fs::create_directories(fileDir(id) + "/chunks", ec);
-                data = ::open(chunkDataPath(id).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+                data = ::open(chunkDataPath(id).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
             }
             int in = ::open(chunk.tempPath.c_str(), O_RDONLY | O_CLOEXEC);
             stored = data >= 0 && in >= 0 &&
@@ -385,7 +406,7 @@ StoreResult FileStore::commitChunks(const std::string& id,
 // file stays as it was (the temporary file is removed).
 void FileStore::installContent(Entry& entry, const std::string& id, const std::string& tempPath,
                                uint64_t size, const char* failure, StoreResult& result) {
-    if (::rename(tempPath.c_str(), contentPath(id).c_str()) != 0) {
+    if (!sink_ && ::rename(tempPath.c_str(), contentPath(id).c_str()) != 0) {
         ::unlink(tempPath.c_str());
         result.status = StoreStatus::IOError;
         result.message = errnoText(failure);
@@ -401,7 +422,7 @@ void FileStore::installContent(Entry& entry, const std::string& id, const std::s
         return;
     }
     entry.info = updated;
-    discard(fileDir(id) + "/chunks");
+    if (!sink_) discard(fileDir(id) + "/chunks");
     result.info = updated;
 }
 
@@ -467,6 +488,10 @@ StoreResult FileStore::complete(const std::string& id,
     uint64_t total = 0;
     for (const auto& [index, size] : wanted)
         total += size;
+    if (sink_) {
+        installContent(*entry, id, std::string(), total, "", result);
+        return result;
+    }
     // Chunks 0 .. n-1, all of a full stride but the last, already lie in the
     // data file as the content: cut it to size and move it into place. Not
     // while a request may still write into it.
@@ -482,7 +507,7 @@ StoreResult FileStore::complete(const std::string& id,
     }
 
     std::string aside = tempPath();
-    int out = ::open(aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    int out = ::open(aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (out < 0) {
         result.status = StoreStatus::IOError;
         result.message = errnoText("cannot create the assembled file");
@@ -560,7 +585,7 @@ StoreResult FileStore::remove(const std::string& id) {
         result.info = entry->info;
         // Downloads in progress keep their open descriptor; the bytes go when
         // they finish.
-        discard(fileDir(id));
+        if (!sink_) discard(fileDir(id));
     }
     std::lock_guard lock(mutex_);
     files_.erase(id);

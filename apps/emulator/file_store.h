@@ -80,9 +80,16 @@ struct ChunkWrites {
 
 class FileStore {
   public:
-    // Creates the directory layout (the directory itself when missing), clears
-    // leftovers of interrupted requests and loads every stored file.
+    // Creates the directory layout (the directory itself when missing, mode
+    // 0700), clears leftovers of interrupted requests and loads every stored
+    // file.
     bool open(const std::string& dataDir, std::string* error);
+    // Instead of `open`: a store that keeps its records in memory and writes
+    // nothing. Received bodies are not kept: chunks are committed with an
+    // empty temporary path, full files and completions with an empty one, and
+    // `contentPath` names nothing.
+    void openSink();
+    bool isSink() const { return sink_; }
     // Waits until everything discarded has been removed.
     ~FileStore();
     const std::string& dataDir() const { return dataDir_; }
@@ -139,6 +146,7 @@ class FileStore {
     void cleanLoop();
 
     std::string dataDir_;
+    bool sink_ = false;  // set before the store is shared
     mutable std::mutex mutex_;
     std::map<std::string, std::shared_ptr<Entry>> files_;  // guarded by mutex_
 

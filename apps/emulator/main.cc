@@ -1,7 +1,7 @@
 // znv-emulator: the storage service emulator as a program.
 //
-//   znv-emulator [--port N] [--data DIR] [--token T] [--max-full-file BYTES]
-//                [--fault JSON]...
+//   znv-emulator [--port N] [--data DIR | --sink] [--token T] [--admin-token T]
+//                [--max-full-file BYTES] [--fault JSON]...
 //
 // Prints the base URL on the first line of standard output once it listens,
 // serves until SIGINT or SIGTERM, then stops cleanly. Bad flags or an unusable
@@ -21,17 +21,21 @@
 namespace {
 
 constexpr const char* kUsage =
-    "usage: znv-emulator [--port N] [--data DIR] [--token T] [--max-full-file BYTES]\n"
-    "                    [--fault JSON]...\n"
+    "usage: znv-emulator [--port N] [--data DIR | --sink] [--token T] [--admin-token T]\n"
+    "                    [--max-full-file BYTES] [--fault JSON]...\n"
     "\n"
     "Serves the storage service protocol on http://127.0.0.1:<port>/api/ (port 0,\n"
     "the default, lets the kernel choose) and prints that URL on the first line.\n"
     "  --port N               port to listen on (0: any free port)\n"
     "  --data DIR             data directory (default: a fresh temporary directory)\n"
     "  --token T              access token that requests must carry (default dev-token)\n"
+    "  --admin-token T        token of the admin endpoints (default: the access token)\n"
+    "  --sink                 read and drop request bodies, keep only the bookkeeping\n"
+    "                         (in memory) and serve content as zeros: measures a\n"
+    "                         client apart from the disk\n"
     "  --max-full-file BYTES  largest file accepted in one request (default 1073741824)\n"
     "  --fault JSON           a fault rule, as for POST /_admin/faults (repeatable)\n"
-    "Admin endpoints (no token): GET|DELETE /_admin/requests,\n"
+    "Admin endpoints (Authorization: Bearer <admin token>): GET|DELETE /_admin/requests,\n"
     "GET|POST|DELETE /_admin/faults, DELETE /_admin/faults/<id>.\n";
 
 int usageError(const std::string& message) {
@@ -70,8 +74,13 @@ int main(int argc, char** argv) {
             std::cout << kUsage;
             return 0;
         }
+        if (flag == "--sink") {
+            if (hasValue) return usageError("--sink takes no value");
+            options.sink = true;
+            continue;
+        }
         bool known = flag == "--port" || flag == "--data" || flag == "--token" ||
-                     flag == "--max-full-file" || flag == "--fault";
+                     flag == "--admin-token" || flag == "--max-full-file" || flag == "--fault";
         if (!known) return usageError("unknown argument " + args[i]);
         if (!hasValue) {
             if (i + 1 >= args.size()) return usageError(flag + " needs a value");
@@ -87,6 +96,9 @@ int main(int argc, char** argv) {
         } else if (flag == "--token") {
             if (value.empty()) return usageError("--token needs a non-empty token");
             options.token = value;
+        } else if (flag == "--admin-token") {
+            if (value.empty()) return usageError("--admin-token needs a non-empty token");
+            options.adminToken = value;
         } else if (flag == "--max-full-file") {
             if (!parseUnsigned(value, UINT64_MAX, options.maxFullFileBytes)) {
                 return usageError("bad byte count " + value);
@@ -111,14 +123,22 @@ int main(int argc, char** argv) {
         std::string error;
         if (!emulator.addFault(rule, &error)) return usageError("bad --fault rule: " + error);
     }
+    if (options.sink && !options.dataDir.empty()) {
+        return usageError("--sink keeps nothing on disk; leave out --data");
+    }
     std::string error;
     if (!emulator.start(&error)) {
         std::cerr << "znv-emulator: " << error << "\n";
         return 2;
     }
     std::cout << emulator.baseURL() << std::endl;
-    std::cerr << "znv-emulator: serving " << emulator.baseURL() << " with data in "
-              << emulator.dataDir() << "\n";
+    if (options.sink) {
+        std::cerr << "znv-emulator: serving " << emulator.baseURL()
+                  << " as a sink (bodies dropped, content served as zeros)\n";
+    } else {
+        std::cerr << "znv-emulator: serving " << emulator.baseURL() << " with data in "
+                  << emulator.dataDir() << "\n";
+    }
 
     int received = 0;
     sigwait(&signals, &received);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,6 +20,25 @@ uint16_t readRememberedPort(const std::string& dataDir) {
     unsigned port = 0;
     if (!(in >> port) || port == 0 || port > 65535) return 0;
     return static_cast<uint16_t>(port);
+}
+
+// 128 random bits in hex; empty when the kernel has no randomness to give.
+std::string randomToken() {
+    unsigned char bytes[16];
+    size_t got = 0;
+    while (got < sizeof bytes) {
+        ssize_t n = ::getrandom(bytes + got, sizeof bytes - got, 0);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return {};
+        got += static_cast<size_t>(n);
+    }
+    static const char kHex[] = "0123456789abcdef";
+    std::string token;
+    for (unsigned char byte : bytes) {
+        token += kHex[byte >> 4];
+        token += kHex[byte & 15];
+    }
+    return token;
 }
 
 }  // namespace
@@ -58,6 +78,13 @@ bool EmbeddedEmulator::start(const std::string& dataDir, const std::string& toke
     emulator::EmulatorOptions options;
     options.dataDir = dataDir;
     options.token = token;
+    options.adminToken = randomToken();
+    if (options.adminToken.empty()) {
+        stop();
+        *error =
+            "cannot make an admin token for the emulator: " + std::string(std::strerror(errno));
+        return false;
+    }
     options.maxFullFileBytes = maxFullFileBytes;
     uint16_t remembered = port == 0 ? readRememberedPort(dataDir) : 0;
     std::string startError;
@@ -77,6 +104,7 @@ bool EmbeddedEmulator::start(const std::string& dataDir, const std::string& toke
         }
     }
     dataDir_ = dataDir;
+    adminToken_ = options.adminToken;
     std::ofstream(dataDir + ".port") << emulator_->port() << "\n";
     return true;
 }
@@ -84,6 +112,7 @@ bool EmbeddedEmulator::start(const std::string& dataDir, const std::string& toke
 void EmbeddedEmulator::stop() {
     if (emulator_) emulator_->stop();
     emulator_.reset();
+    adminToken_.clear();
     if (lockFd_ >= 0) {
         ::close(lockFd_);
         lockFd_ = -1;

@@ -7,6 +7,9 @@
 // - The port is remembered in "<dataDir>.port" and tried first next time, so
 //   content URLs and queued downloads keep working across runs; when it is
 //   taken, any free loopback port is used.
+// - Each start makes a fresh random admin token (`adminToken`), so no other
+//   local user can read the request log (tokens, file IDs) or add fault rules;
+//   znv itself reads the log in-process through `emulator()`.
 // Owned by the main thread; destruction stops the emulator and drops the lock.
 #pragma once
 
@@ -34,6 +37,8 @@ class EmbeddedEmulator {
     std::string baseURL() const { return emulator_ ? emulator_->baseURL() : std::string(); }
     uint16_t port() const { return emulator_ ? emulator_->port() : 0; }
     const std::string& dataDir() const { return dataDir_; }
+    // The token of this run's admin endpoints ("" when not running).
+    const std::string& adminToken() const { return adminToken_; }
     emulator::Emulator* emulator() const { return emulator_.get(); }
 
     // The base URL the emulator of `dataDir` had last time ("" when unknown).
@@ -42,6 +47,7 @@ class EmbeddedEmulator {
   private:
     std::unique_ptr<emulator::Emulator> emulator_;
     std::string dataDir_;
+    std::string adminToken_;
     int lockFd_ = -1;
 };
 

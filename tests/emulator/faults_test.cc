@@ -187,38 +187,38 @@ TEST_F(FaultTest, CompletionFaultsReportMissingChunksOrCompletion) {
 TEST_F(FaultTest, AdminEndpointsManageRulesAndTheLog) {
     auto added =
         sendJSON("POST", root("_admin/faults"),
-                 R"([{"method": "GET", "status": 502}, {"action": "stall", "path": "/x"}])", {});
+                 R"([{"method": "GET", "status": 502}, {"action": "stall", "path": "/x"}])");
     ASSERT_EQ(added.status, 201) << added.body;
     auto ids = added.json()["ids"];
     ASSERT_EQ(ids.size(), 2u);
-    EXPECT_EQ(get(root("_admin/faults"), {}).json().size(), 2u);
+    EXPECT_EQ(get(root("_admin/faults")).json().size(), 2u);
     EXPECT_EQ(get(api("files/a")).status, 502);
-    EXPECT_EQ(get(root("_admin/requests"), {}).status, 200);  // admin requests pass untouched
+    EXPECT_EQ(get(root("_admin/requests")).status, 200);  // admin requests pass untouched
 
     auto first = std::to_string(ids[0].get<uint64_t>());
-    EXPECT_EQ(sendJSON("DELETE", root("_admin/faults/" + first), "", {}).status, 200);
-    EXPECT_EQ(sendJSON("DELETE", root("_admin/faults/" + first), "", {}).status, 404);
+    EXPECT_EQ(sendJSON("DELETE", root("_admin/faults/" + first), "").status, 200);
+    EXPECT_EQ(sendJSON("DELETE", root("_admin/faults/" + first), "").status, 404);
     EXPECT_EQ(get(api("files/a")).status, 404);
-    EXPECT_EQ(sendJSON("POST", root("_admin/faults"), R"({"action": "nope"})", {}).status, 400);
-    EXPECT_EQ(sendJSON("POST", root("_admin/faults"), "{", {}).status, 400);
-    EXPECT_EQ(sendJSON("DELETE", root("_admin/faults"), "", {}).status, 200);
-    EXPECT_EQ(get(root("_admin/faults"), {}).json(), json::array());
+    EXPECT_EQ(sendJSON("POST", root("_admin/faults"), R"({"action": "nope"})").status, 400);
+    EXPECT_EQ(sendJSON("POST", root("_admin/faults"), "{").status, 400);
+    EXPECT_EQ(sendJSON("DELETE", root("_admin/faults"), "").status, 200);
+    EXPECT_EQ(get(root("_admin/faults")).json(), json::array());
 
     // The log keeps what crossed the wire: selected headers, body size, part
     // names and the status, and never its own admin traffic.
-    ASSERT_EQ(sendJSON("DELETE", root("_admin/requests"), "", {}).status, 200);
-    EXPECT_EQ(get(root("_admin/requests"), {}).json(), json::array());
+    ASSERT_EQ(sendJSON("DELETE", root("_admin/requests"), "").status, 200);
+    EXPECT_EQ(get(root("_admin/requests")).json(), json::array());
     auto created = sendJSON("POST", api("files"), R"({"fileName": "n"})",
                             {kAuth, "Content-Type: application/json", "znvmultiplexinghint: h-1"});
     std::string id = created.json()["fileId"];
     ASSERT_EQ(putBatch(id, {{4, "four"}}, "BB").status, 200);
     get(root("content/" + id), {"Range: bytes=0-1"});
-    auto log = get(root("_admin/requests"), {}).json();
+    auto log = get(root("_admin/requests")).json();
     ASSERT_EQ(log.size(), 3u);
     EXPECT_EQ(log[0]["method"], "POST");
     EXPECT_EQ(log[0]["path"], "/api/files");
     EXPECT_EQ(log[0]["status"], 201);
-    EXPECT_EQ(log[0]["headers"]["Authorization"], "Bearer dev-token");
+    EXPECT_EQ(log[0]["headers"]["Authorization"], "Bearer dev-...");
     EXPECT_EQ(log[0]["headers"]["Content-Type"], "application/json");
     EXPECT_EQ(log[0]["headers"]["znvmultiplexinghint"], "h-1");
     EXPECT_EQ(log[0]["bodySize"], 17);

@@ -97,7 +97,8 @@ TEST(Program, BadFlagsAndUnusableDataDirectoriesExitWithTwo) {
          {std::string("--bogus"), std::string("--port"), std::string("--port 70000"),
           std::string("--port abc"), std::string("--max-full-file -1"), std::string("--fault '{'"),
           std::string("--fault '{\"action\": \"nope\"}'"), "--data " + file,
-          "--data " + file + "/below"}) {
+          "--data " + file + "/below", "--sink --data " + file + "-sink", std::string("--sink=yes"),
+          std::string("--admin-token=")}) {
         auto result = run(kProgram + " " + args + " 2>/dev/null");
         EXPECT_EQ(result.status, 2) << args;
         EXPECT_EQ(result.output, "") << args;  // nothing on standard output
@@ -118,6 +119,34 @@ TEST(Program, PrintsItsURLFirstAndStopsCleanlyOnSignals) {
         EXPECT_EQ(program.signalAndWait(signal, 10s), 0);
         EXPECT_TRUE(std::filesystem::is_directory(data + "/files"));
     }
+}
+
+TEST(Program, SinkWithItsOwnAdminToken) {
+    Program program({"--sink", "--token", "t0k", "--admin-token", "adm"});
+    const std::string base = program.firstLine();
+    ASSERT_EQ(base.rfind("http://127.0.0.1:", 0), 0u) << base;
+    const std::string root = base.substr(0, base.size() - 4);
+    const std::string auth = "Authorization: Bearer t0k";
+    auto created = sendJSON("POST", base + "files", R"({"fileName": "z.bin"})",
+                            {auth, "Content-Type: application/json"});
+    ASSERT_EQ(created.status, 201) << created.body;
+    std::string id = created.json()["fileId"];
+    HttpRequest put;
+    put.method = "PUT";
+    put.url = base + "files/" + id + "/fullfile";
+    put.headers = {auth};
+    put.body = std::string(5000, 'x');
+    ASSERT_EQ(perform(put).status, 200);
+    auto content = get(root + "content/" + id, {"Range: bytes=4990-"});
+    EXPECT_EQ(content.status, 206);
+    EXPECT_EQ(content.body, std::string(10, '\0'));
+    EXPECT_EQ(get(root + "_admin/requests", {auth}).status, 401);
+    auto log = get(root + "_admin/requests", {"Authorization: Bearer adm"});
+    ASSERT_EQ(log.status, 200);
+    ASSERT_EQ(log.json().size(), 3u);
+    EXPECT_EQ(log.json()[1]["bodySize"], 5000);
+    EXPECT_EQ(log.json()[1]["headers"]["Authorization"], "Bearer t0k");
+    EXPECT_EQ(program.signalAndWait(SIGTERM, 10s), 0);
 }
 
 // A 1 GiB upload streams to disk: the emulator's peak resident memory stays

@@ -169,7 +169,8 @@ TEST_F(URLSessionTest, DataTasksCarryRequestsAndDeliverResponseAndWholeBody) {
     auto posts = logged("POST", "/api/files");
     ASSERT_EQ(posts.size(), 1u);
     EXPECT_EQ(posts[0].at("bodySize"), parameters.size());
-    EXPECT_EQ(loggedHeader(posts[0], "Authorization"), "Bearer dev-token");
+    // The log keeps four characters of the token; the 201 says it matched.
+    EXPECT_EQ(loggedHeader(posts[0], "Authorization"), "Bearer dev-...");
     EXPECT_EQ(loggedHeader(posts[0], "Content-Type"), "application/json");
     EXPECT_EQ(delegate_->totalSent(create->taskIdentifier()),
               static_cast<int64_t>(parameters.size()));
