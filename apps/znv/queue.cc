@@ -525,6 +525,7 @@ struct Tracked {
     std::string output;                      // where a download is, or goes
     std::string extraError;                  // a failure znv found (HTTP status, delivery)
     bool urlRequested = false;
+    bool wholeAnnounced = false;  // a line said the upload goes whole
 };
 
 // Content URLs arriving on the main queue, read by the run loop.
@@ -628,13 +629,20 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         return std::string();
     };
 
+    // Reports a state; an upload learns whether it goes whole only from the
+    // service's answer to its creation, so that is said once it is known.
+    auto report = [&](Tracked& t, const TaskView& view) {
+        reporter.stateChanged(view);
+        if (view.kind == "upload" && view.whole && view.state == 1) t.wholeAnnounced = true;
+    };
+
     for (auto& t : tracked) {
         TaskView view = viewFor(t);
         t.startBytes = view.completedBytes;
         reporter.taskAdded(view);
         t.reportedState = "queued";
         if (stateName(view) == "running") {
-            reporter.stateChanged(view);
+            report(t, view);
             t.reportedState = "running";
         }
     }
@@ -696,7 +704,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
                 step.error.clear();
                 step.retryError = passedStep.retryError;
                 if (stateName(step) != t.reportedState) {
-                    reporter.stateChanged(step);
+                    report(t, step);
                     t.reportedState = stateName(step);
                     lastActivity = now;
                 }
@@ -767,9 +775,12 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             }
             bool reportable = !(view.succeeded() || view.failed()) || t.final;
             if (reportable && name != t.reportedState) {
-                reporter.stateChanged(view);
+                report(t, view);
                 t.reportedState = name;
                 lastActivity = now;
+            } else if (name == "running" && view.kind == "upload" && view.whole &&
+                       !t.wholeAnnounced) {
+                report(t, view);
             }
             if (!t.final) allFinal = false;
             views.push_back(std::move(view));

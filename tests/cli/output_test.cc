@@ -91,11 +91,21 @@ TEST_F(ZnvOutputTest, ResultsGoToStdoutAndEverythingElseToStderr) {
         ASSERT_TRUE(std::regex_match(line, m, std::regex("(\\S+) (http://\\S+)"))) << line;
         EXPECT_NE(m[2].str().find(m[1].str()), std::string::npos) << "the URL serves that ID";
     }
-    EXPECT_NE(up.err.find("whole file: an interruption restarts it"), std::string::npos) << up.err;
     EXPECT_TRUE(std::regex_search(
         up.err, std::regex("2 completed, 0 failed: 7\\.8 KiB in [0-9.]+ s \\([0-9.]+ MB/s\\)")))
         << up.err;
     EXPECT_EQ((up.out + up.err).find('\x1b'), std::string::npos);
+
+    // An upload that goes whole says so while it runs.
+    ASSERT_TRUE(emulator_.addFault({{"method", "PUT"},
+                                    {"path", "/api/files/*/fullfile"},
+                                    {"action", "throttle"},
+                                    {"bytesPerSecond", 1000000}}));
+    ZnvRun whole = user.run({"--server", server_, "upload", file("whole.bin", 1000000)});
+    EXPECT_EQ(whole.status, 0);
+    EXPECT_NE(whole.err.find("whole file: an interruption restarts it"), std::string::npos)
+        << whole.err;
+    emulator_.clearFaults();
 
     ZnvRun quiet = user.run({"--server", server_, "-q", "upload", file("q.bin", 100)});
     EXPECT_EQ(quiet.status, 0);
@@ -107,6 +117,21 @@ TEST_F(ZnvOutputTest, ResultsGoToStdoutAndEverythingElseToStderr) {
     EXPECT_NE(verbose.err.find("znv: [info]"), std::string::npos) << verbose.err;
     EXPECT_EQ(verbose.err.find("[debug]"), std::string::npos);
     EXPECT_EQ(lines(verbose.out).size(), 1u);
+    // A name that would clear the screen and forge a line is shown escaped
+    // wherever people read it, and as it is in JSON.
+    std::string hostile = file("evil\x1b[2J\ncompleted.bin", 700);
+    ZnvRun evil = user.run({"--server", server_, "upload", hostile});
+    ASSERT_EQ(evil.status, 0) << evil.err;
+    ZnvRun table = user.run({"status"});
+    for (const std::string& text : {evil.err, evil.out, table.out}) {
+        EXPECT_EQ(text.find('\x1b'), std::string::npos) << text;
+        EXPECT_EQ(text.find("\ncompleted.bin"), std::string::npos) << text;
+    }
+    EXPECT_NE(evil.err.find("evil\\x1b[2J\\ncompleted.bin"), std::string::npos) << evil.err;
+    EXPECT_NE(table.out.find("evil\\x1b[2J\\ncompleted.bin"), std::string::npos) << table.out;
+    ZnvRun json = user.run({"--json", "status"});
+    EXPECT_NE(json.out.find(nlohmann::json(hostile).dump()), std::string::npos) << json.out;
+
     ZnvRun debug = user.run({"--server", server_, "-vv", "status"});
     EXPECT_EQ(debug.status, 0);
     EXPECT_EQ(user.run({"-q", "-v", "status"}).status, 2);
