@@ -18,6 +18,7 @@
 #include "znv/platform/notification_center.h"
 #include "znv/platform/progress.h"
 #include "znv/platform/url_session.h"
+#include "znv/platform/url_session_resume_data.h"
 #include "znv/session/network_session_manager.h"
 
 namespace znv {
@@ -538,12 +539,22 @@ void ZNVNetworkTask::cancel() {
     }
     ZNVLogInfo("Cancelling download. Attempting to retrieve resume data ...");
     std::weak_ptr<ZNVNetworkTask> weakSelf = weak_from_this();
-    afterUnlock([download, weakSelf]() {
-        download->cancelByProducingResumeData([weakSelf](const ZNVBytes& resumeData) {
+    const uint64_t ticket = workGeneration_;
+    afterUnlock([download, weakSelf, ticket]() {
+        download->cancelByProducingResumeData([weakSelf, ticket](const ZNVBytes& resumeData) {
             auto self = weakSelf.lock();
-            if (!self) return;
-            ZNVLogInfo("   Storing resume data that was retrieved.");
+            if (!self) {
+                ZNVURLSessionResumeData::removePartialFile(resumeData);
+                return;
+            }
             Lock lock(*self);
+            // Resume data that arrives after a retry (or once the task has
+            // moved on) belongs to nobody: its partial file is deleted.
+            if (self->workGeneration_ != ticket || !self->rawError_) {
+                ZNVURLSessionResumeData::removePartialFile(resumeData);
+                return;
+            }
+            ZNVLogInfo("   Storing resume data that was retrieved.");
             self->setRawError(
                 ZNVNetworkErrorHandler_addResumeDataToError(resumeData, self->rawError_));
         });
