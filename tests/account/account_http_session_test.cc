@@ -48,6 +48,26 @@ TEST(AccountHTTPSession, FailingStatusesGiveABadServerResponseWithStatusAndURL) 
               "the server responded with status 599 (server error)");
 }
 
+TEST(AccountHTTPSession, RetryAfterOfA429Or503IsKeptInSecondsAndCappedAtAnHour) {
+    const auto retryAfter = [](int64_t status, const std::string& value) -> std::optional<double> {
+        auto error = ZNVAccountHTTPSession::parseServerErrorFromResponse(
+            status, {{"retry-AFTER", value}}, "", kURL);
+        const ZNVUserInfoValue* found = error ? error->value(ZNVURLErrorRetryAfterKey) : nullptr;
+        if (!found) return std::nullopt;
+        return std::get<double>(*found);
+    };
+    EXPECT_EQ(retryAfter(503, "120"), 120.0);
+    EXPECT_EQ(retryAfter(429, " 7 "), 7.0);
+    EXPECT_EQ(retryAfter(503, "86400"), 3600.0);
+    EXPECT_EQ(retryAfter(503, "99999999999999999999"), 3600.0);
+    EXPECT_EQ(retryAfter(503, "Wed, 21 Oct 2015 07:28:00 GMT"), 0.0) << "a date in the past";
+    const std::optional<double> future = retryAfter(503, "Fri, 31 Dec 9999 23:59:59 GMT");
+    EXPECT_EQ(future, 3600.0);
+    EXPECT_EQ(retryAfter(503, "soon"), std::nullopt);
+    EXPECT_EQ(retryAfter(503, "-5"), std::nullopt);
+    EXPECT_EQ(retryAfter(500, "120"), std::nullopt) << "only 429 and 503 ask to come back later";
+}
+
 TEST(AccountHTTPSession, UsesTheServersJSONMessageOnlyWhenThereIsAUsableOne) {
     const std::string withMessage =
         "  \n{\"code\": 403, \"message\": \"file already completed\", \"extra\": [1, 2]}";

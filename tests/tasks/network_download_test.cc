@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <limits>
 
 #include "tests/tasks/task_test_support.h"
 #include "znv/platform/filesystem.h"
 #include "znv/platform/keyed_archive.h"
 #include "znv/platform/progress.h"
+#include "znv/platform/url_session_resume_data.h"
 
 namespace znv {
 namespace {
@@ -95,6 +97,102 @@ TEST_F(NetworkDownloadTest, CancelledDownloadContinuesFromItsResumeDataAfterRetr
     EXPECT_TRUE(log[0]["headers"].contains("Range") || log[0]["headers"].contains("range"))
         << log.dump();
     download->taskDidFinish();
+}
+
+TEST_F(NetworkDownloadTest, FailuresOfAResumedDownloadNeverLoseTheReceivedBytes) {
+    const std::string source = test::makeTempDir("src") + "/kept.bin";
+    test::writePatternFile(source, 4 << 20, 5);
+    const std::string id = harness.seedRemoteFile("kept.bin", test::readFile(source));
+    ASSERT_TRUE(harness.emulator.addFault({{"method", "GET"},
+                                           {"path", "/content/*"},
+                                           {"action", "throttle"},
+                                           {"bytesPerSecond", 512 * 1024}}));
+    auto download = makeDownload(harness.emulator.rootURL() + "content/" + id);
+    ASSERT_TRUE(download->resume());
+    ASSERT_TRUE(test::waitFor([&] { return download->progress()->completedUnitCount() > 50; }));
+    download->cancel();
+    ASSERT_TRUE(test::waitFor([&] {
+        auto raw = download->rawError();
+        return raw && raw->value(NSURLSessionDownloadTaskResumeData) != nullptr;
+    }));
+    const auto partialOf = [](const ZNVErrorRef& error) {
+        const ZNVUserInfoValue* value =
+            error ? error->value(NSURLSessionDownloadTaskResumeData) : nullptr;
+        auto info =
+            value ? ZNVURLSessionResumeData::decode(std::get<ZNVBytes>(*value)) : std::nullopt;
+        return info ? std::pair{info->partialFile, info->bytesReceived}
+                    : std::pair{std::string(), int64_t{0}};
+    };
+    const auto [partial, received] = partialOf(download->rawError());
+    ASSERT_GT(received, 0);
+    ASSERT_EQ(static_cast<int64_t>(fs::file_size(partial)), received);
+
+    // A passing 503 and connections dropped before any answer (also the one
+    // the transfer library retries on by itself): each attempt fails, and
+    // each hands the same partial file, untouched, to the next.
+    harness.emulator.clearFaults();
+    for (const nlohmann::json& fault :
+         {nlohmann::json{{"method", "GET"},
+                         {"path", "/content/*"},
+                         {"action", "status"},
+                         {"status", 503},
+                         {"times", 1}},
+          nlohmann::json{
+              {"method", "GET"}, {"path", "/content/*"}, {"action", "reset"}, {"times", 3}}}) {
+        ASSERT_TRUE(harness.emulator.addFault(fault));
+        if (download->error()) {
+            download->retry();
+        } else {
+            download->automaticallyRecoverFromError();
+            ASSERT_TRUE(download->resume());
+        }
+        ASSERT_TRUE(test::waitFor([&] { return download->rawError() != nullptr; })) << fault;
+        EXPECT_EQ(download->error(), nullptr) << fault << " is recoverable";
+        EXPECT_EQ(partialOf(download->rawError()), std::pair(partial, received)) << fault;
+        ASSERT_TRUE(fs::exists(partial)) << fault;
+        EXPECT_EQ(static_cast<int64_t>(fs::file_size(partial)), received) << fault;
+    }
+
+    harness.emulator.clearFaults();
+    harness.emulator.clearRequestLog();
+    download->automaticallyRecoverFromError();
+    ASSERT_TRUE(download->resume());
+    ASSERT_TRUE(finished(download));
+    ASSERT_EQ(download->error(), nullptr) << download->rawError()->description();
+    EXPECT_TRUE(test::filesEqual(download->localFileURL()->path(), source));
+    const auto log = harness.emulator.requestLog();
+    ASSERT_EQ(log.size(), 1u) << log.dump();
+    EXPECT_EQ(log[0]["status"], 206) << "only the rest was asked for";
+    download->taskDidFinish();
+    EXPECT_FALSE(fs::exists(partial));
+}
+
+TEST_F(NetworkDownloadTest, ResumeDataNamingAFileOutsideThePrivateDirectoryIsRefused) {
+    const std::string source = test::makeTempDir("src") + "/clean.bin";
+    test::writePatternFile(source, 200 * 1024, 6);
+    const std::string id = harness.seedRemoteFile("clean.bin", test::readFile(source));
+    // A state file that was tampered with names one of the user's files.
+    const std::string victim = test::makeTempDir("outside") + "/ZNVDownload-abcdef";
+    test::writeFile(victim, "precious");
+    ZNVURLSessionResumeData::Info info;
+    info.url = harness.emulator.rootURL() + "content/" + id;
+    info.partialFile = victim;
+    info.bytesReceived = 8;
+    info.etag = "\"strong\"";
+    auto download = makeDownload(info.url);
+    download->setResumeData(ZNVURLSessionResumeData::encode(info));
+    ASSERT_TRUE(download->resume());
+    ASSERT_TRUE(finished(download));
+    ASSERT_EQ(download->error(), nullptr) << download->rawError()->description();
+    EXPECT_TRUE(test::filesEqual(download->localFileURL()->path(), source));
+    download->taskDidFinish();
+    EXPECT_EQ(test::readFile(victim), "precious");
+
+    // 0 of 0 bytes is no progress at all.
+    auto empty = makeDownload(info.url);
+    empty->handleProgress(std::numeric_limits<float>::quiet_NaN());
+    empty->handleProgress(std::numeric_limits<float>::infinity());
+    EXPECT_EQ(empty->progress()->completedUnitCount(), 0);
 }
 
 TEST_F(NetworkDownloadTest, RefusesToStartWithoutWhatItNeeds) {

@@ -395,14 +395,14 @@ TEST_F(StorageUploadTest, ArchiveRoundTripKeepsThePipelineFields) {
     std::vector<std::string> keys;
     for (const auto& item : json["$top"]["root"].items())
         keys.push_back(item.key());
-    const std::vector<std::string> tail(keys.end() - 15, keys.end());
+    const std::vector<std::string> tail(keys.end() - 16, keys.end());
     EXPECT_EQ(tail,
               (std::vector<std::string>{
                   "remote file ID", "shared storage ID", "multiplexing hint", "source URL bookmark",
                   "chunk indices to upload", "chunk count", "size of last chunk",
                   "pending batch chunk count", "remote file name", "maximum full-file upload size",
                   "requires video post processing", "source device", "source inode", "source size",
-                  "source modification time"}));
+                  "source modification time", "uploads chunks"}));
 
     ZNVErrorRef error;
     auto decoded = std::dynamic_pointer_cast<ZNVStorageUpload>(
@@ -418,6 +418,8 @@ TEST_F(StorageUploadTest, ArchiveRoundTripKeepsThePipelineFields) {
     EXPECT_EQ(decoded->pendingBatchChunkCount(), 2u);
     EXPECT_EQ(decoded->maximumFullFileUploadSize(), 77u);
     EXPECT_TRUE(decoded->requiresVideoPostProcessing());
+    EXPECT_TRUE(decoded->uploadsChunks());
+    EXPECT_FALSE(decoded->forceChunkUploading());
     EXPECT_EQ(decoded->account(), nullptr) << "re-attached by connectToAccount";
     EXPECT_EQ(decoded->sourceURL(), upload->sourceURL());
 
@@ -426,6 +428,45 @@ TEST_F(StorageUploadTest, ArchiveRoundTripKeepsThePipelineFields) {
     EXPECT_EQ(decoded->session(), harness.session);
     upload->connectToAccount(nullptr, nullptr, nullptr);
     EXPECT_EQ(upload->account(), harness.account) << "only decoded uploads are re-attached";
+}
+
+TEST_F(StorageUploadTest, AnUploadOnChunksNeverFallsBackToTheWholeFileAfterARelaunch) {
+    if (ZNVFreeSpaceAtPath(ZNVHomeDirectory()) < ZNVStorageUploadFreeSpaceMargin + (1 << 20)) {
+        GTEST_SKIP() << "needs 512 MiB of free space";
+    }
+    // One upload was forced to chunks and killed before its first batch; the
+    // other was refused whole, sent its only batch and was killed while
+    // assembling. Both would fit whole; after the relaunch neither may send
+    // the file whole.
+    auto forced = makeUpload(4);
+    forced->setForceChunkUploading(true);
+    auto sent = makeUpload(4);
+    for (const auto& [upload, id] : {std::pair{forced, "F21"}, std::pair{sent, "F22"}}) {
+        upload->setMaximumFullFileUploadSize(1 << 20);
+        upload->resume();
+        settle();
+        answer(upload, created(id, 1 << 20));
+    }
+    ASSERT_EQ(tag(forced), "chunk index 0");
+    ASSERT_EQ(tag(sent), "upload entire file");
+    answer(sent, recorded("PUT", "files/F22/fullfile", {}, serverError(500)));
+    ASSERT_EQ(tag(sent), "chunk index 0");
+    answer(sent, chunksSent("F22", {0}));
+    ASSERT_EQ(tag(sent), "assemble remote file");
+    EXPECT_TRUE(sent->chunkIndicesToUpload().empty());
+
+    for (const auto& [upload, expected] :
+         {std::pair{forced, "chunk index 0"}, std::pair{sent, "assemble remote file"}}) {
+        ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*upload);
+        auto decoded = std::dynamic_pointer_cast<ZNVStorageUpload>(
+            ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data));
+        ASSERT_NE(decoded, nullptr);
+        EXPECT_TRUE(decoded->uploadsChunks());
+        decoded->connectToAccount(harness.account, harness.session, nullptr);
+        ASSERT_TRUE(decoded->resume());
+        settle();
+        EXPECT_EQ(tag(decoded), expected) << upload->remoteFileID();
+    }
 }
 
 TEST_F(StorageUploadTest, DecodedUploadNoticesASourceThatGrewAcrossAChunkBoundary) {

@@ -2,7 +2,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include <curl/curl.h>
+
+#include <algorithm>
 #include <cctype>
+#include <ctime>
+#include <optional>
 
 #include "znv/platform/url_request.h"
 
@@ -41,6 +46,32 @@ bool mayHoldJSON(const ZNVAccountHTTPSession::Headers& headers) {
     return true;
 }
 
+// Seconds to wait that a Retry-After value asks for: a number of seconds or an
+// HTTP date (relative to now), at most an hour; none for anything else.
+std::optional<double> retryAfterSeconds(const ZNVAccountHTTPSession::Headers& headers) {
+    constexpr double kLongest = 3600.0;
+    for (const auto& [name, value] : headers) {
+        if (name.size() != 11) continue;
+        std::string lower;
+        for (char c : name)
+            lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        if (lower != "retry-after") continue;
+        const auto begin = value.find_first_not_of(" \t");
+        if (begin == std::string::npos) return std::nullopt;
+        const std::string text = value.substr(begin, value.find_last_not_of(" \t") - begin + 1);
+        if (std::all_of(text.begin(), text.end(),
+                        [](char c) { return std::isdigit(static_cast<unsigned char>(c)); })) {
+            if (text.size() > 6) return kLongest;
+            return std::min(kLongest, static_cast<double>(std::stoul(text)));
+        }
+        const time_t when = curl_getdate(text.c_str(), nullptr);
+        if (when < 0) return std::nullopt;
+        const double delta = std::difftime(when, std::time(nullptr));
+        return std::clamp(delta, 0.0, kLongest);
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 std::string ZNVAccountHTTPSession::localizedStringForStatusCode(int64_t statusCode) {
@@ -61,6 +92,10 @@ ZNVErrorRef ZNVAccountHTTPSession::parseServerErrorFromResponse(int64_t statusCo
         {NSLocalizedDescriptionKey, std::move(message)},
         {ZNVURLErrorFailingStatusCodeKey, statusCode},
     };
+    if (statusCode == 429 || statusCode == 503) {
+        if (std::optional<double> wait = retryAfterSeconds(headers))
+            userInfo.emplace(ZNVURLErrorRetryAfterKey, *wait);
+    }
     if (!url.isEmpty()) {
         userInfo.emplace(NSURLErrorFailingURLStringErrorKey, url.absoluteString());
         userInfo.emplace(NSURLErrorFailingURLErrorKey, url);

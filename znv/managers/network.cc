@@ -4,8 +4,11 @@
 #include <netinet/in.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdio>
 #include <mutex>
+#include <optional>
+#include <thread>
 #include <utility>
 
 #include "znv/foundation/device.h"
@@ -51,6 +54,14 @@ std::string describeTasks(const std::vector<ZNVNetworkTask*>& tasks) {
 
 }  // namespace
 
+struct ZNVNetwork::RecoveryTimer {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::optional<ZNVDate> deadline;  // guarded by mutex
+    bool stopped = false;             // guarded by mutex
+    bool running = false;             // guarded by mutex
+};
+
 // ---------------------------------------------------------------------------
 // ZNVNetworkBackground
 
@@ -80,7 +91,8 @@ std::shared_ptr<ZNVNetwork> ZNVNetwork::create(ZNVAccountConfigurationRef config
 }
 
 ZNVNetwork::ZNVNetwork(ZNVAccountConfigurationRef configuration)
-    : accountConfiguration_(std::move(configuration)) {
+    : accountConfiguration_(std::move(configuration)),
+      recoveryTimer_(std::make_shared<RecoveryTimer>()) {
     // Class set-up, once per process.
     static std::once_flag classSetUp;
     std::call_once(classSetUp, [] { ZNVNetworkDevice_enableBatteryMonitoring(); });
@@ -96,6 +108,11 @@ spdlog::logger& ZNVNetwork::log() {
 }
 
 ZNVNetwork::~ZNVNetwork() {
+    {
+        std::lock_guard<std::mutex> lock(recoveryTimer_->mutex);
+        recoveryTimer_->stopped = true;
+        recoveryTimer_->changed.notify_all();
+    }
     for (auto token : notificationTokens_) {
         ZNVNotificationCenter::defaultCenter().removeObserver(token);
     }
@@ -341,6 +358,47 @@ void ZNVNetwork::refreshAndSave() {
     });
 }
 
+void ZNVNetwork::planRecoveryRefresh(const std::vector<ZNVNetworkTask*>& tasks) {
+    std::optional<ZNVDate> earliest;
+    for (auto* task : tasks) {
+        if (!task || !task->settledHasRawError()) continue;
+        if (std::optional<ZNVDate> date = task->nextRecoveryDate()) {
+            if (!earliest || *date < *earliest) earliest = date;
+        }
+    }
+    if (!earliest) return;
+    std::shared_ptr<RecoveryTimer> timer = recoveryTimer_;
+    if (!timer) return;
+    std::lock_guard<std::mutex> lock(timer->mutex);
+    if (timer->stopped || (timer->deadline && *timer->deadline <= *earliest)) return;
+    timer->deadline = earliest;
+    timer->changed.notify_all();
+    if (timer->running) return;
+    timer->running = true;
+    std::weak_ptr<ZNVNetwork> weak = weakSelf();
+    std::thread([timer, weak] {
+        std::unique_lock<std::mutex> lock(timer->mutex);
+        while (!timer->stopped) {
+            if (!timer->deadline) {
+                timer->changed.wait(lock);
+                continue;
+            }
+            const auto remaining = *timer->deadline - ZNVNetworkTask::now();
+            if (remaining > ZNVDate::duration::zero()) {
+                // Bounded waits follow a clock that tests move by hand.
+                timer->changed.wait_for(
+                    lock, std::min<ZNVDate::duration>(remaining, std::chrono::seconds(1)));
+                continue;
+            }
+            timer->deadline.reset();
+            lock.unlock();
+            if (auto self = weak.lock()) self->refreshAndSave();
+            lock.lock();
+        }
+        timer->running = false;
+    }).detach();
+}
+
 bool ZNVNetwork::isReachableEvenInBackground() const {
     const bool pluggedIn = ZNVNetworkDevice_deviceIsPluggedIn();
     const bool batteryIsGood = ZNVNetworkDevice_batteryLevelIsGood();
@@ -423,6 +481,7 @@ bool ZNVNetwork::refreshDownloadActivity() {
     const auto list = downloadSnapshot();
     const auto collection = taskPointers<ZNVNetworkDownload>(list);
     prepareTaskPointers(collection, reachable);
+    planRecoveryRefresh(collection);
     const uint64_t active = activeDownloadCount();
     if (active > 1) return false;
     if (reachable) return activateTaskPointers(kDownloadCapacity - active, collection, "download");

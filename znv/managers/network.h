@@ -19,8 +19,9 @@
 //   session callbacks never overlap; changes schedule it through the main
 //   queue. Every request runs its own refresh, in the order requested.
 // - At most two downloads run at a time; activation waits for a reachable
-//   network. Every task state change is re-posted on the default notification
-//   center under "ZNVNetwork: task did resume/suspend/complete" with this
+//   network. A task that waits out its recovery delay gets a refresh when
+//   the delay ends (a timer thread of the manager). Every task state change is re-posted on the
+//   default notification center under "ZNVNetwork: task did resume/suspend/complete" with this
 //   manager as sender, on the main queue.
 // - The state file (see network_state.cc) is rewritten after every change of
 //   the collection. Each save writes the collection as it was when the save
@@ -241,6 +242,10 @@ class ZNVNetwork : public ZNVObservable,
 
     // Schedules `refreshAndSave` on the main queue through a weak reference.
     void scheduleRefreshAndSave();
+    // Asks for a refresh when the earliest planned recovery of `tasks` is due,
+    // so that a task waiting out its recovery delay restarts without any
+    // other event.
+    void planRecoveryRefresh(const std::vector<ZNVNetworkTask*>& tasks);
     std::weak_ptr<ZNVNetwork> weakSelf() { return weak_from_this(); }
 
     // Serialises collection changes (adding, finishing, invalidating) so that
@@ -284,6 +289,11 @@ class ZNVNetwork : public ZNVObservable,
 
     // Tokens of the notification-center registrations made by launch.
     std::vector<ZNVNotificationToken> notificationTokens_;
+
+    // The thread that runs a refresh when a planned recovery is due; shared
+    // with that thread, which outlives the manager only until it notices.
+    struct RecoveryTimer;
+    std::shared_ptr<RecoveryTimer> recoveryTimer_;
 
     // Bumped by every queued save under collectionsMutex_, together with the
     // snapshot it saves; a save that finds a newer number skips itself.

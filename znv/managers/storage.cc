@@ -192,6 +192,7 @@ bool ZNVStorage::refreshUploadActivity() {
     const auto list = uploadSnapshot();
     const auto collection = taskPointers<ZNVStorageUpload>(list);
     prepareTaskPointers(collection, reachable);
+    planRecoveryRefresh(collection);
     const uint64_t active = activeUploadCount();
     if (active > 1) return false;
     if (!signedIn) {

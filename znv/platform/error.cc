@@ -13,6 +13,7 @@ const char* const NSURLSessionDownloadTaskResumeData = "NSURLSessionDownloadTask
 const char* const NSUnderlyingErrorKey = "NSUnderlyingError";
 const char* const NSFilePathErrorKey = "NSFilePath";
 const char* const ZNVURLErrorFailingStatusCodeKey = "ZNVURLErrorFailingStatusCode";
+const char* const ZNVURLErrorRetryAfterKey = "ZNVURLErrorRetryAfter";
 
 ZNVError::ZNVError(std::string domain, int64_t code, ZNVUserInfo userInfo)
     : domain_(std::move(domain)), code_(code), userInfo_(std::move(userInfo)) {}

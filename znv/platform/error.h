@@ -39,6 +39,9 @@ extern const char* const NSFilePathErrorKey;
 // The HTTP status of a failed request, put there by the account layer's
 // HTTP error parsing (a number, or a numeric string).
 extern const char* const ZNVURLErrorFailingStatusCodeKey;
+// How long a 429 or 503 answer asked the client to wait before trying again,
+// in seconds (a number, at most 3600), from its Retry-After header.
+extern const char* const ZNVURLErrorRetryAfterKey;
 
 // The "no index" / "no status" sentinel (largest signed 64-bit value).
 inline constexpr int64_t ZNVNotFound = 0x7FFFFFFFFFFFFFFF;

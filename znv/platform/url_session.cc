@@ -297,6 +297,11 @@ struct ZNVURLSession::Core {
         int64_t expectedTotal = ZNVURLSessionTransferSizeUnknown;
         bool writeFailed = false;
         bool badRange = false;
+        // The resume data a ranged request was made from; handed back when
+        // the transfer ends before the server sent any of the rest, or with
+        // an answer that is not the body (the partial file is left alone).
+        ZNVBytes resumedFrom;
+        bool keepPartial = false;
         std::string etag;
         std::string lastModified;
         bool acceptsRanges = false;
@@ -783,7 +788,7 @@ ZNVErrorRef ZNVURLSession::Core::setUp(Transfer& t) {
         const auto& download = static_cast<const ZNVURLSessionDownloadTask&>(task);
         if (!download.resumeDataUsed().empty()) {
             auto info = ZNVURLSessionResumeData::decode(download.resumeDataUsed());
-            if (info && !info->partialFile.empty()) {
+            if (info && ZNVURLSessionResumeData::isPartialFilePath(info->partialFile)) {
                 int fd = open(info->partialFile.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
                 struct stat st {};
                 if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
@@ -801,6 +806,7 @@ ZNVErrorRef ZNVURLSession::Core::setUp(Transfer& t) {
                         t.lastModified = info->lastModified;
                         headers["Range"] = fmt::format("bytes={}-", offset);
                         headers["If-Range"] = validator;
+                        t.resumedFrom = download.resumeDataUsed();
                     }
                 } else if (fd >= 0) {
                     close(fd);
@@ -984,6 +990,11 @@ bool ZNVURLSession::Core::beginBody(Transfer& t) {
             total = complete > 0 ? complete
                                  : (contentLength >= 0 ? offset + contentLength
                                                        : ZNVURLSessionTransferSizeUnknown);
+        } else if (t.status < 200 || t.status >= 300) {
+            // An error (a passing 503, say) is not the body: the partial
+            // file keeps what it holds for the next attempt.
+            t.keepPartial = true;
+            offset = t.requestedOffset;
         } else if (ftruncate(t.outFd, 0) != 0) {
             t.writeFailed = true;
             return false;
@@ -1007,6 +1018,7 @@ size_t ZNVURLSession::Core::onWrite(char* data, size_t size, size_t count, void*
     size_t length = size * count;
     t.lastActivity = Clock::now();
     if (!t.core->beginBody(t)) return 0;
+    if (t.keepPartial) return length;
     if (t.task->kind() == ZNVURLSessionTask::Kind::Download) {
         size_t done = 0;
         while (done < length) {
@@ -1200,6 +1212,16 @@ ZNVErrorRef ZNVURLSession::Core::errorFor(Transfer& t, CURLcode code) const {
 // no way to ask for the rest. On success the partial file is kept for it.
 ZNVBytes ZNVURLSession::Core::resumeDataFor(Transfer& t) {
     if (t.task->kind() != ZNVURLSessionTask::Kind::Download) return {};
+    if (!t.resumedFrom.empty() && (!t.bodyBegun || t.keepPartial)) {
+        // Nothing of the rest arrived: the partial file is as the resume
+        // data describes it, so that data serves the next attempt.
+        if (t.outFd >= 0) {
+            close(t.outFd);
+            t.outFd = -1;
+        }
+        t.outPath.clear();
+        return t.resumedFrom;
+    }
     const ZNVURLRequest& request = t.task->originalRequest();
     bool validator = isStrongValidator(t.etag) || !t.lastModified.empty();
     if (!t.bodyBegun || t.badRange || t.writeFailed || t.outFd < 0 || t.fileSize <= 0 ||
@@ -1299,6 +1321,17 @@ void ZNVURLSession::Core::transferDone(uint64_t identifier, CURLcode code) {
     postSentProgress(t, true);
     if (t.task->kind() == ZNVURLSessionTask::Kind::Download && t.bodyBegun) {
         postWrittenProgress(t, true);
+    }
+    if (ok && t.keepPartial) {
+        // The answer to a resumed request was an error status: the session
+        // manager reports the status; the resume data keeps the partial file.
+        ZNVErrorRef error =
+            makeURLError(NSURLErrorBadServerResponse,
+                         fmt::format("the server answered {}", t.status), failingURL(t));
+        deliverCompletion(
+            entry.task,
+            error->byAddingUserInfo({{NSURLSessionDownloadTaskResumeData, resumeDataFor(t)}}));
+        return;
     }
     if (!ok) {
         ZNVErrorRef error = errorFor(t, code);

@@ -2,6 +2,13 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cctype>
+#include <string_view>
+
+#include <unistd.h>
+
+#include "znv/platform/filesystem.h"
+
 namespace znv {
 
 namespace {
@@ -49,6 +56,25 @@ std::optional<ZNVURLSessionResumeData::Info> ZNVURLSessionResumeData::decode(con
     } catch (const nlohmann::json::exception&) {
         return std::nullopt;
     }
+}
+
+bool ZNVURLSessionResumeData::isPartialFilePath(const std::string& path) {
+    static constexpr std::string_view kPrefix = "/ZNVDownload-";
+    const std::string directory = ZNVPrivateTemporaryDirectory();
+    if (directory.empty() || path.size() != directory.size() + kPrefix.size() + 6) return false;
+    if (path.compare(0, directory.size(), directory) != 0) return false;
+    if (path.compare(directory.size(), kPrefix.size(), kPrefix) != 0) return false;
+    for (size_t i = directory.size() + kPrefix.size(); i < path.size(); ++i) {
+        const char c = path[i];
+        if (!std::isalnum(static_cast<unsigned char>(c))) return false;
+    }
+    return true;
+}
+
+void ZNVURLSessionResumeData::removePartialFile(const ZNVBytes& data) {
+    if (data.empty()) return;
+    std::optional<Info> info = decode(data);
+    if (info && isPartialFilePath(info->partialFile)) ::unlink(info->partialFile.c_str());
 }
 
 }  // namespace znv

@@ -7,7 +7,7 @@
 //   request sends in "If-Range".
 // - `decode` accepts only what `encode` writes (a version member and the
 //   required members with the right types); anything else gives std::nullopt.
-// - Pure functions, callable from any thread.
+// - Callable from any thread; only `removePartialFile` touches the disk.
 #pragma once
 
 #include <cstdint>
@@ -33,6 +33,15 @@ class ZNVURLSessionResumeData {
 
     static ZNVBytes encode(const Info& info);
     static std::optional<Info> decode(const ZNVBytes& data);
+
+    // Whether a path names one of the session's partial files: directly in the
+    // private temporary directory and named like the files it creates. Resume
+    // data naming anything else (read back from a state file, say) is never
+    // written to or deleted.
+    static bool isPartialFilePath(const std::string& path);
+    // Deletes the partial file that resume data names, if it is one of ours
+    // (resume data that is dropped would otherwise leave it behind).
+    static void removePartialFile(const ZNVBytes& data);
 };
 
 }  // namespace znv

@@ -455,7 +455,15 @@ void ZNVNetworkSessionManager::didCompleteWithError(const std::shared_ptr<ZNVURL
         serverError = ZNVAccountHTTPSession::parseServerErrorFromResponse(
             response->statusCode(), headers, data ? *data : ZNVBytes(), response->URL());
     }
-    ZNVErrorRef handedOn = serverError ? serverError : error ? error : answerError;
+    // Resume data of a download that the server refused for now stays with
+    // the server's error, so the next attempt continues the partial file.
+    if (serverError && error) {
+        if (const ZNVUserInfoValue* resume = error->value(NSURLSessionDownloadTaskResumeData)) {
+            serverError =
+                serverError->byAddingUserInfo({{NSURLSessionDownloadTaskResumeData, *resume}});
+        }
+    }
+        ZNVErrorRef handedOn = serverError ? serverError : error ? error : answerError;
     if (auto delegate = backgroundDelegate()) {
         delegate->didCompleteWithData(shared_from_this(), task, data, handedOn);
     }

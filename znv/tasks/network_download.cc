@@ -1,5 +1,11 @@
 #include "znv/tasks/network_download.h"
 
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "znv/platform/url_session_resume_data.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -112,6 +118,7 @@ bool ZNVNetworkDownload::resume() {
 
 void ZNVNetworkDownload::startDownload() {
     Lock lock(*this);
+    if (resumeData_) ZNVURLSessionResumeData::removePartialFile(*resumeData_);
     resumeData_.reset();
     if (!validateParameters()) return;
     ZNVErrorRef error;
@@ -149,7 +156,9 @@ bool ZNVNetworkDownload::validateParameters() {
 
 void ZNVNetworkDownload::handleProgress(float fraction) {
     std::shared_ptr<ZNVProgress> current = progress();
-    if (!current) return;
+    // 0 of 0 bytes gives NaN, which no integer can hold.
+    if (!current || !std::isfinite(fraction)) return;
+    fraction = std::clamp(fraction, 0.0f, 1.0f);
     const float total = static_cast<float>(current->totalUnitCount());
     current->setCompletedUnitCount(static_cast<int64_t>(total * fraction));
 }
@@ -195,23 +204,38 @@ void ZNVNetworkDownload::handleCompletionWithError(const ZNVErrorRef& error) {
 
 void ZNVNetworkDownload::resetForResume() {
     Lock lock(*this);
+    std::optional<ZNVBytes> previous = std::move(resumeData_);
     resumeData_.reset();
     if (ZNVErrorRef raw = rawError()) {
         if (const ZNVUserInfoValue* value = raw->value(NSURLSessionDownloadTaskResumeData)) {
             if (const ZNVBytes* bytes = std::get_if<ZNVBytes>(value)) resumeData_ = *bytes;
         }
     }
+    // Resume data that is replaced leaves no partial file behind.
+    if (previous && previous != resumeData_) ZNVURLSessionResumeData::removePartialFile(*previous);
     ZNVNetworkTask::resetForResume();
 }
 
 void ZNVNetworkDownload::taskDidFinish() {
     std::optional<ZNVURL> file;
+    std::vector<ZNVBytes> resumeData;
     {
         Lock lock(*this);
         file = std::move(localFileURL_);
         localFileURL_.reset();
+        if (resumeData_) resumeData.push_back(*resumeData_);
+        resumeData_.reset();
+        if (ZNVErrorRef raw = rawError()) {
+            if (const ZNVUserInfoValue* value = raw->value(NSURLSessionDownloadTaskResumeData)) {
+                if (const ZNVBytes* bytes = std::get_if<ZNVBytes>(value))
+                    resumeData.push_back(*bytes);
+            }
+        }
     }
     if (file) ZNVNetworkUtilities_removeFileAtURL(*file);
+    // A finished task never continues: its partial files go too.
+    for (const auto& data : resumeData)
+        ZNVURLSessionResumeData::removePartialFile(data);
 }
 
 std::string ZNVNetworkDownload::description() const {

@@ -2,10 +2,13 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <any>
 #include <atomic>
+#include <random>
 #include <type_traits>
 #include <utility>
+#include <variant>
 
 #include "znv/foundation/device.h"
 #include "znv/foundation/error_handler.h"
@@ -15,6 +18,7 @@
 #include "znv/platform/notification_center.h"
 #include "znv/platform/progress.h"
 #include "znv/platform/url_session.h"
+#include "znv/platform/url_session_resume_data.h"
 #include "znv/session/network_session_manager.h"
 
 namespace znv {
@@ -35,6 +39,25 @@ std::mutex clockMutex;
 ZNVNetworkTask::Clock& installedClock() {
     static ZNVNetworkTask::Clock clock;
     return clock;
+}
+
+// The scale of recovery waits; guarded by clockMutex.
+double recoveryDelayScale = 1.0;
+
+// The wait before the `n`-th recovery in a row from `error`, in seconds.
+double recoveryDelayFor(uint64_t n, const ZNVErrorRef& error) {
+    double ceiling = ZNVNetworkTaskRecoveryDelayBase;
+    for (uint64_t i = 1; i < n && ceiling < ZNVNetworkTaskRecoveryDelayLongest; ++i)
+        ceiling *= 2;
+    ceiling = std::min(ceiling, ZNVNetworkTaskRecoveryDelayLongest);
+    static thread_local std::mt19937_64 random{std::random_device{}()};
+    double wait = std::uniform_real_distribution<double>(0.0, ceiling)(random);
+    if (error) {
+        if (const ZNVUserInfoValue* value = error->value(ZNVURLErrorRetryAfterKey)) {
+            if (const double* asked = std::get_if<double>(value)) wait = std::max(wait, *asked);
+        }
+    }
+    return wait;
 }
 
 // Whether a user-info map is present (an error without entries counts as none).
@@ -86,6 +109,11 @@ std::string ZNVNetworkTaskStateName(uint64_t state) {
 void ZNVNetworkTask::setClock(Clock clock) {
     std::lock_guard<std::mutex> lock(clockMutex);
     installedClock() = std::move(clock);
+}
+
+void ZNVNetworkTask::setRecoveryDelayScale(double scale) {
+    std::lock_guard<std::mutex> lock(clockMutex);
+    recoveryDelayScale = scale;
 }
 
 ZNVDate ZNVNetworkTask::now() {
@@ -473,8 +501,20 @@ bool ZNVNetworkTask::validateParameters() {
     return !rawError_;
 }
 
+uint64_t ZNVNetworkTask::beginDispatchedWork() {
+    Lock lock(*this);
+    return ++workGeneration_;
+}
+
+bool ZNVNetworkTask::isCurrentWork(uint64_t ticket) const {
+    Lock lock(*this);
+    return ticket == workGeneration_ && !rawError_;
+}
+
 void ZNVNetworkTask::resetForResume() {
     Lock lock(*this);
+    ++workGeneration_;
+    recoveryDate_.reset();
     freezeProgress_ = true;
     setRawError(nullptr);
     setPrimitiveTask(nullptr);
@@ -486,6 +526,7 @@ void ZNVNetworkTask::taskDidFinish() {}
 void ZNVNetworkTask::cancel() {
     Lock lock(*this);
     if (state_ == ZNVNetworkTaskStateCompleted && !rawError_) return;
+    ++workGeneration_;
     std::shared_ptr<ZNVURLSessionTask> sessionTask = task_;
     setRawError(
         ZNVNetworkErrorHandler_createURLError(NSURLErrorCancelled, "network task cancelled"));
@@ -498,12 +539,22 @@ void ZNVNetworkTask::cancel() {
     }
     ZNVLogInfo("Cancelling download. Attempting to retrieve resume data ...");
     std::weak_ptr<ZNVNetworkTask> weakSelf = weak_from_this();
-    afterUnlock([download, weakSelf]() {
-        download->cancelByProducingResumeData([weakSelf](const ZNVBytes& resumeData) {
+    const uint64_t ticket = workGeneration_;
+    afterUnlock([download, weakSelf, ticket]() {
+        download->cancelByProducingResumeData([weakSelf, ticket](const ZNVBytes& resumeData) {
             auto self = weakSelf.lock();
-            if (!self) return;
-            ZNVLogInfo("   Storing resume data that was retrieved.");
+            if (!self) {
+                ZNVURLSessionResumeData::removePartialFile(resumeData);
+                return;
+            }
             Lock lock(*self);
+            // Resume data that arrives after a retry (or once the task has
+            // moved on) belongs to nobody: its partial file is deleted.
+            if (self->workGeneration_ != ticket || !self->rawError_) {
+                ZNVURLSessionResumeData::removePartialFile(resumeData);
+                return;
+            }
+            ZNVLogInfo("   Storing resume data that was retrieved.");
             self->setRawError(
                 ZNVNetworkErrorHandler_addResumeDataToError(resumeData, self->rawError_));
         });
@@ -519,15 +570,45 @@ void ZNVNetworkTask::retry() {
     if (!resume()) ZNVLogError("Failed to restart {}", description());
 }
 
+std::optional<ZNVDate> ZNVNetworkTask::nextRecoveryDate() const {
+    Lock lock(*this);
+    return recoveryDate_;
+}
+
+void ZNVNetworkTask::restoreRecoveryAttempts() {
+    Lock lock(*this);
+    remainingAttemptsForAutomaticErrorRecovery_ = ZNVNetworkTaskAutomaticRecoveryAttempts;
+}
+
 void ZNVNetworkTask::automaticallyRecoverFromError() {
     Lock lock(*this);
     if (!rawError_ || remainingAttemptsForAutomaticErrorRecovery_ == 0) return;
-    --remainingAttemptsForAutomaticErrorRecovery_;
-    if (ZNVNetworkErrorHandler_canAutomaticallyRecoverFromError(rawError_)) {
-        ZNVLogInfo("{} automatically recovering from error: {}", description(),
-                   rawError_->localizedDescription());
-        resetForResume();
+    if (!ZNVNetworkErrorHandler_canAutomaticallyRecoverFromError(rawError_)) {
+        --remainingAttemptsForAutomaticErrorRecovery_;
+        return;
     }
+    const ZNVDate current = now();
+    if (!recoveryDate_) {
+        const uint64_t n = ZNVNetworkTaskAutomaticRecoveryAttempts -
+                           remainingAttemptsForAutomaticErrorRecovery_ + 1;
+        double scale = 1.0;
+        {
+            std::lock_guard<std::mutex> clockLock(clockMutex);
+            scale = recoveryDelayScale;
+        }
+        const double wait = recoveryDelayFor(n, rawError_) * scale;
+        recoveryDate_ = current + std::chrono::duration_cast<ZNVDate::duration>(
+                                      std::chrono::duration<double>(wait));
+        ZNVLogInfo("{} will recover in {:.3f} s from error: {}", description(), wait,
+                   rawError_->localizedDescription());
+        if (wait > 0) return;
+    }
+    if (current < *recoveryDate_) return;
+    recoveryDate_.reset();
+    --remainingAttemptsForAutomaticErrorRecovery_;
+    ZNVLogInfo("{} automatically recovering from error: {}", description(),
+               rawError_->localizedDescription());
+    resetForResume();
 }
 
 void ZNVNetworkTask::automaticallyResumeFromStall() {
@@ -570,6 +651,10 @@ void ZNVNetworkTask::connectToSession(const std::shared_ptr<ZNVNetworkSessionMan
     Lock lock(*this);
     if (!wasDecoded_) return;
     session_ = session;
+    // A restored task keeps the identifier of a session task of an earlier
+    // session; until it is reconnected it has none in this one, so that an
+    // answer to a new task that happens to bear the same number never reaches it.
+    if (!task && !task_) taskIdentifier_ = kNoTaskIdentifier;
     if (!task_ && !rawError_ && task) {
         ZNVLogInfo("Reconnecting {} to task {}: {}", description(), task->taskIdentifier(),
                    task->taskDescription());
@@ -617,6 +702,12 @@ void ZNVNetworkTask::encodeWithCoder(ZNVCoder& coder) const {
     archiver->encodeUInt64(retryCount_, "retry count");
     archiver->encodeBool(discretionary_, "discretionary");
     archiver->encodeBool(needsEarlyActivation_, "needs early activation");
+    // A task that used up its attempts on a recoverable error shows that
+    // error after a relaunch instead of looking like a success.
+    if (rawError_ && remainingAttemptsForAutomaticErrorRecovery_ == 0 &&
+        ZNVNetworkErrorHandler_canAutomaticallyRecoverFromError(rawError_)) {
+        archiver->encodeBool(true, "recovery attempts exhausted");
+    }
 }
 
 void ZNVNetworkTask::initWithCoder(ZNVCoder& coder) {
@@ -648,6 +739,11 @@ void ZNVNetworkTask::initWithCoder(ZNVCoder& coder) {
     }
     finishTaskInit();
     if (coder.allowsKeyedCoding() && unarchiver) {
+        if (rawError_ &&
+            unarchiver->decodeBoolForKey("recovery attempts exhausted").value_or(false)) {
+            remainingAttemptsForAutomaticErrorRecovery_ = 0;
+            state_ = ZNVNetworkTaskStateCompleted;
+        }
         decodedCompletedProgress_ = unarchiver->decodeInt64ForKey("completed progress").value_or(0);
         if (progress_) progress_->setCompletedUnitCount(decodedCompletedProgress_);
     }

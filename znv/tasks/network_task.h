@@ -12,7 +12,10 @@
 //   asynchronously on the main queue; both carry the session manager as sender.
 // - Errors: `rawError` is the last failure; `error()` (the public error) stays
 //   null while the failure is automatically recoverable and recovery attempts
-//   remain. Failures are stored, never thrown.
+//   remain. Failures are stored, never thrown. Recovery is paced: the n-th
+//   recovery in a row waits a random time up to 2^(n-1) s (at most 5 minutes),
+//   or what a 429/503 answer's Retry-After asked for; meanwhile the task stays
+//   suspended with its hidden error. A step that succeeds restores the attempts.
 // - Threads: any thread may call any operation. The task's fields are guarded
 //   by one recursive mutex held for the whole of each operation; work that
 //   leaves the task (resuming or cancelling the URL session task, handing the
@@ -26,8 +29,13 @@
 //   it when detached or destroyed.
 // - Archiving: `encodeWithCoder` writes the keys "state", "rawError", "source URL",
 //   "task identifier", "completed progress", "start date", "retry count",
-//   "discretionary", "needs early activation" in that order; decoding makes a
-//   task with `wasDecoded()` true.
+//   "discretionary", "needs early activation" in that order, then, for a task
+//   whose recoverable error used up every attempt, "recovery attempts
+//   exhausted". Decoding makes a task with `wasDecoded()` true; with that
+//   last key it decodes completed with its error public (else, as before,
+//   with a fresh set of attempts).
+//   A restored task carries the task identifier of an earlier session only
+//   until it is connected: connecting it without a URL session task clears it.
 #pragma once
 
 #include <atomic>
@@ -67,6 +75,10 @@ extern const char* const ZNVNetworkTask_NewStateKey;
 
 // Recoveries a task makes on its own before a recoverable error is shown.
 inline constexpr uint64_t ZNVNetworkTaskAutomaticRecoveryAttempts = 5;
+// The wait before the n-th consecutive recovery is drawn at random between
+// zero and this base doubled n-1 times, at most the longest wait.
+inline constexpr double ZNVNetworkTaskRecoveryDelayBase = 1.0;
+inline constexpr double ZNVNetworkTaskRecoveryDelayLongest = 300.0;
 // A running task whose URL session task is still suspended this long after it
 // was attached is considered stalled.
 inline constexpr double ZNVNetworkTaskStallInterval = 90.0;
@@ -81,6 +93,15 @@ class ZNVNetworkTask : public ZNVObservable,
     // default). Tests install their own; an empty function restores the default.
     static void setClock(Clock clock);
     static ZNVDate now();
+    // Multiplies every recovery wait (1 by default); tests shorten them.
+    static void setRecoveryDelayScale(double scale);
+
+    // When the task's next automatic recovery may run (none while none is
+    // planned). `automaticallyRecoverFromError` plans it on its first call for
+    // a recoverable error and recovers on the first call after it.
+    std::optional<ZNVDate> nextRecoveryDate() const;
+    // A step succeeded: the recovery attempts count failures in a row again.
+    void restoreRecoveryAttempts();
 
     static std::shared_ptr<ZNVNetworkTask> create(
         std::optional<ZNVURL> source = std::nullopt,
@@ -149,6 +170,15 @@ class ZNVNetworkTask : public ZNVObservable,
     static bool errorIndicatesManuallyCancelledTask(const ZNVErrorRef& error);
     // Error equality by user info alone (null counts as "no user info").
     static bool errorsAreEqual(const ZNVErrorRef& a, const ZNVErrorRef& b);
+
+    // --- Dispatched work ----------------------------------------------------
+    // Work that a task hands to another thread (an authentication callback)
+    // takes a ticket when it is dispatched and runs only while the ticket is
+    // still current: every later dispatch, reset, cancel or retry advances the
+    // generation, so work queued before it can never start a second request
+    // for the same step.
+    uint64_t beginDispatchedWork();
+    bool isCurrentWork(uint64_t ticket) const;
 
     // --- Subclass hooks and the lower-level operations ---------------------
     virtual bool validateParameters();
@@ -230,6 +260,8 @@ class ZNVNetworkTask : public ZNVObservable,
     uint64_t retryCount_ = 0;
     uint64_t taskIdentifier_ = static_cast<uint64_t>(ZNVNotFound);
     uint64_t remainingAttemptsForAutomaticErrorRecovery_ = 0;
+    uint64_t workGeneration_ = 0;
+    std::optional<ZNVDate> recoveryDate_;
     std::optional<ZNVDate> taskStartDate_;
     std::shared_ptr<ZNVURLSessionTask> task_;
     std::shared_ptr<ZNVNetworkSessionManager> session_;

@@ -333,7 +333,7 @@ bool ZNVStorageUpload::resume() {
         return true;
     }
     setState(ZNVNetworkTaskStateRunning);
-    if (chunkIndicesToUpload_.empty() && canUploadFullFile()) {
+    if (!uploadsChunks_ && chunkIndicesToUpload_.empty() && canUploadFullFile()) {
         uploadFullFile();
     } else {
         uploadNextBatchOfChunks();
@@ -342,19 +342,28 @@ bool ZNVStorageUpload::resume() {
 }
 
 void ZNVStorageUpload::dispatchNetworkBlock(NetworkBlock block) {
-    std::shared_ptr<ZNVAccount> currentAccount = account();
+    Lock lock(*this);
+    std::shared_ptr<ZNVAccount> currentAccount = account_;
     if (!currentAccount) return;
+    // The step counts as started from here: a refresh that runs before the
+    // account answers must neither resume this upload again nor give its
+    // slot to another one.
+    setState(ZNVNetworkTaskStateRunning);
+    const uint64_t ticket = beginDispatchedWork();
     std::weak_ptr<ZNVNetworkTask> weakSelf = weak_from_this();
     // Without an authentication (the account's error is its own business) the
     // work still runs: the service operation then fails for the missing token.
-    currentAccount->dispatchAuthenticatedBlock(
-        [weakSelf, block = std::move(block)](ZNVAuthenticationRef authentication, ZNVErrorRef) {
-            auto self = std::static_pointer_cast<ZNVStorageUpload>(weakSelf.lock());
-            if (!self || !block) return;
-            Lock lock(*self);
-            if (self->rawError()) return;
-            block(authentication);
-        });
+    afterUnlock([currentAccount, weakSelf, ticket, block = std::move(block)]() mutable {
+        currentAccount->dispatchAuthenticatedBlock(
+            [weakSelf, ticket, block = std::move(block)](ZNVAuthenticationRef authentication,
+                                                         ZNVErrorRef) {
+                auto self = std::static_pointer_cast<ZNVStorageUpload>(weakSelf.lock());
+                if (!self || !block) return;
+                Lock lock(*self);
+                if (!self->isCurrentWork(ticket)) return;
+                block(authentication);
+            });
+    });
 }
 
 void ZNVStorageUpload::createRemoteFile() {
@@ -370,7 +379,6 @@ void ZNVStorageUpload::createRemoteFile() {
         auto self = std::static_pointer_cast<ZNVStorageUpload>(weakSelf.lock());
         if (!self) return;
         Lock lock(*self);
-        self->setState(ZNVNetworkTaskStateRunning);
         ZNVErrorRef error;
         const auto optionalText = [](const std::string& text) {
             return text.empty() ? std::nullopt : std::optional<std::string>(text);
@@ -431,6 +439,7 @@ void ZNVStorageUpload::uploadNextBatchOfChunks() {
         assembleRemoteFile();
         return;
     }
+    uploadsChunks_ = true;
 
     std::weak_ptr<ZNVNetworkTask> weakSelf = weak_from_this();
     dispatchNetworkBlock([weakSelf, batch](const ZNVAuthenticationRef& authentication) {
@@ -450,8 +459,14 @@ void ZNVStorageUpload::uploadNextBatchOfChunks() {
     });
 }
 
+bool ZNVStorageUpload::uploadsChunks() const {
+    Lock lock(*this);
+    return uploadsChunks_ || forceChunkUploading();
+}
+
 void ZNVStorageUpload::beginUploadingChunksAtIndices(const ZNVIndexSet& indices) {
     Lock lock(*this);
+    uploadsChunks_ = true;
     chunkIndicesToUpload_ = indices;
     pendingBatchChunkCount_ = 0;
     if (chunkIndicesToUpload_.empty()) {
@@ -548,6 +563,8 @@ void ZNVStorageUpload::handleStorageResponse(const ZNVStorageResponse& response,
         }
         if (!handled) setRawError(error);
     } else {
+        // A step went through: the recovery attempts count failures in a row.
+        restoreRecoveryAttempts();
         remoteFileID_ = response.remoteFileID();
 
         enum class Suspension { None, Network, Early };
@@ -749,6 +766,8 @@ void ZNVStorageUpload::encodeWithCoder(ZNVCoder& coder) const {
         archiver->encodeUInt64(sourceIdentity_->size, "source size");
         archiver->encodeInt64(sourceIdentity_->modificationTime, "source modification time");
     }
+    if (forceChunkUploading()) archiver->encodeBool(true, "force chunk uploading");
+    if (uploadsChunks_) archiver->encodeBool(true, "uploads chunks");
 }
 
 std::shared_ptr<ZNVStorageUpload> ZNVStorageUpload::decode(ZNVCoder& coder) {
@@ -804,6 +823,9 @@ std::shared_ptr<ZNVStorageUpload> ZNVStorageUpload::decode(ZNVCoder& coder) {
             if (device && inode && size && modified) {
                 decodedIdentity = SourceIdentity{*device, *inode, *size, *modified};
             }
+            upload->setForceChunkUploading(
+                unarchiver->decodeBoolForKey("force chunk uploading").value_or(false));
+            upload->uploadsChunks_ = unarchiver->decodeBoolForKey("uploads chunks").value_or(false);
         }
         if (upload->remoteFilename_.empty()) {
             if (std::optional<ZNVURL> source = upload->sourceURL()) {

@@ -22,7 +22,10 @@
 //   "multiplexing hint", "source URL bookmark", "chunk indices to upload",
 //   "chunk count", "size of last chunk", "pending batch chunk count",
 //   "remote file name", "maximum full-file upload size",
-//   "requires video post processing", and the source's identity when the
+//   "requires video post processing", "force chunk uploading" and
+//   "uploads chunks" (the last two written only when set; an archive without
+//   them decodes as an upload that has not moved to chunks), and the source's
+//   identity when the
 //   upload started: "source device", "source inode", "source size",
 //   "source modification time" (nanoseconds since 1970).
 // - Source changes: the source's identity (device, inode), size and
@@ -100,6 +103,10 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     uint64_t remainingAttemptsForFileCompletion() const;
     void setRemainingAttemptsForFileCompletion(uint64_t attempts);
     bool forceChunkUploading() const { return forceChunkUploading_.load(); }
+    // Whether the upload has moved to chunks (a batch was started or the file
+    // was refused whole): from then on it never sends the file whole again,
+    // and with no chunk left to send it asks for the assembly.
+    bool uploadsChunks() const;
     void setForceChunkUploading(bool force) { forceChunkUploading_.store(force); }
 
     // The source file, followed through renames and moves on its volume.
@@ -186,6 +193,7 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     bool requiresVideoPostProcessing_ = false;
     std::optional<SourceIdentity> sourceIdentity_;  // recorded at the start
     uint64_t remainingAttemptsForFileCompletion_ = ZNVStorageUploadFileCompletionAttempts;
+    bool uploadsChunks_ = false;
     // Set by the storage manager from any thread.
     std::atomic<bool> forceChunkUploading_{false};
 };

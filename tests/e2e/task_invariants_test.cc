@@ -1,0 +1,178 @@
+// The task engine's invariants against a real emulator, made deterministic by
+// a token provider that the test holds closed: a step waiting for its
+// authentication is started (one create per upload, two uploads at a time),
+// work queued before a cancel and retry never runs, and a restored upload
+// never takes the answer of a new one.
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+
+#include "tests/e2e/e2e_support.h"
+
+namespace znv {
+namespace {
+
+constexpr uint64_t kMiB = 1024 * 1024;
+
+// A token provider that answers only once the test opens it.
+class TokenGate {
+  public:
+    ZNVTokenAccount::TokenProvider provider() {
+        return [this](ZNVErrorRef*) {
+            std::unique_lock<std::mutex> lock(mutex_);
+            ++waiting_;
+            changed_.notify_all();
+            changed_.wait_for(lock, std::chrono::seconds(60), [&] { return open_; });
+            return std::string("dev-token");
+        };
+    }
+    void open() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        open_ = true;
+        changed_.notify_all();
+    }
+    // Waits until the account's queue sits in the provider.
+    bool waitUntilWaiting() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(30), [&] { return waiting_ > 0; });
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    int waiting_ = 0;    // guarded by mutex_
+    bool open_ = false;  // guarded by mutex_
+};
+
+class TaskInvariants : public test::EmulatorTest {
+  protected:
+    // Runs a refresh and waits until it and everything it queued has run.
+    void refresh(const std::shared_ptr<ZNVStorage>& storage) {
+        storage->refreshAndSave();
+        for (int round = 0; round < 2; ++round) {
+            ASSERT_TRUE(ZNVMainQueue::waitUntilDrained());
+            auto done = std::make_shared<std::atomic<bool>>(false);
+            storage->sessionManager()->performBackgroundSessionBlock([done] { *done = true; });
+            ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
+        }
+    }
+    size_t runningUploads(const std::shared_ptr<ZNVStorage>& storage) const {
+        size_t running = 0;
+        for (const auto& upload : storage->uploads())
+            running += upload->state() == ZNVNetworkTaskStateRunning ? 1 : 0;
+        return running;
+    }
+    // Remote files the emulator holds (finished or not).
+    size_t remoteFileCount() const {
+        const std::filesystem::path files = emulator_->dataDir() + "/files";
+        if (!std::filesystem::exists(files)) return 0;
+        return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(files),
+                                                 std::filesystem::directory_iterator()));
+    }
+};
+
+TEST_F(TaskInvariants, AStepWaitingForAuthenticationIsStartedAndHoldsItsSlot) {
+    TokenGate gate;
+    account_->setTokenProvider(gate.provider());
+    auto storage = makeStorage();
+    std::vector<ZNVNetworkTaskRef> uploads;
+    std::vector<std::string> sources;
+    for (int i = 0; i < 5; ++i) {
+        sources.push_back(writeSource("file" + std::to_string(i), 64 * 1024 + i, 20 + i));
+        uploads.push_back(storage->uploadFromFile(ZNVURL::fileURL(sources.back()), false));
+        ASSERT_NE(uploads.back(), nullptr);
+    }
+    ASSERT_TRUE(gate.waitUntilWaiting());
+
+    // Refreshes while the account holds every step back: two uploads are
+    // started, none is resumed a second time and nobody else takes a slot.
+    for (int i = 0; i < 10; ++i)
+        refresh(storage);
+    EXPECT_EQ(runningUploads(storage), 2u);
+    EXPECT_FALSE(uploads[0]->resume());
+    EXPECT_EQ(requests("POST", "/api/files").size(), 0u);
+
+    gate.open();
+    ASSERT_TRUE(waitForCompletion(uploads));
+    EXPECT_EQ(requests("POST", "/api/files").size(), uploads.size());
+    EXPECT_EQ(remoteFileCount(), uploads.size());
+    for (size_t i = 0; i < uploads.size(); ++i) {
+        auto upload = std::static_pointer_cast<ZNVStorageUpload>(uploads[i]);
+        EXPECT_EQ(upload->error(), nullptr);
+        EXPECT_TRUE(test::filesEqual(remoteContentPath(upload->remoteFileID()), sources[i]));
+    }
+}
+
+TEST_F(TaskInvariants, WorkQueuedBeforeACancelAndRetryNeverRuns) {
+    TokenGate gate;
+    account_->setTokenProvider(gate.provider());
+    auto storage = makeStorage();
+    const auto source = writeSource("retried.bin", 3 * kMiB + 5, 31);
+    auto upload = storage->uploadFromFile(ZNVURL::fileURL(source), false);
+    ASSERT_NE(upload, nullptr);
+    ASSERT_TRUE(gate.waitUntilWaiting());
+
+    // The create waits for its token; the application cancels and retries.
+    upload->cancel();
+    ASSERT_NE(upload->error(), nullptr);
+    upload->retry();
+    EXPECT_EQ(upload->error(), nullptr);
+    EXPECT_EQ(upload->state(), ZNVNetworkTaskStateRunning);
+
+    gate.open();
+    ASSERT_TRUE(waitForCompletion({upload}));
+    EXPECT_EQ(upload->error(), nullptr);
+    EXPECT_EQ(requests("POST", "/api/files").size(), 1u);
+    EXPECT_EQ(requests("PUT", "/api/files/" + upload->remoteFileID(), "/fullfile").size(), 1u);
+    EXPECT_EQ(remoteFileCount(), 1u);
+    EXPECT_TRUE(test::filesEqual(remoteContentPath(upload->remoteFileID()), source));
+}
+
+TEST_F(TaskInvariants, ARestoredUploadNeverTakesTheAnswerOfANewOne) {
+    // The first launch saves its upload while the body is on its way (session
+    // task 2 of its session).
+    ASSERT_TRUE(emulator_->addFault(
+        {{"method", "PUT"}, {"path", "/api/files/*/fullfile"}, {"action", "stall"}}));
+    const auto oldSource = writeSource("old.bin", 2 * kMiB, 51);
+    const std::string statePath = std::string(std::getenv("HOME")) + "/Library/Network/" +
+                                  configuration_->accountConfigurationIdentifier() + ".state";
+    std::string saved;
+    {
+        auto first = makeStorage();
+        auto old = first->uploadFromFile(ZNVURL::fileURL(oldSource), false);
+        ASSERT_NE(old, nullptr);
+        ASSERT_TRUE(test::waitFor([&] {
+            if (!std::filesystem::exists(statePath)) return false;
+            saved = test::readFile(statePath);
+            return !old->remoteFileID().empty() &&
+                   saved.find(old->remoteFileID()) != std::string::npos &&
+                   saved.find("\"task identifier\"") != std::string::npos;
+        }));
+        first->invalidateClientAndCancelTasks();
+        ZNVMainQueue::waitUntilDrained();
+        storages_.clear();
+    }
+    emulator_->clearFaults();
+
+    // Relaunch with that file; the old source has changed, so the restored
+    // upload fails while decoding and is never reconnected.
+    test::writeFile(statePath, saved);
+    test::writePatternFile(oldSource, 2 * kMiB + 1, 51);
+    auto second = makeStorage();
+    ASSERT_EQ(second->uploads().size(), 1u);
+    auto restored = second->uploads()[0];
+    ASSERT_NE(restored->error(), nullptr);
+
+    const auto newSource = writeSource("new.bin", 2 * kMiB, 52);
+    auto fresh = second->uploadFromFile(ZNVURL::fileURL(newSource), false);
+    ASSERT_TRUE(waitForCompletion({fresh}, std::chrono::seconds(30)));
+    EXPECT_EQ(fresh->error(), nullptr);
+    EXPECT_TRUE(test::filesEqual(remoteContentPath(fresh->remoteFileID()), newSource));
+    EXPECT_EQ(restored->state(), ZNVNetworkTaskStateCompleted);
+    EXPECT_NE(restored->error(), nullptr);
+}
+
+}  // namespace
+}  // namespace znv
