@@ -41,7 +41,8 @@ double cpuSeconds() {
 
 // Waits until the session's queue has run everything handed to it so far
 // (refreshes and saves), after the main queue has passed its share on.
-void settle(const std::shared_ptr<znv::ZNVNetworkSessionManager>& session) {
+void settle(const std::shared_ptr<znv::ZNVStorage>& storage,
+            const std::shared_ptr<znv::ZNVNetworkSessionManager>& session) {
     for (int round = 0; round < 2; ++round) {
         znv::ZNVMainQueue::waitUntilDrained(std::chrono::minutes(5));
         std::atomic<bool> done{false};
@@ -49,6 +50,7 @@ void settle(const std::shared_ptr<znv::ZNVNetworkSessionManager>& session) {
         while (!done)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+    storage->waitUntilStateIsWritten(std::chrono::minutes(5));
 }
 
 size_t savedTaskCount(const std::string& statePath) {
@@ -116,7 +118,7 @@ int main(int argc, char** argv) {
         }
     }
     const double addSeconds = secondsSince(addStart);
-    settle(storage->sessionManager());
+    settle(storage, storage->sessionManager());
     const double addAndSaveSeconds = secondsSince(addStart);
     const double addAndSaveCpu = cpuSeconds() - addCpuStart;
     const size_t saved = savedTaskCount(statePath);
@@ -132,11 +134,12 @@ int main(int argc, char** argv) {
 
     // Invalidation saves the emptied collection on each session's queue; the
     // directory goes only after those saves have run.
-    auto sessions = {restored->sessionManager(), storage->sessionManager()};
+    const auto restoredSession = restored->sessionManager();
+    const auto session = storage->sessionManager();
     restored->invalidateClientAndCancelTasks();
     storage->invalidateClientAndCancelTasks();
-    for (const auto& session : sessions)
-        settle(session);
+    settle(restored, restoredSession);
+    settle(storage, session);
 
     const bool scaled = count == 10000;
     const bool ok = saved == count && restoredCount == count &&

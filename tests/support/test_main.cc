@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "tests/support/test_support.h"
+#include "znv/managers/state_writer.h"
 
 int main(int argc, char** argv) {
     const std::string& root = znv::test::scratchRoot();
@@ -19,6 +20,9 @@ int main(int argc, char** argv) {
     setenv("TMPDIR", tmp.c_str(), 1);
     setenv("XDG_DATA_HOME", (home + "/.local/share").c_str(), 1);
     setenv("XDG_STATE_HOME", (home + "/.local/state").c_str(), 1);
+    // Every save of every test checks that the archived texts it reuses are
+    // still what their tasks would encode to.
+    znv::ZNVStateWriter::setVerifiesReusedText(true);
     ::testing::InitGoogleMock(&argc, argv);
     int result = RUN_ALL_TESTS();
     if (getenv("ZNV_KEEP_SCRATCH") == nullptr) {

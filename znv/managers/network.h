@@ -24,7 +24,9 @@
 //   manager as sender, on the main queue.
 // - The state file (see network_state.cc) is rewritten after every change of
 //   the collection. Each save writes the collection as it was when the save
-//   was asked for; a save superseded by a newer queued one is skipped.
+//   was asked for; a save superseded by a newer queued one is skipped. Saves
+//   are encoded and written by the manager's state writer on its own queue;
+//   `waitUntilStateIsWritten` waits for the saves asked for so far.
 // - Posted work and observer callbacks hold only weak references to the manager.
 //   The session manager keeps the manager alive as its delegate until the
 //   session is invalidated; call `invalidateClientAndCancelTasks` to end it.
@@ -32,6 +34,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -42,6 +45,7 @@
 
 #include "znv/account/account_configuration.h"
 #include "znv/account/reachability_manager.h"
+#include "znv/managers/state_writer.h"
 #include "znv/managers/task_list.h"
 #include "znv/platform/notification_center.h"
 #include "znv/platform/observable.h"
@@ -144,6 +148,10 @@ class ZNVNetwork : public ZNVObservable,
     // Persistence (network_state.cc).
     void writeState();
     void readState();
+    // Blocks until the newest save asked for so far has been written (or has
+    // failed, or was dropped for a newer one that has). Not on the session's
+    // queue while it holds a save back. False when the timeout passed first.
+    bool waitUntilStateIsWritten(std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
     // Session manager delegate (runs on the session's callback queue).
     void didFinishDownloadingToURL(const std::shared_ptr<ZNVNetworkSessionManager>& manager,
@@ -255,6 +263,8 @@ class ZNVNetwork : public ZNVObservable,
     // Bumped by every queued save; a save that finds a newer number skips itself.
     std::shared_ptr<std::atomic<uint64_t>> saveGeneration_ =
         std::make_shared<std::atomic<uint64_t>>(0);
+    // Encodes and writes the saves; shared with the saves queued for it.
+    const std::shared_ptr<ZNVStateWriter> stateWriter_ = ZNVStateWriter::create();
 };
 
 }  // namespace znv
