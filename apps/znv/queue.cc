@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <set>
 
 #include <spdlog/sinks/base_sink.h>
@@ -496,14 +495,8 @@ std::string TransferSession::resumeCommand() const {
 void TransferSession::save() {
     storage_->beginBatch();
     storage_->commitBatch();
-    auto sessionManager = storage_->sessionManager();
-    if (!sessionManager) return;
-    // Saves run one after another on the session's queue: once this block
-    // runs, the save above has been written.
-    auto written = std::make_shared<std::promise<void>>();
-    auto future = written->get_future();
-    sessionManager->performBackgroundSessionBlock([written] { written->set_value(); });
-    future.wait_for(std::chrono::seconds(20));
+    // The save is encoded and written on the library's own queues.
+    storage_->waitUntilStateIsWritten(std::chrono::seconds(20));
 }
 
 namespace {

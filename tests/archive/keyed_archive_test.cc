@@ -452,5 +452,67 @@ TEST_F(KeyedArchive, TenThousandObjectsEncodeAndDecodeWellUnderASecond) {
         << "encode " << ms(encoded - start) << " ms, decode " << ms(decoded - encoded) << " ms";
 }
 
+TEST_F(KeyedArchive, AnArchiveAssembledFromElementsEqualsTheWholeEncoding) {
+    // Elements with every value kind, invalid UTF-8, control characters,
+    // nested objects and marker-like keys, in arrays of 0, 1 and 3 elements.
+    auto plain = std::make_shared<TestNode>();
+    auto rich = std::make_shared<TestSpecialNode>();
+    rich->name = std::string("bad \xff utf-8, \"quotes\", \x01 and \u00e9");
+    rich->counter = -3;
+    rich->size = std::numeric_limits<uint64_t>::max();
+    rich->ratio = std::numeric_limits<double>::quiet_NaN();
+    rich->date = ZNVDate(std::chrono::microseconds(1'700'000'000'123'456));
+    rich->url = ZNVURL::fileURL("/tmp/a b/\xc3\xa9.bin");
+    rich->data = ZNVBytes{0, 1, 0xff};
+    rich->indexes = ZNVIndexSet::withRange(3, 5);
+    rich->error = richError();
+    rich->child = std::make_shared<TestNode>();
+    rich->extra = "$class";
+    auto parent = std::make_shared<TestNode>();
+    parent->childrenPresent = true;
+    parent->children = {plain, rich};
+
+    const std::vector<std::vector<std::shared_ptr<TestNode>>> lists{
+        {}, {rich}, {plain, rich, parent}};
+    for (const auto& list : lists) {
+        for (const std::string key : {"tasks", "$objects"}) {
+            ZNVKeyedArchiver whole;
+            whole.encodeString("conf \xfe", "configuration type");
+            whole.encodeArray(list, key);
+            const std::string expected = whole.encodedString();
+
+            ZNVKeyedArchiver outer;
+            outer.encodeString("conf \xfe", "configuration type");
+            std::string head, tail;
+            ASSERT_TRUE(outer.encodedStringAroundObjectArray(key, &head, &tail));
+            std::string assembled = head;
+            for (size_t i = 0; i < list.size(); ++i) {
+                ZNVErrorRef error;
+                if (i != 0) assembled += ',';
+                assembled += ZNVKeyedArchiver::encodedTopLevelArrayElement(*list[i], &error);
+                ASSERT_EQ(error, nullptr);
+            }
+            assembled += tail;
+            EXPECT_EQ(assembled, expected) << "key " << key << ", " << list.size() << " elements";
+        }
+    }
+
+    // A key already written cannot take the array, and an element too deep to
+    // archive is refused with an error, as the whole encoding refuses it.
+    ZNVKeyedArchiver twice;
+    twice.encodeString("x", "tasks");
+    std::string head, tail;
+    EXPECT_FALSE(twice.encodedStringAroundObjectArray("tasks", &head, &tail));
+    auto deep = std::make_shared<TestNode>();
+    for (int i = 0; i < 300; ++i) {
+        auto next = std::make_shared<TestNode>();
+        next->child = deep;
+        deep = next;
+    }
+    ZNVErrorRef error;
+    EXPECT_TRUE(ZNVKeyedArchiver::encodedTopLevelArrayElement(*deep, &error).empty());
+    EXPECT_TRUE(error);
+}
+
 }  // namespace
 }  // namespace znv

@@ -274,6 +274,7 @@ class LaunchedNetwork : public ::testing::Test {
         auto done = std::make_shared<std::atomic<bool>>(false);
         session_->performBackgroundSessionBlock([done] { *done = true; });
         ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
+        ASSERT_TRUE(network_->waitUntilStateIsWritten());
     }
     // Lets everything scheduled so far run: the main queue hands refreshes to
     // the background queue, whose refreshes may queue saves behind them.

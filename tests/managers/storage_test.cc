@@ -60,6 +60,7 @@ class StorageTest : public ::testing::Test {
             auto done = std::make_shared<std::atomic<bool>>(false);
             storage->sessionManager()->performBackgroundSessionBlock([done] { *done = true; });
             ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
+            ASSERT_TRUE(storage->waitUntilStateIsWritten());
         }
     }
 

@@ -9,6 +9,7 @@
 
 #include "tests/support/test_support.h"
 #include "znv/tasks/network_task.h"
+#include "znv/managers/state_writer.h"
 
 int main(int argc, char** argv) {
     const std::string& root = znv::test::scratchRoot();
@@ -22,6 +23,9 @@ int main(int argc, char** argv) {
     setenv("XDG_STATE_HOME", (home + "/.local/state").c_str(), 1);
     // Recoveries restart at once unless a test asks for real pacing.
     znv::ZNVNetworkTask::setRecoveryDelayScale(0.0);
+    // Every save of every test checks that the archived texts it reuses are
+    // still what their tasks would encode to.
+    znv::ZNVStateWriter::setVerifiesReusedText(true);
     ::testing::InitGoogleMock(&argc, argv);
     int result = RUN_ALL_TESTS();
     if (getenv("ZNV_KEEP_SCRATCH") == nullptr) {

@@ -25,9 +25,11 @@
 //   manager as sender, on the main queue.
 // - The state file (see network_state.cc) is rewritten after every change of
 //   the collection. Each save writes the collection as it was when the save
-//   was asked for; a save superseded by a newer queued one is skipped. The
-//   snapshot and its place in the order of saves are taken together, so the
-//   file never goes back to an older collection.
+//   was asked for; a save superseded by a newer queued one is skipped. Saves
+//   are encoded and written by the manager's state writer on its own queue;
+//   `waitUntilStateIsWritten` waits for the saves asked for so far.
+//   The snapshot and its place in the order of saves are taken together, so
+//   the file never goes back to an older collection.
 // - One process per queue: the first read or write of the state file (normally
 //   `launch`) takes an exclusive `flock` on "<name>.state.lock" beside it and
 //   holds it until the manager is destroyed (managers of one process share
@@ -52,6 +54,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -62,6 +65,7 @@
 
 #include "znv/account/account_configuration.h"
 #include "znv/account/reachability_manager.h"
+#include "znv/managers/state_writer.h"
 #include "znv/managers/task_list.h"
 #include "znv/platform/notification_center.h"
 #include "znv/platform/observable.h"
@@ -178,6 +182,10 @@ class ZNVNetwork : public ZNVObservable,
     // Why the saved tasks were not restored (damaged file, queue held by
     // another process), or null. See the contract above.
     ZNVErrorRef stateRestoreError() const;
+    // Blocks until the newest save asked for so far has been written (or has
+    // failed, or was dropped for a newer one that has). Not on the session's
+    // queue while it holds a save back. False when the timeout passed first.
+    bool waitUntilStateIsWritten(std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
     // Session manager delegate (runs on the session's callback queue).
     void didFinishDownloadingToURL(const std::shared_ptr<ZNVNetworkSessionManager>& manager,
@@ -308,6 +316,8 @@ class ZNVNetwork : public ZNVObservable,
     StateLockStatus stateLockStatus_ = StateLockStatus::Untried;  // guarded by stateMutex_
     std::shared_ptr<ZNVNetworkStateLock> stateLock_;              // guarded by stateMutex_
     ZNVErrorRef stateRestoreError_;                               // guarded by stateMutex_
+    // Encodes and writes the saves; shared with the saves queued for it.
+    const std::shared_ptr<ZNVStateWriter> stateWriter_ = ZNVStateWriter::create();
 };
 
 }  // namespace znv

@@ -4,13 +4,13 @@
 // "tasks".
 //
 // Each save takes its snapshot of the collection when it is asked for and
-// runs on the session manager's background queue, one after another. A save
-// that finds a newer save queued behind it skips itself, so adding thousands
-// of tasks does not write thousands of full archives; the newest snapshot
-// always wins. Snapshots share the collection's storage (ZNVTaskList), so
-// taking one per change copies nothing. Each save writes "<state file>.tmp"
-// (mode 0600), flushes it to disk and moves it over the state file durably,
-// so a crash leaves either the old or the new file, never a torn one.
+// keeps its place on the session manager's background queue, one after
+// another; there it only hands the snapshot to the manager's state writer
+// (state_writer.h), which encodes and writes it on its own queue. A save that
+// finds a newer save queued behind it skips itself, so adding thousands of
+// tasks does not write thousands of full archives; the newest snapshot always
+// wins. Snapshots share the collection's storage (ZNVTaskList), so taking one
+// per change copies nothing.
 //
 // The snapshot and the save's number are taken under the collection's mutex,
 // the same mutex every change of the collection holds: numbers follow the
@@ -64,15 +64,8 @@ class ZNVNetworkStateLock {
 
 namespace {
 
-const char* const kConfigurationTypeKey = "configuration type";
-const char* const kTasksKey = "tasks";
-
-// Serialises the file work of every save in the process: managers of one
-// configuration identifier share the state file and its temporary file.
-std::mutex& stateFileMutex() {
-    static std::mutex mutex;
-    return mutex;
-}
+const char* const kConfigurationTypeKey = ZNVStateWriter::kConfigurationTypeKey;
+const char* const kTasksKey = ZNVStateWriter::kTasksKey;
 
 // The state file of a configuration, or none when the name is empty.
 std::optional<ZNVURL> _fileURLForNetworkStateWithConfiguration(
@@ -190,91 +183,6 @@ ZNVErrorRef keepDamagedStateFile(const ZNVURL& stateURL, const std::string& reas
          {NSFilePathErrorKey, kept}});
 }
 
-ZNVErrorRef posixError(int code, const std::string& what, const ZNVURL& url) {
-    return ZNVError::make(NSCocoaErrorDomain, NSFileWriteUnknownError,
-                          {{NSLocalizedDescriptionKey, what + ": " + std::strerror(code)},
-                           {NSFilePathErrorKey, url.path()}});
-}
-
-// Writes the bytes to an existing file, restricts it to its owner and flushes
-// it to disk before returning.
-bool writeDurably(const ZNVURL& url, const ZNVBytes& bytes, ZNVErrorRef* error) {
-    const std::string path = url.path();
-    int fd = ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
-    if (fd < 0) {
-        *error = posixError(errno, "cannot open the task state file for writing", url);
-        return false;
-    }
-    bool ok = ::fchmod(fd, 0600) == 0;
-    size_t written = 0;
-    while (ok && written < bytes.size()) {
-        ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            ok = false;
-            break;
-        }
-        written += static_cast<size_t>(n);
-    }
-    if (ok && ::fsync(fd) != 0) ok = false;
-    const int savedErrno = errno;
-    ::close(fd);
-    if (!ok) *error = posixError(savedErrno, "cannot write the task state file", url);
-    return ok;
-}
-
-// One save: archive the snapshot, write the temporary file, install it.
-void saveTaskState(const std::string& identifier,
-                   const ZNVTaskList<ZNVNetworkTask>::Snapshot& tasks, const ZNVURL& stateURL,
-                   const ZNVURL& tempURL) {
-    ZNVKeyedArchiver archiver;
-    archiver.encodeString(identifier, kConfigurationTypeKey);
-    std::vector<const ZNVCoding*> objects;
-    objects.reserve(tasks.size());
-    tasks.forEach([&](const ZNVNetworkTaskRef& task) { objects.push_back(task.get()); });
-    archiver.encodeObjectArray(objects, kTasksKey);
-    archiver.finishEncoding();
-    ZNVErrorRef error = archiver.error();
-    ZNVBytes bytes;
-    if (!error) bytes = archiver.encodedData();
-
-    bool replaced = false;
-    if (!error) {
-        ZNVNetworkUtilities_removeFileAtURL(tempURL);
-        ZNVNetworkUtilities_ensureFileAtURL(tempURL);
-        if (writeDurably(tempURL, bytes, &error)) {
-            replaced =
-                ZNVNetworkUtilities_copyFileAtURLToProtectedTarget(tempURL, stateURL, &error);
-            ZNVNetworkUtilities_removeFileAtURL(tempURL);
-        }
-    }
-    if (!replaced) {
-        ZNVLogError("failed to save task state: {}",
-                    error ? error->description() : std::string("(null)"));
-        return;
-    }
-
-    ZNVLogInfo("saving task state:");
-    uint64_t suspended = 0;
-    uint64_t completed = 0;
-    for (size_t i = 0; i < tasks.size(); ++i) {
-        const auto& task = tasks[i];
-        switch (task->state()) {
-            case ZNVNetworkTaskStateRunning:
-                ZNVLogInfo("   stored state for {}", task->description());
-                break;
-            case ZNVNetworkTaskStateCompleted:
-                ++completed;
-                break;
-            default:
-                ++suspended;
-                break;
-        }
-    }
-    if (completed != 0) ZNVLogInfo("   stored state for {} completed tasks", completed);
-    if (suspended != 0) ZNVLogInfo("   stored state for {} suspended tasks", suspended);
-}
-
 std::string describe(const ZNVErrorRef& error) {
     return error ? error->description() : std::string("(null)");
 }
@@ -342,23 +250,26 @@ void ZNVNetwork::writeState() {
         snapshot = mutableTasks_.snapshot();
         mine = ++*generation;
     }
-    auto save = [identifier, snapshot = std::move(snapshot), stateURL = *stateURL,
-                 tempURL = *tempURL, generation, mine] {
-        std::lock_guard<std::mutex> lock(stateFileMutex());
-        // A newer snapshot is queued behind this one (or already written).
-        if (generation->load() != mine) return;
-        saveTaskState(identifier, snapshot, stateURL, tempURL);
-    };
+    ZNVStateWriter::Save save{identifier, std::move(snapshot), *stateURL,
+                              *tempURL,   generation,          mine};
+    auto writer = stateWriter_;
 
     if (auto session = sessionManager()) {
         // The work item keeps the session manager (and so its queue) alive
-        // until the save has run, also after the manager has dropped it.
-        session->performBackgroundSessionBlock([save = std::move(save), session]() { save(); });
+        // until the save has been handed over, also after the manager has
+        // dropped it. A save superseded meanwhile is not even handed over.
+        session->performBackgroundSessionBlock([writer, save = std::move(save), session]() mutable {
+            if (save.generation->load() == save.mine) writer->write(std::move(save));
+        });
     } else {
         ZNVLogDefault("No session manager available to serialize save.");
-        save();
+        writer->writeNow(save);
     }
     decrementBackgroundActivity();
+}
+
+bool ZNVNetwork::waitUntilStateIsWritten(std::chrono::milliseconds timeout) {
+    return stateWriter_->waitUntilWritten(saveGeneration_->load(), timeout);
 }
 
 void ZNVNetwork::readState() {

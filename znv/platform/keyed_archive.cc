@@ -434,6 +434,33 @@ ZNVBytes ZNVKeyedArchiver::archivedDataWithRootObject(const ZNVCoding& object, Z
     return data;
 }
 
+std::string ZNVKeyedArchiver::encodedTopLevelArrayElement(const ZNVCoding& object,
+                                                          ZNVErrorRef* error) {
+    // The elements of an array under a top-level key sit two levels below the
+    // array: $top (2), the array object (3), "$objects" (4), the element (5).
+    ZNVKeyedArchiver archiver;
+    Json value = archiver.encodeObjectValue(object, archiver.currentDepth_ + 3);
+    if (error) *error = archiver.error_;
+    if (archiver.error_) return {};
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+bool ZNVKeyedArchiver::encodedStringAroundObjectArray(const std::string& key, std::string* head,
+                                                      std::string* tail) {
+    Json* top = current();
+    if (top == nullptr || stack_.size() != 1 || top->contains(memberName(key))) return false;
+    encodeObjectArray({}, key);
+    std::string text = encodedString();
+    // The empty array is the last value of $top, which is the last value of
+    // the document: the text ends with its brackets and three closing braces.
+    static constexpr std::string_view kEnd = "[]}}}";
+    if (error_ || !text.ends_with(kEnd)) return false;
+    *tail = text.substr(text.size() - kEnd.size() + 1);
+    text.resize(text.size() - kEnd.size() + 1);
+    *head = std::move(text);
+    return true;
+}
+
 // ---------------------------------------------------------------------------
 // ZNVKeyedUnarchiver
 

@@ -201,6 +201,25 @@ class ZNVKeyedArchiver final : public ZNVCoder {
     static ZNVBytes archivedDataWithRootObject(const ZNVCoding& object,
                                                ZNVErrorRef* error = nullptr);
 
+    // Archives assembled from objects encoded one at a time, for callers that
+    // keep each object's text between archives and re-encode only the objects
+    // that changed. With
+    //   element_i = encodedTopLevelArrayElement(object_i)
+    //   encodedStringAroundObjectArray(key, &head, &tail)
+    // the text head + element_1 + "," + ... + "," + element_n + tail is, byte
+    // for byte, what encodeObjectArray({object_1, ..., object_n}, key) and
+    // encodedString() would have written.
+    //
+    // The text of one object as an element of an object array at the top
+    // level. Empty, with the error, when the object cannot be archived.
+    static std::string encodedTopLevelArrayElement(const ZNVCoding& object,
+                                                   ZNVErrorRef* error = nullptr);
+    // Finishes encoding with an (empty) object array under `key` as the last
+    // top-level value and splits the archive's text where its elements go.
+    // False when encoding failed or `key` was already encoded.
+    bool encodedStringAroundObjectArray(const std::string& key, std::string* head,
+                                        std::string* tail);
+
   private:
     using Json = nlohmann::ordered_json;
     Json* current();

@@ -133,6 +133,15 @@ ZNVNetworkTask::Lock::Lock(const ZNVNetworkTask& task) : task_(task) {
     ++task_.lockDepth_;
 }
 
+ZNVNetworkTask::Lock::Lock(ZNVNetworkTask& task) : Lock(std::as_const(task)) {
+    task.archiveRevision_.store(nextArchiveRevision(), std::memory_order_release);
+}
+
+uint64_t ZNVNetworkTask::nextArchiveRevision() {
+    static std::atomic<uint64_t> counter{0};
+    return counter.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
 ZNVNetworkTask::Lock::~Lock() {
     std::vector<std::function<void()>> work;
     if (--task_.lockDepth_ == 0) {

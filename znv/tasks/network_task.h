@@ -138,6 +138,13 @@ class ZNVNetworkTask : public ZNVObservable,
         return settledState_.load(std::memory_order_acquire);
     }
     bool settledHasRawError() const { return settledHasRawError_.load(std::memory_order_acquire); }
+    // Moves to a new value, never used before in the process, whenever an
+    // operation that may change the task (any non-const member, which takes
+    // the lock for writing) runs. A saver that keeps an archived form of the
+    // task together with this value and the progress's completed count (also
+    // archived, changed by the progress itself) re-encodes the task only when
+    // one of the two moved. Read without the task's lock.
+    uint64_t archiveRevision() const { return archiveRevision_.load(std::memory_order_acquire); }
     ZNVDate startDate() const;
     uint64_t retryCount() const;
     void setRetryCount(uint64_t count);
@@ -214,10 +221,12 @@ class ZNVNetworkTask : public ZNVObservable,
     std::optional<ZNVURL> storedSourceURL() const;
 
     // Holds the task's lock; when the outermost hold ends, runs the work queued
-    // with `afterUnlock` without the lock.
+    // with `afterUnlock` without the lock. Taken on a non-const task (every
+    // operation that may change a field), it also moves `archiveRevision`.
     class Lock {
       public:
         explicit Lock(const ZNVNetworkTask& task);
+        explicit Lock(ZNVNetworkTask& task);
         ~Lock();
         Lock(const Lock&) = delete;
         Lock& operator=(const Lock&) = delete;
@@ -246,6 +255,9 @@ class ZNVNetworkTask : public ZNVObservable,
     // of an operation) and read without it.
     mutable std::atomic<ZNVNetworkTaskState> settledState_{ZNVNetworkTaskStateSuspended};
     mutable std::atomic<bool> settledHasRawError_{false};
+    // Stored under mutex_ by every Lock taken for writing; read without it.
+    static uint64_t nextArchiveRevision();
+    std::atomic<uint64_t> archiveRevision_{nextArchiveRevision()};
 
     // Every field below is guarded by mutex_.
     std::optional<ZNVURL> sourceURL_;

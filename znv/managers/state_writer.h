@@ -1,0 +1,106 @@
+// ZNVStateWriter: encodes and writes a task manager's state file on a queue
+// of its own, so that a save costs the session manager's queue no more than
+// handing it over.
+//
+// Contract
+// - One writer per manager (ZNVNetwork). `write` queues a save on the
+//   writer's serial queue and returns at once; `writeNow` runs one on the
+//   calling thread. Any thread may call either.
+// - Saves carry a generation shared with the manager: a save whose generation
+//   is no longer the newest when its turn comes is skipped, so the newest
+//   snapshot wins and the file never goes back to an older one. Every save in
+//   the process writes under one lock, so managers that share a state file
+//   never interleave their writes.
+// - The file is one keyed archive with the root keys "configuration type" and
+//   "tasks" (an array of the tasks in collection order). Each save writes
+//   "<state file>.tmp" (mode 0600), flushes it to disk and moves it over the
+//   state file durably, so a crash leaves either the old or the new file.
+// - Cost: a task's archived text is kept between saves and re-encoded only
+//   when its `archiveRevision` or its progress's completed count moved;
+//   unchanged tasks are copied into the file as they are. The file itself is
+//   written from those texts without assembling it in memory.
+// - Log: after a save, "saving task state:" and its summary (one line per
+//   running task, then counts of completed and suspended tasks); on failure
+//   "failed to save task state: <error>" instead.
+// - Lifetime: queued saves keep the writer alive until they have run;
+//   `waitUntilWritten` lets a caller (orderly shutdown, tests) wait for them.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "znv/managers/task_list.h"
+#include "znv/platform/url.h"
+#include "znv/tasks/network_task.h"
+
+namespace znv {
+
+class ZNVOperationQueue;
+
+class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
+  public:
+    // Root keys of the state file.
+    static const char* const kConfigurationTypeKey;  // "configuration type"
+    static const char* const kTasksKey;              // "tasks"
+
+    struct Save {
+        std::string identifier;                       // the "configuration type" value
+        ZNVTaskList<ZNVNetworkTask>::Snapshot tasks;  // what the save writes
+        ZNVURL stateURL;
+        ZNVURL tempURL;
+        // The manager's save counter and this save's number in it.
+        std::shared_ptr<std::atomic<uint64_t>> generation;
+        uint64_t mine = 0;
+    };
+
+    static std::shared_ptr<ZNVStateWriter> create();
+    ~ZNVStateWriter();
+    ZNVStateWriter(const ZNVStateWriter&) = delete;
+    ZNVStateWriter& operator=(const ZNVStateWriter&) = delete;
+
+    void write(Save save);
+    void writeNow(const Save& save);
+
+    // Blocks until a save of `generation` or a newer one has been written (or
+    // has failed). False when the timeout passed first.
+    bool waitUntilWritten(uint64_t generation, std::chrono::milliseconds timeout);
+
+    // For tests: every reused archived text is compared with a fresh encoding
+    // of its task, and a difference aborts the process (a change of the task
+    // that did not move its revision).
+    static void setVerifiesReusedText(bool verify);
+
+  private:
+    ZNVStateWriter() = default;
+    void run(const Save& save);
+    // The archived text of each task, re-encoded where needed; false (and the
+    // error) when a task cannot be archived.
+    bool textsFor(const Save& save, std::vector<const std::string*>* texts, ZNVErrorRef* error);
+    void markWritten(uint64_t generation);
+
+    struct Cached {
+        uint64_t revision = 0;
+        int64_t completedProgress = 0;
+        uint64_t lastSave = 0;  // number of the last save that used it
+        std::string text;
+    };
+
+    std::mutex queueMutex_;
+    std::unique_ptr<ZNVOperationQueue> queue_;  // made on first use; guarded by queueMutex_
+
+    // Used only by the save that holds the process-wide state file lock.
+    std::unordered_map<const ZNVNetworkTask*, Cached> cache_;
+    uint64_t saves_ = 0;
+
+    std::mutex writtenMutex_;
+    std::condition_variable writtenChanged_;
+    uint64_t written_ = 0;  // newest generation written or failed; guarded by writtenMutex_
+};
+
+}  // namespace znv
