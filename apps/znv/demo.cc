@@ -165,6 +165,7 @@ int runDemo(const GlobalOptions& globalOptions, const DemoOptions& options) {
                 session->storage().accountConfiguration().get()) +
             ".state")) {
         std::filesystem::remove(stateFile->path());
+        std::filesystem::remove(stateFile->path() + ".lock");
     }
     session->emulator().stop();
     if (interrupted != 0) {
