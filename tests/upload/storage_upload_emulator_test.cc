@@ -297,6 +297,39 @@ TEST_F(StorageUploadEmulatorTest, ASourceChangedBetweenStepsFailsTheUpload) {
     }
 }
 
+// A whole file that grows while it is being sent is not reported complete,
+// though the service stored what it read.
+TEST_F(StorageUploadEmulatorTest, AWholeFileGrownWhileInFlightFails) {
+    if (ZNVNetworkUtilities_freeSizeAvailableOnFileSystem() <
+        ZNVStorageUploadFreeSpaceMargin + 4 * MiB) {
+        GTEST_SKIP() << "the whole-file path needs 512 MiB of free space beyond the file";
+    }
+    ASSERT_TRUE(harness.emulator.addFault({{"method", "PUT"},
+                                           {"path", "/api/files/*/fullfile"},
+                                           {"times", 1},
+                                           {"action", "throttle"},
+                                           {"bytesPerSecond", 2 * MiB}}));
+    const std::string source = writeSource("growing.bin", 4 * MiB);
+    auto upload = start(source, /*forceChunks=*/false);
+    ASSERT_TRUE(test::waitFor([&] {
+        for (const auto& entry : harness.emulator.requestLog()) {
+            if (entry.value("method", "") == "PUT") return true;
+        }
+        return false;
+    }));
+    {
+        std::FILE* file = std::fopen(source.c_str(), "ab");
+        ASSERT_NE(file, nullptr);
+        std::fputs("late", file);
+        std::fclose(file);
+    }
+    ASSERT_TRUE(finished(upload));
+    ASSERT_NE(upload->error(), nullptr);
+    EXPECT_EQ(upload->error()->localizedDescription(),
+              "The source of the upload has changed or moved.");
+    EXPECT_EQ(count(harness.emulator.requestLog(), "PUT", "/fullfile"), 1u);
+}
+
 // The identity survives the archive: an upload restored after its source was
 // rewritten in place (same size) fails at its next step.
 TEST_F(StorageUploadEmulatorTest, ARestoredUploadNoticesASourceRewrittenWhileItWasAway) {
