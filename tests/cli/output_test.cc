@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <regex>
 #include <sstream>
 
 #include "apps/emulator/emulator.h"
@@ -30,9 +29,16 @@ std::vector<std::string> lines(const std::string& text) {
 // The text a terminal shows for one line of output: CSI sequences and
 // carriage returns removed.
 std::string visible(const std::string& line) {
-    static const std::regex csi("\x1b\\[[0-9;?]*[A-Za-z]");
-    std::string text = std::regex_replace(line, csi, "");
-    text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
+    std::string text;
+    for (size_t i = 0; i < line.size(); ++i) {
+        if (line[i] == '\x1b' && i + 1 < line.size() && line[i + 1] == '[') {
+            i += 2;
+            while (i < line.size() && !std::isalpha(static_cast<unsigned char>(line[i])))
+                ++i;
+        } else if (line[i] != '\r') {
+            text += line[i];
+        }
+    }
     return text;
 }
 
@@ -67,8 +73,7 @@ TEST_F(ZnvOutputTest, ResultsGoToStdoutAndEverythingElseToStderr) {
     ZnvUser user;
     ZnvRun version = user.run({"--version"});
     EXPECT_EQ(version.status, 0);
-    EXPECT_TRUE(std::regex_search(version.out, std::regex("^znv [0-9]+\\.[0-9]+\\.[0-9]+\n")))
-        << version.out;
+    EXPECT_TRUE(matchesShape(lines(version.out).at(0), "znv 9*.9*.9*")) << version.out;
     EXPECT_NE(version.out.find("\nlibcurl "), std::string::npos) << version.out;
     EXPECT_EQ(version.err, "");
 
@@ -87,12 +92,13 @@ TEST_F(ZnvOutputTest, ResultsGoToStdoutAndEverythingElseToStderr) {
     auto results = lines(up.out);
     ASSERT_EQ(results.size(), 2u) << up.out;
     for (const auto& line : results) {
-        std::smatch m;
-        ASSERT_TRUE(std::regex_match(line, m, std::regex("(\\S+) (http://\\S+)"))) << line;
-        EXPECT_NE(m[2].str().find(m[1].str()), std::string::npos) << "the URL serves that ID";
+        auto space = line.find(' ');
+        ASSERT_NE(space, std::string::npos) << line;
+        std::string id = line.substr(0, space), url = line.substr(space + 1);
+        EXPECT_TRUE(matchesShape(url, "http://127.0.0.1:9*/content/" + id)) << line;
     }
-    EXPECT_TRUE(std::regex_search(
-        up.err, std::regex("2 completed, 0 failed: 7\\.8 KiB in [0-9.]+ s \\([0-9.]+ MB/s\\)")))
+    auto errLines = lines(up.err);
+    EXPECT_TRUE(matchesShape(errLines.back(), "2 completed, 0 failed: 7.8 KiB in 9* s (9*9 MB/s)"))
         << up.err;
     EXPECT_EQ((up.out + up.err).find('\x1b'), std::string::npos);
 
@@ -155,17 +161,23 @@ TEST_F(ZnvOutputTest, LiveViewFitsSixtyColumnsAndDumbTerminalsGetNoCursorCodes) 
         ++bars;
         EXPECT_LE(line.size(), 59u) << line;
         EXPECT_NE(line.find("MB/s"), std::string::npos) << line;
-        if (std::regex_search(line, std::regex("[0-9.]+ MB/s ETA +[0-9]+:[0-9]{2}"))) ++measured;
+        if (matchesShape(line, "*9 MB/s ETA *9:99*")) ++measured;
     }
     EXPECT_GT(bars, 3u) << live.out;
     EXPECT_GT(measured, 0u) << "a rate and an ETA once the transfer runs:\n" << live.out;
     EXPECT_NE(live.out.find("\x1b["), std::string::npos) << "redrawn in place";
     // The result lines are never cut, however narrow the terminal.
-    auto url = std::regex("http://127\\.0\\.0\\.1:[0-9]+/\\S+/[0-9a-f-]{36}");
-    EXPECT_EQ(std::distance(std::sregex_iterator(live.out.begin(), live.out.end(), url),
-                            std::sregex_iterator()),
-              2)
-        << live.out;
+    size_t results = 0;
+    for (const auto& raw : lines(live.out)) {
+        std::string line = visible(raw);
+        auto space = line.find(' ');
+        if (space != 36) continue;  // "FILEID URL", the ID a UUID
+        ++results;
+        EXPECT_TRUE(
+            matchesShape(line.substr(37), "http://127.0.0.1:9*/content/" + line.substr(0, 36)))
+            << line;
+    }
+    EXPECT_EQ(results, 2u) << live.out;
 
     user.setEnv("TERM", "dumb");
     ZnvRun dumb = user.runOnTerminal({"--server", server_, "upload", "--force-chunks", big}, 60);

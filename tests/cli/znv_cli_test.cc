@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -134,8 +133,7 @@ size_t countEndingWith(const std::vector<std::string>& list, const std::string& 
 // task, kind, state, completed, total (null where they do not apply), a UTC
 // time, and an error exactly when the state says something went wrong.
 void expectEventSchema(const ZnvRun& run) {
-    static const std::regex time(
-        "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z");
+    const std::string time = "9999-99-99T99:99:99.999Z";
     std::istringstream in(run.out);
     size_t count = 0;
     for (std::string line; std::getline(in, line); ++count) {
@@ -144,7 +142,7 @@ void expectEventSchema(const ZnvRun& run) {
         for (const char* key : {"event", "task", "kind", "state", "completed", "total", "time"}) {
             EXPECT_TRUE(e.contains(key)) << key << " missing: " << line;
         }
-        EXPECT_TRUE(std::regex_match(e.value("time", ""), time)) << line;
+        EXPECT_TRUE(matchesShape(e.value("time", ""), time)) << line;
         std::string state = e["state"].is_string() ? e["state"].get<std::string>() : "";
         bool wrong = state == "failed" || state == "retrying";
         if (!e["task"].is_null()) {

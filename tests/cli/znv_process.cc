@@ -22,6 +22,30 @@ std::string znvPath() {
     return std::string(ZNV_BUILD_DIR) + "/znv";
 }
 
+bool matchesShape(const std::string& text, const std::string& pattern) {
+    // Iterative wildcard matching with backtracking to the last "*".
+    size_t t = 0, p = 0, starP = std::string::npos, starT = 0;
+    while (t < text.size()) {
+        bool digit = p < pattern.size() && pattern[p] == '9' && text[t] >= '0' && text[t] <= '9';
+        if (p < pattern.size() &&
+            (digit || (pattern[p] != '*' && pattern[p] != '9' && pattern[p] == text[t]))) {
+            ++t;
+            ++p;
+        } else if (p < pattern.size() && pattern[p] == '*') {
+            starP = p++;
+            starT = t;
+        } else if (starP != std::string::npos) {
+            p = starP + 1;
+            t = ++starT;
+        } else {
+            return false;
+        }
+    }
+    while (p < pattern.size() && pattern[p] == '*')
+        ++p;
+    return p == pattern.size();
+}
+
 std::vector<nlohmann::json> ZnvRun::events() const {
     std::vector<nlohmann::json> list;
     std::istringstream in(out);

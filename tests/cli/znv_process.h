@@ -61,4 +61,9 @@ class ZnvUser {
 
 std::string znvPath();
 
+// Whether `text` has the shape `pattern`: "9" stands for one digit, "*" for
+// any run of characters, everything else for itself. (std::regex trips the
+// compiler's warnings in sanitizer builds.)
+bool matchesShape(const std::string& text, const std::string& pattern);
+
 }  // namespace znv::test
