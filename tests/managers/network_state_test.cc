@@ -339,6 +339,7 @@ TEST(NetworkState, ConcurrentSavesNeverLeaveAnOlderCollection) {
         adder.join();
         release();
         drain();
+        ASSERT_TRUE(network->waitUntilStateIsWritten());
         auto json = nlohmann::json::parse(test::readFile(statePath("race")));
         ASSERT_EQ(json["$top"]["tasks"]["$objects"].size(), static_cast<size_t>(round + 1))
             << "round " << round;
