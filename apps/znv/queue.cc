@@ -307,6 +307,9 @@ struct Tracked {
     std::string output;
     std::string extraError;  // a failure znv found (HTTP status, delivery)
     bool urlRequested = false;
+    // The view once the task is final and reported: it changes no more, so
+    // later turns reuse it instead of asking the task again.
+    std::optional<TaskView> settledView;
 };
 
 // Content URLs arriving on the main queue, read by the run loop.
@@ -422,6 +425,10 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         std::vector<TaskView> views;
         bool allFinal = true, anyRunning = false;
         for (auto& t : tracked) {
+            if (t.settledView) {
+                views.push_back(*t.settledView);
+                continue;
+            }
             // States passed through since the last turn, reported in order
             // (completion is reported below, once it is final).
             std::vector<uint64_t> passed;
@@ -513,6 +520,8 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
                 lastActivity = now;
             }
             if (!t.final) allFinal = false;
+            if (t.final && t.reportedState == name && t.reportedBytes == view.completedBytes)
+                t.settledView = view;
             views.push_back(std::move(view));
         }
         reporter.tick(views);
