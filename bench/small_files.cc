@@ -237,6 +237,8 @@ Round cliRound(const std::string& znv, const std::string& base,
         argv.push_back(argument.data());
     argv.push_back(nullptr);
 
+    // The child must not inherit (and print again) what is still buffered.
+    std::fflush(nullptr);
     const auto start = Clock::now();
     pid_t pid = fork();
     if (pid == 0) {

@@ -519,6 +519,9 @@ struct Tracked {
     std::string extraError;                  // a failure znv found (HTTP status, delivery)
     bool urlRequested = false;
     bool wholeAnnounced = false;  // a line said the upload goes whole
+    // The view once the task is final and reported: it changes no more, so
+    // later turns reuse it instead of asking the task again.
+    std::optional<TaskView> settledView;
 };
 
 // Content URLs arriving on the main queue, read by the run loop.
@@ -671,6 +674,10 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         std::vector<TaskView> views;
         bool allFinal = true, anyRunning = false;
         for (auto& t : tracked) {
+            if (t.settledView) {
+                views.push_back(*t.settledView);
+                continue;
+            }
             // States passed through since the last turn, reported in order
             // (completion is reported below, once it is final).
             std::vector<Observed::Step> passed;
@@ -776,6 +783,8 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
                 report(t, view);
             }
             if (!t.final) allFinal = false;
+            if (t.final && t.reportedState == name && t.reportedBytes == view.completedBytes)
+                t.settledView = view;
             views.push_back(std::move(view));
         }
         reporter.tick(views);

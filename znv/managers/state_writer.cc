@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 #include "znv/foundation/log.h"
@@ -127,7 +128,8 @@ void ZNVStateWriter::write(Save save) {
     std::lock_guard<std::mutex> lock(queueMutex_);
     if (!queue_) queue_ = std::make_unique<ZNVOperationQueue>("ZNVStateWriter");
     // The item keeps the writer (and so its queue) alive until it has run.
-    queue_->addOperation([self = shared_from_this(), save = std::move(save)] { self->run(save); });
+    queue_->addOperation(
+        [self = shared_from_this(), save = std::move(save)] { self->runPaced(save); });
 }
 
 void ZNVStateWriter::writeNow(const Save& save) {
@@ -192,10 +194,25 @@ bool ZNVStateWriter::textsFor(const Save& save, std::vector<const std::string*>*
     return true;
 }
 
-void ZNVStateWriter::run(const Save& save) {
+void ZNVStateWriter::runPaced(const Save& save) {
+    if (save.generation && save.generation->load() != save.mine) return;
+    // Every save rewrites the whole file: queued saves wait until the writer
+    // has rested three times as long as the last write took (at most a
+    // second), so that a long queue changing fast costs a bounded share of
+    // a core and of the disk; the saves asked for meanwhile give way to the
+    // newest.
+    std::this_thread::sleep_until(nextWrite_);
+    const auto start = std::chrono::steady_clock::now();
+    if (!run(save)) return;
+    const auto end = std::chrono::steady_clock::now();
+    nextWrite_ = end + std::min<std::chrono::steady_clock::duration>(3 * (end - start),
+                                                                     std::chrono::seconds(1));
+}
+
+bool ZNVStateWriter::run(const Save& save) {
     std::lock_guard<std::mutex> lock(stateFileMutex());
     // A newer snapshot is queued behind this one (or already written).
-    if (save.generation && save.generation->load() != save.mine) return;
+    if (save.generation && save.generation->load() != save.mine) return false;
 
     ZNVErrorRef error;
     std::vector<const std::string*> texts;
@@ -239,6 +256,7 @@ void ZNVStateWriter::run(const Save& save) {
         logSummary(save.tasks);
     }
     markWritten(save.mine);
+    return true;
 }
 
 }  // namespace znv

@@ -18,7 +18,11 @@
 // - Cost: a task's archived text is kept between saves and re-encoded only
 //   when its `archiveRevision` or its progress's completed count moved;
 //   unchanged tasks are copied into the file as they are. The file itself is
-//   written from those texts without assembling it in memory.
+//   written from those texts without assembling it in memory. Saves queued
+//   by `write` start no sooner than three times the previous write's
+//   duration (at most a second) after it ended, so a long queue that changes
+//   fast keeps the writer busy a quarter of the time at most; saves asked
+//   for meanwhile give way to the newest.
 // - Log: after a save, "saving task state:" and its summary (one line per
 //   running task, then counts of completed and suspended tasks); on failure
 //   "failed to save task state: <error>" instead.
@@ -78,7 +82,10 @@ class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
 
   private:
     ZNVStateWriter() = default;
-    void run(const Save& save);
+    // Runs a save queued by `write`, no sooner than `nextWrite_`.
+    void runPaced(const Save& save);
+    // False when the save was skipped for a newer one.
+    bool run(const Save& save);
     // The archived text of each task, re-encoded where needed; false (and the
     // error) when a task cannot be archived.
     bool textsFor(const Save& save, std::vector<const std::string*>* texts, ZNVErrorRef* error);
@@ -96,6 +103,8 @@ class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
 
     // Used only by the save that holds the process-wide state file lock.
     std::unordered_map<const ZNVNetworkTask*, Cached> cache_;
+    // When the writer's queue may write next; used only on that queue.
+    std::chrono::steady_clock::time_point nextWrite_{};
     uint64_t saves_ = 0;
 
     std::mutex writtenMutex_;
