@@ -71,9 +71,10 @@ class Emulator {
 
     // Same JSON as GET /_admin/requests: an array of entries, oldest first, each
     // {"method", "path", "query"?, "headers": {...}, "bodySize", "parts"?,
-    //  "status", "fault"?, "durationMs"} ("durationMs" appears once the request
-    // is finished; status 0 while it is served or when its connection was
-    // dropped).
+    //  "status", "fault"?, "durationMs", "startMs", "endMs", "fileId"?}
+    // ("durationMs" and the monotonic-clock readings "startMs"/"endMs" appear
+    // once the request is finished; "fileId" names the file a create made;
+    // status 0 while it is served or when its connection was dropped).
     nlohmann::json requestLog() const;
     void clearRequestLog();
 
