@@ -150,8 +150,14 @@ TEST_F(TaskInvariants, ARestoredUploadNeverTakesTheAnswerOfANewOne) {
                    saved.find(old->remoteFileID()) != std::string::npos &&
                    saved.find("\"task identifier\"") != std::string::npos;
         }));
+        // The invalidation saves an empty list on the session's queue; wait
+        // for it before the saved file is put back.
+        auto session = first->sessionManager();
         first->invalidateClientAndCancelTasks();
         ZNVMainQueue::waitUntilDrained();
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        session->performBackgroundSessionBlock([done] { *done = true; });
+        ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
         storages_.clear();
     }
     emulator_->clearFaults();
