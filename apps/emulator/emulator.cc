@@ -258,6 +258,7 @@ struct Exchange {
     bool dropped = false;   // the connection was reset or abandoned
     std::vector<std::string> parts;
     std::string fault;
+    std::string createdFileId;  // the remote file a create made
 };
 
 class Emulator::Impl {
@@ -556,9 +557,16 @@ void Emulator::Impl::finishLog(const Exchange& ex) {
         if ((*it)["id"] != ex.logId) continue;
         (*it)["status"] = ex.dropped ? 0 : ex.res.status;
         (*it)["bodySize"] = ex.bodyBytes;
+        const Clock::time_point ended = Clock::now();
         (*it)["durationMs"] =
-            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - ex.started)
+            std::chrono::duration_cast<std::chrono::milliseconds>(ended - ex.started).count();
+        // Monotonic clock readings (comparable between processes of one machine).
+        (*it)["startMs"] =
+            std::chrono::duration_cast<std::chrono::milliseconds>(ex.started.time_since_epoch())
                 .count();
+        (*it)["endMs"] =
+            std::chrono::duration_cast<std::chrono::milliseconds>(ended.time_since_epoch()).count();
+        if (!ex.createdFileId.empty()) (*it)["fileId"] = ex.createdFileId;
         if (!ex.parts.empty()) (*it)["parts"] = ex.parts;
         if (!ex.fault.empty()) (*it)["fault"] = ex.fault;
         break;
@@ -879,6 +887,7 @@ void Emulator::Impl::handleCreate(Exchange& ex) {
                     {{{"name", "fullfile"}, {"maxBytesPerRequest", options_.maxFullFileBytes}},
                      {{"name", "chunks"}, {"maxBytesPerRequest", kChunkStride}}}}};
     if (!shared.empty()) answer["sharedStorageId"] = shared;
+    ex.createdFileId = result.info.id;
     reply(ex, 201, answer);
 }
 

@@ -150,8 +150,20 @@ TEST_F(TaskInvariants, ARestoredUploadNeverTakesTheAnswerOfANewOne) {
                    saved.find(old->remoteFileID()) != std::string::npos &&
                    saved.find("\"task identifier\"") != std::string::npos;
         }));
+        // The invalidation saves an empty list on the session's queue, and
+        // answers still arriving may save too; wait for both before the
+        // saved file is put back.
+        auto session = first->sessionManager();
         first->invalidateClientAndCancelTasks();
         ZNVMainQueue::waitUntilDrained();
+        for (int round = 0; round < 2; ++round) {
+            // Saves also come through the account's queue.
+            account_->waitUntilIdle();
+            auto done = std::make_shared<std::atomic<bool>>(false);
+            session->performBackgroundSessionBlock([done] { *done = true; });
+            ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
+            ZNVMainQueue::waitUntilDrained();
+        }
         storages_.clear();
     }
     emulator_->clearFaults();

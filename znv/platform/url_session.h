@@ -33,7 +33,12 @@
 //   `NSURLSessionDownloadTaskResumeData` in its error). A task made from it asks
 //   for the rest with "Range" and "If-Range": a 206 answer is appended to the
 //   partial file, a 200 answer starts the file over; either way the delegate
-//   hears `didResumeAtOffset` with the offset actually used.
+//   hears `didResumeAtOffset` with the offset actually used. Any other status
+//   leaves the partial file as it was, and such a task, like one that fails
+//   before any answer, completes with an error holding its original resume
+//   data. Resume data whose partial file is not one of the session's own (in
+//   the private temporary directory, named "ZNVDownload-XXXXXX") starts over
+//   in a fresh file.
 // - Ownership: the caller holds the session; the session holds its delegate and
 //   keeps itself alive until it has been invalidated. `invalidateAndCancel`
 //   completes every live task with -999, then calls `didBecomeInvalidWithError`

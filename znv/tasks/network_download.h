@@ -10,7 +10,11 @@
 // - The first failure wins: a completion error does not replace a failed move.
 // - The progress counts per mille (total 1000); a decoded download starts at 0.
 // - An interrupted download keeps the URL session's resume data (from its error
-//   or from `cancel`) and continues from it after a recovery or a retry.
+//   or from `cancel`) and continues from it after a recovery or a retry; a
+//   resumed transfer that fails before the rest arrives hands the same resume
+//   data back. Resume data that arrives after a retry, is replaced, or belongs
+//   to a finished task has its partial file deleted. Non-finite progress
+//   fractions are ignored.
 // - The finished file (`localFileURL`) lives until the manager finishes the
 //   task (`taskDidFinish` removes it); a client that wants to keep it moves or
 //   copies it when the task completes.

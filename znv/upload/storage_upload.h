@@ -12,8 +12,10 @@
 //   `handleStorageResponse`, and forwards progress to `handleChunkProgress` /
 //   `handleFullFileProgress`.
 // - Every request is made inside `dispatchNetworkBlock`: the account hands out
-//   an authentication, possibly later and on its own thread, and the work
-//   checks the raw error again before it starts a request.
+//   an authentication, possibly later and on its own thread. The upload is
+//   running from the moment the work is dispatched (so `resume` answers false
+//   and it holds its slot while it waits), and the work runs only if no later
+//   dispatch, reset, cancel or retry came in between and no raw error is set.
 // - Only the first error is kept; a response that arrives while a raw error
 //   is set is ignored.
 // - Threads: as the base task (one recursive lock per task; any thread);
