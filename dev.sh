@@ -6,6 +6,8 @@
 #   ./dev.sh test    deps + build + every test through CTest
 #   ./dev.sh demo    deps + build + `znv demo` (upload, download and verify a sample file)
 #   ./dev.sh bench   deps + build + the benchmarks of bench/
+#   ./dev.sh fuzz [SECONDS]  deps + the libFuzzer targets of tests/fuzz (clang,
+#                    ASan + UBSan, build-fuzz), each run SECONDS (default 60)
 #
 # ZNV_SANITIZE=address (address + undefined behaviour) or ZNV_SANITIZE=thread builds
 # into its own build directory (build-asan, build-tsan) and runs the tests there.
@@ -21,6 +23,7 @@ PACKAGES=(
   libcli11-dev libcpp-httplib-dev libssl-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev hyperfine curl
   iproute2
+  clang libclang-rt-14-dev
 )
 
 log() { printf '[dev.sh] %s\n' "$*" >&2; }
@@ -79,6 +82,35 @@ run_tests() {
   ctest "${args[@]}" "$@"
 }
 
+# Builds the fuzz targets into build-fuzz and runs each for $1 seconds from
+# its seed corpus (tests/fuzz/corpus/<name>); inputs it finds go to
+# build-fuzz/corpus/<name>, a crashing input to build-fuzz/crashes/<name>/.
+fuzz() {
+  local seconds=${1:-60} dir="$ROOT/build-fuzz" failed=0
+  [[ "$seconds" =~ ^[0-9]+$ ]] || { log "fuzz takes a number of seconds"; exit 2; }
+  CC=clang CXX=clang++ cmake -S "$ROOT" -B "$dir" -G Ninja -DZNV_FUZZ=ON \
+    -DZNV_SANITIZE=address >/dev/null
+  cmake --build "$dir" --target znv_fuzz -j "$(jobs)"
+  export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+  export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+  for src in "$ROOT"/tests/fuzz/*_fuzz.cc; do
+    local name
+    name=$(basename "$src" _fuzz.cc)
+    mkdir -p "$dir/corpus/$name" "$dir/crashes/$name" "$ROOT/tests/fuzz/corpus/$name"
+    log "fuzzing $name for ${seconds}s"
+    if ! "$dir/fuzz_$name" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+        -max_len=65536 -print_final_stats=1 -artifact_prefix="$dir/crashes/$name/" \
+        "$dir/corpus/$name" "$ROOT/tests/fuzz/corpus/$name" 2>"$dir/fuzz-$name.log"; then
+      tail -n 60 "$dir/fuzz-$name.log" >&2
+      log "fuzz_$name failed; the input is in $dir/crashes/$name/"
+      failed=1
+    else
+      grep -E '^stat::number_of_executed_units' "$dir/fuzz-$name.log" | sed "s/^/[$name] /" >&2
+    fi
+  done
+  return $failed
+}
+
 cmd=${1:-}
 [ $# -gt 0 ] && shift
 case "$cmd" in
@@ -94,6 +126,7 @@ case "$cmd" in
     fi
     exec "$znv" demo "$@"
     ;;
+  fuzz) deps; fuzz "$@" ;;
   bench)
     deps; build
     if [ -x "$ROOT/bench/run.sh" ]; then
@@ -103,7 +136,7 @@ case "$cmd" in
     exit 1
     ;;
   *)
-    sed -n '2,13p' "$0" | sed 's/^# \{0,1\}//'
+    sed -n '2,15p' "$0" | sed 's/^# \{0,1\}//'
     [ -z "$cmd" ] && exit 2 || { log "unknown verb: $cmd"; exit 2; }
     ;;
 esac
