@@ -98,7 +98,7 @@ fuzz() {
     name=$(basename "$src" _fuzz.cc)
     mkdir -p "$dir/corpus/$name" "$dir/crashes/$name" "$ROOT/tests/fuzz/corpus/$name"
     log "fuzzing $name for ${seconds}s"
-    if ! "$dir/fuzz_$name" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+    if ! "$dir/tests/fuzz/fuzz_$name" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
         -max_len=65536 -print_final_stats=1 -artifact_prefix="$dir/crashes/$name/" \
         "$dir/corpus/$name" "$ROOT/tests/fuzz/corpus/$name" 2>"$dir/fuzz-$name.log"; then
       tail -n 60 "$dir/fuzz-$name.log" >&2

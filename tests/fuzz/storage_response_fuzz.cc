@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string>
 
+#include <nlohmann/json.hpp>
+
 #include "znv/foundation/log.h"
 #include "znv/upload/storage_response.h"
 
