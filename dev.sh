@@ -7,6 +7,8 @@
 #   ./dev.sh demo    deps + build + `znv demo` (upload, download and verify a sample file)
 #   ./dev.sh bench   deps + build + the benchmarks of bench/
 #   ./dev.sh package deps + a Debian package of library, headers and tools (build-package/)
+#   ./dev.sh fuzz [SECONDS]  deps + the libFuzzer targets of tests/fuzz (clang,
+#                    ASan + UBSan, build-fuzz), each run SECONDS (default 60)
 #
 # ZNV_SANITIZE=address (address + undefined behaviour) or ZNV_SANITIZE=thread builds
 # into its own build directory (build-asan, build-tsan) and runs the tests there.
@@ -22,6 +24,7 @@ PACKAGES=(
   libcli11-dev libcpp-httplib-dev libssl-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev hyperfine curl
   iproute2 help2man
+  clang libclang-rt-14-dev
 )
 
 log() { printf '[dev.sh] %s\n' "$*" >&2; }
@@ -95,6 +98,35 @@ package() {
   log "install it with: sudo apt-get install $deb"
 }
 
+# Builds the fuzz targets into build-fuzz and runs each for $1 seconds from
+# its seed corpus (tests/fuzz/corpus/<name>); inputs it finds go to
+# build-fuzz/corpus/<name>, a crashing input to build-fuzz/crashes/<name>/.
+fuzz() {
+  local seconds=${1:-60} dir="$ROOT/build-fuzz" failed=0
+  [[ "$seconds" =~ ^[0-9]+$ ]] || { log "fuzz takes a number of seconds"; exit 2; }
+  CC=clang CXX=clang++ cmake -S "$ROOT" -B "$dir" -G Ninja -DZNV_FUZZ=ON \
+    -DZNV_SANITIZE=address >/dev/null
+  cmake --build "$dir" --target znv_fuzz -j "$(jobs)"
+  export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+  export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+  for src in "$ROOT"/tests/fuzz/*_fuzz.cc; do
+    local name
+    name=$(basename "$src" _fuzz.cc)
+    mkdir -p "$dir/corpus/$name" "$dir/crashes/$name" "$ROOT/tests/fuzz/corpus/$name"
+    log "fuzzing $name for ${seconds}s"
+    if ! "$dir/tests/fuzz/fuzz_$name" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+        -max_len=65536 -print_final_stats=1 -artifact_prefix="$dir/crashes/$name/" \
+        "$dir/corpus/$name" "$ROOT/tests/fuzz/corpus/$name" 2>"$dir/fuzz-$name.log"; then
+      tail -n 60 "$dir/fuzz-$name.log" >&2
+      log "fuzz_$name failed; the input is in $dir/crashes/$name/"
+      failed=1
+    else
+      grep -E '^stat::number_of_executed_units' "$dir/fuzz-$name.log" | sed "s/^/[$name] /" >&2
+    fi
+  done
+  return $failed
+}
+
 cmd=${1:-}
 [ $# -gt 0 ] && shift
 case "$cmd" in
@@ -111,6 +143,7 @@ case "$cmd" in
     exec "$znv" demo "$@"
     ;;
   package) deps; package ;;
+  fuzz) deps; fuzz "$@" ;;
   bench)
     deps; build
     if [ -x "$ROOT/bench/run.sh" ]; then
@@ -120,7 +153,7 @@ case "$cmd" in
     exit 1
     ;;
   *)
-    sed -n '2,14p' "$0" | sed 's/^# \{0,1\}//'
+    sed -n '2,16p' "$0" | sed 's/^# \{0,1\}//'
     [ -z "$cmd" ] && exit 2 || { log "unknown verb: $cmd"; exit 2; }
     ;;
 esac

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <fstream>
 #include <thread>
+#include <tuple>
 
 #include <nlohmann/json.hpp>
 
@@ -757,6 +758,35 @@ TEST_F(URLSessionTest, FinishTasksAndInvalidateLetsRunningTasksEnd) {
     EXPECT_EQ(events.back().kind, Kind::Invalid);
     EXPECT_TRUE(readFile(downloads_ + "/task-" + std::to_string(task->taskIdentifier())) ==
                 content);
+}
+
+// Resume data comes back from disk: numbers that are not integers, or that no
+// integer type holds, are refused instead of converted (found by fuzzing).
+TEST(URLSessionResumeData, RefusesNumbersThatAreNotIntegers) {
+    auto document = [](const std::string& version, const std::string& received,
+                       const std::string& total) {
+        std::string text = R"({"ZNVResumeDataVersion":)" + version +
+                           R"(,"URL":"http://127.0.0.1:1/content/f","method":"GET","headers":{},)" +
+                           R"("partialFile":"/p","bytesReceived":)" + received +
+                           R"(,"expectedTotalBytes":)" + total + "}";
+        return ZNVBytes(text.begin(), text.end());
+    };
+    auto accepted = ZNVURLSessionResumeData::decode(document("1", "5", "9"));
+    ASSERT_TRUE(accepted);
+    EXPECT_EQ(accepted->bytesReceived, 5);
+    EXPECT_EQ(accepted->expectedTotalBytes, 9);
+    for (const auto& [version, received, total] :
+         std::vector<std::tuple<std::string, std::string, std::string>>{
+             {std::string(200, '6'), "5", "9"},
+             {"1e300", "5", "9"},
+             {"1.0", "5", "9"},
+             {"1", "1e300", "9"},
+             {"1", "5.5", "9"},
+             {"1", "5", "-1e300"},
+             {"1", "5", "\"9\""}}) {
+        EXPECT_FALSE(ZNVURLSessionResumeData::decode(document(version, received, total)))
+            << version << " " << received << " " << total;
+    }
 }
 
 }  // namespace

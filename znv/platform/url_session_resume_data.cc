@@ -39,7 +39,10 @@ std::optional<ZNVURLSessionResumeData::Info> ZNVURLSessionResumeData::decode(con
     nlohmann::json document = nlohmann::json::parse(data.begin(), data.end(), nullptr, false);
     if (document.is_discarded() || !document.is_object()) return std::nullopt;
     try {
-        if (document.at("ZNVResumeDataVersion").get<int>() != kVersion) return std::nullopt;
+        // Numbers are read only as integers: converting a fraction or a number
+        // beyond the type's range to an integer type is undefined.
+        const auto& version = document.at("ZNVResumeDataVersion");
+        if (!version.is_number_integer() || version.get<int64_t>() != kVersion) return std::nullopt;
         Info info;
         info.url = document.at("URL").get<std::string>();
         info.method = document.at("method").get<std::string>();
@@ -47,10 +50,15 @@ std::optional<ZNVURLSessionResumeData::Info> ZNVURLSessionResumeData::decode(con
             info.headers[name] = value.get<std::string>();
         }
         info.partialFile = document.at("partialFile").get<std::string>();
-        info.bytesReceived = document.at("bytesReceived").get<int64_t>();
+        const auto& received = document.at("bytesReceived");
+        if (!received.is_number_integer()) return std::nullopt;
+        info.bytesReceived = received.get<int64_t>();
         info.etag = document.value("ETag", std::string());
         info.lastModified = document.value("Last-Modified", std::string());
-        info.expectedTotalBytes = document.value("expectedTotalBytes", int64_t{-1});
+        if (auto total = document.find("expectedTotalBytes"); total != document.end()) {
+            if (!total->is_number_integer()) return std::nullopt;
+            info.expectedTotalBytes = total->get<int64_t>();
+        }
         if (info.url.empty() || info.method.empty() || info.bytesReceived < 0) return std::nullopt;
         return info;
     } catch (const nlohmann::json::exception&) {
