@@ -30,14 +30,15 @@ int runEmulator(const GlobalOptions& global, const EmulatorCommandOptions& optio
                                 {"url", server.baseURL()},
                                 {"port", server.port()},
                                 {"token", options.token},
+                                {"adminToken", server.adminToken()},
                                 {"data", dataDir}};
         std::printf("%s\n", event.dump().c_str());
     } else {
         std::printf(
-            "emulator listening on %s\n  token: %s\n  data:  %s\n"
-            "  use:   znv --server %s --token %s COMMAND\n",
-            server.baseURL().c_str(), options.token.c_str(), dataDir.c_str(),
-            server.baseURL().c_str(), options.token.c_str());
+            "emulator listening on %s\n  token: %s\n  admin: %s (for /_admin/ requests)\n"
+            "  data:  %s\n  use:   znv --server %s --token %s COMMAND\n",
+            server.baseURL().c_str(), options.token.c_str(), server.adminToken().c_str(),
+            dataDir.c_str(), server.baseURL().c_str(), options.token.c_str());
     }
     std::fflush(stdout);
     int signal = 0;
