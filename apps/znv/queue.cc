@@ -284,7 +284,7 @@ QueueFile::QueueFile(const GlobalOptions& global) : QueueFile(global.profile) {
 std::string queueProblem(const ZNVNetwork& network, const std::string& profile) {
     const ZNVErrorRef error = network.stateRestoreError();
     if (!error) return {};
-    const std::string name = profile.empty() ? std::string("default") : profile;
+    const std::string name = profileIdentifier(profile);
     if (error->code() == NSFileLockingError) {
         const auto* pid = error->value(ZNVNetwork_StateLockHolderPIDKey);
         const std::string holder = pid && std::holds_alternative<int64_t>(*pid)
@@ -307,7 +307,7 @@ void waitForQueue(const std::string& profile) {
     int fd = ::open(lockPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0) return;
     std::fprintf(stderr, "znv: waiting for the queue of profile %s ...\n",
-                 profile.empty() ? "default" : profile.c_str());
+                 profileIdentifier(profile).c_str());
     // Taken and given back at once: the library takes it on its own file.
     while (::flock(fd, LOCK_SH) != 0 && errno == EINTR) {
     }
