@@ -14,7 +14,7 @@
 
 #include "apps/emulator/multipart.h"
 #include "znv/platform/url_request.h"
-#include "znv/upload/storage_chunk_writer.h"
+#include "znv/protocol/storage_chunk_writer.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "znv/foundation/log.h"
-#include "znv/upload/storage_response.h"
+#include "znv/protocol/storage_response.h"
 
 namespace {
 
