@@ -164,6 +164,8 @@ TEST_F(TaskInvariants, ARestoredUploadNeverTakesTheAnswerOfANewOne) {
             ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
             ZNVMainQueue::waitUntilDrained();
         }
+        // Saves are written on the manager's writer queue after the session hands them over.
+        ASSERT_TRUE(first->waitUntilStateIsWritten());
         storages_.clear();
     }
     emulator_->clearFaults();
