@@ -361,6 +361,23 @@ void TransferSession::observe(const ZNVNetworkTaskRef& task) {
         if (sessionTask) observed->sessionTask[strong.get()] = std::move(sessionTask);
     };
     observations_.emplace_back(task, task->addObserver("state", remember));
+    if (!isDownload) return;
+    // A download can start and finish between two turns of the run loop with
+    // its state changes made while no session task is attached; its progress
+    // moves while the body arrives, when the session task (and the response
+    // that names the file) is there to be kept.
+    auto progress = task->progress();
+    if (!progress) return;
+    auto keepSessionTask = [weakTask, observed = observed_](const ZNVKeyValueChangeRecord&) {
+        auto strong = weakTask.lock();
+        if (!strong) return;
+        auto sessionTask = strong->task();
+        if (!sessionTask || !sessionTask->response()) return;
+        std::lock_guard lock(observed->mutex);
+        observed->sessionTask[strong.get()] = std::move(sessionTask);
+    };
+    progressObservations_.emplace_back(
+        progress, progress->addObserver(ZNVProgress::CompletedUnitCountKey, keepSessionTask));
 }
 
 void TransferSession::stopObserving(const ZNVNetworkTaskRef& task) {
@@ -371,7 +388,16 @@ void TransferSession::stopObserving(const ZNVNetworkTaskRef& task) {
             std::lock_guard lock(observed_->mutex);
             observed_->states.erase(task.get());
             observed_->sessionTask.erase(task.get());
-            return;
+            break;
+        }
+    }
+    if (auto progress = task->progress()) {
+        for (auto it = progressObservations_.begin(); it != progressObservations_.end(); ++it) {
+            if (it->first == progress) {
+                progress->removeObserver(it->second);
+                progressObservations_.erase(it);
+                break;
+            }
         }
     }
 }
