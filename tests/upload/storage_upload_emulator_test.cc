@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <map>
 #include <nlohmann/json.hpp>
 
+#include "tests/foundation/log_capture.h"
 #include "tests/tasks/task_test_support.h"
 #include "znv/foundation/error_handler.h"
 #include "znv/foundation/network_utilities.h"
@@ -374,25 +376,105 @@ TEST_F(StorageUploadEmulatorTest, ACompletedUploadStaysCompletedWithoutItsSource
     EXPECT_EQ(restored->sourceFileSize(), 5 * MiB);
 }
 
-// A cancelled upload leaves none of its staged bodies behind.
-TEST_F(StorageUploadEmulatorTest, ACancelledUploadLeavesNoStagedBody) {
-    ASSERT_TRUE(harness.emulator.addFault(
-        {{"method", "PUT"}, {"path", "/api/files/*"}, {"times", 1}, {"action", "stall"}}));
-    const std::string source = writeSource("cancelled.bin", 6 * MiB);
-    auto upload = start(source, /*forceChunks=*/true);
-    const auto staged = [&] {
-        size_t n = 0;
+// The body of the next batch is staged while the current batch is on the
+// wire, never more than one ahead, and sent as it was staged; a cancel in the
+// middle, a retry and a missing-chunks answer each end with the source's
+// bytes stored and none of the upload's bodies left behind.
+TEST_F(StorageUploadEmulatorTest, BatchesAreStagedOneAheadAndNoneIsLeftBehind) {
+    test::LogCapture log(spdlog::level::debug);
+    const std::string source = writeSource("ahead.bin", 64 * MiB + 1000);  // batches 0-7, 8-15, 16
+    // The staged bodies of an upload, by what follows its remote file ID.
+    const auto staged = [&](const std::shared_ptr<ZNVStorageUpload>& upload) {
+        std::map<std::string, uint64_t> sizes;
         const std::string id = upload->remoteFileID();
-        if (id.empty()) return n;
+        if (id.empty()) return sizes;
         for (const auto& entry : fs::directory_iterator(ZNVPrivateTemporaryDirectory())) {
-            if (entry.path().filename().string().find(id) != std::string::npos) ++n;
+            const std::string name = entry.path().filename().string();
+            const size_t at = name.find(id);
+            std::error_code ignored;
+            if (at != std::string::npos)
+                sizes[name.substr(at + id.size())] = entry.file_size(ignored);
         }
-        return n;
+        return sizes;
     };
-    ASSERT_TRUE(test::waitFor([&] { return staged() == 1 && upload->task() != nullptr; }));
-    upload->cancel();
-    EXPECT_TRUE(test::waitFor([&] { return staged() == 0; }, std::chrono::seconds(10)));
-    EXPECT_TRUE(ZNVNetworkTask::errorIndicatesManuallyCancelledTask(upload->error()));
+    // The multipart body of chunks 8-15, complete.
+    uint64_t secondBody = 4 + 52 + 4;  // the closing delimiter
+    for (int index = 8; index < 16; ++index) {
+        secondBody += 4 * MiB + fmt::format(
+                                    "\r\n--{}\r\nContent-Disposition: form-data; "
+                                    "name=\"chunkData.{}\"; filename=\"{}.chunk\"\r\n"
+                                    "Content-Type: application/octet-stream\r\n\r\n",
+                                    std::string(52, 'x'), index, index)
+                                    .size();
+    }
+    const std::map<std::string, uint64_t> firstHeldSecondReady = {{"-0.chunk", secondBody},
+                                                                  {"-8.chunk", secondBody}};
+    const auto stalledWithSecondReady = [&](const std::shared_ptr<ZNVStorageUpload>& upload) {
+        return test::waitFor([&] {
+            auto now = staged(upload);
+            if (now.count("-0.chunk")) now["-0.chunk"] = secondBody;  // only its presence counts
+            return upload->task() != nullptr && now == firstHeldSecondReady;
+        });
+    };
+    const auto stallFirstBatch = [&] {
+        return harness.emulator.addFault(
+            {{"method", "PUT"}, {"path", "/api/files/*"}, {"times", 1}, {"action", "stall"}});
+    };
+    const auto storedIntact = [&](const std::shared_ptr<ZNVStorageUpload>& upload) {
+        return finished(upload) && upload->error() == nullptr &&
+               test::filesEqual(harness.storedContentPath(upload->remoteFileID()), source) &&
+               test::waitFor([&] { return staged(upload).empty(); }, std::chrono::seconds(10));
+    };
+
+    // Whether the upload sent these chunks from a body staged ahead.
+    const auto sentAhead = [&](const std::shared_ptr<ZNVStorageUpload>& upload,
+                               const std::string& chunks) {
+        const std::string tail = ": sending chunks " + chunks + " from the body staged ahead";
+        for (const std::string& line : log.lines()) {
+            if (line.starts_with("debug|") && line.ends_with(tail) &&
+                line.find(upload->remoteFileID()) != std::string::npos)
+                return true;
+        }
+        return false;
+    };
+
+    // Held on the wire: the second batch is staged, the third is not.
+    ASSERT_TRUE(stallFirstBatch());
+    auto upload = start(source, /*forceChunks=*/true);
+    ASSERT_TRUE(stalledWithSecondReady(upload)) << staged(upload).size();
+    harness.emulator.clearFaults();
+    EXPECT_TRUE(storedIntact(upload));
+    EXPECT_EQ(count(harness.emulator.requestLog(), "PUT", "/files/" + upload->remoteFileID()), 3u);
+    EXPECT_TRUE(sentAhead(upload, "8, 9, 10, 11, 12, 13, 14, 15"));
+    EXPECT_TRUE(sentAhead(upload, "16"));
+
+    // Cancelled in the middle: nothing stays; a retry stages and sends it all again.
+    ASSERT_TRUE(stallFirstBatch());
+    auto cancelled = start(source, /*forceChunks=*/true);
+    ASSERT_TRUE(stalledWithSecondReady(cancelled));
+    cancelled->cancel();
+    EXPECT_TRUE(test::waitFor([&] { return staged(cancelled).empty(); }, std::chrono::seconds(10)));
+    EXPECT_TRUE(ZNVNetworkTask::errorIndicatesManuallyCancelledTask(cancelled->error()));
+    harness.emulator.clearFaults();
+    cancelled->retry();
+    EXPECT_TRUE(storedIntact(cancelled));
+    EXPECT_EQ(count(harness.emulator.requestLog(), "PUT", "/files/" + cancelled->remoteFileID()),
+              4u);
+
+    // The service misses ten chunks: they go again in two batches, the
+    // second staged while the first is sent.
+    ASSERT_TRUE(harness.emulator.addFault(
+        {{"method", "POST"},
+         {"path", "/api/files/*/complete"},
+         {"times", 1},
+         {"action", "missingChunks"},
+         {"chunks", nlohmann::json::array({1u, 2u, 3u, 4u, 5u, 6u, 7u, 9u, 12u, 16u})}}));
+    auto missing = start(source, /*forceChunks=*/true);
+    EXPECT_TRUE(storedIntact(missing));
+    const auto requests = harness.emulator.requestLog();
+    EXPECT_EQ(count(requests, "PUT", "/files/" + missing->remoteFileID()), 5u);
+    EXPECT_EQ(count(requests, "POST", "/files/" + missing->remoteFileID() + "/complete"), 2u);
+    EXPECT_TRUE(sentAhead(missing, "12, 16"));
 }
 
 }  // namespace

@@ -463,7 +463,7 @@ void ZNVNetworkSessionManager::didCompleteWithError(const std::shared_ptr<ZNVURL
                 serverError->byAddingUserInfo({{NSURLSessionDownloadTaskResumeData, *resume}});
         }
     }
-        ZNVErrorRef handedOn = serverError ? serverError : error ? error : answerError;
+    ZNVErrorRef handedOn = serverError ? serverError : error ? error : answerError;
     if (auto delegate = backgroundDelegate()) {
         delegate->didCompleteWithData(shared_from_this(), task, data, handedOn);
     }
@@ -624,6 +624,24 @@ std::shared_ptr<ZNVURLSessionUploadTask> ZNVNetworkSessionManager::uploadChunks(
     const std::string& remoteFileID, const ZNVAuthenticationRef& authentication,
     ZNVErrorRef* error) {
     ZNVErrorRef failure;
+    if (remoteFileID.empty()) {
+        failure = ZNVNetworkErrorHandler_createURLError(NSURLErrorCannotWriteToFile,
+                                                        "empty file identifier");
+    } else {
+        ZNVStorageChunkWriterRef writer = ZNVStorageChunkWriter::writerForChunks(chunks, localFile);
+        std::optional<ZNVURL> staged =
+            pathManager_->createUploadFileForChunkWriter(*writer, remoteFileID, &failure);
+        if (staged)
+            return uploadStagedChunks(*writer, *staged, remoteFileID, authentication, error);
+    }
+    return finishOperation(std::shared_ptr<ZNVURLSessionUploadTask>(), failure,
+                           "uploadChunks:fromLocalFile:toRemoteFile:authentication:error:", error);
+}
+
+std::shared_ptr<ZNVURLSessionUploadTask> ZNVNetworkSessionManager::uploadStagedChunks(
+    const ZNVStorageChunkWriter& writer, const ZNVURL& stagedBody, const std::string& remoteFileID,
+    const ZNVAuthenticationRef& authentication, ZNVErrorRef* error) {
+    ZNVErrorRef failure;
     std::shared_ptr<ZNVURLSessionUploadTask> task;
     do {
         if (remoteFileID.empty()) {
@@ -631,20 +649,16 @@ std::shared_ptr<ZNVURLSessionUploadTask> ZNVNetworkSessionManager::uploadChunks(
                                                             "empty file identifier");
             break;
         }
-        ZNVStorageChunkWriterRef writer = ZNVStorageChunkWriter::writerForChunks(chunks, localFile);
-        std::optional<ZNVURL> staged =
-            pathManager_->createUploadFileForChunkWriter(*writer, remoteFileID, &failure);
-        if (!staged) break;
-        std::optional<ZNVIndexSet> indices = writer->chunkIndices();
+        std::optional<ZNVIndexSet> indices = writer.chunkIndices();
         if (!useAuthentication(authentication, &failure)) break;
         std::optional<ZNVURLRequest> request = generateRequestWithMethod(
             "PUT", apiURLforRemoteFileID(remoteFileID), nullptr, &failure);
         if (!request) break;
-        if (!writer->configureRequest(&*request, &failure)) break;
+        if (!writer.configureRequest(&*request, &failure)) break;
         std::string list;
         if (indices) list = ZNVNetworkUtilities_stringFromIndices(*indices).value_or("");
         task = makeLoggedTask<ZNVURLSessionUploadTask>(
-            *request, [&] { return session_->uploadTaskWithRequest(*request, *staged); },
+            *request, [&] { return session_->uploadTaskWithRequest(*request, stagedBody); },
             list.empty() ? std::string() : fmt::format("\n   chunk indices: {}", list));
         if (task && !list.empty()) {
             task->setTaskDescription(ZNVSessionTaskTagChunkIndexPrefix + list);

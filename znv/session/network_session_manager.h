@@ -199,6 +199,12 @@ class ZNVNetworkSessionManager : public ZNVURLSessionDelegate,
         const std::vector<ZNVStorageChunkRef>& chunks, const ZNVURL& localFile,
         const std::string& remoteFileID, const ZNVAuthenticationRef& authentication,
         ZNVErrorRef* error = nullptr);
+    // The same request for a body the writer already staged at `stagedBody`
+    // (the multipart boundary in the request is the writer's).
+    std::shared_ptr<ZNVURLSessionUploadTask> uploadStagedChunks(
+        const ZNVStorageChunkWriter& writer, const ZNVURL& stagedBody,
+        const std::string& remoteFileID, const ZNVAuthenticationRef& authentication,
+        ZNVErrorRef* error = nullptr);
     // POST files/ID/complete with {"expectedChunks": [{"index", "sizeInBytes"}...]}
     // staged as a file. `expectedChunkSizes` is a JSON array of non-negative
     // integers (null: none), one per expected index in ascending order.

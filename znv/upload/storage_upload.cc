@@ -6,7 +6,9 @@
 #include <nlohmann/json.hpp>
 
 #include <cmath>
+#include <future>
 #include <limits>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -20,6 +22,7 @@
 #include "znv/platform/progress.h"
 #include "znv/platform/url_session.h"
 #include "znv/protocol/storage_chunk.h"
+#include "znv/protocol/storage_chunk_writer.h"
 #include "znv/protocol/storage_response.h"
 #include "znv/session/network_session_manager.h"
 #include "znv/session/storage_path_manager.h"
@@ -39,7 +42,36 @@ const bool registeredStorageUpload = [] {
 
 constexpr uint64_t kNoIndex = static_cast<uint64_t>(ZNVNotFound);
 
+// Removes a staged body; its blocks are freed off the calling thread.
+void removeStagedBody(const ZNVURL& body) {
+    if (!ZNVRemoveFileInBackground(body.path())) ZNVNetworkUtilities_removeFileAtURL(body);
+}
+
 }  // namespace
+
+// A batch body staged ahead: the writer that made it (its boundary goes into
+// the request) and the file, or the error that kept it from being staged.
+struct ZNVStorageUpload::StagedBatch {
+    ZNVStorageChunkWriterRef writer;
+    std::optional<ZNVURL> body;
+    ZNVErrorRef error;
+};
+
+// What a body staged ahead was made from, and the worker's result.
+struct ZNVStorageUpload::PreStaging {
+    ZNVIndexSet indices;
+    std::string remoteFileID;
+    std::string sourcePath;
+    uint64_t ticket = 0;  // the dispatched work that started the staging
+    std::future<std::shared_ptr<StagedBatch>> result;
+};
+
+ZNVStorageUpload::~ZNVStorageUpload() {
+    // Nobody sends it any more; a relaunch stages the batch again.
+    if (!preStaging_) return;
+    std::shared_ptr<StagedBatch> staged = preStaging_->result.get();
+    if (staged && staged->body) removeStagedBody(*staged->body);
+}
 
 // ---------------------------------------------------------------------------
 // Construction
@@ -361,6 +393,7 @@ void ZNVStorageUpload::dispatchNetworkBlock(NetworkBlock block) {
                 if (!self || !block) return;
                 Lock lock(*self);
                 if (!self->isCurrentWork(ticket)) return;
+                self->runningWorkTicket_ = ticket;
                 block(authentication);
             });
     });
@@ -441,22 +474,114 @@ void ZNVStorageUpload::uploadNextBatchOfChunks() {
     }
     uploadsChunks_ = true;
 
+    ZNVIndexSet indices;
+    for (const ZNVStorageChunkRef& chunk : batch)
+        indices.add(chunk->index());
+
     std::weak_ptr<ZNVNetworkTask> weakSelf = weak_from_this();
-    dispatchNetworkBlock([weakSelf, batch](const ZNVAuthenticationRef& authentication) {
+    dispatchNetworkBlock([weakSelf, batch, indices](const ZNVAuthenticationRef& authentication) {
         auto self = std::static_pointer_cast<ZNVStorageUpload>(weakSelf.lock());
         if (!self) return;
         Lock lock(*self);
+        // Taken before the source is checked, so that a body read ahead from
+        // a file that changed since is never sent.
+        std::shared_ptr<StagedBatch> staged = self->takePreStagedBatch(indices);
         if (ZNVErrorRef changed = self->sourceChangeError()) {
+            if (staged) removeStagedBody(*staged->body);
             self->startNewSessionTask(nullptr, changed);
             return;
         }
         ZNVErrorRef error;
-        const std::optional<ZNVURL> source = self->sourceURL();
-        auto sessionTask = self->session()->uploadChunks(
-            batch, source.value_or(ZNVURL()), self->remoteFileID_, authentication, &error);
+        std::shared_ptr<ZNVURLSessionUploadTask> sessionTask;
+        if (staged) {
+            ZNVLog().debug("{}: sending chunks {} from the body staged ahead", self->description(),
+                           ZNVNetworkUtilities_stringFromIndices(indices).value_or(""));
+            sessionTask = self->session()->uploadStagedChunks(
+                *staged->writer, *staged->body, self->remoteFileID_, authentication, &error);
+        } else {
+            const std::optional<ZNVURL> source = self->sourceURL();
+            sessionTask = self->session()->uploadChunks(
+                batch, source.value_or(ZNVURL()), self->remoteFileID_, authentication, &error);
+        }
         self->startNewSessionTask(sessionTask, error);
-        if (self->task()) self->pendingBatchChunkCount_ = batch.size();
+        if (self->task()) {
+            self->pendingBatchChunkCount_ = batch.size();
+            self->preStageBatchAfter(indices);
+        }
     });
+}
+
+void ZNVStorageUpload::preStageBatchAfter(const ZNVIndexSet& sending) {
+    Lock lock(*this);
+    discardPreStagedBatch();
+    std::vector<ZNVStorageChunkRef> next;
+    ZNVIndexSet indices;
+    for (uint64_t index = chunkIndicesToUpload_.firstIndex();
+         index != kNoIndex && next.size() < ZNVStorageUploadBatchChunkLimit;
+         index = chunkIndicesToUpload_.indexGreaterThan(index)) {
+        if (sending.contains(index)) continue;
+        ZNVStorageChunkRef chunk = _chunkWithIndexForFileSize(index, sourceFileSize_);
+        if (!chunk) break;
+        next.push_back(std::move(chunk));
+        indices.add(index);
+    }
+    const std::shared_ptr<ZNVNetworkSessionManager> owner = session();
+    const std::optional<ZNVURL> source = sourceURL();
+    if (next.empty() || !owner || !owner->pathManager() || !source || !source->isFileURL()) return;
+
+    auto staging = std::make_unique<PreStaging>();
+    staging->indices = indices;
+    staging->remoteFileID = remoteFileID_;
+    staging->sourcePath = source->path();
+    staging->ticket = runningWorkTicket_;
+    // The worker gets only what it writes with: it never touches the upload,
+    // so it can neither outlive nor keep alive anything but its result.
+    ZNVStoragePathManagerRef paths = owner->pathManager();
+    ZNVStorageChunkWriterRef writer =
+        ZNVStorageChunkWriter::writerForChunks(std::move(next), *source);
+    std::string remoteFileID = remoteFileID_;
+    try {
+        staging->result = std::async(std::launch::async, [paths, writer, remoteFileID] {
+            auto staged = std::make_shared<StagedBatch>();
+            staged->writer = writer;
+            staged->body =
+                paths->createUploadFileForChunkWriter(*writer, remoteFileID, &staged->error);
+            return staged;
+        });
+    } catch (const std::system_error& failure) {
+        // No thread to spare: the batch is staged when it is sent.
+        ZNVLogInfo("{}: cannot stage the next batch ahead: {}", description(), failure.what());
+        return;
+    }
+    preStaging_ = std::move(staging);
+}
+
+std::shared_ptr<ZNVStorageUpload::StagedBatch> ZNVStorageUpload::takePreStagedBatch(
+    const ZNVIndexSet& indices) {
+    Lock lock(*this);
+    if (!preStaging_) return nullptr;
+    std::unique_ptr<PreStaging> staging = std::move(preStaging_);
+    std::shared_ptr<StagedBatch> staged = staging->result.get();
+    if (!staged || !staged->body) return nullptr;
+    // Work dispatched before a reset, cancel, retry or another step never
+    // takes effect after it: only the dispatch right after the one that
+    // started the staging may send it.
+    const std::optional<ZNVURL> source = sourceURL();
+    if (!staged->error && staging->ticket + 1 == runningWorkTicket_ &&
+        staging->indices == indices && staging->remoteFileID == remoteFileID_ && source &&
+        source->path() == staging->sourcePath) {
+        return staged;
+    }
+    removeStagedBody(*staged->body);
+    return nullptr;
+}
+
+void ZNVStorageUpload::discardPreStagedBatch() {
+    Lock lock(*this);
+    if (!preStaging_) return;
+    std::unique_ptr<PreStaging> staging = std::move(preStaging_);
+    std::shared_ptr<StagedBatch> staged = staging->result.get();
+    if (staged && staged->body) removeStagedBody(*staged->body);
 }
 
 bool ZNVStorageUpload::uploadsChunks() const {
@@ -691,9 +816,12 @@ void ZNVStorageUpload::resetForResume() {
     ZNVNetworkTask::resetForResume();
     remainingAttemptsForFileCompletion_ = ZNVStorageUploadFileCompletionAttempts;
     pendingBatchChunkCount_ = 0;
+    discardPreStagedBatch();
 }
 
-void ZNVStorageUpload::removeStagedBodies() const {
+void ZNVStorageUpload::removeStagedBodies() {
+    // A body still being written would otherwise appear after the sweep.
+    discardPreStagedBatch();
     const std::string remoteFileID = this->remoteFileID();
     const std::shared_ptr<ZNVNetworkSessionManager> owner = session();
     if (remoteFileID.empty() || !owner || !owner->pathManager()) return;
@@ -705,7 +833,12 @@ void ZNVStorageUpload::setTask(const std::shared_ptr<ZNVURLSessionTask>& task) {
     ZNVNetworkTask::setTask(task);
     // Cancelled by the application: nothing sends these bodies again (a
     // retry stages anew). A request still reading one keeps its open file.
-    if (!task && errorIndicatesManuallyCancelledTask(rawError())) removeStagedBodies();
+    // A failed step leaves the batch staged ahead unsent: it goes too.
+    if (!task && errorIndicatesManuallyCancelledTask(rawError())) {
+        removeStagedBodies();
+    } else if (!task && rawError()) {
+        discardPreStagedBatch();
+    }
 }
 
 void ZNVStorageUpload::taskDidFinish() {

@@ -38,8 +38,15 @@
 //   the upload has changed or moved.". A decoded upload whose source changed
 //   size fails the same way. An upload archived as completed without error is
 //   decoded without looking at its source.
-// - Staged bodies: all of them are removed when the upload is cancelled by
-//   the application and when it is finished (`taskDidFinish`).
+// - Staged bodies: while a chunk batch is on the wire, the body of the batch
+//   after it is staged on a worker thread of the upload's own (at most one
+//   body ahead). The next batch sends it only when it holds exactly that
+//   batch's chunks and no reset, cancel, retry or other dispatch came in
+//   between; otherwise it is removed and the batch staged anew. Every step
+//   that needs the staged body waits for the worker. All bodies are removed
+//   when the upload is cancelled by the application and when it is finished
+//   (`taskDidFinish`); a body staged ahead also goes when the upload fails,
+//   is reset or is destroyed.
 #pragma once
 
 #include <atomic>
@@ -77,6 +84,8 @@ class ZNVStorageUpload : public ZNVNetworkTask {
         std::shared_ptr<ZNVNetworkSessionManager> session);
     static std::shared_ptr<ZNVStorageUpload> create();
     static std::shared_ptr<ZNVStorageUpload> decode(ZNVCoder& coder);
+    // Waits for a body still being staged ahead.
+    ~ZNVStorageUpload() override;
 
     // --- Fields ----------------------------------------------------------
     std::shared_ptr<ZNVAccount> account() const;
@@ -166,7 +175,21 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     // The identity of the source file as it is now, if it can be examined.
     std::optional<SourceIdentity> currentSourceIdentity() const;
     // Removes every body staged for this upload's remote file.
-    void removeStagedBodies() const;
+    void removeStagedBodies();
+
+    // The body of a batch staged ahead, and the staging of one.
+    struct StagedBatch;
+    struct PreStaging;
+    // Starts staging, off the calling thread, the batch that follows `sending`
+    // in the chunks still to send. Caller holds the lock and runs the
+    // dispatched work that just started `sending`.
+    void preStageBatchAfter(const ZNVIndexSet& sending);
+    // The body staged ahead when it is exactly `indices` of the current
+    // source and was staged by the dispatch just before this one; otherwise
+    // it is removed. Waits for the worker. Caller holds the lock.
+    std::shared_ptr<StagedBatch> takePreStagedBatch(const ZNVIndexSet& indices);
+    // Waits for a body being staged ahead and removes it.
+    void discardPreStagedBatch();
     // The "changed or moved" error when the source no longer matches what
     // was recorded, else null. Caller holds the task's lock.
     ZNVErrorRef sourceChangeError() const;
@@ -196,6 +219,11 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     std::optional<SourceIdentity> sourceIdentity_;  // recorded at the start
     uint64_t remainingAttemptsForFileCompletion_ = ZNVStorageUploadFileCompletionAttempts;
     bool uploadsChunks_ = false;
+    // The ticket of the dispatched work that is running (set before it runs).
+    uint64_t runningWorkTicket_ = 0;
+    // The batch body being staged ahead or staged; the worker touches only
+    // its own result (handed back through a future), never the upload.
+    std::unique_ptr<PreStaging> preStaging_;
     // Set by the storage manager from any thread.
     std::atomic<bool> forceChunkUploading_{false};
 };
