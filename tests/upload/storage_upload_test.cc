@@ -487,6 +487,7 @@ TEST_F(StorageUploadTest, DecodedUploadNoticesASourceThatGrewAcrossAChunkBoundar
     EXPECT_EQ(decoded->error()->code(), NSURLErrorFileDoesNotExist);
     EXPECT_EQ(decoded->state(), ZNVNetworkTaskStateCompleted);
     EXPECT_EQ(decoded->chunkCount(), 3u);
+    EXPECT_FALSE(decoded->resume()) << "a failed upload does not start";
 }
 
 TEST_F(StorageUploadTest, StateFileOfEveryTaskClassReadsBack) {
