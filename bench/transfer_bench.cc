@@ -4,23 +4,27 @@
 //   znv_bench_transfer_bench [--size-mib N] [--memory-size-mib N] [--runs N] [--quick] [--json]
 //
 // The emulator runs as a child process (znv-emulator built beside this
-// program), so its threads and memory are not counted as the library's. Each
-// way of sending a file of --size-mib (default 1024) is timed --runs times
-// (default 2) and the best run counts:
+// program), so its threads and memory are not counted as the library's. The
+// uploads are measured twice: against an emulator that stores on disk and
+// against `znv-emulator --sink`, which reads and drops the bodies (the client
+// apart from the disk). Each way of sending a file of --size-mib (default
+// 1024) is timed --runs times (default 2) and the best run counts:
 //   curl -T      the curl command PUTs the file to .../fullfile
 //   full file    ZNVStorage::uploadFromFile, which picks the full-file path
 //   chunks       the same upload forced through chunks (batches of 4 MiB
 //                chunks as multipart bodies, then the assembly request)
 //   curl -o      the curl command GETs the uploaded file's content
 //   download     ZNVStorage::downloadFromRemoteFile of the same content
-// Every library upload is checked byte for byte against the source on the
-// emulator's side. Then this process's peak resident memory is measured while
-// the library uploads a file of --memory-size-mib (default 2048) both ways.
-// Bars: full file at least 95% of curl's throughput, chunks at least 85%,
-// the download at least 95% of curl -o, peak memory under 64 MiB. --quick
-// sends 64 MiB (128 MiB for the memory figure) once, to check the bench on a
-// busy machine. Exits 1 when a bar is missed, 2 on bad usage or when the
-// measurement itself fails.
+// Every library upload to the disk emulator is checked byte for byte against
+// the source on the emulator's side; to the sink, by its size and by the way
+// it was sent. The CPU time the uploading process spent (every thread of the
+// library; curl's own for curl) is given per GiB sent. Then this process's peak resident memory is
+// measured while the library uploads a file of --memory-size-mib (default 2048) both ways. Bars,
+// against each emulator: full file at least 95% of curl's throughput, chunks at least 85%; the
+// download at least 95% of curl -o, peak memory under 64 MiB. --quick sends 64 MiB (128 MiB for the
+// memory figure) once, to check the bench on a busy machine. Exits 1 when a bar is missed, 2 on bad
+// usage or when the measurement itself fails.
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,6 +34,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <string>
 #include <thread>
@@ -65,6 +70,18 @@ double megabytesPerSecond(uint64_t bytes, double seconds) {
     return seconds > 0 ? static_cast<double>(bytes) / 1e6 / seconds : 0;
 }
 
+double cpuSeconds(const rusage& usage) {
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+// CPU time of this process (all its threads) so far.
+double processCPUSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return cpuSeconds(usage);
+}
+
 // Talks to the emulator's REST interface directly (creating and removing
 // remote files around the measured transfers).
 class EmulatorClient {
@@ -82,6 +99,17 @@ class EmulatorClient {
     void deleteFile(const std::string& id) { client_.Delete("/api/files/" + id, headers()); }
 
     // The content URL of a complete remote file, or empty.
+    // The size the emulator recorded for a remote file, or none.
+    std::optional<uint64_t> storedSize(const std::string& id) {
+        auto answer = client_.Get("/api/files/" + id, headers());
+        if (!answer || answer->status != 200) return std::nullopt;
+        auto body = nlohmann::json::parse(answer->body, nullptr, false);
+        if (!body.is_object() || !body.contains("sizeInBytes") ||
+            !body["sizeInBytes"].is_number_unsigned())
+            return std::nullopt;
+        return body["sizeInBytes"].get<uint64_t>();
+    }
+
     std::string contentURI(const std::string& id) {
         auto answer = client_.Get("/api/files/" + id, headers());
         if (!answer || answer->status != 200) return {};
@@ -120,8 +148,9 @@ void settleDisk() {
     ::sync();
 }
 
-// Runs a command and waits for it; its exit status, or -1.
-int runCommand(const std::vector<std::string>& arguments) {
+// Runs a command and waits for it; its exit status, or -1. `cpu` receives
+// the CPU time the command used.
+int runCommand(const std::vector<std::string>& arguments, double* cpu = nullptr) {
     std::vector<char*> argv;
     std::vector<std::string> copy = arguments;
     for (auto& argument : copy)
@@ -133,19 +162,22 @@ int runCommand(const std::vector<std::string>& arguments) {
         _exit(127);
     }
     int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+    rusage usage{};
+    if (pid < 0 || wait4(pid, &status, 0, &usage) != pid) return -1;
+    if (cpu) *cpu = cpuSeconds(usage);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // One `curl -T` of the source into a fresh remote file; seconds, or -1.
-double curlUpload(EmulatorClient& client, int port, const std::string& source) {
+double curlUpload(EmulatorClient& client, int port, const std::string& source, double* cpu) {
     const std::string id = client.createFile("curl.bin");
     if (id.empty()) return -1;
     const std::string url =
         "http://127.0.0.1:" + std::to_string(port) + "/api/files/" + id + "/fullfile";
     const auto start = Clock::now();
     int status = runCommand({"curl", "-sS", "--fail", "-o", "/dev/null", "-T", source, "-H",
-                             "Authorization: Bearer dev-token", url});
+                             "Authorization: Bearer dev-token", url},
+                            cpu);
     const double seconds = secondsSince(start);
     client.deleteFile(id);
     return status == 0 ? seconds : -1;
@@ -197,6 +229,7 @@ double libraryDownload(const std::shared_ptr<znv::ZNVStorage>& storage,
 
 struct LibraryRun {
     double seconds = -1;
+    double cpuSeconds = 0;  // of this process while it ran
     std::string remoteFileID;
 };
 
@@ -206,6 +239,7 @@ LibraryRun libraryUpload(const std::shared_ptr<znv::ZNVStorage>& storage, const 
                          bool forceChunks) {
     LibraryRun run;
     settleDisk();
+    const double cpuBefore = processCPUSeconds();
     const auto start = Clock::now();
     auto upload = storage->uploadFromFile(znv::ZNVURL::fileURL(source), "library.bin", "", "",
                                           false, forceChunks);
@@ -214,6 +248,7 @@ LibraryRun libraryUpload(const std::shared_ptr<znv::ZNVStorage>& storage, const 
     while (upload->state() != znv::ZNVNetworkTaskStateCompleted && Clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     const double seconds = secondsSince(start);
+    run.cpuSeconds = processCPUSeconds() - cpuBefore;
     run.remoteFileID = upload->remoteFileID();
     if (upload->state() == znv::ZNVNetworkTaskStateCompleted && !upload->error()) {
         run.seconds = seconds;
@@ -230,6 +265,64 @@ bool resetPeakRSS() {
     out << "5";
     out.flush();
     return static_cast<bool>(out);
+}
+
+// The best of the runs of each way of uploading against one emulator.
+struct UploadFigures {
+    double curl = 0, full = 0, chunks = 0;           // seconds
+    double curlCPU = 0, fullCPU = 0, chunksCPU = 0;  // CPU seconds
+};
+
+void keepBest(double& best, double value) {
+    if (value > 0 && (best == 0 || value < best)) best = value;
+}
+
+// A storage manager of its own configuration for one emulator.
+std::shared_ptr<znv::ZNVStorage> storageFor(const EmulatorProcess& emulator,
+                                            const std::string& identifier) {
+    auto configuration = std::make_shared<znv::ZNVAccountConfiguration>(
+        znv::ZNVURL::fromString(emulator.baseURL()).value(), identifier);
+    auto account = znv::ZNVTokenAccount::createWithToken(configuration, "dev-token");
+    return znv::ZNVStorage::storageForAccount(account);
+}
+
+// curl -T, the library whole and the library in chunks, alternating so that
+// any drift of the machine spreads over all three. `storedContent` gives the
+// emulator's copy of a remote file (empty for a sink: then its size counts).
+UploadFigures measureUploads(const std::shared_ptr<znv::ZNVStorage>& storage,
+                             EmulatorClient& client, int port, const std::string& source,
+                             uint64_t size, int runs,
+                             const std::function<std::string(const std::string&)>& storedContent,
+                             bool& measured) {
+    UploadFigures best;
+    auto timeLibrary = [&](bool forceChunks, double& seconds, double& cpu) {
+        LibraryRun run = libraryUpload(storage, source, forceChunks);
+        const std::string stored = storedContent(run.remoteFileID);
+        const bool intact = stored.empty() ? client.storedSize(run.remoteFileID) == size
+                                           : znv::test::filesEqual(stored, source);
+        if (run.seconds < 0 || client.receivedInChunks(run.remoteFileID) != forceChunks ||
+            !intact) {
+            std::fprintf(stderr, "the %s upload did not arrive intact\n",
+                         forceChunks ? "chunked" : "full-file");
+            measured = false;
+        }
+        keepBest(seconds, run.seconds);
+        keepBest(cpu, run.cpuSeconds);
+        if (!run.remoteFileID.empty()) client.deleteFile(run.remoteFileID);
+    };
+    for (int i = 0; i < runs; ++i) {
+        double cpu = 0;
+        double seconds = curlUpload(client, port, source, &cpu);
+        if (seconds < 0) {
+            std::fprintf(stderr, "curl -T failed\n");
+            measured = false;
+        }
+        keepBest(best.curl, seconds);
+        keepBest(best.curlCPU, cpu);
+        timeLibrary(false, best.full, best.fullCPU);
+        timeLibrary(true, best.chunks, best.chunksCPU);
+    }
+    return best;
 }
 
 struct Options {
@@ -306,12 +399,14 @@ int main(int argc, char** argv) {
     const uint64_t largest = std::max(options.size, options.memorySize);
     EmulatorProcess emulator(
         {"--data", root + "/emulator", "--max-full-file", std::to_string(largest)});
-    if (!emulator.running()) {
+    EmulatorProcess sinkEmulator({"--sink", "--max-full-file", std::to_string(largest)});
+    if (!emulator.running() || !sinkEmulator.running()) {
         std::fprintf(stderr, "znv-emulator did not start\n");
         cleanUp();
         return 2;
     }
     EmulatorClient client(emulator.port());
+    EmulatorClient sinkClient(sinkEmulator.port());
     auto remoteContent = [&](const std::string& id) {
         return root + "/emulator/files/" + id + "/content";
     };
@@ -322,38 +417,16 @@ int main(int argc, char** argv) {
     znv::ZNVReachabilityManager::setFactory([](const sockaddr*, socklen_t) {
         return std::make_shared<znv::ZNVManualReachabilityManager>(true);
     });
-    auto configuration = std::make_shared<znv::ZNVAccountConfiguration>(
-        znv::ZNVURL::fromString(emulator.baseURL()).value(), "transfer-bench");
-    auto account = znv::ZNVTokenAccount::createWithToken(configuration, "dev-token");
-    auto storage = znv::ZNVStorage::storageForAccount(account);
+    auto storage = storageFor(emulator, "transfer-bench");
+    auto sinkStorage = storageFor(sinkEmulator, "transfer-bench-sink");
 
     bool measured = true;
-    double curlBest = 0, fullBest = 0, chunksBest = 0;
-    auto keepBest = [](double& best, double seconds) {
-        if (seconds > 0 && (best == 0 || seconds < best)) best = seconds;
-    };
-    auto timeLibrary = [&](bool forceChunks, double& best) {
-        LibraryRun run = libraryUpload(storage, source, forceChunks);
-        if (run.seconds < 0 || client.receivedInChunks(run.remoteFileID) != forceChunks ||
-            !znv::test::filesEqual(remoteContent(run.remoteFileID), source)) {
-            std::fprintf(stderr, "the %s upload did not arrive intact\n",
-                         forceChunks ? "chunked" : "full-file");
-            measured = false;
-        }
-        keepBest(best, run.seconds);
-        if (!run.remoteFileID.empty()) client.deleteFile(run.remoteFileID);
-    };
-    // Alternating the ways spreads any drift of the machine over all three.
-    for (int i = 0; i < options.runs; ++i) {
-        double seconds = curlUpload(client, emulator.port(), source);
-        if (seconds < 0) {
-            std::fprintf(stderr, "curl -T failed\n");
-            measured = false;
-        }
-        keepBest(curlBest, seconds);
-        timeLibrary(false, fullBest);
-        timeLibrary(true, chunksBest);
-    }
+    const UploadFigures disk = measureUploads(storage, client, emulator.port(), source,
+                                              options.size, options.runs, remoteContent, measured);
+    const UploadFigures sink = measureUploads(
+        sinkStorage, sinkClient, sinkEmulator.port(), source, options.size, options.runs,
+        [](const std::string&) { return std::string(); }, measured);
+    sinkStorage->invalidateClientAndCancelTasks();
 
     // Downloads of one uploaded copy, curl -o and the library alternating.
     double curlGetBest = 0, downloadBest = 0;
@@ -389,39 +462,71 @@ int main(int argc, char** argv) {
     storage->invalidateClientAndCancelTasks();
     znv::ZNVMainQueue::waitUntilDrained();
     storage.reset();
+    sinkStorage.reset();
     cleanUp();
 
-    const double curlRate = megabytesPerSecond(options.size, curlBest);
-    const double fullRate = megabytesPerSecond(options.size, fullBest);
-    const double chunksRate = megabytesPerSecond(options.size, chunksBest);
-    const double fullRatio = curlRate > 0 ? fullRate / curlRate : 0;
-    const double chunksRatio = curlRate > 0 ? chunksRate / curlRate : 0;
+    const double gib = static_cast<double>(options.size) / static_cast<double>(1ull << 30);
+    struct Rates {
+        double curl, full, chunks, fullRatio, chunksRatio;
+    };
+    auto ratesOf = [&](const UploadFigures& figures) {
+        Rates rates{megabytesPerSecond(options.size, figures.curl),
+                    megabytesPerSecond(options.size, figures.full),
+                    megabytesPerSecond(options.size, figures.chunks), 0, 0};
+        rates.fullRatio = rates.curl > 0 ? rates.full / rates.curl : 0;
+        rates.chunksRatio = rates.curl > 0 ? rates.chunks / rates.curl : 0;
+        return rates;
+    };
+    const Rates diskRates = ratesOf(disk);
+    const Rates sinkRates = ratesOf(sink);
     const double curlGetRate = megabytesPerSecond(options.size, curlGetBest);
     const double downloadRate = megabytesPerSecond(options.size, downloadBest);
     const double downloadRatio = curlGetRate > 0 ? downloadRate / curlGetRate : 0;
-    const bool barsMet = fullRatio >= kFullFileBar && chunksRatio >= kChunksBar &&
+    const auto uploadBarsMet = [](const Rates& rates) {
+        return rates.fullRatio >= kFullFileBar && rates.chunksRatio >= kChunksBar;
+    };
+    const bool barsMet = uploadBarsMet(diskRates) && uploadBarsMet(sinkRates) &&
                          downloadRatio >= kDownloadBar && peak < kMemoryBar;
 
     if (options.json) {
-        std::printf(
-            "{\"bytes\": %ju, \"curl_mb_s\": %.1f, \"full_file_mb_s\": %.1f, "
-            "\"chunks_mb_s\": %.1f, \"full_file_ratio\": %.3f, \"chunks_ratio\": %.3f, "
-            "\"curl_get_mb_s\": %.1f, \"download_mb_s\": %.1f, \"download_ratio\": %.3f, "
-            "\"memory_bytes\": %ju, \"rss_before\": %ju, \"peak_rss\": %ju, "
-            "\"peak_reset\": %s, \"ok\": %s}\n",
-            static_cast<uintmax_t>(options.size), curlRate, fullRate, chunksRate, fullRatio,
-            chunksRatio, curlGetRate, downloadRate, downloadRatio,
-            static_cast<uintmax_t>(options.memorySize), static_cast<uintmax_t>(rssBefore),
-            static_cast<uintmax_t>(peak), peakWasReset ? "true" : "false",
-            measured && barsMet ? "true" : "false");
+        auto uploadJSON = [&](const Rates& rates, const UploadFigures& figures) {
+            return nlohmann::json{{"curl_mb_s", rates.curl},
+                                  {"full_file_mb_s", rates.full},
+                                  {"chunks_mb_s", rates.chunks},
+                                  {"full_file_ratio", rates.fullRatio},
+                                  {"chunks_ratio", rates.chunksRatio},
+                                  {"curl_cpu_s_per_gib", figures.curlCPU / gib},
+                                  {"full_file_cpu_s_per_gib", figures.fullCPU / gib},
+                                  {"chunks_cpu_s_per_gib", figures.chunksCPU / gib}};
+        };
+        nlohmann::json result = {{"bytes", options.size},
+                                 {"disk", uploadJSON(diskRates, disk)},
+                                 {"sink", uploadJSON(sinkRates, sink)},
+                                 {"curl_get_mb_s", curlGetRate},
+                                 {"download_mb_s", downloadRate},
+                                 {"download_ratio", downloadRatio},
+                                 {"memory_bytes", options.memorySize},
+                                 {"rss_before", rssBefore},
+                                 {"peak_rss", peak},
+                                 {"peak_reset", peakWasReset},
+                                 {"ok", measured && barsMet}};
+        std::printf("%s\n", result.dump().c_str());
     } else {
-        std::printf("upload of %ju MiB, best of %d runs\n",
-                    static_cast<uintmax_t>(options.size / kMiB), options.runs);
-        std::printf("  curl -T:     %8.1f MB/s\n", curlRate);
-        std::printf("  full file:   %8.1f MB/s  %5.1f%% of curl (bar: 95%%)\n", fullRate,
-                    fullRatio * 100);
-        std::printf("  chunks:      %8.1f MB/s  %5.1f%% of curl (bar: 85%%)\n", chunksRate,
-                    chunksRatio * 100);
+        auto printUploads = [&](const char* emulatorKind, const Rates& rates,
+                                const UploadFigures& figures) {
+            std::printf(
+                "upload of %ju MiB to the %s emulator, best of %d runs "
+                "(client CPU per GiB)\n",
+                static_cast<uintmax_t>(options.size / kMiB), emulatorKind, options.runs);
+            std::printf("  curl -T:     %8.1f MB/s                        %5.2f s\n", rates.curl,
+                        figures.curlCPU / gib);
+            std::printf("  full file:   %8.1f MB/s  %5.1f%% of curl (bar: 95%%)  %5.2f s\n",
+                        rates.full, rates.fullRatio * 100, figures.fullCPU / gib);
+            std::printf("  chunks:      %8.1f MB/s  %5.1f%% of curl (bar: 85%%)  %5.2f s\n",
+                        rates.chunks, rates.chunksRatio * 100, figures.chunksCPU / gib);
+        };
+        printUploads("disk", diskRates, disk);
+        printUploads("sink", sinkRates, sink);
         std::printf("download of %ju MiB, best of %d runs\n",
                     static_cast<uintmax_t>(options.size / kMiB), options.runs);
         std::printf("  curl -o:     %8.1f MB/s\n", curlGetRate);
