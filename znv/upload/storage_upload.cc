@@ -546,6 +546,14 @@ void ZNVStorageUpload::preStageBatchAfter(const ZNVIndexSet& sending) {
             staged->writer = writer;
             staged->body =
                 paths->createUploadFileForChunkWriter(*writer, remoteFileID, &staged->error);
+            // A body that could not be finished is nobody's: the batch is
+            // staged again when it is sent.
+            if (!staged->body) {
+                if (std::optional<ZNVURL> partial = paths->uploadURLForRemoteFile(
+                        remoteFileID, writer->chunkIndices(), "chunk")) {
+                    ZNVNetworkUtilities_removeFileAtURL(*partial);
+                }
+            }
             return staged;
         });
     } catch (const std::system_error& failure) {
