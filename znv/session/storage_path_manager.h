@@ -12,8 +12,8 @@
 // - Staged files are created fresh with mode 0600; a symbolic link (or any
 //   other entry) planted at the name is removed, never followed.
 // - The manager holds no mutable state: any thread may call it. Staging runs
-//   on the thread of the service operation; removal on the session's
-//   callback queue.
+//   on the thread of the service operation, or on an upload's own thread for
+//   the batch it stages ahead; removal on the session's callback queue.
 // - Failures come back through the error out-parameter; a partly written
 //   file is left in place until the name is staged again.
 // - Clean-up beyond single tasks: the bodies of an upload that ended for good
