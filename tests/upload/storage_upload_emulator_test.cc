@@ -342,7 +342,8 @@ TEST_F(StorageUploadEmulatorTest, ACompletedUploadStaysCompletedWithoutItsSource
 // The body of the next batch is staged while the current batch is on the
 // wire, never more than one ahead, and sent as it was staged; a cancel in the
 // middle, a retry and a missing-chunks answer each end with the source's
-// bytes stored and none of the upload's bodies left behind.
+// bytes stored, a source rewritten meanwhile with a failure, and none of them
+// leaves a body behind.
 TEST_F(StorageUploadEmulatorTest, BatchesAreStagedOneAheadAndNoneIsLeftBehind) {
     test::LogCapture log(spdlog::level::debug);
     const std::string source = writeSource("ahead.bin", 64 * MiB + 1000);  // batches 0-7, 8-15, 16
@@ -444,6 +445,21 @@ TEST_F(StorageUploadEmulatorTest, BatchesAreStagedOneAheadAndNoneIsLeftBehind) {
     EXPECT_EQ(count(requests, "PUT", "/files/" + missing->remoteFileID()), 5u);
     EXPECT_EQ(count(requests, "POST", "/files/" + missing->remoteFileID() + "/complete"), 2u);
     EXPECT_TRUE(sentAhead(missing, "12, 16"));
+
+    // Rewritten while the first batch is on the wire: the body staged ahead
+    // holds the old bytes and is never sent.
+    ASSERT_TRUE(stallFirstBatch());
+    auto rewritten = start(source, /*forceChunks=*/true);
+    ASSERT_TRUE(stalledWithSecondReady(rewritten));
+    test::writePatternFile(source, 64 * MiB + 1000, 5);
+    harness.emulator.clearFaults();
+    ASSERT_TRUE(finished(rewritten));
+    ASSERT_NE(rewritten->error(), nullptr);
+    EXPECT_EQ(rewritten->error()->localizedDescription(),
+              "The source of the upload has changed or moved.");
+    EXPECT_EQ(count(harness.emulator.requestLog(), "PUT", "/files/" + rewritten->remoteFileID()),
+              1u);
+    EXPECT_TRUE(test::waitFor([&] { return staged(rewritten).empty(); }, std::chrono::seconds(10)));
 }
 
 }  // namespace
