@@ -86,15 +86,20 @@ std::string partHeader(const std::string& boundary, uint64_t index) {
     return text;
 }
 
-enum class KernelCopyResult { Copied, Unsupported, ShortSource, WriteFailed };
+enum class StreamedCopyResult { Copied, ShortSource, WriteFailed };
+
+// The block size of copies made by hand.
+constexpr size_t kCopyBlockSize = 1 << 20;
 
 // Copies the chunk's bytes from `source` to the output's current offset with
-// copy_file_range. A copy the kernel refuses part-way is finished with
-// positional reads and writes. On a short source the output is cut back to
-// where the part began.
-KernelCopyResult copyChunkKernelSide(int source, const ZNVStorageChunk& chunk, BodyOutput& output,
+// copy_file_range while `kernelUsable`; whatever the kernel does not copy
+// (all of it when it cannot) goes through `buffer`, one block at a time, so
+// no chunk is ever held whole in memory. On a short source the output is cut
+// back to where the part began.
+StreamedCopyResult copyChunkStreamed(int source, const ZNVStorageChunk& chunk, BodyOutput& output,
                                      off_t partStart, uint64_t* kernelBytes,
-                                     uint64_t* bufferedBytes, bool* kernelUsable) {
+                                     uint64_t* bufferedBytes, bool* kernelUsable,
+                                     std::vector<uint8_t>& buffer) {
     off_t in = static_cast<off_t>(chunk.fileOffset());
     uint64_t remaining = chunk.length();
     while (remaining > 0 && *kernelUsable) {
@@ -105,40 +110,37 @@ KernelCopyResult copyChunkKernelSide(int source, const ZNVStorageChunk& chunk, B
         if (n < 0) {
             if (kernelCopyUnsupported(errno)) {
                 *kernelUsable = false;
-                if (remaining == chunk.length()) return KernelCopyResult::Unsupported;
                 break;
             }
             output.fail(errno);
-            return KernelCopyResult::WriteFailed;
+            return StreamedCopyResult::WriteFailed;
         }
         if (n == 0) break;  // end of source, or a file system that copies nothing
         remaining -= static_cast<uint64_t>(n);
         *kernelBytes += static_cast<uint64_t>(n);
     }
-    // Finish by hand whatever the kernel did not copy, a bounded buffer at a time.
-    std::vector<uint8_t> buffer;
+    // Finish by hand whatever the kernel did not copy.
     while (remaining > 0) {
-        if (buffer.empty())
-            buffer.resize(static_cast<size_t>(std::min<uint64_t>(remaining, 1 << 20)));
+        if (buffer.empty()) buffer.resize(kCopyBlockSize);
         size_t want = static_cast<size_t>(std::min<uint64_t>(remaining, buffer.size()));
         ssize_t n = ::pread(source, buffer.data(), want, in);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         if (!output.writeBytes(buffer.data(), static_cast<size_t>(n))) {
-            return KernelCopyResult::WriteFailed;
+            return StreamedCopyResult::WriteFailed;
         }
         in += n;
         remaining -= static_cast<uint64_t>(n);
         *bufferedBytes += static_cast<uint64_t>(n);
     }
-    if (remaining == 0) return KernelCopyResult::Copied;
+    if (remaining == 0) return StreamedCopyResult::Copied;
     // The source shrank while it was copied: drop the partial part.
     if (::ftruncate(output.fd(), partStart) != 0 ||
         ::lseek(output.fd(), partStart, SEEK_SET) != partStart) {
         output.fail(errno);
-        return KernelCopyResult::WriteFailed;
+        return StreamedCopyResult::WriteFailed;
     }
-    return KernelCopyResult::ShortSource;
+    return StreamedCopyResult::ShortSource;
 }
 
 }  // namespace
@@ -228,23 +230,24 @@ bool ZNVStorageChunkWriter::writeMultiPartFormToOutput(int output, CopyMode mode
         return false;
     }
 
-    // Kernel-side copies need a regular output file written at its offset.
-    bool kernelUsable = false;
-    if (mode == CopyMode::Automatic) {
-        struct stat outputStat {};
-        int flags = ::fcntl(output, F_GETFL);
-        kernelUsable = ::fstat(output, &outputStat) == 0 && S_ISREG(outputStat.st_mode) &&
-                       flags >= 0 && (flags & O_APPEND) == 0;
-    }
+    // Streamed copies (kernel-side or block by block) need a regular output
+    // file written at its offset, so that a part can be cut back when the
+    // source turns out short; other outputs get each chunk read whole.
+    struct stat outputStat {};
+    const int flags = ::fcntl(output, F_GETFL);
+    bool streamable = ::fstat(output, &outputStat) == 0 && S_ISREG(outputStat.st_mode) &&
+                      flags >= 0 && (flags & O_APPEND) == 0;
+    bool kernelUsable = streamable && mode == CopyMode::Automatic;
 
     CopyStatistics counted;
     BodyOutput body(output);
     ZNVErrorRef readError;
+    std::vector<uint8_t> buffer;  // one block, for every chunk copied by hand
     for (const ZNVStorageChunkRef& chunk : chunks_) {
-        if (kernelUsable) {
-            // Only copy kernel-side when the source holds the whole chunk, so
-            // that a short source fails before its part header is written,
-            // exactly as a buffered read would.
+        if (streamable) {
+            // Only stream when the source holds the whole chunk, so that a
+            // short source fails before its part header is written, exactly
+            // as a whole read would.
             struct stat sourceStat {};
             bool whole =
                 ::fstat(source, &sourceStat) == 0 && sourceStat.st_size >= 0 &&
@@ -253,22 +256,14 @@ bool ZNVStorageChunkWriter::writeMultiPartFormToOutput(int output, CopyMode mode
             if (whole) {
                 off_t partStart = ::lseek(output, 0, SEEK_CUR);
                 if (partStart < 0) {
-                    kernelUsable = false;
+                    streamable = kernelUsable = false;
                 } else {
                     if (!body.writeString(partHeader(boundaryToken_, chunk->index()))) break;
-                    KernelCopyResult result = copyChunkKernelSide(
+                    StreamedCopyResult result = copyChunkStreamed(
                         source, *chunk, body, partStart, &counted.kernelCopiedBytes,
-                        &counted.bufferedBytes, &kernelUsable);
-                    if (result == KernelCopyResult::Copied) continue;
-                    if (result == KernelCopyResult::WriteFailed) break;
-                    if (result == KernelCopyResult::Unsupported) {
-                        // Nothing of the part's bytes was copied: write it by hand.
-                        if (::ftruncate(output, partStart) != 0 ||
-                            ::lseek(output, partStart, SEEK_SET) != partStart) {
-                            body.fail(errno);
-                            break;
-                        }
-                    }
+                        &counted.bufferedBytes, &kernelUsable, buffer);
+                    if (result == StreamedCopyResult::Copied) continue;
+                    if (result == StreamedCopyResult::WriteFailed) break;
                     // ShortSource: the part was removed again; read it the
                     // ordinary way below to report what is missing.
                 }

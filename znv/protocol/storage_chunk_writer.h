@@ -11,10 +11,11 @@
 //   bytes; then CRLF "--" boundary "--" CRLF. The closing delimiter is
 //   written also when a chunk could not be read, so a failed body is still
 //   well terminated; the call then reports the read error.
-// - At most one chunk's bytes are held in memory. Where the output is a
-//   regular file and the kernel allows it, the bytes are copied kernel-side
-//   (`copy_file_range`); otherwise they are read and written. The output is
-//   byte for byte the same either way.
+// - Where the output is a regular file, a chunk's bytes are copied
+//   kernel-side (`copy_file_range`) where the kernel allows it, otherwise
+//   read and written through one reused 1 MiB buffer; other outputs get one
+//   chunk at a time read whole into memory and written. The output is byte
+//   for byte the same either way.
 // - The output descriptor is written at its current offset and is neither
 //   flushed nor closed: the caller owns it.
 // - Failures are reported through the error out-parameter: validation
@@ -47,7 +48,7 @@ class ZNVStorageChunkWriter {
   public:
     enum class CopyMode {
         Automatic,  // kernel-side copy where possible, else read and write
-        ReadWrite,  // always read into memory and write
+        ReadWrite,  // always read into memory and write (never kernel-side)
     };
     struct CopyStatistics {
         uint64_t kernelCopiedBytes = 0;
