@@ -548,6 +548,15 @@ struct Tracked {
     // The view once the task is final and reported: it changes no more, so
     // later turns reuse it instead of asking the task again.
     std::optional<TaskView> settledView;
+    // The library's view of a task that is not running, with the state and
+    // errors it was made from: a queued task keeps it until one of them
+    // changes, so a turn does not resolve the source of every queued upload.
+    struct {
+        std::optional<TaskView> view;
+        uint64_t state = 0;
+        ZNVErrorRef rawError;  // held, so a new error never reuses its address
+        ZNVErrorRef error;
+    } idle;
 };
 
 // Content URLs arriving on the main queue, read by the run loop.
@@ -600,7 +609,19 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
     }
 
     auto viewFor = [&](Tracked& t) {
-        TaskView view = viewOf(t.entry);
+        const auto& task = t.entry.task;
+        const uint64_t state = task->state();
+        const ZNVErrorRef rawError = task->rawError();
+        const ZNVErrorRef error = task->error();
+        auto& idle = t.idle;
+        if (!idle.view || state == ZNVNetworkTaskStateRunning || idle.state != state ||
+            idle.rawError != rawError || idle.error != error) {
+            idle.view = viewOf(t.entry);
+            idle.state = state;
+            idle.rawError = rawError;
+            idle.error = error;
+        }
+        TaskView view = *idle.view;
         if (view.totalBytes >= 0) t.knownTotal = std::max(t.knownTotal, view.totalBytes);
         if (view.totalBytes < 0) view.totalBytes = t.knownTotal;
         view.output = t.output;
@@ -716,6 +737,9 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
                                        : nullptr;
                 std::lock_guard lock(observed->mutex);
                 passed.swap(observed->states[t.entry.task.get()]);
+                // A task that passed through states since the last turn may
+                // have learnt more (its remote file, say) than its state shows.
+                if (!passed.empty()) t.idle.view.reset();
                 if (sessionTask) observed->sessionTask[t.entry.task.get()] = std::move(sessionTask);
             }
             for (const auto& passedStep : passed) {

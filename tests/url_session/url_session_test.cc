@@ -4,8 +4,10 @@
 #include <httplib.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <thread>
 #include <tuple>
@@ -40,6 +42,14 @@ std::string pattern(size_t size, uint32_t seed) {
         text[i] = static_cast<char>(x >> 24);
     }
     return text;
+}
+
+std::vector<std::string> listDirectory(const std::string& path) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(path))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 int64_t errorCode(const std::optional<SessionEvent>& completion) {
@@ -356,6 +366,57 @@ TEST_F(URLSessionTest, DownloadReportsProgressAndHandsOverAPrivateFile) {
     EXPECT_NE(left, "");
     struct stat info {};
     EXPECT_NE(stat(left.c_str(), &info), 0) << left << " is still there";
+}
+
+// A download kept in memory never touches the private directory: its body
+// (cut at the limit, with the count of all that arrived) reaches a delegate
+// that takes it in memory; one that only knows files still gets a file.
+TEST_F(URLSessionTest, DownloadKeptInMemoryHandsOverItsBodyWithoutAFile) {
+    struct MemoryDelegate : RecordingDelegate {
+        using RecordingDelegate::RecordingDelegate;
+        void didFinishDownloadingData(const std::shared_ptr<ZNVURLSession>&,
+                                      const std::shared_ptr<ZNVURLSessionDownloadTask>&,
+                                      const ZNVBytes& data, int64_t totalBytes) override {
+            std::lock_guard guard(mutex);
+            bodies.emplace_back(std::string(data.begin(), data.end()), totalBytes);
+        }
+        std::mutex mutex;
+        std::vector<std::pair<std::string, int64_t>> bodies;
+    };
+    const std::string content = pattern(300000, 9);
+    const std::string source = putFileOnEmulator(emulator_, content);
+    auto memory = std::make_shared<MemoryDelegate>(downloads_);
+    memory->setQueue(queue_);
+    session_ = ZNVURLSession::create(ZNVURLSessionConfiguration::defaultSessionConfiguration(),
+                                     memory, queue_);
+    const auto before = listDirectory(ZNVPrivateTemporaryDirectory());
+    for (uint64_t limit : {uint64_t{1} << 20, uint64_t{1000}}) {
+        auto task = session_->downloadTaskWithURL(url(source));
+        task->keepBodyInMemory(limit);
+        task->resume();
+        ASSERT_EQ(errorCode(memory->waitForCompletion(task->taskIdentifier())), 0);
+    }
+    {
+        std::lock_guard guard(memory->mutex);
+        ASSERT_EQ(memory->bodies.size(), 2u);
+        EXPECT_TRUE(memory->bodies[0].first == content);
+        EXPECT_EQ(memory->bodies[1].first, content.substr(0, 1000));
+        EXPECT_EQ(memory->bodies[1].second, static_cast<int64_t>(content.size()));
+    }
+    EXPECT_EQ(listDirectory(ZNVPrivateTemporaryDirectory()), before);
+    session_->invalidateAndCancel();
+    EXPECT_TRUE(memory->waitForInvalid());
+
+    // The default hands a delegate that knows only files a file of the body.
+    auto session = makeSession();
+    auto task = session->downloadTaskWithURL(url(source));
+    task->keepBodyInMemory(uint64_t{1} << 20);
+    task->resume();
+    ASSERT_EQ(errorCode(delegate_->waitForCompletion(task->taskIdentifier())), 0);
+    auto events = delegate_->eventsFor(task->taskIdentifier());
+    ASSERT_GE(events.size(), 2u);
+    EXPECT_EQ(events[events.size() - 2].kind, Kind::Finished);
+    EXPECT_TRUE(readFile(events[events.size() - 2].text) == content);
 }
 
 class ResumeTest : public URLSessionTest {

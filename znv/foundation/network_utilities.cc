@@ -19,6 +19,9 @@
 namespace znv {
 namespace {
 
+// Reads at least this large drop their pages from the cache afterwards.
+constexpr size_t kUncachedReadThreshold = size_t{8} << 20;
+
 constexpr size_t kMaximumBaseNameUTF16Length = 100;
 constexpr int64_t kReadUnsupportedSchemeError = 262;  // NSFileReadUnsupportedSchemeError
 
@@ -350,8 +353,10 @@ std::optional<ZNVBytes> ZNVNetworkUtilities_loadDataFromURL(const ZNVURL& url, Z
         }
     }
     data.resize(filled);
-    // Uncached: the content was wanted once; do not let it crowd the page cache.
-    ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    // A large file was wanted once: do not let it crowd the page cache. Small
+    // ones are left alone, since dropping a page that is still dirty starts
+    // its write-out first, a disk request per answer read from a fresh file.
+    if (filled >= kUncachedReadThreshold) ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
     ::close(fd);
     return data;
 }

@@ -140,6 +140,24 @@ void ZNVURLSessionDelegate::didWriteData(const std::shared_ptr<ZNVURLSession>&,
 void ZNVURLSessionDelegate::didFinishDownloadingToURL(
     const std::shared_ptr<ZNVURLSession>&, const std::shared_ptr<ZNVURLSessionDownloadTask>&,
     const ZNVURL&) {}
+void ZNVURLSessionDelegate::didFinishDownloadingData(
+    const std::shared_ptr<ZNVURLSession>& session,
+    const std::shared_ptr<ZNVURLSessionDownloadTask>& downloadTask, const ZNVBytes& data, int64_t) {
+    std::string path;
+    const int fd = createDownloadFile(&path);
+    if (fd < 0) return;
+    size_t done = 0;
+    while (done < data.size()) {
+        const ssize_t n = write(fd, data.data() + done, data.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        done += static_cast<size_t>(n);
+    }
+    close(fd);
+    if (done == data.size())
+        didFinishDownloadingToURL(session, downloadTask, ZNVURL::fileURL(path));
+    unlink(path.c_str());
+}
 void ZNVURLSessionDelegate::didFinishEventsForBackgroundURLSession(
     const std::shared_ptr<ZNVURLSession>&) {}
 
@@ -288,6 +306,10 @@ struct ZNVURLSession::Core {
         // Response body of data and upload tasks.
         ZNVBytes body;
         bool bodyTooLarge = false;
+
+        // Download body kept in memory (in `body`, up to this limit; 0: a
+        // file); `fileSize` counts every byte that arrived.
+        uint64_t inMemoryLimit = 0;
 
         // Download file.
         int outFd = -1;
@@ -813,7 +835,8 @@ ZNVErrorRef ZNVURLSession::Core::setUp(Transfer& t) {
                 }
             }
         }
-        if (t.outFd < 0) {
+        if (download.resumeDataUsed().empty()) t.inMemoryLimit = download.inMemoryBodyLimit();
+        if (t.outFd < 0 && t.inMemoryLimit == 0) {
             t.outFd = createDownloadFile(&t.outPath);
             if (t.outFd < 0) {
                 return makeURLError(
@@ -1019,6 +1042,13 @@ size_t ZNVURLSession::Core::onWrite(char* data, size_t size, size_t count, void*
     t.lastActivity = Clock::now();
     if (!t.core->beginBody(t)) return 0;
     if (t.keepPartial) return length;
+    if (t.inMemoryLimit > 0) {
+        const uint64_t room = t.inMemoryLimit - std::min<uint64_t>(t.body.size(), t.inMemoryLimit);
+        t.body.insert(t.body.end(), data, data + std::min<uint64_t>(room, length));
+        t.fileSize += static_cast<int64_t>(length);
+        t.core->postWrittenProgress(t, false);
+        return length;
+    }
     if (t.task->kind() == ZNVURLSessionTask::Kind::Download) {
         size_t done = 0;
         while (done < length) {
@@ -1342,7 +1372,16 @@ void ZNVURLSession::Core::transferDone(uint64_t identifier, CURLcode code) {
         return;
     }
 
-    if (t.task->kind() == ZNVURLSessionTask::Kind::Download) {
+    if (t.inMemoryLimit > 0) {
+        auto download = std::static_pointer_cast<ZNVURLSessionDownloadTask>(t.task);
+        auto body = std::make_shared<ZNVBytes>(std::move(t.body));
+        const int64_t total = t.fileSize;
+        post([download, body, total](const std::shared_ptr<ZNVURLSession>& session,
+                                     ZNVURLSessionDelegate* delegate) {
+            if (delegate != nullptr)
+                delegate->didFinishDownloadingData(session, download, *body, total);
+        });
+    } else if (t.task->kind() == ZNVURLSessionTask::Kind::Download) {
         close(t.outFd);
         t.outFd = -1;
         std::string path;

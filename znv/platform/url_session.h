@@ -26,7 +26,9 @@
 //   download file unwritable, -1103 in-memory body over its cap.
 // - A download's file lives in the private temporary directory (mode 0600); it
 //   is handed to `didFinishDownloadingToURL` and removed as soon as that call
-//   returns, so the delegate must move it away during the call.
+//   returns, so the delegate must move it away during the call. A download
+//   task told to `keepBodyInMemory` has no file: its body comes to
+//   `didFinishDownloadingData` instead, in the same place of the order.
 // - Resume data is an opaque byte string. A download cancelled with
 //   `cancelByProducingResumeData`, or one that failed mid-way from a server that
 //   advertised byte ranges and a validator, yields it (the latter under
@@ -217,6 +219,15 @@ class ZNVURLSessionDownloadTask : public ZNVURLSessionTask {
     // The resume data this task was made from (empty for fresh downloads).
     const ZNVBytes& resumeDataUsed() const { return resumeData_; }
 
+    // Keeps the body in memory instead of a file, for small answers that are
+    // read once: it reaches the delegate through `didFinishDownloadingData`
+    // (at most `limit` bytes of it, with the count of all that arrived), and
+    // an interrupted transfer has no resume data. Call before `resume`; a
+    // task made from resume data keeps writing its partial file.
+    void keepBodyInMemory(uint64_t limit) { inMemoryLimit_.store(limit); }
+    // The limit given to `keepBodyInMemory`, or 0 when the body goes to a file.
+    uint64_t inMemoryBodyLimit() const { return inMemoryLimit_.load(); }
+
   protected:
     ZNVURLSessionDownloadTask(uint64_t identifier, ZNVURLRequest request, ZNVBytes resumeData,
                               std::weak_ptr<ZNVURLSession> session);
@@ -224,6 +235,7 @@ class ZNVURLSessionDownloadTask : public ZNVURLSessionTask {
 
   private:
     const ZNVBytes resumeData_;
+    std::atomic<uint64_t> inMemoryLimit_{0};  // read by the session's transfer thread
 };
 
 // Receives a session's callbacks on its delegate queue. Every method has an
@@ -258,6 +270,15 @@ class ZNVURLSessionDelegate {
     virtual void didFinishDownloadingToURL(
         const std::shared_ptr<ZNVURLSession>& session,
         const std::shared_ptr<ZNVURLSessionDownloadTask>& downloadTask, const ZNVURL& location);
+    // The body of a download task that keeps it in memory: `data` holds at
+    // most the task's limit, `totalBytes` counts everything that arrived. The
+    // default writes `data` to a temporary file and calls
+    // `didFinishDownloadingToURL`, so a delegate that only knows files still
+    // gets one.
+    virtual void didFinishDownloadingData(
+        const std::shared_ptr<ZNVURLSession>& session,
+        const std::shared_ptr<ZNVURLSessionDownloadTask>& downloadTask, const ZNVBytes& data,
+        int64_t totalBytes);
     // Background sessions only; this engine runs foreground sessions and never
     // sends it, but a delegate may implement it.
     virtual void didFinishEventsForBackgroundURLSession(

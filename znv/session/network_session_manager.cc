@@ -69,6 +69,13 @@ class SessionDelegate final : public ZNVURLSessionDelegate {
                                    const ZNVURL& location) override {
         if (auto m = manager_.lock()) m->didFinishDownloadingToURL(session, downloadTask, location);
     }
+    void didFinishDownloadingData(const std::shared_ptr<ZNVURLSession>& session,
+                                  const std::shared_ptr<ZNVURLSessionDownloadTask>& downloadTask,
+                                  const ZNVBytes& data, int64_t totalBytes) override {
+        if (auto m = manager_.lock()) {
+            m->didFinishDownloadingData(session, downloadTask, data, totalBytes);
+        }
+    }
 
   private:
     const std::weak_ptr<ZNVNetworkSessionManager> manager_;
@@ -317,24 +324,13 @@ void ZNVNetworkSessionManager::didFinishDownloadingToURL(
     const std::shared_ptr<ZNVURLSession>&, const std::shared_ptr<ZNVURLSessionDownloadTask>& task,
     const ZNVURL& location) {
     if (taskHasAuthentication(task)) {
-        // A storage request's JSON answer, written to a file by the session:
-        // it reaches the delegate with the completion.
-        // Answers are small JSON documents: one larger than an in-memory
-        // body may be is refused unread, and fails the request.
-        const uint64_t limit =
-            session_ ? session_->configuration().maximumInMemoryBodyBytes : (uint64_t{16} << 20);
+        // A storage request's JSON answer that reached a file (the session
+        // normally keeps these in memory): it reaches the delegate with the
+        // completion. One larger than an in-memory body may be is refused
+        // unread, and fails the request.
         struct stat info {};
         if (::stat(location.path().c_str(), &info) == 0 &&
-            static_cast<uint64_t>(info.st_size) > limit) {
-            ZNVLogError("refusing an answer of {} bytes for {}", info.st_size,
-                        task->taskDescription());
-            setData(std::nullopt, task);
-            std::lock_guard guard(mutex_);
-            answerErrorForTask_[task->taskIdentifier()] = ZNVNetworkErrorHandler_createURLError(
-                NSURLErrorDataLengthExceedsMaximum,
-                fmt::format("The answer of the storage service is larger than the {} bytes it may "
-                            "hold.",
-                            limit));
+            refuseOversizedAnswer(task, static_cast<uint64_t>(info.st_size))) {
             return;
         }
         ZNVErrorRef error;
@@ -349,6 +345,39 @@ void ZNVNetworkSessionManager::didFinishDownloadingToURL(
     if (auto delegate = backgroundDelegate()) {
         delegate->didFinishDownloadingToURL(shared_from_this(), task, location);
     }
+}
+
+void ZNVNetworkSessionManager::didFinishDownloadingData(
+    const std::shared_ptr<ZNVURLSession>& session,
+    const std::shared_ptr<ZNVURLSessionDownloadTask>& task, const ZNVBytes& data,
+    int64_t totalBytes) {
+    if (!taskHasAuthentication(task)) {
+        // Not a storage request: the application's delegate gets a file.
+        ZNVURLSessionDelegate::didFinishDownloadingData(session, task, data, totalBytes);
+        return;
+    }
+    if (refuseOversizedAnswer(task, static_cast<uint64_t>(std::max<int64_t>(totalBytes, 0)))) {
+        return;
+    }
+    setData(data, task);
+}
+
+bool ZNVNetworkSessionManager::refuseOversizedAnswer(
+    const std::shared_ptr<ZNVURLSessionDownloadTask>& task, uint64_t size) {
+    const uint64_t limit = answerLimit();
+    if (size <= limit) return false;
+    ZNVLogError("refusing an answer of {} bytes for {}", size, task->taskDescription());
+    setData(std::nullopt, task);
+    std::lock_guard guard(mutex_);
+    answerErrorForTask_[task->taskIdentifier()] = ZNVNetworkErrorHandler_createURLError(
+        NSURLErrorDataLengthExceedsMaximum,
+        fmt::format("The answer of the storage service is larger than the {} bytes it may hold.",
+                    limit));
+    return true;
+}
+
+uint64_t ZNVNetworkSessionManager::answerLimit() const {
+    return session_ ? session_->configuration().maximumInMemoryBodyBytes : (uint64_t{16} << 20);
 }
 
 void ZNVNetworkSessionManager::forwardProgress(const std::shared_ptr<ZNVURLSessionTask>& task,
@@ -585,7 +614,10 @@ std::shared_ptr<ZNVURLSessionDownloadTask> ZNVNetworkSessionManager::createRemot
         }
         task = makeLoggedTask<ZNVURLSessionDownloadTask>(
             *request, [&] { return session_->downloadTaskWithRequest(*request); }, "");
-        if (task) task->setTaskDescription(ZNVSessionTaskTagNewRemoteFile);
+        if (task) {
+            task->keepBodyInMemory(answerLimit() + 1);
+            task->setTaskDescription(ZNVSessionTaskTagNewRemoteFile);
+        }
     } while (false);
     return finishOperation(
         task, failure,
@@ -754,7 +786,10 @@ std::shared_ptr<ZNVURLSessionDownloadTask> ZNVNetworkSessionManager::requestOnRe
         if (!request) break;
         task = makeLoggedTask<ZNVURLSessionDownloadTask>(
             *request, [&] { return session_->downloadTaskWithRequest(*request); }, "");
-        if (task) task->setTaskDescription(tag);
+        if (task) {
+            task->keepBodyInMemory(answerLimit() + 1);
+            task->setTaskDescription(tag);
+        }
     } while (false);
     return finishOperation(task, failure, operation, error);
 }

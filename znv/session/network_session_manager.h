@@ -20,9 +20,10 @@
 //   before it returns), then exactly one `didCompleteWithData` with the
 //   response body (none when nothing arrived) and the error: a failing HTTP
 //   status replaces the transport error with a server error that carries the
-//   status. All of them run on the callback queue. An answer that a request
-//   wrote to a file is read only up to the in-memory body limit (16 MiB): a
-//   larger one is not read, and the request fails with URL error -1103.
+//   status. All of them run on the callback queue. A storage request's
+//   answer is kept in memory by the session, never in a file, up to the
+//   in-memory body limit (16 MiB): a larger one is dropped, and the request
+//   fails with URL error -1103.
 // - The service operations may be called from any thread. Each checks its
 //   inputs, stores the authentication's token, builds its request and, while
 //   holding the session's lock, creates the session task (not started: the
@@ -255,6 +256,9 @@ class ZNVNetworkSessionManager : public ZNVURLSessionDelegate,
     void didFinishDownloadingToURL(const std::shared_ptr<ZNVURLSession>& session,
                                    const std::shared_ptr<ZNVURLSessionDownloadTask>& downloadTask,
                                    const ZNVURL& location) override;
+    void didFinishDownloadingData(const std::shared_ptr<ZNVURLSession>& session,
+                                  const std::shared_ptr<ZNVURLSessionDownloadTask>& downloadTask,
+                                  const ZNVBytes& data, int64_t totalBytes) override;
 
   private:
     struct Passkey {};
@@ -271,6 +275,12 @@ class ZNVNetworkSessionManager : public ZNVURLSessionDelegate,
     std::shared_ptr<Task> makeLoggedTask(const ZNVURLRequest& request, Make make,
                                          const std::string& extraLog);
     static std::string requestLogEntry(const ZNVURLRequest& request);
+    // The largest storage answer kept (the session's in-memory body limit).
+    uint64_t answerLimit() const;
+    // True (and the task's answer dropped, its failure recorded) when an
+    // answer of `size` bytes is over that limit.
+    bool refuseOversizedAnswer(const std::shared_ptr<ZNVURLSessionDownloadTask>& task,
+                               uint64_t size);
     // The frame of the requests on one remote file that send no file and
     // answer with JSON (post-processing, information, delete).
     std::shared_ptr<ZNVURLSessionDownloadTask> requestOnRemoteFile(

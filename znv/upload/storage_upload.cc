@@ -308,8 +308,20 @@ std::optional<ZNVURL> ZNVStorageUpload::resolvedSourceFileReference() const {
     if (!sourceFileReferenceURL_) return std::nullopt;
     std::optional<ZNVURL> resolved = ZNVFilePathURL(*sourceFileReferenceURL_);
     if (!resolved || !resolved->isFileURL()) return resolved;
-    const std::string real = ZNVRealPath(resolved->path());
-    return real.empty() ? resolved : std::optional<ZNVURL>(ZNVURL::fileURL(real));
+    const std::string path = resolved->path();
+    struct stat info {};
+    if (realPathMemo_ && realPathMemo_->path == path &&
+        ::stat(realPathMemo_->real.c_str(), &info) == 0 && info.st_dev == realPathMemo_->device &&
+        info.st_ino == realPathMemo_->inode) {
+        return ZNVURL::fileURL(realPathMemo_->real);
+    }
+    const std::string real = ZNVRealPath(path);
+    if (real.empty()) return resolved;
+    if (::stat(real.c_str(), &info) == 0) {
+        realPathMemo_ = RealPathMemo{path, real, static_cast<uint64_t>(info.st_dev),
+                                     static_cast<uint64_t>(info.st_ino)};
+    }
+    return ZNVURL::fileURL(real);
 }
 
 std::optional<ZNVURL> ZNVStorageUpload::sourceFileReferenceURL() const {

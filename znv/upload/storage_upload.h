@@ -209,6 +209,16 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     mutable std::optional<ZNVBytes> sourceURLBookmark_;  // made on first archiving
     // The file-reference URL of the source (identity across renames).
     std::optional<ZNVURL> sourceFileReferenceURL_;
+    // The last path the reference resolved to, its real path and the file's
+    // identity there: resolving runs several times a step, and while the real
+    // path still names that file the walk through its directories is skipped.
+    struct RealPathMemo {
+        std::string path;
+        std::string real;
+        uint64_t device = 0;
+        uint64_t inode = 0;
+    };
+    mutable std::optional<RealPathMemo> realPathMemo_;
     ZNVIndexSet chunkIndicesToUpload_;
     uint64_t chunkCount_ = 0;
     uint64_t sizeOfLastChunk_ = 0;
