@@ -170,18 +170,23 @@ bool ZNVNetworkDownload::validateParameters() {
 }
 
 void ZNVNetworkDownload::handleProgress(float fraction) {
-    Lock lock(*this);
-    std::shared_ptr<ZNVProgress> current = progress();
     // 0 of 0 bytes gives NaN, which no integer can hold.
-    if (!current || !std::isfinite(fraction)) return;
-    if (!transferStart_) {
-        transferStart_ = fraction;
-    } else if (fraction > *transferStart_ && !rawError() &&
-               remainingAttemptsForAutomaticErrorRecovery() <
-                   ZNVNetworkTaskAutomaticRecoveryAttempts) {
-        // Bytes arrived since the last failure: that failure is behind us.
-        restoreRecoveryAttempts();
+    if (!std::isfinite(fraction)) return;
+    std::shared_ptr<ZNVProgress> current;
+    {
+        Lock lock(*this);
+        current = progress();
+        if (!transferStart_) {
+            transferStart_ = fraction;
+        } else if (fraction > *transferStart_ && !rawError() &&
+                   remainingAttemptsForAutomaticErrorRecovery() <
+                       ZNVNetworkTaskAutomaticRecoveryAttempts) {
+            // Bytes arrived since the last failure: that failure is behind us.
+            restoreRecoveryAttempts();
+        }
     }
+    // The progress announces its change to observers: not under the task's lock.
+    if (!current) return;
     fraction = std::clamp(fraction, 0.0f, 1.0f);
     const float total = static_cast<float>(current->totalUnitCount());
     current->setCompletedUnitCount(static_cast<int64_t>(total * fraction));
