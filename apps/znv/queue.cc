@@ -323,9 +323,7 @@ void QueueFile::save() {
 // --- TransferSession ---------------------------------------------------------
 
 // What observers saw between two turns of the run loop: every state a task
-// went through, and the URL session task of each download as it starts, so
-// that the HTTP status and the headers can be read once the download has
-// detached from it.
+// went through.
 struct TransferSession::Observed {
     std::mutex mutex;
     struct Step {
@@ -333,7 +331,6 @@ struct TransferSession::Observed {
         std::string retryError;  // the error the task will retry after; empty: none
     };
     std::map<const ZNVNetworkTask*, std::vector<Step>> states;  // guarded by mutex
-    std::map<const ZNVNetworkTask*, std::shared_ptr<ZNVURLSessionTask>> sessionTask;  // guarded
 };
 
 TransferSession::TransferSession(GlobalOptions global)
@@ -345,9 +342,8 @@ void TransferSession::observe(const ZNVNetworkTaskRef& task) {
     for (const auto& [observedTask, token] : observations_) {
         if (observedTask == task) return;
     }
-    bool isDownload = std::dynamic_pointer_cast<ZNVNetworkDownload>(task) != nullptr;
     std::weak_ptr<ZNVNetworkTask> weakTask = task;
-    auto remember = [weakTask, observed = observed_, isDownload](const ZNVKeyValueChangeRecord&) {
+    auto remember = [weakTask, observed = observed_](const ZNVKeyValueChangeRecord&) {
         auto strong = weakTask.lock();
         if (!strong) return;
         uint64_t state = strong->state();
@@ -355,29 +351,10 @@ void TransferSession::observe(const ZNVNetworkTaskRef& task) {
         if (auto raw = strong->rawError(); raw && !strong->error()) {
             retryError = raw->localizedDescription();
         }
-        auto sessionTask = isDownload ? strong->task() : nullptr;
         std::lock_guard lock(observed->mutex);
         observed->states[strong.get()].push_back({state, std::move(retryError)});
-        if (sessionTask) observed->sessionTask[strong.get()] = std::move(sessionTask);
     };
     observations_.emplace_back(task, task->addObserver("state", remember));
-    if (!isDownload) return;
-    // A download can start and finish between two turns of the run loop with
-    // its state changes made while no session task is attached; its progress
-    // moves while the body arrives, when the session task (and the response
-    // that names the file) is there to be kept.
-    auto progress = task->progress();
-    if (!progress) return;
-    auto keepSessionTask = [weakTask, observed = observed_](const ZNVKeyValueChangeRecord&) {
-        auto strong = weakTask.lock();
-        if (!strong) return;
-        auto sessionTask = strong->task();
-        if (!sessionTask || !sessionTask->response()) return;
-        std::lock_guard lock(observed->mutex);
-        observed->sessionTask[strong.get()] = std::move(sessionTask);
-    };
-    progressObservations_.emplace_back(
-        progress, progress->addObserver(ZNVProgress::CompletedUnitCountKey, keepSessionTask));
 }
 
 void TransferSession::stopObserving(const ZNVNetworkTaskRef& task) {
@@ -387,17 +364,7 @@ void TransferSession::stopObserving(const ZNVNetworkTaskRef& task) {
             observations_.erase(it);
             std::lock_guard lock(observed_->mutex);
             observed_->states.erase(task.get());
-            observed_->sessionTask.erase(task.get());
             break;
-        }
-    }
-    if (auto progress = task->progress()) {
-        for (auto it = progressObservations_.begin(); it != progressObservations_.end(); ++it) {
-            if (it->first == progress) {
-                progress->removeObserver(it->second);
-                progressObservations_.erase(it);
-                break;
-            }
         }
     }
 }
@@ -637,13 +604,12 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
     };
 
     // Puts a finished download where the user asked for it; "" or what failed.
-    auto deliver = [&](Tracked& t, const std::shared_ptr<ZNVURLSessionTask>& sessionTask) {
-        auto response = sessionTask ? sessionTask->response() : nullptr;
+    // The library reports an answer with an error status as a failure, so a
+    // completed download's last response (kept by the task) only names it.
+    auto deliver = [&](Tracked& t) {
         auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(t.entry.task);
+        auto response = download->response();
         auto local = download->localFileURL();
-        if (response && response->statusCode() >= 400) {
-            return "the server answered HTTP " + std::to_string(response->statusCode());
-        }
         if (!local) return std::string("the download finished without a file");
         if (!t.destination) return std::string("no destination recorded for this download");
         std::string directory = t.destination->path, name;
@@ -729,18 +695,11 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             // (completion is reported below, once it is final).
             std::vector<Observed::Step> passed;
             {
-                // A download still attached to its URL session task. Asked
-                // before taking the mutex: observers take it under the task's
-                // lock.
-                auto sessionTask = std::dynamic_pointer_cast<ZNVNetworkDownload>(t.entry.task)
-                                       ? t.entry.task->task()
-                                       : nullptr;
                 std::lock_guard lock(observed->mutex);
                 passed.swap(observed->states[t.entry.task.get()]);
                 // A task that passed through states since the last turn may
                 // have learnt more (its remote file, say) than its state shows.
                 if (!passed.empty()) t.idle.view.reset();
-                if (sessionTask) observed->sessionTask[t.entry.task.get()] = std::move(sessionTask);
             }
             for (const auto& passedStep : passed) {
                 // A task that stops with an error it will retry waits to
@@ -767,23 +726,15 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
                 t.finalizing = true;
                 t.finalizingSince = now;
                 if (view.kind == "download" && view.succeeded()) {
-                    std::shared_ptr<ZNVURLSessionTask> sessionTask;
-                    {
-                        std::lock_guard lock(observed->mutex);
-                        auto it = observed->sessionTask.find(t.entry.task.get());
-                        if (it != observed->sessionTask.end()) sessionTask = it->second;
-                    }
-                    t.extraError = deliver(t, sessionTask);
+                    t.extraError = deliver(t);
                     if (t.extraError.empty()) {
                         destinations_.erase(t.entry.hash);
                     } else {
                         // The library saw a finished transfer; the queue must
                         // say it failed, or `status` and later runs would
                         // call it completed.
-                        bool http = t.extraError.rfind("the server answered", 0) == 0;
                         t.entry.task->setRawError(ZNVNetworkErrorHandler_createURLError(
-                            http ? NSURLErrorBadServerResponse : NSURLErrorCannotCreateFile,
-                            t.extraError));
+                            NSURLErrorCannotCreateFile, t.extraError));
                     }
                 }
                 if (view.kind == "upload" && view.succeeded() && !view.remoteFileID.empty()) {

@@ -167,8 +167,6 @@ class TransferSession {
     struct Observed;
     std::shared_ptr<Observed> observed_;
     std::vector<std::pair<ZNVNetworkTaskRef, ZNVObserverToken>> observations_;
-    // Downloads' progress objects, watched to keep their session task (see observe).
-    std::vector<std::pair<std::shared_ptr<ZNVProgress>, ZNVObserverToken>> progressObservations_;
 };
 
 }  // namespace znv::cli

@@ -140,7 +140,7 @@ TEST(Account, SignedOutAccountDoesNotAskForATokenAndStatusChangesAreObservable) 
     EXPECT_EQ(outcome.tokens[1], "t");
 }
 
-TEST(Account, BlocksPendingWhenTheAccountDiesNeverRun) {
+TEST(Account, BlocksPendingWhenTheAccountDiesAreToldSoWithoutAToken) {
     std::atomic<bool> release{false};
     std::atomic<bool> providerEntered{false};
     std::atomic<int> ran{0};
@@ -151,16 +151,28 @@ TEST(Account, BlocksPendingWhenTheAccountDiesNeverRun) {
         return std::string("t");
     });
     std::weak_ptr<ZNVTokenAccount> weakAccount = account;
+    std::mutex mutex;
+    ZNVErrorRef lateError;     // guarded by mutex
+    bool lateHadToken = true;  // guarded by mutex
     account->dispatchAuthenticatedBlock([&](ZNVAuthenticationRef, ZNVErrorRef) { ++ran; });
-    account->dispatchAuthenticatedBlock([&](ZNVAuthenticationRef, ZNVErrorRef) { ran += 100; });
+    account->dispatchAuthenticatedBlock([&](ZNVAuthenticationRef auth, ZNVErrorRef error) {
+        std::lock_guard lock(mutex);
+        lateHadToken = auth != nullptr;
+        lateError = error;
+        ran += 100;
+    });
     ASSERT_TRUE(waitFor([&] { return providerEntered.load(); }));
     // The running block keeps the account alive; the account dies as soon as
     // it returns, on its own callback thread, with the second block pending.
     account.reset();
     EXPECT_FALSE(weakAccount.expired());
     release = true;
-    ASSERT_TRUE(waitFor([&] { return weakAccount.expired(); }));
-    EXPECT_EQ(ran.load(), 1);
+    ASSERT_TRUE(waitFor([&] { return weakAccount.expired() && ran.load() == 101; }));
+    std::lock_guard lock(mutex);
+    EXPECT_FALSE(lateHadToken);
+    ASSERT_NE(lateError, nullptr);
+    EXPECT_EQ(lateError->code(), NSURLErrorUserAuthenticationRequired);
+    EXPECT_EQ(lateError->localizedDescription(), "the account is no longer available");
 }
 
 }  // namespace

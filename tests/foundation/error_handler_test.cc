@@ -80,6 +80,8 @@ TEST(ErrorHandler, RecoverabilityTable) {
         {"cocoa with 504", withStatus(NSCocoaErrorDomain, 4, int64_t{504}), true},
         {"other domain with 401", withStatus("Other", 7, int64_t{401}), true},
         {"408 as a string", withStatus(NSCocoaErrorDomain, 512, std::string("408")), true},
+        {"429 (too many requests)", withStatus(NSURLErrorDomain, -1011, int64_t{429}), true},
+        {"428 and 430 are not", withStatus(NSURLErrorDomain, -1011, int64_t{428}), false},
         {"504 as a string", withStatus(NSCocoaErrorDomain, 512, std::string("504")), true},
         {"502", withStatus(NSURLErrorDomain, -1011, int64_t{502}), false},
         {"500", withStatus(NSURLErrorDomain, -1011, int64_t{500}), false},

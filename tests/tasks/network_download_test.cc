@@ -3,8 +3,12 @@
 // for starting, failing and finishing.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <atomic>
 #include <filesystem>
 #include <limits>
+#include <thread>
 
 #include "tests/tasks/task_test_support.h"
 #include "znv/platform/filesystem.h"
@@ -28,15 +32,71 @@ class NetworkDownloadTest : public ::testing::Test {
     bool finished(const std::shared_ptr<ZNVNetworkTask>& task) {
         return test::waitFor([&] { return task->state() == ZNVNetworkTaskStateCompleted; });
     }
+    // A remote file of `size` pattern bytes; `source` is its local original.
+    std::string seed(const std::string& name, uint64_t size, uint32_t pattern) {
+        source = test::makeTempDir("src") + "/" + name;
+        test::writePatternFile(source, size, pattern);
+        return harness.seedRemoteFile(name, test::readFile(source));
+    }
+    // Starts a throttled download of a remote file and cancels it once some
+    // of it has arrived: the download ends cancelled, holding resume data.
+    std::shared_ptr<ZNVNetworkDownload> cancelMidway(const std::string& id) {
+        EXPECT_TRUE(harness.emulator.addFault({{"method", "GET"},
+                                               {"path", "/content/*"},
+                                               {"action", "throttle"},
+                                               {"bytesPerSecond", 512 * 1024}}));
+        auto download = makeDownload(harness.emulator.rootURL() + "content/" + id);
+        EXPECT_TRUE(download->resume());
+        EXPECT_TRUE(test::waitFor([&] { return download->progress()->completedUnitCount() > 50; }));
+        download->cancel();
+        EXPECT_TRUE(test::waitFor([&] { return partialOf(download->rawError()).second > 0; }))
+            << "the cancelled transfer hands over its resume data";
+        harness.emulator.clearFaults();
+        return download;
+    }
+    // The partial file that an error's resume data names, and its length.
+    static std::pair<std::string, int64_t> partialOf(const ZNVErrorRef& error) {
+        const ZNVUserInfoValue* value =
+            error ? error->value(NSURLSessionDownloadTaskResumeData) : nullptr;
+        auto info =
+            value ? ZNVURLSessionResumeData::decode(std::get<ZNVBytes>(*value)) : std::nullopt;
+        return info ? std::pair{info->partialFile, info->bytesReceived}
+                    : std::pair{std::string(), int64_t{0}};
+    }
+    // Resume data for a partial file (in the session's private directory)
+    // holding `content`, with the validator the emulator gives the file.
+    ZNVBytes resumeDataFor(const std::string& id, const std::string& content) {
+        httplib::Client client("127.0.0.1", harness.emulator.port());
+        auto head = client.Head(("/content/" + id).c_str());
+        EXPECT_TRUE(head && head->status == 200);
+        std::string pattern = ZNVPrivateTemporaryDirectory() + "/ZNVDownload-XXXXXX";
+        int fd = mkstemp(pattern.data());
+        EXPECT_GE(fd, 0);
+        close(fd);
+        test::writeFile(pattern, content);
+        ZNVURLSessionResumeData::Info info;
+        info.url = harness.emulator.rootURL() + "content/" + id;
+        info.partialFile = pattern;
+        info.bytesReceived = static_cast<int64_t>(content.size());
+        info.etag = head ? head->get_header_value("ETag") : "";
+        return ZNVURLSessionResumeData::encode(info);
+    }
+    // The GET requests the emulator saw for a file's content.
+    nlohmann::json contentRequests(const std::string& id) const {
+        nlohmann::json found = nlohmann::json::array();
+        for (const auto& entry : harness.emulator.requestLog()) {
+            if (entry.value("method", "") == "GET" && entry.value("path", "") == "/content/" + id)
+                found.push_back(entry);
+        }
+        return found;
+    }
 
     EmulatorHarness harness;
+    std::string source;
 };
 
 TEST_F(NetworkDownloadTest, DownloadsIntoTheLibraryAreaAndRemovesTheFileWhenFinished) {
-    const std::string source = test::makeTempDir("src") + "/photo.jpg";
-    test::writePatternFile(source, 300 * 1024, 7);
-    const std::string id = harness.seedRemoteFile("photo.jpg", test::readFile(source));
-
+    const std::string id = seed("photo.jpg", 300 * 1024, 7);
     auto download = makeDownload(harness.emulator.rootURL() + "content/" + id);
     ASSERT_TRUE(download->resume());
     EXPECT_EQ(download->state(), ZNVNetworkTaskStateRunning);
@@ -54,83 +114,29 @@ TEST_F(NetworkDownloadTest, DownloadsIntoTheLibraryAreaAndRemovesTheFileWhenFini
     EXPECT_TRUE(test::filesEqual(local, source));
     EXPECT_EQ(download->progress()->completedUnitCount(), 1000);
     EXPECT_FALSE(download->resume()) << "a completed download is not restarted";
+    // The answer's head stays readable once the transfer is over.
+    ASSERT_NE(download->response(), nullptr);
+    EXPECT_EQ(download->response()->statusCode(), 200);
+    EXPECT_TRUE(download->response()->valueForHTTPHeaderField("ETag").has_value());
 
     download->taskDidFinish();
     EXPECT_FALSE(download->localFileURL().has_value());
     EXPECT_FALSE(fs::exists(local));
 }
 
-TEST_F(NetworkDownloadTest, CancelledDownloadContinuesFromItsResumeDataAfterRetry) {
-    const std::string source = test::makeTempDir("src") + "/big.bin";
-    test::writePatternFile(source, 4 << 20, 3);
-    const std::string id = harness.seedRemoteFile("big.bin", test::readFile(source));
-    ASSERT_TRUE(harness.emulator.addFault({{"method", "GET"},
-                                           {"path", "/content/*"},
-                                           {"action", "throttle"},
-                                           {"bytesPerSecond", 512 * 1024}}));
-
-    auto download = makeDownload(harness.emulator.rootURL() + "content/" + id);
-    ASSERT_TRUE(download->resume());
-    ASSERT_TRUE(test::waitFor([&] { return download->progress()->completedUnitCount() > 50; }));
-    download->cancel();
+TEST_F(NetworkDownloadTest, InterruptedDownloadNeverLosesTheReceivedBytes) {
+    const std::string id = seed("kept.bin", 4 << 20, 5);
+    auto download = cancelMidway(id);
     EXPECT_EQ(download->state(), ZNVNetworkTaskStateCompleted);
     ASSERT_NE(download->error(), nullptr);
     EXPECT_EQ(download->error()->code(), NSURLErrorCancelled);
-    ASSERT_TRUE(test::waitFor([&] {
-        auto raw = download->rawError();
-        return raw && raw->value(NSURLSessionDownloadTaskResumeData) != nullptr;
-    })) << "the cancelled transfer hands over its resume data";
-    EXPECT_EQ(download->state(), ZNVNetworkTaskStateCompleted);
-
-    harness.emulator.clearFaults();
-    harness.emulator.clearRequestLog();
-    download->retry();
-    EXPECT_EQ(download->retryCount(), 1u);
-    EXPECT_FALSE(download->resumeData().has_value()) << "used up by the resumed transfer";
-    ASSERT_TRUE(finished(download));
-    ASSERT_EQ(download->error(), nullptr) << download->rawError()->description();
-    EXPECT_TRUE(test::filesEqual(download->localFileURL()->path(), source));
-
-    const auto log = harness.emulator.requestLog();
-    ASSERT_EQ(log.size(), 1u) << log.dump();
-    EXPECT_EQ(log[0]["status"], 206) << "only the rest was asked for";
-    EXPECT_TRUE(log[0]["headers"].contains("Range") || log[0]["headers"].contains("range"))
-        << log.dump();
-    download->taskDidFinish();
-}
-
-TEST_F(NetworkDownloadTest, FailuresOfAResumedDownloadNeverLoseTheReceivedBytes) {
-    const std::string source = test::makeTempDir("src") + "/kept.bin";
-    test::writePatternFile(source, 4 << 20, 5);
-    const std::string id = harness.seedRemoteFile("kept.bin", test::readFile(source));
-    ASSERT_TRUE(harness.emulator.addFault({{"method", "GET"},
-                                           {"path", "/content/*"},
-                                           {"action", "throttle"},
-                                           {"bytesPerSecond", 512 * 1024}}));
-    auto download = makeDownload(harness.emulator.rootURL() + "content/" + id);
-    ASSERT_TRUE(download->resume());
-    ASSERT_TRUE(test::waitFor([&] { return download->progress()->completedUnitCount() > 50; }));
-    download->cancel();
-    ASSERT_TRUE(test::waitFor([&] {
-        auto raw = download->rawError();
-        return raw && raw->value(NSURLSessionDownloadTaskResumeData) != nullptr;
-    }));
-    const auto partialOf = [](const ZNVErrorRef& error) {
-        const ZNVUserInfoValue* value =
-            error ? error->value(NSURLSessionDownloadTaskResumeData) : nullptr;
-        auto info =
-            value ? ZNVURLSessionResumeData::decode(std::get<ZNVBytes>(*value)) : std::nullopt;
-        return info ? std::pair{info->partialFile, info->bytesReceived}
-                    : std::pair{std::string(), int64_t{0}};
-    };
     const auto [partial, received] = partialOf(download->rawError());
-    ASSERT_GT(received, 0);
     ASSERT_EQ(static_cast<int64_t>(fs::file_size(partial)), received);
 
-    // A passing 503 and connections dropped before any answer (also the one
-    // the transfer library retries on by itself): each attempt fails, and
-    // each hands the same partial file, untouched, to the next.
-    harness.emulator.clearFaults();
+    // A retry after the cancel, then a passing 503 and connections dropped
+    // before any answer (also the one the transfer library retries on by
+    // itself): each attempt fails, and each hands the same partial file,
+    // untouched, to the next.
     for (const nlohmann::json& fault :
          {nlohmann::json{{"method", "GET"},
                          {"path", "/content/*"},
@@ -142,6 +148,8 @@ TEST_F(NetworkDownloadTest, FailuresOfAResumedDownloadNeverLoseTheReceivedBytes)
         ASSERT_TRUE(harness.emulator.addFault(fault));
         if (download->error()) {
             download->retry();
+            EXPECT_EQ(download->retryCount(), 1u);
+            EXPECT_FALSE(download->resumeData().has_value()) << "used up by the resumed transfer";
         } else {
             download->automaticallyRecoverFromError();
             ASSERT_TRUE(download->resume());
@@ -163,8 +171,174 @@ TEST_F(NetworkDownloadTest, FailuresOfAResumedDownloadNeverLoseTheReceivedBytes)
     const auto log = harness.emulator.requestLog();
     ASSERT_EQ(log.size(), 1u) << log.dump();
     EXPECT_EQ(log[0]["status"], 206) << "only the rest was asked for";
+    EXPECT_EQ(log[0]["headers"].value("Range", ""), "bytes=" + std::to_string(received) + "-");
     download->taskDidFinish();
     EXPECT_FALSE(fs::exists(partial));
+}
+
+TEST_F(NetworkDownloadTest, PartialFileHoldingTheWholeBodyCompletesOnA416) {
+    const std::string id = seed("whole.bin", 300 * 1024, 9);
+    const std::string content = test::readFile(source);
+    const ZNVBytes resumeData = resumeDataFor(id, content);
+    const std::string partial = ZNVURLSessionResumeData::decode(resumeData)->partialFile;
+
+    harness.emulator.clearRequestLog();
+    auto download = makeDownload(harness.emulator.rootURL() + "content/" + id);
+    download->setResumeData(resumeData);
+    ASSERT_TRUE(download->resume());
+    ASSERT_TRUE(finished(download));
+    ASSERT_EQ(download->error(), nullptr) << download->rawError()->description();
+    EXPECT_TRUE(test::filesEqual(download->localFileURL()->path(), source));
+    EXPECT_EQ(download->progress()->completedUnitCount(), 1000);
+    EXPECT_FALSE(fs::exists(partial)) << "the partial file became the download";
+    const auto requests = contentRequests(id);
+    ASSERT_EQ(requests.size(), 1u) << requests.dump();
+    EXPECT_EQ(requests[0]["status"], 416);
+    EXPECT_EQ(requests[0]["headers"].value("Range", ""),
+              "bytes=" + std::to_string(content.size()) + "-");
+    download->taskDidFinish();
+
+    // A partial file longer than the remote body continues nothing: the
+    // attempt fails with the 416 and drops the file; a retry starts over.
+    harness.emulator.clearRequestLog();
+    auto longer = makeDownload(harness.emulator.rootURL() + "content/" + id);
+    const ZNVBytes tooLong = resumeDataFor(id, content + "0123456789");
+    longer->setResumeData(tooLong);
+    ASSERT_TRUE(longer->resume());
+    ASSERT_TRUE(finished(longer));
+    ASSERT_NE(longer->error(), nullptr);
+    EXPECT_EQ(ZNVNetworkTask::serverStatusCodeForError(longer->error()), 416);
+    EXPECT_EQ(longer->error()->value(NSURLSessionDownloadTaskResumeData), nullptr);
+    EXPECT_FALSE(fs::exists(ZNVURLSessionResumeData::decode(tooLong)->partialFile));
+    longer->retry();
+    ASSERT_TRUE(finished(longer));
+    ASSERT_EQ(longer->error(), nullptr) << longer->rawError()->description();
+    EXPECT_TRUE(test::filesEqual(longer->localFileURL()->path(), source));
+    const auto again = contentRequests(id);
+    ASSERT_EQ(again.size(), 2u) << again.dump();
+    EXPECT_EQ(again[0]["status"], 416);
+    EXPECT_EQ(again[1]["status"], 200);
+    EXPECT_FALSE(again[1]["headers"].contains("Range"));
+    longer->taskDidFinish();
+}
+
+TEST_F(NetworkDownloadTest, TooManyRequestsIsRetriedNoSoonerThanItsRetryAfter) {
+    test::ManualClock clock;
+    ZNVNetworkTask::setRecoveryDelayScale(1.0);
+    struct RestoreScale {
+        ~RestoreScale() { ZNVNetworkTask::setRecoveryDelayScale(0.0); }
+    } restoreScale;
+    const std::string id = seed("busy.bin", 64 * 1024, 4);
+    ASSERT_TRUE(harness.emulator.addFault({{"method", "GET"},
+                                           {"path", "/content/*"},
+                                           {"action", "status"},
+                                           {"status", 429},
+                                           {"headers", {{"Retry-After", "30"}}},
+                                           {"times", 1}}));
+    harness.emulator.clearRequestLog();
+    auto download = makeDownload(harness.emulator.rootURL() + "content/" + id);
+    ASSERT_TRUE(download->resume());
+    ASSERT_TRUE(test::waitFor([&] { return download->rawError() != nullptr; }));
+    EXPECT_EQ(download->error(), nullptr) << "429 is recoverable";
+    EXPECT_EQ(download->state(), ZNVNetworkTaskStateSuspended);
+
+    const ZNVDate failed = ZNVNetworkTask::now();
+    download->automaticallyRecoverFromError();
+    ASSERT_TRUE(download->nextRecoveryDate().has_value());
+    EXPECT_GE(std::chrono::duration<double>(*download->nextRecoveryDate() - failed).count(), 30.0);
+    clock.advance(std::chrono::seconds(29));
+    download->automaticallyRecoverFromError();
+    EXPECT_NE(download->rawError(), nullptr) << "recovered before the server's time";
+    clock.advance(std::chrono::seconds(2));
+    download->automaticallyRecoverFromError();
+    ASSERT_EQ(download->rawError(), nullptr);
+    ASSERT_TRUE(download->resume());
+    ASSERT_TRUE(finished(download));
+    ASSERT_EQ(download->error(), nullptr) << download->rawError()->description();
+    EXPECT_TRUE(test::filesEqual(download->localFileURL()->path(), source));
+    const auto requests = contentRequests(id);
+    ASSERT_EQ(requests.size(), 2u) << requests.dump();
+    EXPECT_EQ(requests[0]["status"], 429);
+    EXPECT_EQ(requests[1]["status"], 200);
+    download->taskDidFinish();
+}
+
+// Serves a payload with a validator and byte ranges, but cuts every answer
+// off after `slice` bytes of its body (0: right after the head), as a link
+// that keeps dropping would.
+class CuttingServer {
+  public:
+    CuttingServer(std::string payload, size_t slice) : payload_(std::move(payload)) {
+        server_.Get("/cut.bin", [this, slice](const httplib::Request&, httplib::Response& res) {
+            ++requests;
+            res.set_header("ETag", "\"cut-1\"");
+            res.set_header("Accept-Ranges", "bytes");
+            auto start = std::make_shared<std::optional<size_t>>();
+            res.set_content_provider(
+                payload_.size(), "application/octet-stream",
+                [this, slice, start](size_t offset, size_t length, httplib::DataSink& sink) {
+                    if (!*start) *start = offset;
+                    if (offset >= **start + slice) return false;
+                    size_t n = std::min({length, **start + slice - offset, size_t{16 * 1024}});
+                    sink.write(payload_.data() + offset, n);
+                    return true;
+                });
+        });
+        server_.set_keep_alive_max_count(1);
+        port_ = server_.bind_to_any_port("127.0.0.1");
+        thread_ = std::thread([this] { server_.listen_after_bind(); });
+    }
+    ~CuttingServer() {
+        server_.stop();
+        thread_.join();
+    }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/cut.bin"; }
+    std::atomic<int> requests{0};
+
+  private:
+    const std::string payload_;
+    httplib::Server server_;
+    int port_ = 0;
+    std::thread thread_;
+};
+
+TEST_F(NetworkDownloadTest, FailuresWithBytesBetweenThemNeverUseUpTheRecoveries) {
+    seed("cut.bin", 1 << 20, 2);
+    const std::string payload = test::readFile(source);
+    // Recovers as the network manager would, until the download completes;
+    // returns the failures it recovered from.
+    const auto recoverUntilDone = [&](const std::shared_ptr<ZNVNetworkDownload>& download) {
+        int failures = 0;
+        EXPECT_TRUE(download->resume());
+        while (failures < 20) {
+            EXPECT_TRUE(test::waitFor([&] {
+                return download->rawError() != nullptr ||
+                       download->state() == ZNVNetworkTaskStateCompleted;
+            }));
+            if (download->state() == ZNVNetworkTaskStateCompleted) break;
+            ++failures;
+            download->automaticallyRecoverFromError();
+            EXPECT_TRUE(download->resume()) << "failure " << failures;
+        }
+        return failures;
+    };
+
+    // Eight answers of 128 KiB each: seven failures, each after progress.
+    CuttingServer cutting(payload, 128 * 1024);
+    auto download = makeDownload(cutting.url());
+    EXPECT_EQ(recoverUntilDone(download), 7);
+    ASSERT_EQ(download->error(), nullptr) << download->rawError()->description();
+    EXPECT_TRUE(test::filesEqual(download->localFileURL()->path(), source));
+    EXPECT_EQ(cutting.requests.load(), 8);
+    download->taskDidFinish();
+
+    // Answers that bring nothing: five recoveries, then the failure shows.
+    CuttingServer empty(payload, 0);
+    auto starved = makeDownload(empty.url());
+    EXPECT_EQ(recoverUntilDone(starved), 5);
+    ASSERT_NE(starved->error(), nullptr);
+    EXPECT_EQ(starved->error()->code(), NSURLErrorNetworkConnectionLost);
+    EXPECT_EQ(empty.requests.load(), 6);
 }
 
 TEST_F(NetworkDownloadTest, ResumeDataNamingAFileOutsideThePrivateDirectoryIsRefused) {

@@ -111,40 +111,6 @@ class NetworkTaskTest : public ::testing::Test {
     EmulatorHarness harness;
 };
 
-TEST_F(NetworkTaskTest, RecoverableErrorIsHiddenFiveTimesAndPublicTheSixth) {
-    auto task = makeTask();
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        task->setTask(suspendedSessionTask());
-        ASSERT_EQ(task->state(), ZNVNetworkTaskStateRunning);
-        task->setRawError(recoverableError());
-        EXPECT_EQ(task->error(), nullptr) << "attempt " << attempt;
-        EXPECT_NE(task->rawError(), nullptr);
-        EXPECT_EQ(task->state(), ZNVNetworkTaskStateSuspended);
-        EXPECT_EQ(task->task(), nullptr);
-
-        task->automaticallyRecoverFromError();
-        EXPECT_EQ(task->rawError(), nullptr);
-        EXPECT_EQ(task->state(), ZNVNetworkTaskStateSuspended);
-        EXPECT_EQ(task->remainingAttemptsForAutomaticErrorRecovery(), 4u - attempt);
-    }
-    task->setTask(suspendedSessionTask());
-    task->setRawError(recoverableError());
-    ASSERT_NE(task->error(), nullptr);
-    EXPECT_EQ(task->error()->code(), NSURLErrorNetworkConnectionLost);
-    EXPECT_EQ(task->state(), ZNVNetworkTaskStateCompleted);
-
-    // Without attempts left, recovery leaves the public error alone; a manual
-    // retry restores the budget and counts.
-    task->automaticallyRecoverFromError();
-    EXPECT_NE(task->error(), nullptr);
-    task->retry();
-    EXPECT_EQ(task->rawError(), nullptr);
-    EXPECT_EQ(task->state(), ZNVNetworkTaskStateSuspended);
-    EXPECT_EQ(task->remainingAttemptsForAutomaticErrorRecovery(), 5u);
-    EXPECT_EQ(task->retryCount(), 1u);
-    EXPECT_FALSE(task->freezeProgress()) << "resume unfreezes the progress";
-}
-
 TEST_F(NetworkTaskTest, NonRecoverableErrorSpendsAnAttemptAndStaysCompleted) {
     auto task = makeTask();
     task->setRawError(fatalError());
@@ -411,6 +377,86 @@ TEST_F(NetworkTaskTest, ArchiveWritesItsKeysInOrderAndNeverRunning) {
     }
 }
 
+TEST_F(NetworkTaskTest, RecoveriesArePacedHiddenFiveTimesInARowAndPublicTheSixth) {
+    test::ManualClock clock;
+    ZNVNetworkTask::setRecoveryDelayScale(1.0);
+    struct RestoreScale {
+        ~RestoreScale() { ZNVNetworkTask::setRecoveryDelayScale(0.0); }
+    } restoreScale;
+    const auto secondsUntil = [](const ZNVDate& from, const ZNVDate& to) {
+        return std::chrono::duration<double>(to - from).count();
+    };
+    // One failure and its recovery once its wait is over; returns the wait.
+    const auto failAndRecover = [&](const std::shared_ptr<ZNVNetworkTask>& task,
+                                    const ZNVErrorRef& error) {
+        task->setTask(suspendedSessionTask());
+        EXPECT_EQ(task->state(), ZNVNetworkTaskStateRunning);
+        task->setRawError(error);
+        EXPECT_EQ(task->error(), nullptr);
+        EXPECT_EQ(task->state(), ZNVNetworkTaskStateSuspended);
+        EXPECT_EQ(task->task(), nullptr);
+        const ZNVDate failed = ZNVNetworkTask::now();
+        task->automaticallyRecoverFromError();
+        const std::optional<ZNVDate> due = task->nextRecoveryDate();
+        EXPECT_TRUE(due.has_value());
+        const double wait = due ? secondsUntil(failed, *due) : 0.0;
+        EXPECT_NE(task->rawError(), nullptr) << "recovered before its time";
+        clock.advance(std::chrono::milliseconds(static_cast<int64_t>(wait * 1000) - 1));
+        task->automaticallyRecoverFromError();
+        EXPECT_NE(task->rawError(), nullptr) << "recovered before its time";
+        clock.advance(2ms);
+        task->automaticallyRecoverFromError();
+        EXPECT_EQ(task->rawError(), nullptr);
+        EXPECT_EQ(task->state(), ZNVNetworkTaskStateSuspended);
+        return wait;
+    };
+
+    auto task = makeTask();
+    for (int n = 1; n <= 5; ++n) {
+        const double wait = failAndRecover(task, recoverableError());
+        EXPECT_GT(wait, 0.0) << "recovery " << n;
+        EXPECT_LE(wait, static_cast<double>(1 << (n - 1))) << "recovery " << n;
+        EXPECT_EQ(task->remainingAttemptsForAutomaticErrorRecovery(), 5u - n);
+    }
+    // The sixth failure in a row is public, and stays so after a relaunch.
+    task->setTask(suspendedSessionTask());
+    task->setRawError(recoverableError());
+    ASSERT_NE(task->error(), nullptr);
+    EXPECT_EQ(task->error()->code(), NSURLErrorNetworkConnectionLost);
+    EXPECT_EQ(task->state(), ZNVNetworkTaskStateCompleted);
+    task->automaticallyRecoverFromError();
+    EXPECT_NE(task->error(), nullptr);
+    auto decoded = roundTrip(*task);
+    ASSERT_NE(decoded, nullptr);
+    EXPECT_EQ(decoded->state(), ZNVNetworkTaskStateCompleted);
+    ASSERT_NE(decoded->error(), nullptr) << "a failure must not show as a success";
+    EXPECT_EQ(decoded->error()->code(), NSURLErrorNetworkConnectionLost);
+    EXPECT_EQ(decoded->remainingAttemptsForAutomaticErrorRecovery(), 0u);
+    decoded->retry();
+    EXPECT_EQ(decoded->rawError(), nullptr);
+    EXPECT_EQ(decoded->remainingAttemptsForAutomaticErrorRecovery(), 5u);
+
+    // A manual retry restores the budget and counts.
+    task->retry();
+    EXPECT_EQ(task->rawError(), nullptr);
+    EXPECT_EQ(task->state(), ZNVNetworkTaskStateSuspended);
+    EXPECT_EQ(task->remainingAttemptsForAutomaticErrorRecovery(), 5u);
+    EXPECT_EQ(task->retryCount(), 1u);
+    EXPECT_FALSE(task->freezeProgress()) << "resume unfreezes the progress";
+
+    // A step that went through: the next failure counts as the first again,
+    // but a 503 that asks for 40 s is given them.
+    failAndRecover(task, recoverableError());
+    task->restoreRecoveryAttempts();
+    const double wait =
+        failAndRecover(task, ZNVError::make(NSURLErrorDomain, NSURLErrorBadServerResponse,
+                                            {{NSLocalizedDescriptionKey, std::string("busy")},
+                                             {ZNVURLErrorFailingStatusCodeKey, int64_t{503}},
+                                             {ZNVURLErrorRetryAfterKey, 40.0}}));
+    EXPECT_DOUBLE_EQ(wait, 40.0);
+    EXPECT_EQ(task->remainingAttemptsForAutomaticErrorRecovery(), 4u);
+}
+
 TEST_F(NetworkTaskTest, ArchivedErrorsDecideTheDecodedState) {
     auto fatal = makeTask();
     fatal->setRawError(fatalError());
@@ -430,78 +476,6 @@ TEST_F(NetworkTaskTest, ArchivedErrorsDecideTheDecodedState) {
     EXPECT_EQ(decodedHidden->error(), nullptr);
     EXPECT_EQ(decodedHidden->remainingAttemptsForAutomaticErrorRecovery(), 5u)
         << "the recovery budget is not archived";
-}
-
-TEST_F(NetworkTaskTest, ARecoverableErrorWithoutAttemptsLeftStaysAFailureAfterARelaunch) {
-    auto task = makeTask();
-    for (int attempt = 0; attempt <= 5; ++attempt) {
-        task->setTask(suspendedSessionTask());
-        task->setRawError(recoverableError());
-        task->automaticallyRecoverFromError();
-    }
-    ASSERT_NE(task->error(), nullptr);
-    ASSERT_EQ(task->state(), ZNVNetworkTaskStateCompleted);
-
-    auto decoded = roundTrip(*task);
-    ASSERT_NE(decoded, nullptr);
-    EXPECT_EQ(decoded->state(), ZNVNetworkTaskStateCompleted);
-    ASSERT_NE(decoded->error(), nullptr) << "a failure must not show as a success";
-    EXPECT_EQ(decoded->error()->code(), NSURLErrorNetworkConnectionLost);
-    EXPECT_EQ(decoded->remainingAttemptsForAutomaticErrorRecovery(), 0u);
-    decoded->retry();
-    EXPECT_EQ(decoded->rawError(), nullptr);
-    EXPECT_EQ(decoded->remainingAttemptsForAutomaticErrorRecovery(), 5u);
-}
-
-TEST_F(NetworkTaskTest, RecoveryWaitsGrowWithFailuresInARowAndHonourRetryAfter) {
-    test::ManualClock clock;
-    ZNVNetworkTask::setRecoveryDelayScale(1.0);
-    struct RestoreScale {
-        ~RestoreScale() { ZNVNetworkTask::setRecoveryDelayScale(0.0); }
-    } restoreScale;
-    const auto secondsUntil = [](const ZNVDate& from, const ZNVDate& to) {
-        return std::chrono::duration<double>(to - from).count();
-    };
-
-    auto task = makeTask();
-    for (int n = 1; n <= 5; ++n) {
-        task->setTask(suspendedSessionTask());
-        task->setRawError(recoverableError());
-        const ZNVDate failed = ZNVNetworkTask::now();
-        task->automaticallyRecoverFromError();
-        const std::optional<ZNVDate> due = task->nextRecoveryDate();
-        ASSERT_TRUE(due.has_value()) << "recovery " << n;
-        const double wait = secondsUntil(failed, *due);
-        EXPECT_GT(wait, 0.0) << "recovery " << n;
-        EXPECT_LE(wait, static_cast<double>(1 << (n - 1))) << "recovery " << n;
-        EXPECT_NE(task->rawError(), nullptr) << "recovered before its time";
-        EXPECT_EQ(task->state(), ZNVNetworkTaskStateSuspended);
-        EXPECT_EQ(task->error(), nullptr);
-        clock.advance(std::chrono::milliseconds(static_cast<int64_t>(wait * 1000) + 1));
-        task->automaticallyRecoverFromError();
-        EXPECT_EQ(task->rawError(), nullptr) << "recovery " << n;
-        EXPECT_EQ(task->remainingAttemptsForAutomaticErrorRecovery(), 5u - n);
-    }
-
-    // A step that went through: the next failure counts as the first again,
-    // but a 503 that asks for 40 s is given them.
-    task->restoreRecoveryAttempts();
-    task->setTask(suspendedSessionTask());
-    task->setRawError(ZNVError::make(NSURLErrorDomain, NSURLErrorBadServerResponse,
-                                     {{NSLocalizedDescriptionKey, std::string("busy")},
-                                      {ZNVURLErrorFailingStatusCodeKey, int64_t{503}},
-                                      {ZNVURLErrorRetryAfterKey, 40.0}}));
-    const ZNVDate failed = ZNVNetworkTask::now();
-    task->automaticallyRecoverFromError();
-    ASSERT_TRUE(task->nextRecoveryDate().has_value());
-    EXPECT_DOUBLE_EQ(secondsUntil(failed, *task->nextRecoveryDate()), 40.0);
-    clock.advance(39s);
-    task->automaticallyRecoverFromError();
-    EXPECT_NE(task->rawError(), nullptr);
-    clock.advance(2s);
-    task->automaticallyRecoverFromError();
-    EXPECT_EQ(task->rawError(), nullptr);
-    EXPECT_EQ(task->remainingAttemptsForAutomaticErrorRecovery(), 4u);
 }
 
 // An archive as earlier versions wrote it: the error under "error".

@@ -4,6 +4,24 @@
 
 namespace znv {
 
+namespace {
+
+// A block waiting on the callback queue. Destroyed without having run (the
+// account went away while it was queued) it is called with an error, so the
+// work waiting for it is never left waiting.
+struct PendingBlock {
+    ZNVAuthenticatedBlock block;
+    ~PendingBlock() {
+        if (block) {
+            block(nullptr,
+                  ZNVError::withMessage(NSURLErrorDomain, NSURLErrorUserAuthenticationRequired,
+                                        "the account is no longer available"));
+        }
+    }
+};
+
+}  // namespace
+
 std::shared_ptr<ZNVTokenAccount> ZNVTokenAccount::create(ZNVAccountConfigurationRef configuration,
                                                          TokenProvider tokenProvider,
                                                          int64_t status) {
@@ -41,10 +59,13 @@ void ZNVTokenAccount::setTokenProvider(TokenProvider tokenProvider) {
 
 void ZNVTokenAccount::dispatchAuthenticatedBlock(ZNVAuthenticatedBlock block) {
     if (!block) return;
-    callbackQueue_->addOperation([weakSelf = weak_from_this(), block = std::move(block)]() mutable {
+    auto pending = std::make_shared<PendingBlock>();
+    pending->block = std::move(block);
+    callbackQueue_->addOperation([weakSelf = weak_from_this(), pending]() {
         auto self = weakSelf.lock();
         if (!self) return;
-        ZNVAuthenticatedBlock work = std::move(block);
+        ZNVAuthenticatedBlock work = std::move(pending->block);
+        pending->block = nullptr;
         self->runBlock(work);
     });
 }

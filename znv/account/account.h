@@ -15,7 +15,9 @@
 //   authentication whose token is non-empty and no error, or with no
 //   authentication and an error (not signed in: URL error -1013; the token
 //   provider's error; an empty token: -1013 "missing access token"). Blocks
-//   still pending when the account is destroyed are dropped without running.
+//   still pending when the account is destroyed run then, on the destroying
+//   thread (or the callback thread), with -1013 "the account is no longer
+//   available": nobody waits for a block that never comes.
 // - `ZNVTokenAccount` is the implementation an application uses: it asks the
 //   application's token provider for a token each time it runs a block, on the
 //   callback thread, so the provider can refresh an expired token whenever it

@@ -100,7 +100,11 @@ bool _ZNVNetworkErrorHandler_userInfoIndicatesAppForceQuit(const ZNVUserInfo& /*
 bool ZNVNetworkErrorHandler_canAutomaticallyRecoverFromError(const ZNVErrorRef& error) {
     const int64_t status = ZNVNetworkErrorHandler_serverStatusForError(error);
     // Unsigned arithmetic: only 503 and 504 fall in [0, 2), and no value overflows.
-    if (static_cast<uint64_t>(status) - 503u < 2u || status == 401 || status == 408) return true;
+    // 429 (too many requests) passes like 503: the server asks to come back later.
+    if (static_cast<uint64_t>(status) - 503u < 2u || status == 401 || status == 408 ||
+        status == 429) {
+        return true;
+    }
     if (!error || error->domain() != NSURLErrorDomain) return false;
 
     const int64_t code = error->code();

@@ -36,7 +36,7 @@ ZNVErrorRef ZNVNetworkErrorHandler_createArtificialRecoverableError(const std::s
 int64_t ZNVNetworkErrorHandler_serverStatusForError(const ZNVErrorRef& error);
 
 // Whether a task may retry after this error without telling its client:
-// statuses 401, 408, 503 and 504 in any domain; in NSURLErrorDomain the
+// statuses 401, 408, 429, 503 and 504 in any domain; in NSURLErrorDomain the
 // transient connection codes (-1001, -1004, -1005, -1009, -1013, -1019, -1020),
 // -1200, and -999 when the URL session filled in the failing URL (a
 // cancellation the library made itself carries none).

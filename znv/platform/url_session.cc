@@ -324,6 +324,11 @@ struct ZNVURLSession::Core {
         // an answer that is not the body (the partial file is left alone).
         ZNVBytes resumedFrom;
         bool keepPartial = false;
+        // The whole body the resume data promised, when it knew it.
+        int64_t resumedTotal = ZNVURLSessionTransferSizeUnknown;
+        // A 416 said the partial file already holds the whole body: it is the
+        // download, and the 416's own body is dropped.
+        bool partialIsWhole = false;
         std::string etag;
         std::string lastModified;
         bool acceptsRanges = false;
@@ -829,6 +834,7 @@ ZNVErrorRef ZNVURLSession::Core::setUp(Transfer& t) {
                         headers["Range"] = fmt::format("bytes={}-", offset);
                         headers["If-Range"] = validator;
                         t.resumedFrom = download.resumeDataUsed();
+                        t.resumedTotal = info->expectedTotalBytes;
                     }
                 } else if (fd >= 0) {
                     close(fd);
@@ -1013,11 +1019,45 @@ bool ZNVURLSession::Core::beginBody(Transfer& t) {
             total = complete > 0 ? complete
                                  : (contentLength >= 0 ? offset + contentLength
                                                        : ZNVURLSessionTransferSizeUnknown);
+        } else if (t.status == 416) {
+            // Nothing lies beyond the partial file. "If-Range" made the server
+            // compare the representation with the one the partial file came
+            // from, so the file is the whole body, as long as the length the
+            // server names ("bytes */<length>") or, without it, the length
+            // the first answer announced, is the file's.
+            auto range = response->valueForHTTPHeaderField("Content-Range").value_or("");
+            long long complete = -1;
+            if (std::sscanf(range.c_str(), "bytes */%lld", &complete) != 1) {
+                complete = t.resumedTotal >= 0 ? t.resumedTotal : t.requestedOffset;
+            }
+            if (complete == t.requestedOffset) {
+                t.partialIsWhole = true;
+                download->partialFileWasWhole_.store(true);
+                offset = t.requestedOffset;
+                total = offset;
+            } else if (complete < t.requestedOffset) {
+                // The file is longer than the remote body: nothing in it can
+                // be continued. Without resume data the next attempt starts
+                // over, and the file goes with the transfer.
+                t.resumedFrom.clear();
+                t.badRange = true;
+                return false;
+            } else {
+                // The server refuses a range it holds: keep the partial file
+                // for an attempt that may go better.
+                t.keepPartial = true;
+                t.fileSize = t.requestedOffset;
+                t.postedWritten = t.fileSize;
+                return true;
+            }
         } else if (t.status < 200 || t.status >= 300) {
             // An error (a passing 503, say) is not the body: the partial
-            // file keeps what it holds for the next attempt.
+            // file keeps what it holds for the next attempt. No resume is
+            // announced: nothing of the body comes with this answer.
             t.keepPartial = true;
-            offset = t.requestedOffset;
+            t.fileSize = t.requestedOffset;
+            t.postedWritten = t.fileSize;
+            return true;
         } else if (ftruncate(t.outFd, 0) != 0) {
             t.writeFailed = true;
             return false;
@@ -1041,7 +1081,7 @@ size_t ZNVURLSession::Core::onWrite(char* data, size_t size, size_t count, void*
     size_t length = size * count;
     t.lastActivity = Clock::now();
     if (!t.core->beginBody(t)) return 0;
-    if (t.keepPartial) return length;
+    if (t.keepPartial || t.partialIsWhole) return length;
     if (t.inMemoryLimit > 0) {
         const uint64_t room = t.inMemoryLimit - std::min<uint64_t>(t.body.size(), t.inMemoryLimit);
         t.body.insert(t.body.end(), data, data + std::min<uint64_t>(room, length));

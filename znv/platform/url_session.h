@@ -35,7 +35,14 @@
 //   `NSURLSessionDownloadTaskResumeData` in its error). A task made from it asks
 //   for the rest with "Range" and "If-Range": a 206 answer is appended to the
 //   partial file, a 200 answer starts the file over; either way the delegate
-//   hears `didResumeAtOffset` with the offset actually used. Any other status
+//   hears `didResumeAtOffset` with the offset actually used. A 416 whose
+//   "Content-Range: bytes */<length>" (or, without one, the length the first
+//   answer announced) is the partial file's size means the file already holds
+//   the whole body: the task hears `didResumeAtOffset` with offset and total
+//   equal, hands the partial file to `didFinishDownloadingToURL` and completes
+//   without error (`partialFileWasWhole()` tells such a task apart; its
+//   `response()` is the 416). A 416 naming a length below the file's drops the
+//   file and completes with an error without resume data. Any other status
 //   leaves the partial file as it was, and such a task, like one that fails
 //   before any answer, completes with an error holding its original resume
 //   data. Resume data whose partial file is not one of the session's own (in
@@ -218,6 +225,10 @@ class ZNVURLSessionDownloadTask : public ZNVURLSessionTask {
 
     // The resume data this task was made from (empty for fresh downloads).
     const ZNVBytes& resumeDataUsed() const { return resumeData_; }
+    // True once the server answered this task's ranged request with 416 for a
+    // partial file that already held the whole body: that file is the
+    // download, although `response()` carries the 416.
+    bool partialFileWasWhole() const { return partialFileWasWhole_.load(); }
 
     // Keeps the body in memory instead of a file, for small answers that are
     // read once: it reaches the delegate through `didFinishDownloadingData`
@@ -235,7 +246,8 @@ class ZNVURLSessionDownloadTask : public ZNVURLSessionTask {
 
   private:
     const ZNVBytes resumeData_;
-    std::atomic<uint64_t> inMemoryLimit_{0};  // read by the session's transfer thread
+    std::atomic<uint64_t> inMemoryLimit_{0};        // read by the session's transfer thread
+    std::atomic<bool> partialFileWasWhole_{false};  // set on the I/O thread
 };
 
 // Receives a session's callbacks on its delegate queue. Every method has an

@@ -476,9 +476,11 @@ void ZNVNetworkSessionManager::didCompleteWithError(const std::shared_ptr<ZNVURL
     }
 
     // A failing HTTP status is reported as the server's error, in place of
-    // whatever the transport said.
+    // whatever the transport said; not the 416 that told a resumed download
+    // its partial file was already the whole body.
     ZNVErrorRef serverError;
-    if (response) {
+    auto download = std::dynamic_pointer_cast<ZNVURLSessionDownloadTask>(task);
+    if (response && !(download && download->partialFileWasWhole())) {
         ZNVAccountHTTPSession::Headers headers(response->allHeaderFields().begin(),
                                                response->allHeaderFields().end());
         serverError = ZNVAccountHTTPSession::parseServerErrorFromResponse(

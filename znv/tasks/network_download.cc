@@ -103,6 +103,18 @@ void ZNVNetworkDownload::setResumeData(std::optional<ZNVBytes> data) {
     resumeData_ = std::move(data);
 }
 
+std::shared_ptr<const ZNVHTTPURLResponse> ZNVNetworkDownload::response() const {
+    Lock lock(*this);
+    return response_;
+}
+
+void ZNVNetworkDownload::keepResponse() {
+    Lock lock(*this);
+    if (std::shared_ptr<ZNVURLSessionTask> current = task()) {
+        if (auto response = current->response()) response_ = std::move(response);
+    }
+}
+
 bool ZNVNetworkDownload::resume() {
     Lock lock(*this);
     if (!ZNVNetworkTask::resume()) return false;
@@ -123,6 +135,7 @@ void ZNVNetworkDownload::startDownload() {
     if (!validateParameters()) return;
     ZNVErrorRef error;
     std::shared_ptr<ZNVURLSessionTask> task = session()->downloadRemoteFile(*sourceURL(), &error);
+    transferStart_ = 0.0f;
     startNewSessionTask(task, error);
 }
 
@@ -132,6 +145,8 @@ void ZNVNetworkDownload::resumeDownload() {
     ZNVErrorRef error;
     std::shared_ptr<ZNVURLSessionTask> task =
         session()->resumeRemoteFileDownloadFromData(resumeData_.value_or(ZNVBytes{}), &error);
+    // The first report of a resumed transfer is the offset it continues from.
+    transferStart_.reset();
     startNewSessionTask(task, error);
     // The resume data is used up once a task was made from it; otherwise it
     // stays for the next attempt.
@@ -155,9 +170,23 @@ bool ZNVNetworkDownload::validateParameters() {
 }
 
 void ZNVNetworkDownload::handleProgress(float fraction) {
-    std::shared_ptr<ZNVProgress> current = progress();
     // 0 of 0 bytes gives NaN, which no integer can hold.
-    if (!current || !std::isfinite(fraction)) return;
+    if (!std::isfinite(fraction)) return;
+    std::shared_ptr<ZNVProgress> current;
+    {
+        Lock lock(*this);
+        current = progress();
+        if (!transferStart_) {
+            transferStart_ = fraction;
+        } else if (fraction > *transferStart_ && !rawError() &&
+                   remainingAttemptsForAutomaticErrorRecovery() <
+                       ZNVNetworkTaskAutomaticRecoveryAttempts) {
+            // Bytes arrived since the last failure: that failure is behind us.
+            restoreRecoveryAttempts();
+        }
+    }
+    // The progress announces its change to observers: not under the task's lock.
+    if (!current) return;
     fraction = std::clamp(fraction, 0.0f, 1.0f);
     const float total = static_cast<float>(current->totalUnitCount());
     current->setCompletedUnitCount(static_cast<int64_t>(total * fraction));
@@ -194,6 +223,7 @@ void ZNVNetworkDownload::handleDownloadedFile(const ZNVURL& temporaryURL) {
 
 void ZNVNetworkDownload::handleCompletionWithError(const ZNVErrorRef& error) {
     Lock lock(*this);
+    keepResponse();
     if (rawError()) return;
     if (error) {
         setRawError(error);

@@ -15,6 +15,12 @@
 //   data back. Resume data that arrives after a retry, is replaced, or belongs
 //   to a finished task has its partial file deleted. Non-finite progress
 //   fractions are ignored.
+// - Bytes that arrive restore the recovery attempts: a transfer whose progress
+//   moves past where it started counts as a step that went through, so only
+//   failures in a row with nothing received in between use the attempts up.
+// - `response()` is the response head of the last transfer that got one; it
+//   stays after the transfer ends (not archived), so a client can read the
+//   headers of a finished download (its Content-Disposition, say).
 // - The finished file (`localFileURL`) lives until the manager finishes the
 //   task (`taskDidFinish` removes it); a client that wants to keep it moves or
 //   copies it when the task completes.
@@ -26,6 +32,7 @@
 #include <optional>
 #include <string>
 
+#include "znv/platform/url_request.h"
 #include "znv/tasks/network_task.h"
 
 namespace znv {
@@ -41,6 +48,7 @@ class ZNVNetworkDownload : public ZNVNetworkTask {
     void setLocalFileURL(std::optional<ZNVURL> url);
     std::optional<ZNVBytes> resumeData() const;
     void setResumeData(std::optional<ZNVBytes> data);
+    std::shared_ptr<const ZNVHTTPURLResponse> response() const;
 
     bool resume() override;
     void handleProgress(float fraction);
@@ -63,9 +71,15 @@ class ZNVNetworkDownload : public ZNVNetworkTask {
     ZNVNetworkDownload() = default;
 
   private:
+    void keepResponse();
+
     // Guarded by the base task's lock.
     std::optional<ZNVURL> localFileURL_;
     std::optional<ZNVBytes> resumeData_;
+    std::shared_ptr<const ZNVHTTPURLResponse> response_;
+    // Where the progress of the current transfer started (a resumed one hears
+    // its offset first); unset until known.
+    std::optional<float> transferStart_;
 };
 
 }  // namespace znv
