@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <set>
 #include <sstream>
 
 #include "apps/emulator/emulator.h"
@@ -111,6 +112,14 @@ TEST_F(ZnvOutputTest, ResultsGoToStdoutAndEverythingElseToStderr) {
     EXPECT_EQ(whole.status, 0);
     EXPECT_NE(whole.err.find("whole file: an interruption restarts it"), std::string::npos)
         << whole.err;
+    // The three went whole, one request each, and no chunk batch was sent.
+    size_t wholePuts = 0, batchPuts = 0;
+    for (const auto& entry : emulator_.requestLog()) {
+        if (entry.value("method", "") != "PUT") continue;
+        ++(entry.value("path", "").ends_with("/fullfile") ? wholePuts : batchPuts);
+    }
+    EXPECT_EQ(wholePuts, 3u);
+    EXPECT_EQ(batchPuts, 0u);
     emulator_.clearFaults();
 
     ZnvRun quiet = user.run({"--server", server_, "-q", "upload", file("q.bin", 100)});
@@ -217,6 +226,8 @@ TEST_F(ZnvOutputTest, InterruptionInEveryModeNamesTheCommandThatResumes) {
     auto interrupted = json.events("interrupted");
     ASSERT_EQ(interrupted.size(), 1u) << json.out;
     EXPECT_EQ(interrupted[0].value("command", ""), expected);
+    EXPECT_TRUE(json.events("summary").empty());
+    const std::string jsonTask = json.events("queued").at(0).value("task", "");
 
     // The live view on a terminal.
     user.setEnv("TERM", "xterm");
@@ -226,7 +237,19 @@ TEST_F(ZnvOutputTest, InterruptionInEveryModeNamesTheCommandThatResumes) {
     EXPECT_EQ(terminal.status, 130) << terminal.out;
     EXPECT_NE(visible(terminal.out).find(expected), std::string::npos) << terminal.out;
 
-    // The printed command finishes all three.
+    // All three wait in the queue under the IDs they were given.
+    ZnvRun status = user.run({"--profile", "work", "--json", "status"});
+    ASSERT_EQ(status.status, 0) << status.err;
+    std::set<std::string> queued;
+    const auto tasks = status.events("status").at(0)["tasks"];
+    for (const auto& t : tasks) {
+        EXPECT_EQ(t.value("state", ""), "queued") << t.dump();
+        queued.insert(t.value("task", ""));
+    }
+    EXPECT_EQ(queued.size(), 3u);
+    EXPECT_TRUE(queued.count(jsonTask)) << status.out;
+
+    // The printed command finishes all three, and the service holds the bytes.
     emulator_.clearFaults();
     std::vector<std::string> command;
     std::istringstream words(expected);
@@ -240,6 +263,15 @@ TEST_F(ZnvOutputTest, InterruptionInEveryModeNamesTheCommandThatResumes) {
     ASSERT_EQ(summary.size(), 1u);
     EXPECT_EQ(summary[0]["tasks"].size(), 3u);
     EXPECT_EQ(summary[0].value("state", ""), "completed");
+    for (const auto& task : summary[0]["tasks"]) {
+        if (task.value("task", "") != jsonTask) continue;
+        const std::string copy = files_ + "/json.copy";
+        ZnvRun down = user.run(args({"download", task.value("contentURL", ""), "-o", copy}));
+        ASSERT_EQ(down.status, 0) << down.err;
+        EXPECT_TRUE(filesEqual(files_ + "/json.bin", copy));
+        queued.erase(jsonTask);
+    }
+    EXPECT_EQ(queued.size(), 2u) << "the interrupted task completed under its ID";
 }
 
 }  // namespace
