@@ -125,8 +125,11 @@ TEST_F(ProtocolTest, RequiresTheBearerTokenOnTheApiOnly) {
     EXPECT_EQ(get(root("_admin/requests"), {}).status, 401);  // the admin endpoints need it too
 }
 
-TEST_F(ProtocolTest, FullFileUploadCompletesOnceAndOnlyOnce) {
+TEST_F(ProtocolTest, FullFileUploadCompletesOnceAndOnlyOnceAndThenPostProcesses) {
     std::string id = createFile("whole.bin");
+    const std::string process = api("files/" + id + "/process");
+    const std::string request = R"({"type": "encode", "values": {"outputType": "video/mp4"}})";
+    EXPECT_EQ(sendJSON("POST", process, request).status, 409);  // not complete yet
     std::string bytes = pattern(3'000'000, 1);
     auto uploaded = putFullFile(id, bytes);
     ASSERT_EQ(uploaded.status, 200) << uploaded.body;
@@ -149,18 +152,11 @@ TEST_F(ProtocolTest, FullFileUploadCompletesOnceAndOnlyOnce) {
             << again.body;
     }
     EXPECT_EQ(get(body["contentUri"].get<std::string>(), {}).body, bytes);
-}
 
-TEST_F(ProtocolTest, PostProcessingNeedsACompleteFile) {
-    std::string id = createFile("clip.mov");
-    const std::string request = R"({"type": "encode", "values": {"outputType": "video/mp4"}})";
-    auto early = sendJSON("POST", api("files/" + id + "/process"), request);
-    EXPECT_EQ(early.status, 409);
-    ASSERT_EQ(putFullFile(id, "frames").status, 200);
-    auto accepted = sendJSON("POST", api("files/" + id + "/process"), request);
+    auto accepted = sendJSON("POST", process, request);
     EXPECT_EQ(accepted.status, 202);
     EXPECT_EQ(accepted.json(), (json{{"fileId", id}}));
-    EXPECT_EQ(sendJSON("POST", api("files/" + id + "/process"), "{}").status, 400);
+    EXPECT_EQ(sendJSON("POST", process, "{}").status, 400);
 }
 
 TEST_F(ProtocolTest, ChunksAssembleAfterTheMissingOneArrives) {
@@ -410,7 +406,7 @@ TEST_F(ProtocolTest, RestartsKeepEveryFileAndChunkAndFullSizeChunksBecomeTheCont
     EXPECT_EQ(get(api("files/" + id)).json()["isComplete"], true);
 }
 
-TEST_F(ProtocolTest, StopsPromptlyWithIdleConnectionsAndFreesItsPort) {
+TEST_F(ProtocolTest, StopsPromptlyAndFreesItsPortAndRefusesWhatItCannotUse) {
     // A client that keeps its connection open after a request.
     CURL* curl = curl_easy_init();
     curl_easy_setopt(curl, CURLOPT_URL, api("files/x").c_str());
@@ -430,14 +426,12 @@ TEST_F(ProtocolTest, StopsPromptlyWithIdleConnectionsAndFreesItsPort) {
     curl_easy_cleanup(curl);
     EXPECT_TRUE(rival.start(&error)) << error;
     EXPECT_EQ(rival.port(), port);
-}
 
-TEST(ProtocolStartup, RefusesAnUnusableDataDirectory) {
+    // A data directory that is a plain file is refused, and named.
     std::string file = znv::test::makeTempDir("plain") + "/file";
     znv::test::writeFile(file, "x");
-    Emulator emulator(onDisk(file, 0));
-    std::string error;
-    EXPECT_FALSE(emulator.start(&error));
+    Emulator unusable(onDisk(file, 0));
+    EXPECT_FALSE(unusable.start(&error));
     EXPECT_NE(error.find(file), std::string::npos) << error;
 }
 
