@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <set>
 #include <sstream>
 
 #include "apps/emulator/emulator.h"
@@ -17,14 +18,6 @@ namespace znv::test {
 namespace {
 
 constexpr uint64_t kChunk = 4194304;
-
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> list;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        list.push_back(line);
-    return list;
-}
 
 // The text a terminal shows for one line of output: CSI sequences and
 // carriage returns removed.
@@ -73,7 +66,7 @@ TEST_F(ZnvOutputTest, ResultsGoToStdoutAndEverythingElseToStderr) {
     ZnvUser user;
     ZnvRun version = user.run({"--version"});
     EXPECT_EQ(version.status, 0);
-    EXPECT_TRUE(matchesShape(lines(version.out).at(0), "znv 9*.9*.9*")) << version.out;
+    EXPECT_TRUE(matchesShape(splitLines(version.out).at(0), "znv 9*.9*.9*")) << version.out;
     EXPECT_NE(version.out.find("\nlibcurl "), std::string::npos) << version.out;
     EXPECT_EQ(version.err, "");
 
@@ -89,7 +82,7 @@ TEST_F(ZnvOutputTest, ResultsGoToStdoutAndEverythingElseToStderr) {
     std::string a = file("a.bin", 3000), b = file("b.bin", 5000);
     ZnvRun up = user.run({"--server", server_, "upload", a, b});
     ASSERT_EQ(up.status, 0) << up.err;
-    auto results = lines(up.out);
+    auto results = splitLines(up.out);
     ASSERT_EQ(results.size(), 2u) << up.out;
     for (const auto& line : results) {
         auto space = line.find(' ');
@@ -97,7 +90,7 @@ TEST_F(ZnvOutputTest, ResultsGoToStdoutAndEverythingElseToStderr) {
         std::string id = line.substr(0, space), url = line.substr(space + 1);
         EXPECT_TRUE(matchesShape(url, "http://127.0.0.1:9*/content/" + id)) << line;
     }
-    auto errLines = lines(up.err);
+    auto errLines = splitLines(up.err);
     EXPECT_TRUE(matchesShape(errLines.back(), "2 completed, 0 failed: 7.8 KiB in 9* s (9*9 MB/s)"))
         << up.err;
     EXPECT_EQ((up.out + up.err).find('\x1b'), std::string::npos);
@@ -111,18 +104,26 @@ TEST_F(ZnvOutputTest, ResultsGoToStdoutAndEverythingElseToStderr) {
     EXPECT_EQ(whole.status, 0);
     EXPECT_NE(whole.err.find("whole file: an interruption restarts it"), std::string::npos)
         << whole.err;
+    // The three went whole, one request each, and no chunk batch was sent.
+    size_t wholePuts = 0, batchPuts = 0;
+    for (const auto& entry : emulator_.requestLog()) {
+        if (entry.value("method", "") != "PUT") continue;
+        ++(entry.value("path", "").ends_with("/fullfile") ? wholePuts : batchPuts);
+    }
+    EXPECT_EQ(wholePuts, 3u);
+    EXPECT_EQ(batchPuts, 0u);
     emulator_.clearFaults();
 
     ZnvRun quiet = user.run({"--server", server_, "-q", "upload", file("q.bin", 100)});
     EXPECT_EQ(quiet.status, 0);
     EXPECT_EQ(quiet.err, "");
-    EXPECT_EQ(lines(quiet.out).size(), 1u);
+    EXPECT_EQ(splitLines(quiet.out).size(), 1u);
 
     ZnvRun verbose = user.run({"--server", server_, "-v", "upload", file("v.bin", 100)});
     EXPECT_EQ(verbose.status, 0);
     EXPECT_NE(verbose.err.find("znv: [info]"), std::string::npos) << verbose.err;
     EXPECT_EQ(verbose.err.find("[debug]"), std::string::npos);
-    EXPECT_EQ(lines(verbose.out).size(), 1u);
+    EXPECT_EQ(splitLines(verbose.out).size(), 1u);
     // A name that would clear the screen and forge a line is shown escaped
     // wherever people read it, and as it is in JSON.
     std::string hostile = file("evil\x1b[2J\ncompleted.bin", 700);
@@ -155,7 +156,7 @@ TEST_F(ZnvOutputTest, LiveViewFitsSixtyColumnsAndDumbTerminalsGetNoCursorCodes) 
         user.runOnTerminal({"--server", server_, "upload", "--force-chunks", big, small}, 60);
     ASSERT_EQ(live.status, 0) << live.out;
     size_t bars = 0, measured = 0;
-    for (const auto& raw : lines(live.out)) {
+    for (const auto& raw : splitLines(live.out)) {
         std::string line = visible(raw);
         if (line.find("ETA") == std::string::npos) continue;
         ++bars;
@@ -168,7 +169,7 @@ TEST_F(ZnvOutputTest, LiveViewFitsSixtyColumnsAndDumbTerminalsGetNoCursorCodes) 
     EXPECT_NE(live.out.find("\x1b["), std::string::npos) << "redrawn in place";
     // The result lines are never cut, however narrow the terminal.
     size_t results = 0;
-    for (const auto& raw : lines(live.out)) {
+    for (const auto& raw : splitLines(live.out)) {
         std::string line = visible(raw);
         auto space = line.find(' ');
         if (space != 36) continue;  // "FILEID URL", the ID a UUID
@@ -217,6 +218,8 @@ TEST_F(ZnvOutputTest, InterruptionInEveryModeNamesTheCommandThatResumes) {
     auto interrupted = json.events("interrupted");
     ASSERT_EQ(interrupted.size(), 1u) << json.out;
     EXPECT_EQ(interrupted[0].value("command", ""), expected);
+    EXPECT_TRUE(json.events("summary").empty());
+    const std::string jsonTask = json.events("queued").at(0).value("task", "");
 
     // The live view on a terminal.
     user.setEnv("TERM", "xterm");
@@ -226,7 +229,19 @@ TEST_F(ZnvOutputTest, InterruptionInEveryModeNamesTheCommandThatResumes) {
     EXPECT_EQ(terminal.status, 130) << terminal.out;
     EXPECT_NE(visible(terminal.out).find(expected), std::string::npos) << terminal.out;
 
-    // The printed command finishes all three.
+    // All three wait in the queue under the IDs they were given.
+    ZnvRun status = user.run({"--profile", "work", "--json", "status"});
+    ASSERT_EQ(status.status, 0) << status.err;
+    std::set<std::string> queued;
+    const auto tasks = status.events("status").at(0)["tasks"];
+    for (const auto& t : tasks) {
+        EXPECT_EQ(t.value("state", ""), "queued") << t.dump();
+        queued.insert(t.value("task", ""));
+    }
+    EXPECT_EQ(queued.size(), 3u);
+    EXPECT_TRUE(queued.count(jsonTask)) << status.out;
+
+    // The printed command finishes all three, and the service holds the bytes.
     emulator_.clearFaults();
     std::vector<std::string> command;
     std::istringstream words(expected);
@@ -240,6 +255,15 @@ TEST_F(ZnvOutputTest, InterruptionInEveryModeNamesTheCommandThatResumes) {
     ASSERT_EQ(summary.size(), 1u);
     EXPECT_EQ(summary[0]["tasks"].size(), 3u);
     EXPECT_EQ(summary[0].value("state", ""), "completed");
+    for (const auto& task : summary[0]["tasks"]) {
+        if (task.value("task", "") != jsonTask) continue;
+        const std::string copy = files_ + "/json.copy";
+        ZnvRun down = user.run(args({"download", task.value("contentURL", ""), "-o", copy}));
+        ASSERT_EQ(down.status, 0) << down.err;
+        EXPECT_TRUE(filesEqual(files_ + "/json.bin", copy));
+        queued.erase(jsonTask);
+    }
+    EXPECT_EQ(queued.size(), 2u) << "the interrupted task completed under its ID";
 }
 
 }  // namespace

@@ -225,15 +225,6 @@ TEST_F(ZnvCliTest, UploadAndDownloadReportEachStepAsJsonLines) {
     auto downSummary = down.events("summary")[0]["tasks"][0];
     EXPECT_EQ(downSummary.value("file", ""), copy);
     EXPECT_EQ(downSummary.value("url", ""), contentURL);
-
-    // Without --force-chunks a small file goes whole, in one request.
-    emulator_->clearRequestLog();
-    ZnvRun whole = user.run({"--server", server, "upload", file("whole.bin", 1000)});
-    ASSERT_EQ(whole.status, 0) << whole.out << whole.err;
-    EXPECT_EQ(countEndingWith(successfulRequests(), "/fullfile"), 1u);
-    // Plain lines when the output is not a terminal: no escape sequences.
-    EXPECT_EQ(whole.err.find('\x1b'), std::string::npos);
-    EXPECT_NE(whole.err.find("completed"), std::string::npos) << whole.err;
 }
 
 TEST_F(ZnvCliTest, FailuresEndWithStatus1AndTheirError) {
@@ -248,8 +239,17 @@ TEST_F(ZnvCliTest, FailuresEndWithStatus1AndTheirError) {
     expectEventSchema(missing);
     ASSERT_EQ(missing.events("summary").size(), 1u);
     EXPECT_EQ(missing.events("summary")[0].value("state", ""), "failed");
+    // The queue shows it failed, with why; an unrelated later command succeeds.
+    ZnvRun later = user.run({"--server", server, "upload", file("fine.bin", 2000)});
+    EXPECT_EQ(later.status, 0) << later.err;
     ZnvRun status = user.run({"--json", "status"});
     expectEventSchema(status);
+    std::map<std::string, std::string> states;
+    const auto tasks = status.events("status").at(0)["tasks"];
+    for (const auto& t : tasks)
+        states[t.value("kind", "")] = t.value("state", "") + " " + t.value("error", "");
+    EXPECT_TRUE(matchesShape(states["download"], "failed *404*")) << states["download"];
+    EXPECT_EQ(states["upload"], "completed ");
 
     ZnvRun wrongToken =
         user.run({"--server", server, "--token", "not-the-token", "upload", file("t.bin", 100)});
@@ -258,54 +258,6 @@ TEST_F(ZnvCliTest, FailuresEndWithStatus1AndTheirError) {
 
     ZnvRun info = user.run({"--server", server, "info", "no-such-file"});
     EXPECT_EQ(info.status, 1) << info.out << info.err;
-}
-
-TEST_F(ZnvCliTest, InterruptedUploadContinuesWithResumeAndStoresTheSameBytes) {
-    std::string server = startEmulator();
-    // Slow enough to be interrupted mid-way.
-    ASSERT_TRUE(emulator_->addFault({{"method", "PUT"},
-                                     {"path", "/api/files/*"},
-                                     {"action", "throttle"},
-                                     {"bytesPerSecond", 2000000}}));
-    ZnvUser user;
-    const int64_t size = 10 * kChunk;
-    std::string source = file("big.bin", size);
-
-    pid_t pid = user.start({"--server", server, "--json", "upload", "--force-chunks", source});
-    ASSERT_TRUE(waitFor(
-        [&] {
-            ZnvRun partial;
-            partial.out = user.outSoFar();
-            for (const auto& e : partial.events("progress")) {
-                if (e["completed"].get<int64_t>() > 0) return true;
-            }
-            return false;
-        },
-        std::chrono::seconds(60)));
-    kill(pid, SIGINT);
-    ZnvRun interrupted = user.finish(pid);
-    EXPECT_EQ(interrupted.status, 130) << interrupted.out << interrupted.err;
-    EXPECT_TRUE(interrupted.events("summary").empty());
-    std::string id = interrupted.events("queued").at(0).value("task", "");
-
-    ZnvRun status = user.run({"--json", "status"});
-    ASSERT_EQ(status.status, 0) << status.err;
-    auto tasks = status.events("status").at(0)["tasks"];
-    ASSERT_EQ(tasks.size(), 1u) << status.out;
-    EXPECT_EQ(tasks[0].value("task", ""), id) << "IDs stay the same across runs";
-    EXPECT_EQ(tasks[0].value("state", ""), "queued");
-
-    emulator_->clearFaults();
-    ZnvRun resumed = user.run({"--server", server, "--json", "resume"});
-    ASSERT_EQ(resumed.status, 0) << resumed.out << resumed.err;
-    auto done = resumed.events("summary").at(0)["tasks"];
-    ASSERT_EQ(done.size(), 1u);
-    EXPECT_EQ(done[0].value("task", ""), id);
-    std::string copy = files_ + "/big.copy";
-    ZnvRun down =
-        user.run({"--server", server, "download", done[0].value("contentURL", ""), "-o", copy});
-    ASSERT_EQ(down.status, 0) << down.out << down.err;
-    EXPECT_TRUE(filesEqual(source, copy));
 }
 
 TEST_F(ZnvCliTest, ProfilesKeepSeparateQueuesAndStatusListsThem) {

@@ -64,12 +64,16 @@ std::vector<nlohmann::json> ZnvRun::events(const std::string& name) const {
     return list;
 }
 
-std::vector<std::string> ZnvRun::errLines() const {
+std::vector<std::string> splitLines(const std::string& text) {
     std::vector<std::string> lines;
-    std::istringstream in(err);
+    std::istringstream in(text);
     for (std::string line; std::getline(in, line);)
         lines.push_back(line);
     return lines;
+}
+
+std::vector<std::string> ZnvRun::errLines() const {
+    return splitLines(err);
 }
 
 ZnvUser::ZnvUser() {

@@ -26,6 +26,9 @@ struct ZnvRun {
     std::vector<std::string> errLines() const;
 };
 
+// The lines of `text`, without their line ends.
+std::vector<std::string> splitLines(const std::string& text);
+
 class ZnvUser {
   public:
     // A user with a fresh home directory (and XDG directories below it).

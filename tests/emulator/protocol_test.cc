@@ -125,8 +125,11 @@ TEST_F(ProtocolTest, RequiresTheBearerTokenOnTheApiOnly) {
     EXPECT_EQ(get(root("_admin/requests"), {}).status, 401);  // the admin endpoints need it too
 }
 
-TEST_F(ProtocolTest, FullFileUploadCompletesOnceAndOnlyOnce) {
+TEST_F(ProtocolTest, FullFileUploadCompletesOnceAndOnlyOnceAndThenPostProcesses) {
     std::string id = createFile("whole.bin");
+    const std::string process = api("files/" + id + "/process");
+    const std::string request = R"({"type": "encode", "values": {"outputType": "video/mp4"}})";
+    EXPECT_EQ(sendJSON("POST", process, request).status, 409);  // not complete yet
     std::string bytes = pattern(3'000'000, 1);
     auto uploaded = putFullFile(id, bytes);
     ASSERT_EQ(uploaded.status, 200) << uploaded.body;
@@ -149,18 +152,11 @@ TEST_F(ProtocolTest, FullFileUploadCompletesOnceAndOnlyOnce) {
             << again.body;
     }
     EXPECT_EQ(get(body["contentUri"].get<std::string>(), {}).body, bytes);
-}
 
-TEST_F(ProtocolTest, PostProcessingNeedsACompleteFile) {
-    std::string id = createFile("clip.mov");
-    const std::string request = R"({"type": "encode", "values": {"outputType": "video/mp4"}})";
-    auto early = sendJSON("POST", api("files/" + id + "/process"), request);
-    EXPECT_EQ(early.status, 409);
-    ASSERT_EQ(putFullFile(id, "frames").status, 200);
-    auto accepted = sendJSON("POST", api("files/" + id + "/process"), request);
+    auto accepted = sendJSON("POST", process, request);
     EXPECT_EQ(accepted.status, 202);
     EXPECT_EQ(accepted.json(), (json{{"fileId", id}}));
-    EXPECT_EQ(sendJSON("POST", api("files/" + id + "/process"), "{}").status, 400);
+    EXPECT_EQ(sendJSON("POST", process, "{}").status, 400);
 }
 
 TEST_F(ProtocolTest, ChunksAssembleAfterTheMissingOneArrives) {
@@ -350,42 +346,14 @@ TEST_F(ProtocolTest, ContentHonoursRangesAndValidators) {
     EXPECT_EQ(get(root("content/" + incomplete), {}).status, 404);
 }
 
-TEST_F(ProtocolTest, RestartKnowsEveryFileAndChunk) {
-    std::string whole = pattern(5000, 1), c0 = pattern(300, 2), c2 = pattern(200, 3),
-                c1 = pattern(300, 4);
-    std::string wholeId = createFile("whole");
+// Restarts keep every file and chunk; full-size chunks become the content
+// without a copy.
+TEST_F(ProtocolTest, RestartsKeepEveryFileAndChunkAndFullSizeChunksBecomeTheContent) {
+    const std::string whole = pattern(5000, 4);
+    const std::string wholeId = createFile("whole");
     ASSERT_EQ(putFullFile(wholeId, whole).status, 200);
-    std::string etag = get(root("content/" + wholeId), {}).header("etag");
-    std::string chunkedId = createFile("chunked");
-    ASSERT_EQ(putBatch(chunkedId, {{0, c0}, {2, c2}}).status, 200);
-    emulator_.stop();
+    const std::string etag = get(root("content/" + wholeId), {}).header("etag");
 
-    Emulator second(onDisk(emulator_.dataDir(), 0));
-    ASSERT_TRUE(second.start());
-    current_ = &second;
-    EXPECT_EQ(second.dataDir(), emulator_.dataDir());
-    auto content = get(root("content/" + wholeId), {});
-    EXPECT_EQ(content.body, whole);
-    EXPECT_EQ(content.header("etag"), etag);
-    auto info = get(api("files/" + chunkedId)).json();
-    EXPECT_EQ(info["fileName"], "chunked");
-    EXPECT_EQ(indices(info["uploadedChunks"]), (std::vector<uint64_t>{0, 2}));
-
-    ASSERT_EQ(putBatch(chunkedId, {{1, c1}}).status, 200);
-    auto done = complete(chunkedId, {{0, 300}, {1, 300}, {2, 200}});
-    ASSERT_EQ(done.status, 200) << done.body;
-    EXPECT_EQ(get(done.json()["contentUri"].get<std::string>(), {}).body, c0 + c1 + c2);
-
-    // A third run sees the assembled file, not the chunks it was made of.
-    second.stop();
-    Emulator third(onDisk(emulator_.dataDir(), 0));
-    ASSERT_TRUE(third.start());
-    current_ = &third;
-    EXPECT_EQ(get(root("content/" + chunkedId), {}).body, c0 + c1 + c2);
-    EXPECT_EQ(get(api("files/" + chunkedId)).json()["isComplete"], true);
-}
-
-TEST_F(ProtocolTest, FullSizeChunksBecomeTheContentWithoutACopy) {
     const uint64_t stride = 4194304;
     const std::string c0 = pattern(stride, 1), c1 = pattern(stride, 2), c2 = pattern(12345, 3);
     const std::string id = createFile("large.bin");
@@ -409,21 +377,36 @@ TEST_F(ProtocolTest, FullSizeChunksBecomeTheContentWithoutACopy) {
     Emulator second(onDisk(emulator_.dataDir(), 0));
     ASSERT_TRUE(second.start());
     current_ = &second;
+    EXPECT_EQ(second.dataDir(), emulator_.dataDir());
+    auto content = get(root("content/" + wholeId), {});
+    EXPECT_EQ(content.body, whole);
+    EXPECT_EQ(content.header("etag"), etag);
+    auto info = get(api("files/" + id)).json();
+    EXPECT_EQ(info["fileName"], "large.bin");
+    EXPECT_EQ(indices(info["uploadedChunks"]), (std::vector<uint64_t>{0, 2}));
     ASSERT_EQ(putBatch(id, {{0, c0}, {1, c1}}).status, 200);
     const std::string dir = emulator_.dataDir() + "/files/" + id;
     struct stat data {};
     ASSERT_EQ(::stat((dir + "/chunks/data").c_str(), &data), 0);
     auto done = complete(id, {{0, stride}, {1, stride}, {2, c2.size()}});
     ASSERT_EQ(done.status, 200) << done.body;
-    EXPECT_EQ(get(root("content/" + id), {}).body, c0 + c1 + c2);
+    EXPECT_EQ(get(done.json()["contentUri"].get<std::string>(), {}).body, c0 + c1 + c2);
     // The data file itself, cut to size, became the content.
-    struct stat content {};
-    ASSERT_EQ(::stat((dir + "/content").c_str(), &content), 0);
-    EXPECT_EQ(content.st_ino, data.st_ino);
-    EXPECT_EQ(static_cast<uint64_t>(content.st_size), 2 * stride + c2.size());
+    struct stat stored {};
+    ASSERT_EQ(::stat((dir + "/content").c_str(), &stored), 0);
+    EXPECT_EQ(stored.st_ino, data.st_ino);
+    EXPECT_EQ(static_cast<uint64_t>(stored.st_size), 2 * stride + c2.size());
+
+    // A third run sees the assembled file, not the chunks it was made of.
+    second.stop();
+    Emulator third(onDisk(emulator_.dataDir(), 0));
+    ASSERT_TRUE(third.start());
+    current_ = &third;
+    EXPECT_EQ(get(root("content/" + id), {}).body, c0 + c1 + c2);
+    EXPECT_EQ(get(api("files/" + id)).json()["isComplete"], true);
 }
 
-TEST_F(ProtocolTest, StopsPromptlyWithIdleConnectionsAndFreesItsPort) {
+TEST_F(ProtocolTest, StopsPromptlyAndFreesItsPortAndRefusesWhatItCannotUse) {
     // A client that keeps its connection open after a request.
     CURL* curl = curl_easy_init();
     curl_easy_setopt(curl, CURLOPT_URL, api("files/x").c_str());
@@ -443,14 +426,12 @@ TEST_F(ProtocolTest, StopsPromptlyWithIdleConnectionsAndFreesItsPort) {
     curl_easy_cleanup(curl);
     EXPECT_TRUE(rival.start(&error)) << error;
     EXPECT_EQ(rival.port(), port);
-}
 
-TEST(ProtocolStartup, RefusesAnUnusableDataDirectory) {
+    // A data directory that is a plain file is refused, and named.
     std::string file = znv::test::makeTempDir("plain") + "/file";
     znv::test::writeFile(file, "x");
-    Emulator emulator(onDisk(file, 0));
-    std::string error;
-    EXPECT_FALSE(emulator.start(&error));
+    Emulator unusable(onDisk(file, 0));
+    EXPECT_FALSE(unusable.start(&error));
     EXPECT_NE(error.find(file), std::string::npos) << error;
 }
 

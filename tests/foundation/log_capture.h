@@ -4,7 +4,6 @@
 
 #include <spdlog/sinks/ringbuffer_sink.h>
 
-#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -38,9 +37,12 @@ class LogCapture {
         }
         return out;
     }
-    bool contains(const std::string& line) const {
-        auto all = lines();
-        return std::find(all.begin(), all.end(), line) != all.end();
+    // The first message that contains `needle`, or "".
+    std::string find(const std::string& needle) const {
+        for (const std::string& line : lines()) {
+            if (line.find(needle) != std::string::npos) return line;
+        }
+        return {};
     }
 
   private:

@@ -14,14 +14,11 @@ namespace {
 
 using test::LogCapture;
 
-TEST(Log, OneLoggerNamedAfterSubsystemAndCategory) {
+TEST(Log, OneQuietLoggerWhoseLevelsMapAndWhoseThresholdFilters) {
     EXPECT_EQ(&ZNVLog(), &ZNVLog());
     EXPECT_EQ(ZNVLog().name(), "com.znv.storage:cloud");
     // Quiet by default: warnings and errors only.
     EXPECT_EQ(ZNVLogLevel(), spdlog::level::warn);
-}
-
-TEST(Log, LevelsMapAndTheThresholdFilters) {
     LogCapture capture(spdlog::level::warn);
     ZNVLogInfo("{} did change state", "<task 1>");
     ZNVLogDefault("File name \"{}\" does not have an extension.", "README");

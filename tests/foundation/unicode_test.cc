@@ -54,28 +54,10 @@ TEST(Unicode, AlphanumericCoversTheWorldsScripts) {
     for (char32_t c : alphanumeric) {
         EXPECT_TRUE(ZNVUnicodeIsAlphanumeric(c)) << std::hex << static_cast<uint32_t>(c);
     }
-    const char32_t other[] = {
-        U' ',
-        U'-',
-        U'_',
-        U'.',
-        U'(',
-        U'/',
-        U'\\',
-        U'*',
-        U'\0',
-        U'\u00A0',
-        U'©',
-        U'€',
-        U'、',
-        U'。',
-        U'\u3000',
-        U'\U0001F600',
-        U'\uFFFD',
-        U'\U0010FFFF',
-        char32_t{0xD800},
-        ZNVInvalidCodePoint,
-    };
+    // Spaces, punctuation, symbols, emoji, the replacement character, and
+    // what is no character at all.
+    std::u32string other = U" -_.(/\\*\u00A0©€、。\u3000\U0001F600\uFFFD\U0010FFFF";
+    other += {U'\0', char32_t{0xD800}, ZNVInvalidCodePoint};
     for (char32_t c : other) {
         EXPECT_FALSE(ZNVUnicodeIsAlphanumeric(c)) << std::hex << static_cast<uint32_t>(c);
     }

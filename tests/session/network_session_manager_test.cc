@@ -511,15 +511,34 @@ TEST_F(SessionManagerTest, StagedBatchesStayOnlyWhenCancelled) {
     EXPECT_FALSE(exists(*staged));
 }
 
-TEST_F(SessionManagerTest, InvalidationCancelsAndReleasesTheDelegate) {
-    // A task that was made and never started is cancelled all the same.
-    auto task = manager_->getInformationForRemoteFile("F", auth_);
-    ASSERT_TRUE(task);
+TEST_F(SessionManagerTest, ListsItsLiveTasksAndInvalidationCancelsThemAndReleasesTheDelegate) {
+    // Tasks that were made and never started are listed by kind, and
+    // cancelled all the same.
+    auto info = manager_->getInformationForRemoteFile("F", auth_);
+    auto upload = manager_->uploadLocalFile(ZNVURL::fileURL("/dev/null"), "F", auth_);
+    ASSERT_TRUE(info && upload);
+    std::atomic<bool> called{false};
+    size_t data = 9, uploads = 0, downloads = 0;
+    manager_->getTasksWithCompletionHandler(
+        [&](const auto& dataTasks, const auto& uploadTasks, const auto& downloadTasks) {
+            data = dataTasks.size();
+            uploads = uploadTasks.size();
+            downloads = downloadTasks.size();
+            called = true;
+        });
+    ASSERT_TRUE(test::waitFor([&] { return called.load(); }));
+    EXPECT_EQ(data, 0u);
+    EXPECT_EQ(uploads, 1u);
+    EXPECT_EQ(downloads, 1u);
+
     test::LogCapture log;
     manager_->invalidate();
-    auto completion = delegate_->waitForCompletion(task);
-    ASSERT_TRUE(completion && completion->error);
-    EXPECT_EQ(completion->error->code(), NSURLErrorCancelled);
+    for (const std::shared_ptr<ZNVURLSessionTask>& task :
+         std::vector<std::shared_ptr<ZNVURLSessionTask>>{info, upload}) {
+        auto completion = delegate_->waitForCompletion(task);
+        ASSERT_TRUE(completion && completion->error);
+        EXPECT_EQ(completion->error->code(), NSURLErrorCancelled);
+    }
     ASSERT_TRUE(test::waitFor([&] { return !manager_->backgroundDelegate(); }));
     EXPECT_EQ(log.find("invalidated"), "info|URL session (null) was intentionally invalidated.");
     // Nothing can be made any more, and nothing is reported.
@@ -527,25 +546,6 @@ TEST_F(SessionManagerTest, InvalidationCancelsAndReleasesTheDelegate) {
     EXPECT_FALSE(manager_->getInformationForRemoteFile("F", auth_, &error));
     EXPECT_FALSE(error);
     EXPECT_EQ(emulator_.requestLog().size(), 0u);
-}
-
-TEST_F(SessionManagerTest, ListsItsLiveTasks) {
-    auto info = manager_->getInformationForRemoteFile("F", auth_);
-    auto upload = manager_->uploadLocalFile(ZNVURL::fileURL("/dev/null"), "F", auth_);
-    std::atomic<bool> called{false};
-    size_t uploads = 0, downloads = 0;
-    manager_->getTasksWithCompletionHandler(
-        [&](const auto& data, const auto& uploadTasks, const auto& downloadTasks) {
-            uploads = uploadTasks.size();
-            downloads = downloadTasks.size();
-            EXPECT_TRUE(data.empty());
-            called = true;
-        });
-    ASSERT_TRUE(test::waitFor([&] { return called.load(); }));
-    EXPECT_EQ(uploads, 1u);
-    EXPECT_EQ(downloads, 1u);
-    info->cancel();
-    upload->cancel();
 }
 
 // Answers read from download files are held to the in-memory limit: a create

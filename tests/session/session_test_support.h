@@ -1,9 +1,6 @@
 // Helpers for the session tests: a background delegate that records what it
-// hears, a log capture, and a session manager talking to an in-process
-// emulator.
+// hears, and the log capture of the foundation tests.
 #pragma once
-
-#include <spdlog/sinks/ringbuffer_sink.h>
 
 #include <condition_variable>
 #include <map>
@@ -13,8 +10,8 @@
 #include <vector>
 
 #include "apps/emulator/emulator.h"
+#include "tests/foundation/log_capture.h"
 #include "tests/support/test_support.h"
-#include "znv/foundation/log.h"
 #include "znv/session/network_session_manager.h"
 
 namespace znv::test {
@@ -74,10 +71,6 @@ class RecordingDelegate : public ZNVNetworkSessionBackgroundDelegate {
         if (it == downloads_.end()) return std::nullopt;
         return it->second;
     }
-    size_t completionCount() const {
-        std::lock_guard guard(mutex_);
-        return completions_.size();
-    }
     bool everythingOnCallbackQueue() const {
         std::lock_guard guard(mutex_);
         bool all = onQueue_;
@@ -92,40 +85,6 @@ class RecordingDelegate : public ZNVNetworkSessionBackgroundDelegate {
     std::map<uint64_t, std::vector<float>> progress_;
     std::map<uint64_t, std::string> downloads_;
     bool onQueue_ = true;
-};
-
-// Captures the log channel's messages (text only) while it lives.
-class LogCapture {
-  public:
-    explicit LogCapture(spdlog::level::level_enum level = spdlog::level::info)
-        : sink_(std::make_shared<spdlog::sinks::ringbuffer_sink_mt>(4096)),
-          previous_(ZNVLogLevel()) {
-        sink_->set_pattern("%l|%v");
-        ZNVLogAddSink(sink_);
-        ZNVLogSetLevel(level);
-    }
-    ~LogCapture() {
-        ZNVLogSetLevel(previous_);
-        ZNVLogRemoveSink(sink_);
-    }
-    // Messages as "<level>|<text>".
-    std::vector<std::string> lines() const { return sink_->last_formatted(); }
-    // The first message that contains `needle`, or "".
-    std::string find(const std::string& needle) const {
-        for (std::string line : lines()) {
-            if (line.find(needle) != std::string::npos) {
-                while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
-                    line.pop_back();
-                }
-                return line;
-            }
-        }
-        return {};
-    }
-
-  private:
-    std::shared_ptr<spdlog::sinks::ringbuffer_sink_mt> sink_;
-    spdlog::level::level_enum previous_;
 };
 
 }  // namespace znv::test

@@ -20,77 +20,54 @@ bool RecordingDelegate::onQueue() const {
     return queue_ && queue_->isCurrent();
 }
 
-void RecordingDelegate::record(SessionEvent event) {
+void RecordingDelegate::add(SessionEvent::Kind kind, uint64_t task, int64_t a, int64_t b, int64_t c,
+                            ZNVErrorRef error, std::string text) {
+    SessionEvent event{kind, task, a, b, c, onQueue(), std::move(error), std::move(text)};
     std::lock_guard guard(mutex_);
     events_.push_back(std::move(event));
 }
 
 void RecordingDelegate::didBecomeInvalidWithError(const std::shared_ptr<ZNVURLSession>&,
                                                   const ZNVErrorRef& error) {
-    record({SessionEvent::Kind::Invalid, 0, 0, 0, 0, onQueue(), error, {}});
+    add(SessionEvent::Kind::Invalid, 0, 0, 0, 0, error);
 }
 
 void RecordingDelegate::didCompleteWithError(const std::shared_ptr<ZNVURLSession>&,
                                              const std::shared_ptr<ZNVURLSessionTask>& task,
                                              const ZNVErrorRef& error) {
     // The task reads as completed by the time its completion arrives.
-    record({SessionEvent::Kind::Completed,
-            task->taskIdentifier(),
-            task->state(),
-            0,
-            0,
-            onQueue(),
-            error,
-            {}});
+    add(SessionEvent::Kind::Completed, task->taskIdentifier(), task->state(), 0, 0, error);
 }
 
 void RecordingDelegate::didSendBodyData(const std::shared_ptr<ZNVURLSession>&,
                                         const std::shared_ptr<ZNVURLSessionTask>& task,
                                         int64_t bytesSent, int64_t totalBytesSent,
                                         int64_t totalBytesExpectedToSend) {
-    record({SessionEvent::Kind::Sent,
-            task->taskIdentifier(),
-            bytesSent,
-            totalBytesSent,
-            totalBytesExpectedToSend,
-            onQueue(),
-            nullptr,
-            {}});
+    add(SessionEvent::Kind::Sent, task->taskIdentifier(), bytesSent, totalBytesSent,
+        totalBytesExpectedToSend);
 }
 
 void RecordingDelegate::didReceiveData(const std::shared_ptr<ZNVURLSession>&,
                                        const std::shared_ptr<ZNVURLSessionDataTask>& dataTask,
                                        const ZNVBytes& data) {
-    record({SessionEvent::Kind::Data, dataTask->taskIdentifier(), static_cast<int64_t>(data.size()),
-            0, 0, onQueue(), nullptr, std::string(data.begin(), data.end())});
+    add(SessionEvent::Kind::Data, dataTask->taskIdentifier(), static_cast<int64_t>(data.size()), 0,
+        0, nullptr, std::string(data.begin(), data.end()));
 }
 
 void RecordingDelegate::didResumeAtOffset(
     const std::shared_ptr<ZNVURLSession>&,
     const std::shared_ptr<ZNVURLSessionDownloadTask>& downloadTask, int64_t fileOffset,
     int64_t expectedTotalBytes) {
-    record({SessionEvent::Kind::Resumed,
-            downloadTask->taskIdentifier(),
-            fileOffset,
-            0,
-            expectedTotalBytes,
-            onQueue(),
-            nullptr,
-            {}});
+    add(SessionEvent::Kind::Resumed, downloadTask->taskIdentifier(), fileOffset, 0,
+        expectedTotalBytes);
 }
 
 void RecordingDelegate::didWriteData(const std::shared_ptr<ZNVURLSession>&,
                                      const std::shared_ptr<ZNVURLSessionDownloadTask>& downloadTask,
                                      int64_t bytesWritten, int64_t totalBytesWritten,
                                      int64_t totalBytesExpectedToWrite) {
-    record({SessionEvent::Kind::Written,
-            downloadTask->taskIdentifier(),
-            bytesWritten,
-            totalBytesWritten,
-            totalBytesExpectedToWrite,
-            onQueue(),
-            nullptr,
-            {}});
+    add(SessionEvent::Kind::Written, downloadTask->taskIdentifier(), bytesWritten,
+        totalBytesWritten, totalBytesExpectedToWrite);
 }
 
 void RecordingDelegate::didFinishDownloadingToURL(
@@ -106,8 +83,8 @@ void RecordingDelegate::didFinishDownloadingToURL(
         lastLocation_ = from;
         lastLocationPrivate_ = isPrivate;
     }
-    record({SessionEvent::Kind::Finished, downloadTask->taskIdentifier(), moved ? 1 : 0, 0, 0,
-            onQueue(), nullptr, moved ? to : std::string()});
+    add(SessionEvent::Kind::Finished, downloadTask->taskIdentifier(), moved ? 1 : 0, 0, 0, nullptr,
+        moved ? to : std::string());
 }
 
 std::vector<SessionEvent> RecordingDelegate::events() const {
@@ -157,18 +134,10 @@ size_t RecordingDelegate::completedCount() const {
     return count;
 }
 
-int64_t RecordingDelegate::totalWritten(uint64_t task) const {
+int64_t RecordingDelegate::lastTotal(uint64_t task, SessionEvent::Kind kind) const {
     int64_t total = 0;
     for (const auto& event : eventsFor(task)) {
-        if (event.kind == SessionEvent::Kind::Written) total = event.b;
-    }
-    return total;
-}
-
-int64_t RecordingDelegate::totalSent(uint64_t task) const {
-    int64_t total = 0;
-    for (const auto& event : eventsFor(task)) {
-        if (event.kind == SessionEvent::Kind::Sent) total = event.b;
+        if (event.kind == kind) total = event.b;
     }
     return total;
 }

@@ -63,15 +63,20 @@ class RecordingDelegate : public ZNVURLSessionDelegate {
                                    const std::shared_ptr<ZNVURLSessionDownloadTask>& downloadTask,
                                    const ZNVURL& location) override;
 
-    void record(SessionEvent event);
+    // Records an event, noting whether it arrived on the delegate queue.
+    void add(SessionEvent::Kind kind, uint64_t task, int64_t a, int64_t b, int64_t c,
+             ZNVErrorRef error = nullptr, std::string text = {});
     std::vector<SessionEvent> events() const;
     std::vector<SessionEvent> eventsFor(uint64_t task) const;
     // The completion of a task, waiting up to `seconds` for it.
     std::optional<SessionEvent> waitForCompletion(uint64_t task, int seconds = 30) const;
     bool waitForInvalid(int seconds = 30) const;
     size_t completedCount() const;
-    int64_t totalWritten(uint64_t task) const;
-    int64_t totalSent(uint64_t task) const;
+    // The running totals of the last progress report of each kind.
+    int64_t totalWritten(uint64_t task) const {
+        return lastTotal(task, SessionEvent::Kind::Written);
+    }
+    int64_t totalSent(uint64_t task) const { return lastTotal(task, SessionEvent::Kind::Sent); }
 
     // Where the last finished download was found (before it was moved), and
     // whether it was private (mode 0600) at that moment.
@@ -80,6 +85,7 @@ class RecordingDelegate : public ZNVURLSessionDelegate {
 
   private:
     bool onQueue() const;
+    int64_t lastTotal(uint64_t task, SessionEvent::Kind kind) const;
 
     const std::string downloadDirectory_;
     std::shared_ptr<ZNVOperationQueue> queue_;
@@ -116,6 +122,5 @@ std::string putFileOnEmulator(emulator::Emulator& emulator, const std::string& c
                               std::string* fileId = nullptr);
 // Creates an empty remote file; returns its id.
 std::string createRemoteFile(emulator::Emulator& emulator, const std::string& name);
-// A port on 127.0.0.1 that nothing listens on.
 
 }  // namespace znv::test
