@@ -38,6 +38,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "znv/foundation/error_handler.h"
@@ -308,8 +309,13 @@ void ZNVNetwork::readState() {
         return;
     }
 
+    // The tasks are decoded while the file is parsed, so a long queue is never
+    // held as one document besides its tasks.
+    const std::set<std::string> taskClasses{ZNVArchiveMutableArrayClassName, "ZNVNetworkTask"};
     ZNVErrorRef setupError;
-    auto unarchiver = ZNVKeyedUnarchiver::create(*data, &setupError);
+    auto unarchiver =
+        ZNVKeyedUnarchiver::createDecodingArray(*data, kTasksKey, taskClasses, &setupError);
+    data.reset();
     if (!unarchiver) {
         ZNVLogError("failed to set up reader for network task state: {}", describe(setupError));
         damaged("not a task archive");
@@ -332,8 +338,7 @@ void ZNVNetwork::readState() {
     }
 
     ZNVErrorRef decodeError;
-    auto decoded = unarchiver->decodeArrayOfClassesForKey(
-        {ZNVArchiveMutableArrayClassName, "ZNVNetworkTask"}, kTasksKey);
+    auto decoded = unarchiver->decodeArrayOfClassesForKey(taskClasses, kTasksKey);
     if (unarchiver->error()) {
         // Damaged or foreign content anywhere in the list: restore nothing.
         decoded.reset();
@@ -348,11 +353,13 @@ void ZNVNetwork::readState() {
         return;
     }
     ZNVLogInfo("restoring task state:");
-    for (const auto& object : *decoded) {
+    const bool logEach = ZNVLog().should_log(spdlog::level::info);
+    for (auto& object : *decoded) {
         auto task = std::dynamic_pointer_cast<ZNVNetworkTask>(object);
+        object.reset();
         if (!task) continue;
         addTask(task);
-        ZNVLogInfo("   restored state for {}", task->description());
+        if (logEach) ZNVLogInfo("   restored state for {}", task->description());
     }
     unarchiver->finishDecoding();
 }

@@ -473,6 +473,20 @@ std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::create(const ZNVBytes& d
 
 std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::create(std::string_view data,
                                                                ZNVErrorRef* error) {
+    return parse(data, nullptr, nullptr, error);
+}
+
+std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::createDecodingArray(
+    const ZNVBytes& data, const std::string& arrayKey, const std::set<std::string>& allowed,
+    ZNVErrorRef* error) {
+    return parse(std::string_view(reinterpret_cast<const char*>(data.data()), data.size()),
+                 &arrayKey, &allowed, error);
+}
+
+std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::parse(std::string_view data,
+                                                              const std::string* arrayKey,
+                                                              const std::set<std::string>* allowed,
+                                                              ZNVErrorRef* error) {
     auto refuse = [&](int64_t code, const std::string& message) {
         if (error) *error = coderError(code, message);
         return nullptr;
@@ -485,7 +499,67 @@ std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::create(std::string_view 
     }
     std::unique_ptr<ZNVKeyedUnarchiver> unarchiver(new ZNVKeyedUnarchiver());
     try {
-        unarchiver->root_ = Json::parse(data.begin(), data.end());
+        if (!arrayKey) {
+            unarchiver->root_ = Json::parse(data.begin(), data.end());
+        } else {
+            unarchiver->streamedKey_ = *arrayKey;
+            std::set<std::string> withArray = *allowed;
+            withArray.insert(ZNVArchiveArrayClassName);
+            // Elements are decoded with an empty object standing in for $top
+            // (they never look above themselves).
+            const Json standIn = Json::object();
+            unarchiver->stack_.push_back(&standIn);
+            // The key and the kind of container at each depth of the text
+            // being read; an element of the array is an object at depth 4
+            // in "$top" / arrayKey / "$objects".
+            std::vector<std::string> keys(ZNVKeyedUnarchiver::kMaxDepth + 2);
+            std::vector<char> kinds(ZNVKeyedUnarchiver::kMaxDepth + 2, 0);
+            ZNVKeyedUnarchiver& self = *unarchiver;
+            const auto isElementDepth = [&](int depth) {
+                return depth == 4 && kinds[0] == 'o' && kinds[1] == 'o' && kinds[2] == 'o' &&
+                       kinds[3] == 'a' && keys[1] == "$top" && keys[2] == *arrayKey &&
+                       keys[3] == "$objects";
+            };
+            auto callback = [&](int depth, Json::parse_event_t event, Json& parsed) {
+                const size_t at = static_cast<size_t>(depth);
+                if (at + 1 >= keys.size()) return true;  // deeper than any element looks
+                switch (event) {
+                    case Json::parse_event_t::key:
+                        keys[at] = parsed.is_string() ? parsed.get<std::string>() : std::string();
+                        return true;
+                    case Json::parse_event_t::object_start:
+                    case Json::parse_event_t::array_start:
+                        kinds[at] = event == Json::parse_event_t::object_start ? 'o' : 'a';
+                        keys[at + 1].clear();
+                        // A repeated array key replaces the earlier array.
+                        if (depth == 3 && isElementDepth(4)) {
+                            self.streamed_.clear();
+                            self.streamedError_ = nullptr;
+                            self.error_ = nullptr;
+                        }
+                        return true;
+                    case Json::parse_event_t::object_end:
+                        if (!isElementDepth(depth)) return true;
+                        if (!self.error_) {
+                            try {
+                                auto object = self.decodeObjectValue(parsed, withArray, *arrayKey);
+                                if (object) self.streamed_.push_back(std::move(object));
+                            } catch (const std::exception& e) {
+                                self.failWithMessage(
+                                    NSCoderReadCorruptError,
+                                    std::string("decoding failed with an exception: ") + e.what());
+                            }
+                            if (self.error_) self.streamedError_ = self.error_;
+                        }
+                        return false;  // the element's document is not kept
+                    default:
+                        return true;
+                }
+            };
+            unarchiver->root_ = Json::parse(data.begin(), data.end(), callback);
+            unarchiver->stack_.clear();
+            unarchiver->error_ = nullptr;
+        }
     } catch (const nlohmann::json::exception& e) {
         return refuse(NSCoderReadCorruptError,
                       std::string("the archive is not valid JSON: ") + e.what());
@@ -926,12 +1000,23 @@ ZNVKeyedUnarchiver::decodeArrayOfClassesForKey(const std::set<std::string>& allo
                                                const std::string& key) {
     std::set<std::string> withArray = allowed;
     withArray.insert(ZNVArchiveArrayClassName);
+    // An array decoded while parsing: what is left of it (its class and an
+    // emptied "$objects") is checked as a whole array would be.
+    const bool streamed = streamedKey_ && *streamedKey_ == key;
     auto object = decodeObjectOfClassesForKey(withArray, key);
     if (!object) return std::nullopt;
     auto array = std::dynamic_pointer_cast<ZNVArchivedArray>(object);
     if (!array) {
         failWrongType(key, "an array");
         return std::nullopt;
+    }
+    if (streamed) {
+        streamedKey_.reset();
+        if (streamedError_) {
+            failWithError(streamedError_);
+            return std::nullopt;
+        }
+        return std::move(streamed_);
     }
     return std::move(array->objects);
 }
