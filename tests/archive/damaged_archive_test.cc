@@ -1,6 +1,8 @@
 // Damaged archives: every one must come back as an error value, never as a
 // crash, an exception or a half-decoded object.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <set>
@@ -8,6 +10,7 @@
 #include <vector>
 
 #include "archive_test_classes.h"
+#include "tests/support/test_support.h"
 #include "znv/platform/keyed_archive.h"
 
 namespace znv {
@@ -264,7 +267,13 @@ TEST(DamagedArchive, ListsDecodedWhileParsingMatchTheWholeDocument) {
             texts.push_back(damaged);
         }
     }
+    // Nested deeper than allowed inside an element, and beside the list.
+    const std::string deep = std::string(250, '[') + std::string(250, ']');
+    texts.push_back(head + R"("tasks":)" + list(R"({"$class":"TestNode","x":)" + deep + "}") +
+                    "}}");
+    texts.push_back(head + R"("tasks":)" + list(node) + R"(,"x":)" + deep + "}}");
     const std::set<std::string> allowed{"NSMutableArray", "TestNode"};
+    const std::string path = test::makeTempDir() + "/archive";
     size_t decodedSome = 0;
     for (const auto& text : texts) {
         SCOPED_TRACE(text);
@@ -273,6 +282,13 @@ TEST(DamagedArchive, ListsDecodedWhileParsingMatchTheWholeDocument) {
         const auto streamed =
             listOutcome(ZNVKeyedUnarchiver::createDecodingArray(bytes, "tasks", allowed), allowed);
         EXPECT_EQ(streamed, whole);
+        test::writeFile(path, text);
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        ASSERT_GE(fd, 0);
+        const auto read =
+            listOutcome(ZNVKeyedUnarchiver::createDecodingArray(fd, "tasks", allowed), allowed);
+        ::close(fd);
+        EXPECT_EQ(read, whole);
         if (!whole.empty() && whole[0] == "TestNode") ++decodedSome;
     }
     EXPECT_GE(decodedSome, 2u);

@@ -301,21 +301,35 @@ void ZNVNetwork::readState() {
         return;
     }
 
-    ZNVErrorRef readError;
-    auto data = ZNVNetworkUtilities_loadDataFromURL(*stateURL, &readError);
-    if (!data || data->empty()) {
-        ZNVLogError("failed to read network task state: {}", describe(readError));
-        damaged(data ? "empty" : "unreadable: " + describe(readError));
-        return;
-    }
-
-    // The tasks are decoded while the file is parsed, so a long queue is never
-    // held as one document besides its tasks.
+    // The tasks are decoded while the file is read and parsed, so a long
+    // queue is held neither as its bytes nor as one document besides its
+    // tasks. A file that is empty, not a regular file or cannot be opened is
+    // loaded whole, which reports why.
     const std::set<std::string> taskClasses{ZNVArchiveMutableArrayClassName, "ZNVNetworkTask"};
     ZNVErrorRef setupError;
-    auto unarchiver =
-        ZNVKeyedUnarchiver::createDecodingArray(*data, kTasksKey, taskClasses, &setupError);
-    data.reset();
+    std::unique_ptr<ZNVKeyedUnarchiver> unarchiver;
+    int fd = -1;
+    if (S_ISREG(info.st_mode) && info.st_size > 0) {
+        do {
+            fd = ::open(stateURL->path().c_str(), O_RDONLY | O_CLOEXEC);
+        } while (fd < 0 && errno == EINTR);
+    }
+    if (fd >= 0) {
+        ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+        unarchiver =
+            ZNVKeyedUnarchiver::createDecodingArray(fd, kTasksKey, taskClasses, &setupError);
+        ::close(fd);
+    } else {
+        ZNVErrorRef readError;
+        auto data = ZNVNetworkUtilities_loadDataFromURL(*stateURL, &readError);
+        if (!data || data->empty()) {
+            ZNVLogError("failed to read network task state: {}", describe(readError));
+            damaged(data ? "empty" : "unreadable: " + describe(readError));
+            return;
+        }
+        unarchiver =
+            ZNVKeyedUnarchiver::createDecodingArray(*data, kTasksKey, taskClasses, &setupError);
+    }
     if (!unarchiver) {
         ZNVLogError("failed to set up reader for network task state: {}", describe(setupError));
         damaged("not a task archive");

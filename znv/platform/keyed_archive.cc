@@ -1,10 +1,16 @@
 #include "znv/platform/keyed_archive.h"
 
+#include <errno.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
+#include <iterator>
 #include <limits>
 #include <mutex>
+#include <stdexcept>
 #include <unordered_map>
 
 #include "znv/platform/json_depth.h"
@@ -473,17 +479,85 @@ std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::create(const ZNVBytes& d
 
 std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::create(std::string_view data,
                                                                ZNVErrorRef* error) {
-    return parse(data, nullptr, nullptr, error);
+    return parse(data, -1, nullptr, nullptr, error);
 }
 
 std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::createDecodingArray(
     const ZNVBytes& data, const std::string& arrayKey, const std::set<std::string>& allowed,
     ZNVErrorRef* error) {
-    return parse(std::string_view(reinterpret_cast<const char*>(data.data()), data.size()),
+    return parse(std::string_view(reinterpret_cast<const char*>(data.data()), data.size()), -1,
                  &arrayKey, &allowed, error);
 }
 
-std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::parse(std::string_view data,
+std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::createDecodingArray(
+    int fd, const std::string& arrayKey, const std::set<std::string>& allowed, ZNVErrorRef* error) {
+    return parse(std::string_view(), fd, &arrayKey, &allowed, error);
+}
+
+namespace {
+
+// The bytes of a file descriptor as an input iterator, read in blocks: the
+// parser reads the file once, front to back, without holding it.
+class FileBytes {
+  public:
+    explicit FileBytes(int fd) : fd_(fd) {}
+    bool atEnd() {
+        if (position_ < length_) return false;
+        if (fd_ < 0) return true;
+        ssize_t n;
+        do {
+            n = ::read(fd_, buffer_.data(), buffer_.size());
+        } while (n < 0 && errno == EINTR);
+        if (n < 0) throw std::runtime_error(std::string("cannot read: ") + std::strerror(errno));
+        position_ = 0;
+        length_ = static_cast<size_t>(n);
+        if (n == 0) fd_ = -1;
+        return n == 0;
+    }
+    char current() const { return buffer_[position_]; }
+    void advance() { ++position_; }
+
+  private:
+    int fd_;
+    std::array<char, 1 << 16> buffer_{};
+    size_t position_ = 0;
+    size_t length_ = 0;
+};
+
+class FileByteIterator {
+  public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char*;
+    using reference = char;
+
+    FileByteIterator() = default;  // the end
+    explicit FileByteIterator(FileBytes* bytes) : bytes_(bytes) {}
+    char operator*() const { return bytes_->current(); }
+    FileByteIterator& operator++() {
+        bytes_->advance();
+        return *this;
+    }
+    FileByteIterator operator++(int) {
+        FileByteIterator before = *this;
+        bytes_->advance();
+        return before;
+    }
+    bool operator==(const FileByteIterator& other) const { return atEnd() == other.atEnd(); }
+    bool operator!=(const FileByteIterator& other) const { return !(*this == other); }
+
+  private:
+    bool atEnd() const { return !bytes_ || bytes_->atEnd(); }
+    FileBytes* bytes_ = nullptr;
+};
+
+// Thrown from the parser's callback to stop at a nesting deeper than allowed.
+struct TooDeep {};
+
+}  // namespace
+
+std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::parse(std::string_view data, int fd,
                                                               const std::string* arrayKey,
                                                               const std::set<std::string>* allowed,
                                                               ZNVErrorRef* error) {
@@ -491,11 +565,14 @@ std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::parse(std::string_view d
         if (error) *error = coderError(code, message);
         return nullptr;
     };
-    if (error) *error = nullptr;
-    if (data.empty()) return refuse(NSCoderReadCorruptError, "the archive is empty");
-    if (ZNVJSONNestingDepth(data, kMaxDepth) > static_cast<size_t>(kMaxDepth)) {
+    const auto tooDeep = [&] {
         return refuse(NSCoderReadCorruptError, "the archive is nested more than " +
                                                    std::to_string(kMaxDepth) + " levels deep");
+    };
+    if (error) *error = nullptr;
+    if (fd < 0 && data.empty()) return refuse(NSCoderReadCorruptError, "the archive is empty");
+    if (fd < 0 && ZNVJSONNestingDepth(data, kMaxDepth) > static_cast<size_t>(kMaxDepth)) {
+        return tooDeep();
     }
     std::unique_ptr<ZNVKeyedUnarchiver> unarchiver(new ZNVKeyedUnarchiver());
     try {
@@ -522,6 +599,12 @@ std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::parse(std::string_view d
             };
             auto callback = [&](int depth, Json::parse_event_t event, Json& parsed) {
                 const size_t at = static_cast<size_t>(depth);
+                // A file is not scanned beforehand: its depth is checked here.
+                if ((event == Json::parse_event_t::object_start ||
+                     event == Json::parse_event_t::array_start) &&
+                    at + 1 > static_cast<size_t>(kMaxDepth)) {
+                    throw TooDeep{};
+                }
                 if (at + 1 >= keys.size()) return true;  // deeper than any element looks
                 switch (event) {
                     case Json::parse_event_t::key:
@@ -556,10 +639,18 @@ std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::parse(std::string_view d
                         return true;
                 }
             };
-            unarchiver->root_ = Json::parse(data.begin(), data.end(), callback);
+            if (fd >= 0) {
+                FileBytes bytes(fd);
+                unarchiver->root_ =
+                    Json::parse(FileByteIterator(&bytes), FileByteIterator(), callback);
+            } else {
+                unarchiver->root_ = Json::parse(data.begin(), data.end(), callback);
+            }
             unarchiver->stack_.clear();
             unarchiver->error_ = nullptr;
         }
+    } catch (const TooDeep&) {
+        return tooDeep();
     } catch (const nlohmann::json::exception& e) {
         return refuse(NSCoderReadCorruptError,
                       std::string("the archive is not valid JSON: ") + e.what());

@@ -262,6 +262,12 @@ class ZNVKeyedUnarchiver final : public ZNVCoder {
     static std::unique_ptr<ZNVKeyedUnarchiver> createDecodingArray(
         const ZNVBytes& data, const std::string& arrayKey, const std::set<std::string>& allowed,
         ZNVErrorRef* error = nullptr);
+    // The same, reading the archive from an open file, front to back in
+    // blocks, so the file is never held in memory either. A read failure is
+    // an unreadable archive.
+    static std::unique_ptr<ZNVKeyedUnarchiver> createDecodingArray(
+        int fd, const std::string& arrayKey, const std::set<std::string>& allowed,
+        ZNVErrorRef* error = nullptr);
     ~ZNVKeyedUnarchiver() override;
 
     bool allowsKeyedCoding() const override { return true; }
@@ -343,7 +349,8 @@ class ZNVKeyedUnarchiver final : public ZNVCoder {
     bool userInfoValueFromJson(const Json& value, const std::string& key, int depth,
                                ZNVUserInfoValue* out);
 
-    static std::unique_ptr<ZNVKeyedUnarchiver> parse(std::string_view data,
+    // From `data`, or from `fd` when it is not negative.
+    static std::unique_ptr<ZNVKeyedUnarchiver> parse(std::string_view data, int fd,
                                                      const std::string* arrayKey,
                                                      const std::set<std::string>* allowed,
                                                      ZNVErrorRef* error);
