@@ -16,6 +16,10 @@
 // the same mutex every change of the collection holds: numbers follow the
 // order of the snapshots, so the save that wins is always of the newest one.
 //
+// Restoring reads the file once, front to back, and decodes each task as soon
+// as its text has been read: a long queue costs its tasks, not also its bytes
+// and its whole document.
+//
 // One process per queue: "<state file>.lock" carries an exclusive flock for
 // as long as a manager of this process uses the file (all managers of the
 // process share the one lock). Another process's queue is never read or
