@@ -233,10 +233,11 @@ class ZNVNetwork : public ZNVObservable,
 
     // One round of the activation policy for a collection, over its index:
     // prepares the running tasks and those with a raw error, plans the next
-    // recovery, counts the running tasks and, when `activate`, resumes what
-    // `tasksToActivate` picks with the room left of `capacity`. Logs as the
-    // round always has; `blocked` is logged (and nothing activated) when the
-    // collection may not run now. True when a task was resumed.
+    // recovery, counts the running tasks and, with room left of `capacity`
+    // and nothing `blocked`, resumes what `tasksToActivate` picks (the first
+    // suspended tasks in collection order, then those needing early
+    // activation). Logs as the round always has; `blocked` is logged instead
+    // of activating. True when a task was resumed.
     struct ActivationRound {
         const char* taskDescription;  // "upload", "download"
         uint64_t capacity;
@@ -249,7 +250,6 @@ class ZNVNetwork : public ZNVObservable,
     // Logs the selection of a round and resumes it; true when one resumed.
     static bool activateSelected(uint64_t count, const std::vector<ZNVNetworkTaskRef>& selected,
                                  const std::string& taskDescription);
-    ZNVTaskActivityIndex& downloadActivity() const { return *downloadActivity_; }
 
     void incrementBackgroundActivity() const;
     void decrementBackgroundActivity() const;
