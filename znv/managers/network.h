@@ -59,6 +59,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -325,6 +326,15 @@ class ZNVNetwork : public ZNVObservable,
     StateLockStatus stateLockStatus_ = StateLockStatus::Untried;  // guarded by stateMutex_
     std::shared_ptr<ZNVNetworkStateLock> stateLock_;              // guarded by stateMutex_
     ZNVErrorRef stateRestoreError_;                               // guarded by stateMutex_
+    // Where the saves go, made on the first save (the configuration is fixed).
+    struct StateFilePaths {
+        std::string identifier;          // the "configuration type" value
+        std::optional<ZNVURL> stateURL;  // none without an identifier
+        std::optional<ZNVURL> tempURL;   // none unless the state URL is a file URL
+    };
+    const StateFilePaths& stateFilePaths() const;
+    mutable std::once_flag stateFilePathsOnce_;
+    mutable StateFilePaths stateFilePaths_;  // written once under stateFilePathsOnce_
     // Encodes and writes the saves; shared with the saves queued for it.
     const std::shared_ptr<ZNVStateWriter> stateWriter_ = ZNVStateWriter::create();
 };

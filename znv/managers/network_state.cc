@@ -233,11 +233,26 @@ bool ZNVNetwork::acquireStateLock() {
     return false;
 }
 
+const ZNVNetwork::StateFilePaths& ZNVNetwork::stateFilePaths() const {
+    // Made once: every change asks for a save, and building the URLs costs
+    // more than the rest of asking.
+    std::call_once(stateFilePathsOnce_, [this] {
+        stateFilePaths_.identifier =
+            ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(accountConfiguration_.get());
+        stateFilePaths_.stateURL = _fileURLForNetworkStateWithConfiguration(accountConfiguration_);
+        const auto& stateURL = stateFilePaths_.stateURL;
+        if (stateURL && stateURL->isFileURL())
+            stateFilePaths_.tempURL = ZNVURL::fileURL(stateURL->path() + ".tmp");
+    });
+    return stateFilePaths_;
+}
+
 void ZNVNetwork::writeState() {
-    const auto stateURL = _fileURLForNetworkStateWithConfiguration(accountConfiguration_);
-    std::optional<ZNVURL> tempURL;
-    if (stateURL && stateURL->isFileURL()) tempURL = ZNVURL::fileURL(stateURL->path() + ".tmp");
-    if (isReadingState() || isBatchingSave() || !stateURL || !tempURL) return;
+    if (isReadingState() || isBatchingSave()) return;
+    const StateFilePaths& paths = stateFilePaths();
+    if (!paths.stateURL || !paths.tempURL) return;
+    const ZNVURL& stateURL = *paths.stateURL;
+    const ZNVURL& tempURL = *paths.tempURL;
     if (!acquireStateLock()) return;
 
     incrementBackgroundActivity();
@@ -245,8 +260,7 @@ void ZNVNetwork::writeState() {
     // collection as it was when the save was asked for, whatever happens to
     // the manager or its collection meanwhile. Its number is drawn under the
     // same lock, so a later number always belongs to a later snapshot.
-    const std::string identifier =
-        ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(accountConfiguration_.get());
+    const std::string& identifier = paths.identifier;
     auto generation = saveGeneration_;
     ZNVTaskList<ZNVNetworkTask>::Snapshot snapshot;
     uint64_t mine = 0;
@@ -255,8 +269,7 @@ void ZNVNetwork::writeState() {
         snapshot = mutableTasks_.snapshot();
         mine = ++*generation;
     }
-    ZNVStateWriter::Save save{identifier, std::move(snapshot), *stateURL,
-                              *tempURL,   generation,          mine};
+    ZNVStateWriter::Save save{identifier, std::move(snapshot), stateURL, tempURL, generation, mine};
     auto writer = stateWriter_;
 
     if (auto session = sessionManager()) {
