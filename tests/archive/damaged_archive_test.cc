@@ -1,12 +1,16 @@
 // Damaged archives: every one must come back as an error value, never as a
 // crash, an exception or a half-decoded object.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "archive_test_classes.h"
+#include "tests/support/test_support.h"
 #include "znv/platform/keyed_archive.h"
 
 namespace znv {
@@ -210,6 +214,84 @@ TEST(DamagedArchive, DamageInsideATaskListFailsTheWholeList) {
         unarchiver->decodeTopLevelObjectOfClassesForKey({"NSArray", "TestNode"}, "tasks", &error));
     ASSERT_TRUE(error);
     EXPECT_NE(error->localizedDescription().find("\"size\""), std::string::npos);
+}
+
+// The outcome of decoding the list under "tasks": the class of each object, or
+// "failed".
+std::vector<std::string> listOutcome(std::unique_ptr<ZNVKeyedUnarchiver> unarchiver,
+                                     const std::set<std::string>& allowed) {
+    if (!unarchiver) return {"unreadable"};
+    auto objects = unarchiver->decodeArrayOfClassesForKey(allowed, "tasks");
+    if (!objects) return {unarchiver->error() ? "failed" : "absent"};
+    std::vector<std::string> classes;
+    for (const auto& object : *objects)
+        classes.push_back(object->className());
+    return classes;
+}
+
+TEST(DamagedArchive, ListsDecodedWhileParsingMatchTheWholeDocument) {
+    // Decoding the list's elements as the text is read must answer exactly
+    // what decoding the parsed document answers, for sound and damaged lists.
+    test::registerTestClasses();
+    const std::string head = R"({"$archiver":"ZNVKeyedArchiver","$version":1,"$top":{)";
+    const std::string node = R"({"$class":"TestNode","name":"n"})";
+    const std::string special = R"({"$class":"TestSpecialNode"})";
+    const auto list = [](const std::string& objects, const std::string& cls = "NSMutableArray") {
+        return R"({"$class":")" + cls + R"(","$objects":[)" + objects + "]}";
+    };
+    std::vector<std::string> texts = {
+        head + R"("tasks":)" + list(node + "," + special + "," + node) + "}}",
+        head + R"("tasks":)" + list("") + "}}",
+        head + R"("other":1})",
+        head + R"("tasks":)" + list(node + R"(,{"$class":"TestNode","size":"big"},)" + node) + "}}",
+        head + R"("tasks":)" + list(node + ",7") + "}}",
+        head + R"("tasks":)" + list(node + R"(,{"$class":"TestOther"})") + "}}",
+        head + R"("tasks":)" + list(node, "TestNode") + "}}",
+        head + R"("tasks":{"$objects":[)" + node + R"(],"$class":"NSArray"}})",
+        head + R"("tasks":{"$objects":[)" + node + "]}}}",
+        head + R"("tasks":)" + list(node + "," + node) + R"(,"tasks":)" + list(special) + "}}",
+        head + R"("tasks":)" + list(R"({"$class":"TestNode","size":"big"})") + R"(,"tasks":)" +
+            list(node) + "}}",
+        head + R"("tasks":)" + list(list(node)) + "}}",
+        head + R"("tasks":[)" + node + "]}}",
+        R"({"$archiver":"ZNVKeyedArchiver","$version":2,"$top":{"tasks":)" + list(node) + "}}",
+        R"({"$top":{"tasks":)" + list(node) + R"(},"$archiver":"ZNVKeyedArchiver","$version":1})",
+    };
+    // Every cut of a sound list, and every byte of it replaced by a brace or a quote.
+    const std::string sound = texts[0];
+    for (size_t cut = 1; cut < sound.size(); cut += 3) {
+        texts.push_back(sound.substr(0, cut));
+        for (char c : {'}', '"', ']'}) {
+            std::string damaged = sound;
+            damaged[cut] = c;
+            texts.push_back(damaged);
+        }
+    }
+    // Nested deeper than allowed inside an element, and beside the list.
+    const std::string deep = std::string(250, '[') + std::string(250, ']');
+    texts.push_back(head + R"("tasks":)" + list(R"({"$class":"TestNode","x":)" + deep + "}") +
+                    "}}");
+    texts.push_back(head + R"("tasks":)" + list(node) + R"(,"x":)" + deep + "}}");
+    const std::set<std::string> allowed{"NSMutableArray", "TestNode"};
+    const std::string path = test::makeTempDir() + "/archive";
+    size_t decodedSome = 0;
+    for (const auto& text : texts) {
+        SCOPED_TRACE(text);
+        ZNVBytes bytes(text.begin(), text.end());
+        const auto whole = listOutcome(ZNVKeyedUnarchiver::create(bytes), allowed);
+        const auto streamed =
+            listOutcome(ZNVKeyedUnarchiver::createDecodingArray(bytes, "tasks", allowed), allowed);
+        EXPECT_EQ(streamed, whole);
+        test::writeFile(path, text);
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        ASSERT_GE(fd, 0);
+        const auto read =
+            listOutcome(ZNVKeyedUnarchiver::createDecodingArray(fd, "tasks", allowed), allowed);
+        ::close(fd);
+        EXPECT_EQ(read, whole);
+        if (!whole.empty() && whole[0] == "TestNode") ++decodedSome;
+    }
+    EXPECT_GE(decodedSome, 2u);
 }
 
 TEST(DamagedArchive, ManyIndexRangesDecodeInLinearTime) {

@@ -347,6 +347,8 @@ TEST(NetworkState, ConcurrentSavesNeverLeaveAnOlderCollection) {
     network->invalidateClientAndCancelTasks();
     ZNVMainQueue::waitUntilDrained();
     drain();
+    // The emptied queue's save is written before the next test watches the log.
+    EXPECT_TRUE(network->waitUntilStateIsWritten());
 }
 
 // A child process that holds a queue's lock (and names itself in it) until

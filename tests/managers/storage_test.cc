@@ -35,9 +35,19 @@ class StorageTest : public ::testing::Test {
         directory_ = test::makeTempDir("sources");
     }
     void TearDown() override {
-        for (auto& storage : storages_)
+        std::vector<std::shared_ptr<ZNVNetworkSessionManager>> sessions;
+        for (auto& storage : storages_) {
+            if (auto session = storage->sessionManager()) sessions.push_back(session);
             storage->invalidateClientAndCancelTasks();
+        }
         ZNVMainQueue::waitUntilDrained();
+        // Cancelled requests are answered on each session's queue: those
+        // answers are logged before the next test watches the log.
+        for (auto& session : sessions) {
+            auto done = std::make_shared<std::atomic<bool>>(false);
+            session->performBackgroundSessionBlock([done] { *done = true; });
+            EXPECT_TRUE(test::waitFor([&] { return done->load(); }));
+        }
     }
     static std::string name() {
         return ::testing::UnitTest::GetInstance()->current_test_info()->name();

@@ -13,6 +13,7 @@
 
 #include "znv/foundation/device.h"
 #include "znv/foundation/log.h"
+#include "znv/managers/task_activity.h"
 #include "znv/platform/main_queue.h"
 #include "znv/platform/url_session.h"
 
@@ -42,7 +43,7 @@ ZNVIndexSet positionSet(size_t position, size_t count) {
 }
 
 // The description of a list of tasks as the log shows it: "(\n    a,\n    b\n)".
-std::string describeTasks(const std::vector<ZNVNetworkTask*>& tasks) {
+std::string describeTasks(const std::vector<ZNVNetworkTaskRef>& tasks) {
     std::string text = "(";
     for (size_t i = 0; i < tasks.size(); ++i) {
         text += "\n    " + tasks[i]->description();
@@ -92,6 +93,7 @@ std::shared_ptr<ZNVNetwork> ZNVNetwork::create(ZNVAccountConfigurationRef config
 
 ZNVNetwork::ZNVNetwork(ZNVAccountConfigurationRef configuration)
     : accountConfiguration_(std::move(configuration)),
+      downloadActivity_(ZNVTaskActivityIndex::create()),
       recoveryTimer_(std::make_shared<RecoveryTimer>()) {
     // Class set-up, once per process.
     static std::once_flag classSetUp;
@@ -275,6 +277,7 @@ void ZNVNetwork::addTask(const ZNVNetworkTaskRef& task) {
             std::lock_guard<std::mutex> lock(collectionsMutex_);
             mutableDownloads_.append(download);
         }
+        downloadActivity_->add(download);
         didChange("downloads", ZNVKeyValueChange::Insertion, downloadPosition);
     }
     assertValidDownloadCount();
@@ -307,6 +310,7 @@ void ZNVNetwork::finishTask(const ZNVNetworkTaskRef& task) {
         taskSet_.erase(task.get());
         mutableDownloads_.removeIdentical(task.get());
     }
+    if (inDownloads) downloadActivity_->remove(task.get());
     writeState();
     didChange("tasks", ZNVKeyValueChange::Removal, taskPosition);
     didChange("downloads", ZNVKeyValueChange::Removal, taskPosition);
@@ -358,9 +362,9 @@ void ZNVNetwork::refreshAndSave() {
     });
 }
 
-void ZNVNetwork::planRecoveryRefresh(const std::vector<ZNVNetworkTask*>& tasks) {
+void ZNVNetwork::planRecoveryRefresh(const std::vector<ZNVNetworkTaskRef>& tasks) {
     std::optional<ZNVDate> earliest;
-    for (auto* task : tasks) {
+    for (const auto& task : tasks) {
         if (!task || !task->settledHasRawError()) continue;
         if (std::optional<ZNVDate> date = task->nextRecoveryDate()) {
             if (!earliest || *date < *earliest) earliest = date;
@@ -408,20 +412,10 @@ bool ZNVNetwork::isReachableEvenInBackground() const {
 
 void ZNVNetwork::prepareTasksForActivation(const std::vector<ZNVNetworkTaskRef>& tasks,
                                            bool reachableNetwork) {
-    std::vector<ZNVNetworkTask*> pointers;
-    pointers.reserve(tasks.size());
-    for (const auto& task : tasks)
-        pointers.push_back(task.get());
-    prepareTaskPointers(pointers, reachableNetwork);
-}
-
-void ZNVNetwork::prepareTaskPointers(const std::vector<ZNVNetworkTask*>& tasks,
-                                     bool reachableNetwork) {
     // Both calls begin by checking what the settled values tell without a
     // lock: only a running task can have stalled, and only a task with a raw
-    // error can recover. Skipping the others keeps a pass over thousands of
-    // queued tasks from taking thousands of locks.
-    for (auto* task : tasks) {
+    // error can recover.
+    for (const auto& task : tasks) {
         if (!task) continue;
         if (reachableNetwork && task->settledState() == ZNVNetworkTaskStateRunning)
             task->automaticallyResumeFromStall();
@@ -431,66 +425,71 @@ void ZNVNetwork::prepareTaskPointers(const std::vector<ZNVNetworkTask*>& tasks,
 
 bool ZNVNetwork::activateTasks(uint64_t count, const std::vector<ZNVNetworkTaskRef>& collection,
                                const std::string& taskDescription) {
-    std::vector<ZNVNetworkTask*> pointers;
-    pointers.reserve(collection.size());
-    for (const auto& task : collection)
-        pointers.push_back(task.get());
-    return activateTaskPointers(count, pointers, taskDescription);
-}
-
-bool ZNVNetwork::activateTaskPointers(uint64_t count,
-                                      const std::vector<ZNVNetworkTask*>& collection,
-                                      const std::string& taskDescription) {
-    ZNVLogInfo("Have capacity to activate {} more {}(s) ...", count, taskDescription);
-    std::vector<ZNVNetworkTask*> selected;
-    for (auto* task : collection) {
+    std::vector<ZNVNetworkTaskRef> selected;
+    uint64_t room = count;
+    for (const auto& task : collection) {
         if (!task || task->settledState() != ZNVNetworkTaskStateSuspended) continue;
-        if (count > 0) {
+        if (room > 0) {
             selected.push_back(task);
-            --count;
+            --room;
         } else if (task->needsEarlyActivation()) {
             selected.push_back(task);
         }
     }
+    return activateSelected(count, selected, taskDescription);
+}
+
+bool ZNVNetwork::activateSelected(uint64_t count, const std::vector<ZNVNetworkTaskRef>& selected,
+                                  const std::string& taskDescription) {
+    ZNVLogInfo("Have capacity to activate {} more {}(s) ...", count, taskDescription);
     if (selected.empty()) {
         ZNVLogInfo("   No suspended {}(s) left to activate.", taskDescription);
     } else {
         ZNVLogInfo("   Activating {}(s): {}", taskDescription, describeTasks(selected));
     }
     bool resumed = false;
-    for (auto* task : selected) {
+    for (const auto& task : selected) {
         if (task->resume()) resumed = true;
     }
     return resumed;
 }
 
-uint64_t ZNVNetwork::activeDownloadCount() const {
-    uint64_t active = 0;
-    downloadSnapshot().forEach([&](const ZNVNetworkDownloadRef& download) {
-        if (download->settledState() == ZNVNetworkTaskStateRunning) ++active;
-    });
-    ZNVLogInfo("{} download(s) are currently active.", active);
+uint64_t ZNVNetwork::logActiveCount(uint64_t active, const char* taskDescription) {
+    ZNVLogInfo("{} {}(s) are currently active.", active, taskDescription);
     return active;
+}
+
+bool ZNVNetwork::runActivationRound(ZNVTaskActivityIndex& index, const ActivationRound& round) {
+    // The index names the few tasks a round acts on (running, recovering,
+    // the first suspended ones), so a round costs the same whether a hundred
+    // or a hundred thousand tasks wait behind them.
+    prepareTasksForActivation(index.tasksToPrepare(), round.reachable);
+    planRecoveryRefresh(index.tasksWithRawError());
+    const uint64_t active = logActiveCount(index.runningCount(), round.taskDescription);
+    if (active >= round.capacity) return false;
+    if (round.blocked) {
+        ZNVLogInfo("{}", round.blocked);
+        return false;
+    }
+    const uint64_t room = round.capacity - active;
+    return activateSelected(room, index.tasksToActivate(room), round.taskDescription);
+}
+
+uint64_t ZNVNetwork::activeDownloadCount() const {
+    return logActiveCount(downloadActivity_->runningCount(), "download");
 }
 
 bool ZNVNetwork::refreshDownloadActivity() {
     const bool reachable = isReachableEvenInBackground();
     const bool pluggedIn = ZNVNetworkDevice_deviceIsPluggedIn();
     assertValidDownloadCount();
-    // One copy serves the whole pass and keeps its tasks alive.
-    const auto list = downloadSnapshot();
-    const auto collection = taskPointers<ZNVNetworkDownload>(list);
-    prepareTaskPointers(collection, reachable);
-    planRecoveryRefresh(collection);
-    const uint64_t active = activeDownloadCount();
-    if (active > 1) return false;
-    if (reachable) return activateTaskPointers(kDownloadCapacity - active, collection, "download");
-    if (pluggedIn) {
-        ZNVLogInfo("Network must be reachable before downloads can be activated.");
-    } else {
-        ZNVLogInfo("Device must be plugged in before downloads can be activated.");
+    const char* blocked = nullptr;
+    if (!reachable) {
+        blocked = pluggedIn ? "Network must be reachable before downloads can be activated."
+                            : "Device must be plugged in before downloads can be activated.";
     }
-    return false;
+    return runActivationRound(*downloadActivity_,
+                              {"download", kDownloadCapacity, reachable, blocked});
 }
 
 void ZNVNetwork::recycleDiscretionaryTasksIfNeeded() {
@@ -725,6 +724,7 @@ void ZNVNetwork::invalidateClientAndCancelTasks() {
             taskSet_.clear();
             mutableDownloads_.clear();
         }
+        downloadActivity_->clear();
         commitBatch();
         didChange("tasks", ZNVKeyValueChange::Removal, taskRange);
         if (downloadCount > 0) didChange("downloads", ZNVKeyValueChange::Removal, downloadRange);

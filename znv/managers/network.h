@@ -59,6 +59,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -96,6 +97,7 @@ extern const char* const ZNVNetwork_TaskDidCompleteBackgroundNotification;
 class ZNVNetwork;
 class ZNVNetworkStateLock;
 class ZNVStorage;
+class ZNVTaskActivityIndex;
 
 using ZNVNetworkTaskRef = std::shared_ptr<ZNVNetworkTask>;
 using ZNVNetworkDownloadRef = std::shared_ptr<ZNVNetworkDownload>;
@@ -230,20 +232,25 @@ class ZNVNetwork : public ZNVObservable,
     ZNVTaskList<ZNVNetworkTask>::Snapshot taskSnapshot() const;
     ZNVTaskList<ZNVNetworkDownload>::Snapshot downloadSnapshot() const;
 
-    // The activation policy over plain pointers; the caller keeps the tasks
-    // alive (normally through a snapshot).
-    static void prepareTaskPointers(const std::vector<ZNVNetworkTask*>& tasks,
-                                    bool reachableNetwork);
-    static bool activateTaskPointers(uint64_t count, const std::vector<ZNVNetworkTask*>& collection,
-                                     const std::string& taskDescription);
-    template <class T>
-    static std::vector<ZNVNetworkTask*> taskPointers(
-        const typename ZNVTaskList<T>::Snapshot& list) {
-        std::vector<ZNVNetworkTask*> pointers;
-        pointers.reserve(list.size());
-        list.forEach([&](const std::shared_ptr<T>& task) { pointers.push_back(task.get()); });
-        return pointers;
-    }
+    // One round of the activation policy for a collection, over its index:
+    // prepares the running tasks and those with a raw error, plans the next
+    // recovery, counts the running tasks and, with room left of `capacity`
+    // and nothing `blocked`, resumes what `tasksToActivate` picks (the first
+    // suspended tasks in collection order, then those needing early
+    // activation). Logs as the round always has; `blocked` is logged instead
+    // of activating. True when a task was resumed.
+    struct ActivationRound {
+        const char* taskDescription;  // "upload", "download"
+        uint64_t capacity;
+        bool reachable;       // stalled tasks are resumed only then
+        const char* blocked;  // why nothing may be activated now, or null
+    };
+    bool runActivationRound(ZNVTaskActivityIndex& index, const ActivationRound& round);
+    // Logs "N <description>(s) are currently active." and answers N.
+    static uint64_t logActiveCount(uint64_t active, const char* taskDescription);
+    // Logs the selection of a round and resumes it; true when one resumed.
+    static bool activateSelected(uint64_t count, const std::vector<ZNVNetworkTaskRef>& selected,
+                                 const std::string& taskDescription);
 
     void incrementBackgroundActivity() const;
     void decrementBackgroundActivity() const;
@@ -253,7 +260,7 @@ class ZNVNetwork : public ZNVObservable,
     // Asks for a refresh when the earliest planned recovery of `tasks` is due,
     // so that a task waiting out its recovery delay restarts without any
     // other event.
-    void planRecoveryRefresh(const std::vector<ZNVNetworkTask*>& tasks);
+    void planRecoveryRefresh(const std::vector<ZNVNetworkTaskRef>& tasks);
     std::weak_ptr<ZNVNetwork> weakSelf() { return weak_from_this(); }
 
     // Serialises collection changes (adding, finishing, invalidating) so that
@@ -294,6 +301,9 @@ class ZNVNetwork : public ZNVObservable,
     ZNVTaskList<ZNVNetworkTask> mutableTasks_;           // guarded by collectionsMutex_
     ZNVTaskList<ZNVNetworkDownload> mutableDownloads_;   // guarded by collectionsMutex_
     std::unordered_set<const ZNVNetworkTask*> taskSet_;  // guarded by collectionsMutex_
+    // The downloads a refresh looks at; changed with mutableDownloads_ (under
+    // the mutation scope), guarded by its own mutex.
+    const std::shared_ptr<ZNVTaskActivityIndex> downloadActivity_;
 
     // Tokens of the notification-center registrations made by launch.
     std::vector<ZNVNotificationToken> notificationTokens_;
@@ -316,6 +326,15 @@ class ZNVNetwork : public ZNVObservable,
     StateLockStatus stateLockStatus_ = StateLockStatus::Untried;  // guarded by stateMutex_
     std::shared_ptr<ZNVNetworkStateLock> stateLock_;              // guarded by stateMutex_
     ZNVErrorRef stateRestoreError_;                               // guarded by stateMutex_
+    // Where the saves go, made on the first save (the configuration is fixed).
+    struct StateFilePaths {
+        std::string identifier;          // the "configuration type" value
+        std::optional<ZNVURL> stateURL;  // none without an identifier
+        std::optional<ZNVURL> tempURL;   // none unless the state URL is a file URL
+    };
+    const StateFilePaths& stateFilePaths() const;
+    mutable std::once_flag stateFilePathsOnce_;
+    mutable StateFilePaths stateFilePaths_;  // written once under stateFilePathsOnce_
     // Encodes and writes the saves; shared with the saves queued for it.
     const std::shared_ptr<ZNVStateWriter> stateWriter_ = ZNVStateWriter::create();
 };

@@ -16,6 +16,10 @@
 // the same mutex every change of the collection holds: numbers follow the
 // order of the snapshots, so the save that wins is always of the newest one.
 //
+// Restoring reads the file once, front to back, and decodes each task as soon
+// as its text has been read: a long queue costs its tasks, not also its bytes
+// and its whole document.
+//
 // One process per queue: "<state file>.lock" carries an exclusive flock for
 // as long as a manager of this process uses the file (all managers of the
 // process share the one lock). Another process's queue is never read or
@@ -38,6 +42,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "znv/foundation/error_handler.h"
@@ -228,11 +233,26 @@ bool ZNVNetwork::acquireStateLock() {
     return false;
 }
 
+const ZNVNetwork::StateFilePaths& ZNVNetwork::stateFilePaths() const {
+    // Made once: every change asks for a save, and building the URLs costs
+    // more than the rest of asking.
+    std::call_once(stateFilePathsOnce_, [this] {
+        stateFilePaths_.identifier =
+            ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(accountConfiguration_.get());
+        stateFilePaths_.stateURL = _fileURLForNetworkStateWithConfiguration(accountConfiguration_);
+        const auto& stateURL = stateFilePaths_.stateURL;
+        if (stateURL && stateURL->isFileURL())
+            stateFilePaths_.tempURL = ZNVURL::fileURL(stateURL->path() + ".tmp");
+    });
+    return stateFilePaths_;
+}
+
 void ZNVNetwork::writeState() {
-    const auto stateURL = _fileURLForNetworkStateWithConfiguration(accountConfiguration_);
-    std::optional<ZNVURL> tempURL;
-    if (stateURL && stateURL->isFileURL()) tempURL = ZNVURL::fileURL(stateURL->path() + ".tmp");
-    if (isReadingState() || isBatchingSave() || !stateURL || !tempURL) return;
+    if (isReadingState() || isBatchingSave()) return;
+    const StateFilePaths& paths = stateFilePaths();
+    if (!paths.stateURL || !paths.tempURL) return;
+    const ZNVURL& stateURL = *paths.stateURL;
+    const ZNVURL& tempURL = *paths.tempURL;
     if (!acquireStateLock()) return;
 
     incrementBackgroundActivity();
@@ -240,8 +260,7 @@ void ZNVNetwork::writeState() {
     // collection as it was when the save was asked for, whatever happens to
     // the manager or its collection meanwhile. Its number is drawn under the
     // same lock, so a later number always belongs to a later snapshot.
-    const std::string identifier =
-        ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(accountConfiguration_.get());
+    const std::string& identifier = paths.identifier;
     auto generation = saveGeneration_;
     ZNVTaskList<ZNVNetworkTask>::Snapshot snapshot;
     uint64_t mine = 0;
@@ -250,8 +269,7 @@ void ZNVNetwork::writeState() {
         snapshot = mutableTasks_.snapshot();
         mine = ++*generation;
     }
-    ZNVStateWriter::Save save{identifier, std::move(snapshot), *stateURL,
-                              *tempURL,   generation,          mine};
+    ZNVStateWriter::Save save{identifier, std::move(snapshot), stateURL, tempURL, generation, mine};
     auto writer = stateWriter_;
 
     if (auto session = sessionManager()) {
@@ -300,16 +318,35 @@ void ZNVNetwork::readState() {
         return;
     }
 
-    ZNVErrorRef readError;
-    auto data = ZNVNetworkUtilities_loadDataFromURL(*stateURL, &readError);
-    if (!data || data->empty()) {
-        ZNVLogError("failed to read network task state: {}", describe(readError));
-        damaged(data ? "empty" : "unreadable: " + describe(readError));
-        return;
-    }
-
+    // The tasks are decoded while the file is read and parsed, so a long
+    // queue is held neither as its bytes nor as one document besides its
+    // tasks. A file that is empty, not a regular file or cannot be opened is
+    // loaded whole, which reports why.
+    const std::set<std::string> taskClasses{ZNVArchiveMutableArrayClassName, "ZNVNetworkTask"};
     ZNVErrorRef setupError;
-    auto unarchiver = ZNVKeyedUnarchiver::create(*data, &setupError);
+    std::unique_ptr<ZNVKeyedUnarchiver> unarchiver;
+    int fd = -1;
+    if (S_ISREG(info.st_mode) && info.st_size > 0) {
+        do {
+            fd = ::open(stateURL->path().c_str(), O_RDONLY | O_CLOEXEC);
+        } while (fd < 0 && errno == EINTR);
+    }
+    if (fd >= 0) {
+        ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+        unarchiver =
+            ZNVKeyedUnarchiver::createDecodingArray(fd, kTasksKey, taskClasses, &setupError);
+        ::close(fd);
+    } else {
+        ZNVErrorRef readError;
+        auto data = ZNVNetworkUtilities_loadDataFromURL(*stateURL, &readError);
+        if (!data || data->empty()) {
+            ZNVLogError("failed to read network task state: {}", describe(readError));
+            damaged(data ? "empty" : "unreadable: " + describe(readError));
+            return;
+        }
+        unarchiver =
+            ZNVKeyedUnarchiver::createDecodingArray(*data, kTasksKey, taskClasses, &setupError);
+    }
     if (!unarchiver) {
         ZNVLogError("failed to set up reader for network task state: {}", describe(setupError));
         damaged("not a task archive");
@@ -332,8 +369,7 @@ void ZNVNetwork::readState() {
     }
 
     ZNVErrorRef decodeError;
-    auto decoded = unarchiver->decodeArrayOfClassesForKey(
-        {ZNVArchiveMutableArrayClassName, "ZNVNetworkTask"}, kTasksKey);
+    auto decoded = unarchiver->decodeArrayOfClassesForKey(taskClasses, kTasksKey);
     if (unarchiver->error()) {
         // Damaged or foreign content anywhere in the list: restore nothing.
         decoded.reset();
@@ -348,11 +384,13 @@ void ZNVNetwork::readState() {
         return;
     }
     ZNVLogInfo("restoring task state:");
-    for (const auto& object : *decoded) {
+    const bool logEach = ZNVLog().should_log(spdlog::level::info);
+    for (auto& object : *decoded) {
         auto task = std::dynamic_pointer_cast<ZNVNetworkTask>(object);
+        object.reset();
         if (!task) continue;
         addTask(task);
-        ZNVLogInfo("   restored state for {}", task->description());
+        if (logEach) ZNVLogInfo("   restored state for {}", task->description());
     }
     unarchiver->finishDecoding();
 }

@@ -4,13 +4,15 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
+#include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "znv/foundation/log.h"
@@ -41,48 +43,108 @@ ZNVErrorRef posixError(int code, const std::string& what, const ZNVURL& url) {
                            {NSFilePathErrorKey, url.path()}});
 }
 
-// Writes the pieces, one after another, to an existing file, restricts it to
-// its owner and flushes it to disk before returning.
-bool writeDurably(const ZNVURL& url, const std::vector<iovec>& pieces, ZNVErrorRef* error) {
-    const std::string path = url.path();
-    int fd = ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
-    if (fd < 0) {
-        *error = posixError(errno, "cannot open the task state file for writing", url);
-        return false;
+// Writes a file front to back from text and from byte ranges of another
+// file (copied by the kernel where it can), keeping little in memory.
+class FileAssembler {
+  public:
+    explicit FileAssembler(int fd) : fd_(fd) {}
+
+    uint64_t position() const { return position_ + buffer_.size(); }
+
+    void append(std::string_view text) {
+        if (!ok_) return;
+        buffer_.append(text);
+        if (buffer_.size() >= kBufferSize) flushBuffer();
     }
-    bool ok = ::fchmod(fd, 0600) == 0;
-    size_t next = 0;    // first piece not completely written
-    size_t offset = 0;  // bytes of that piece already written
-    std::vector<iovec> batch;
-    while (ok && next < pieces.size()) {
-        batch.clear();
-        for (size_t i = next; i < pieces.size() && batch.size() < IOV_MAX; ++i) {
-            iovec piece = pieces[i];
-            if (i == next) {
-                piece.iov_base = static_cast<char*>(piece.iov_base) + offset;
-                piece.iov_len -= offset;
+
+    // Copies `length` bytes at `offset` of `source`.
+    void appendRange(int source, uint64_t offset, uint64_t length) {
+        flushBuffer();
+        while (ok_ && length > 0) {
+            auto from = static_cast<off_t>(offset);
+            ssize_t n = ::copy_file_range(source, &from, fd_, nullptr, length, 0);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0 &&
+                (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) {
+                n = copyThroughBuffer(source, offset, length);
             }
-            batch.push_back(piece);
+            if (n <= 0) {
+                // A short source is a file that changed under us.
+                fail(n == 0 ? EIO : errno);
+                return;
+            }
+            offset += static_cast<uint64_t>(n);
+            length -= static_cast<uint64_t>(n);
+            position_ += static_cast<uint64_t>(n);
         }
-        ssize_t n = ::writev(fd, batch.data(), static_cast<int>(batch.size()));
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            ok = false;
-            break;
-        }
-        size_t done = static_cast<size_t>(n);
-        while (next < pieces.size() && done >= pieces[next].iov_len - offset) {
-            done -= pieces[next].iov_len - offset;
-            offset = 0;
-            ++next;
-        }
-        offset += done;
     }
-    if (ok && ::fsync(fd) != 0) ok = false;
-    const int savedErrno = errno;
-    ::close(fd);
-    if (!ok) *error = posixError(savedErrno, "cannot write the task state file", url);
-    return ok;
+
+    // Writes what is buffered and flushes the file to disk.
+    bool finish(int* savedErrno) {
+        flushBuffer();
+        if (ok_ && ::fsync(fd_) != 0) fail(errno);
+        *savedErrno = errno_;
+        return ok_;
+    }
+
+  private:
+    static constexpr size_t kBufferSize = size_t{1} << 20;
+
+    void fail(int code) {
+        if (ok_) errno_ = code;
+        ok_ = false;
+    }
+
+    bool writeAll(const char* data, size_t size) {
+        while (ok_ && size > 0) {
+            ssize_t n = ::write(fd_, data, size);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) {
+                fail(errno);
+                return false;
+            }
+            data += n;
+            size -= static_cast<size_t>(n);
+        }
+        return ok_;
+    }
+
+    void flushBuffer() {
+        if (buffer_.empty()) return;
+        if (writeAll(buffer_.data(), buffer_.size())) position_ += buffer_.size();
+        buffer_.clear();
+    }
+
+    // One piece of a range without copy_file_range: read, then write.
+    ssize_t copyThroughBuffer(int source, uint64_t offset, uint64_t length) {
+        std::string chunk(std::min<uint64_t>(length, kBufferSize), '\0');
+        ssize_t n;
+        do {
+            n = ::pread(source, chunk.data(), chunk.size(), static_cast<off_t>(offset));
+        } while (n < 0 && errno == EINTR);
+        if (n <= 0) return n;
+        return writeAll(chunk.data(), static_cast<size_t>(n)) ? n : -1;
+    }
+
+    int fd_;
+    bool ok_ = true;
+    int errno_ = 0;
+    uint64_t position_ = 0;  // bytes already in the file
+    std::string buffer_;
+};
+
+// The bytes of `length` at `offset` of a file, or none.
+std::optional<std::string> readRange(int fd, uint64_t offset, uint64_t length) {
+    std::string text(length, '\0');
+    size_t done = 0;
+    while (done < length) {
+        ssize_t n =
+            ::pread(fd, text.data() + done, length - done, static_cast<off_t>(offset + done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return std::nullopt;
+        done += static_cast<size_t>(n);
+    }
+    return text;
 }
 
 int64_t completedProgressOf(const ZNVNetworkTask& task) {
@@ -118,7 +180,9 @@ std::shared_ptr<ZNVStateWriter> ZNVStateWriter::create() {
     return std::shared_ptr<ZNVStateWriter>(new ZNVStateWriter());
 }
 
-ZNVStateWriter::~ZNVStateWriter() = default;
+ZNVStateWriter::~ZNVStateWriter() {
+    if (lastFile_ >= 0) ::close(lastFile_);
+}
 
 void ZNVStateWriter::setVerifiesReusedText(bool verify) {
     verifiesReusedText = verify;
@@ -149,10 +213,23 @@ void ZNVStateWriter::markWritten(uint64_t generation) {
     writtenChanged_.notify_all();
 }
 
-bool ZNVStateWriter::textsFor(const Save& save, std::vector<const std::string*>* texts,
-                              ZNVErrorRef* error) {
+bool ZNVStateWriter::assemble(const Save& save, int fd, const std::string& head,
+                              const std::string& tail, ZNVErrorRef* error) {
     const uint64_t number = ++saves_;
-    texts->reserve(save.tasks.size());
+    FileAssembler file(fd);
+    file.append(head);
+    // A run of unchanged tasks that lay side by side in the last file (with
+    // their commas) is copied in one piece.
+    bool inRun = false;
+    uint64_t runOffset = 0;  // in the last file
+    uint64_t runEnd = 0;     // in the last file
+    uint64_t runStart = 0;   // in the new file
+    const auto endRun = [&] {
+        if (inRun) file.appendRange(lastFile_, runOffset, runEnd - runOffset);
+        inRun = false;
+    };
+    locations_.clear();
+    locations_.reserve(save.tasks.size());
     for (size_t i = 0; i < save.tasks.size(); ++i) {
         const ZNVNetworkTask& task = *save.tasks[i];
         // Read before encoding: a change made meanwhile leaves a newer
@@ -161,29 +238,52 @@ bool ZNVStateWriter::textsFor(const Save& save, std::vector<const std::string*>*
         const int64_t completed = completedProgressOf(task);
         auto [entry, added] = cache_.try_emplace(&task);
         Cached& cached = entry->second;
-        const bool current =
-            !added && cached.revision == revision && cached.completedProgress == completed;
+        const bool current = !added && lastFile_ >= 0 && cached.revision == revision &&
+                             cached.completedProgress == completed;
         if (current && verifiesReusedText) {
             std::string fresh = ZNVKeyedArchiver::encodedTopLevelArrayElement(task);
-            if (fresh != cached.text && task.archiveRevision() == revision &&
+            auto kept = readRange(lastFile_, cached.offset, cached.length);
+            if ((!kept || fresh != *kept) && task.archiveRevision() == revision &&
                 completedProgressOf(task) == completed) {
                 std::fprintf(stderr,
                              "stale archived text reused for %s:\n  kept:  %s\n  fresh: %s\n",
-                             task.description().c_str(), cached.text.c_str(), fresh.c_str());
+                             task.description().c_str(), kept ? kept->c_str() : "(unreadable)",
+                             fresh.c_str());
                 std::abort();
             }
         }
-        if (!current) {
-            cached.text = ZNVKeyedArchiver::encodedTopLevelArrayElement(task, error);
+        if (current) {
+            if (!inRun || runEnd + 1 != cached.offset) {
+                endRun();
+                if (i != 0) file.append(",");
+                inRun = true;
+                runOffset = cached.offset;
+                runStart = file.position();
+            }
+            // Extending the run takes the comma between the two texts along.
+            runEnd = cached.offset + cached.length;
+            locations_.push_back({runStart + (cached.offset - runOffset), cached.length});
+        } else {
+            endRun();
+            if (i != 0) file.append(",");
+            std::string text = ZNVKeyedArchiver::encodedTopLevelArrayElement(task, error);
             if (*error) {
                 cache_.erase(entry);
                 return false;
             }
             cached.revision = revision;
             cached.completedProgress = completed;
+            locations_.push_back({file.position(), text.size()});
+            file.append(text);
         }
         cached.lastSave = number;
-        texts->push_back(&cached.text);
+    }
+    endRun();
+    file.append(tail);
+    int savedErrno = 0;
+    if (!file.finish(&savedErrno)) {
+        *error = posixError(savedErrno, "cannot write the task state file", save.tempURL);
+        return false;
     }
     // Forget tasks that have left the collection once they make up half of
     // what is kept.
@@ -215,40 +315,56 @@ bool ZNVStateWriter::run(const Save& save) {
     if (save.generation && save.generation->load() != save.mine) return false;
 
     ZNVErrorRef error;
-    std::vector<const std::string*> texts;
     std::string head;
     std::string tail;
-    if (textsFor(save, &texts, &error)) {
-        ZNVKeyedArchiver archiver;
-        archiver.encodeString(save.identifier, kConfigurationTypeKey);
-        if (!archiver.encodedStringAroundObjectArray(kTasksKey, &head, &tail)) {
-            error = archiver.error();
-            if (!error) {
-                error = ZNVError::withMessage(NSCocoaErrorDomain, NSFileWriteUnknownError,
-                                              "cannot lay out the task state archive");
-            }
+    ZNVKeyedArchiver archiver;
+    archiver.encodeString(save.identifier, kConfigurationTypeKey);
+    if (!archiver.encodedStringAroundObjectArray(kTasksKey, &head, &tail)) {
+        error = archiver.error();
+        if (!error) {
+            error = ZNVError::withMessage(NSCocoaErrorDomain, NSFileWriteUnknownError,
+                                          "cannot lay out the task state archive");
         }
     }
 
     bool replaced = false;
+    int fd = -1;
     if (!error) {
-        static const char kComma = ',';
-        std::vector<iovec> pieces;
-        pieces.reserve(2 * texts.size() + 2);
-        pieces.push_back({head.data(), head.size()});
-        for (size_t i = 0; i < texts.size(); ++i) {
-            if (i != 0) pieces.push_back({const_cast<char*>(&kComma), 1});
-            pieces.push_back({const_cast<char*>(texts[i]->data()), texts[i]->size()});
-        }
-        pieces.push_back({tail.data(), tail.size()});
         ZNVNetworkUtilities_removeFileAtURL(save.tempURL);
         ZNVNetworkUtilities_ensureFileAtURL(save.tempURL);
-        if (writeDurably(save.tempURL, pieces, &error)) {
-            replaced = ZNVNetworkUtilities_copyFileAtURLToProtectedTarget(save.tempURL,
-                                                                          save.stateURL, &error);
-            ZNVNetworkUtilities_removeFileAtURL(save.tempURL);
+        const std::string path = save.tempURL.path();
+        do {
+            fd = ::open(path.c_str(), O_RDWR | O_TRUNC | O_CLOEXEC);
+        } while (fd < 0 && errno == EINTR);
+        if (fd < 0) {
+            error = posixError(errno, "cannot open the task state file for writing", save.tempURL);
+        } else if (::fchmod(fd, 0600) != 0) {
+            error = posixError(errno, "cannot write the task state file", save.tempURL);
         }
     }
+    if (!error && assemble(save, fd, head, tail, &error)) {
+        replaced =
+            ZNVNetworkUtilities_copyFileAtURLToProtectedTarget(save.tempURL, save.stateURL, &error);
+        ZNVNetworkUtilities_removeFileAtURL(save.tempURL);
+    }
+    if (replaced) {
+        // The new file is where the next save copies unchanged tasks from.
+        for (size_t i = 0; i < save.tasks.size(); ++i) {
+            Cached& cached = cache_[save.tasks[i].get()];
+            cached.offset = locations_[i].first;
+            cached.length = locations_[i].second;
+        }
+        if (lastFile_ >= 0) ::close(lastFile_);
+        lastFile_ = std::exchange(fd, -1);
+    } else {
+        // Nothing known about the file any more: the next save encodes all.
+        cache_.clear();
+        if (lastFile_ >= 0) ::close(lastFile_);
+        lastFile_ = -1;
+    }
+    if (fd >= 0) ::close(fd);
+    locations_.clear();
+    locations_.shrink_to_fit();
     if (!replaced) {
         ZNVLogError("failed to save task state: {}",
                     error ? error->description() : std::string("(null)"));

@@ -15,10 +15,11 @@
 //   "tasks" (an array of the tasks in collection order). Each save writes
 //   "<state file>.tmp" (mode 0600), flushes it to disk and moves it over the
 //   state file durably, so a crash leaves either the old or the new file.
-// - Cost: a task's archived text is kept between saves and re-encoded only
-//   when its `archiveRevision` or its progress's completed count moved;
-//   unchanged tasks are copied into the file as they are. The file itself is
-//   written from those texts without assembling it in memory. Saves queued
+// - Cost: a task's archived text is re-encoded only when its
+//   `archiveRevision` or its progress's completed count moved; the texts of
+//   unchanged tasks are copied, by the kernel where it can, from the last
+//   file this writer wrote (kept open for that), so the writer holds no text
+//   between saves and the file is never assembled in memory. Saves queued
 //   by `write` start no sooner than three times the previous write's
 //   duration (at most a second) after it ended, so a long queue that changes
 //   fast keeps the writer busy a quarter of the time at most; saves asked
@@ -38,6 +39,8 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "znv/managers/task_list.h"
 #include "znv/platform/url.h"
@@ -86,16 +89,21 @@ class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
     void runPaced(const Save& save);
     // False when the save was skipped for a newer one.
     bool run(const Save& save);
-    // The archived text of each task, re-encoded where needed; false (and the
-    // error) when a task cannot be archived.
-    bool textsFor(const Save& save, std::vector<const std::string*>* texts, ZNVErrorRef* error);
+    // Writes the file for `save` to `fd`: each task's archived text, encoded
+    // again where needed and else copied from the last file written; false
+    // (and the error) when a task cannot be archived or the file written.
+    bool assemble(const Save& save, int fd, const std::string& head, const std::string& tail,
+                  ZNVErrorRef* error);
     void markWritten(uint64_t generation);
 
+    // Where a task's archived text lies in the last file written, and what
+    // the task was when it was encoded.
     struct Cached {
         uint64_t revision = 0;
         int64_t completedProgress = 0;
         uint64_t lastSave = 0;  // number of the last save that used it
-        std::string text;
+        uint64_t offset = 0;
+        uint64_t length = 0;
     };
 
     std::mutex queueMutex_;
@@ -103,6 +111,11 @@ class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
 
     // Used only by the save that holds the process-wide state file lock.
     std::unordered_map<const ZNVNetworkTask*, Cached> cache_;
+    // The last file written (now the state file, or replaced since), kept
+    // open so unchanged texts are copied from it; -1 when there is none.
+    int lastFile_ = -1;
+    // Where the save being written puts each task's text.
+    std::vector<std::pair<uint64_t, uint64_t>> locations_;
     // When the writer's queue may write next; used only on that queue.
     std::chrono::steady_clock::time_point nextWrite_{};
     uint64_t saves_ = 0;

@@ -4,6 +4,7 @@
 
 #include "znv/foundation/device.h"
 #include "znv/foundation/log.h"
+#include "znv/managers/task_activity.h"
 #include "znv/platform/main_queue.h"
 #include "znv/platform/url_session.h"
 #include "znv/protocol/storage_response.h"
@@ -33,7 +34,9 @@ std::shared_ptr<ZNVStorage> ZNVStorage::storageForAccount(
 }
 
 ZNVStorage::ZNVStorage(std::shared_ptr<ZNVAccount> account)
-    : ZNVNetwork(account ? account->configuration() : nullptr), account_(std::move(account)) {}
+    : ZNVNetwork(account ? account->configuration() : nullptr),
+      account_(std::move(account)),
+      uploadActivity_(ZNVTaskActivityIndex::create()) {}
 
 ZNVStorage::~ZNVStorage() {
     disconnectFromAccount();
@@ -129,6 +132,7 @@ void ZNVStorage::addTask(const ZNVNetworkTaskRef& task) {
         mutableUploads_.append(upload);
         if (!fileID.empty()) uploadForRemoteFile_[fileID] = upload;
     }
+    uploadActivity_->add(upload);
     didChange("uploads", ZNVKeyValueChange::Insertion, position);
     assertValidUploadsCount();
 }
@@ -158,6 +162,7 @@ void ZNVStorage::finishTask(const ZNVNetworkTaskRef& task) {
         if (!fileID.empty()) uploadForRemoteFile_.erase(fileID);
         mutableUploads_.removeIdentical(upload.get());
     }
+    uploadActivity_->remove(upload.get());
     ZNVNetwork::finishTask(task);
     didChange("uploads", ZNVKeyValueChange::Removal, position);
     assertValidUploadsCount();
@@ -174,38 +179,22 @@ bool ZNVStorage::refreshTaskActivity() {
 }
 
 uint64_t ZNVStorage::activeUploadCount() const {
-    uint64_t active = 0;
-    uploadSnapshot().forEach([&](const ZNVStorageUploadRef& upload) {
-        if (upload->settledState() == ZNVNetworkTaskStateRunning) ++active;
-    });
-    ZNVLogInfo("{} upload(s) are currently active.", active);
-    return active;
+    return logActiveCount(uploadActivity_->runningCount(), "upload");
 }
 
 bool ZNVStorage::refreshUploadActivity() {
     const bool signedIn = account_ && account_->status() == ZNVAccountStatusSignedIn;
     const bool reachable = signedIn && isReachableEvenInBackground();
     const bool pluggedIn = ZNVNetworkDevice_deviceIsPluggedIn();
-
     assertValidUploadsCount();
-    // One copy serves the whole pass and keeps its uploads alive.
-    const auto list = uploadSnapshot();
-    const auto collection = taskPointers<ZNVStorageUpload>(list);
-    prepareTaskPointers(collection, reachable);
-    planRecoveryRefresh(collection);
-    const uint64_t active = activeUploadCount();
-    if (active > 1) return false;
+    const char* blocked = nullptr;
     if (!signedIn) {
-        ZNVLogInfo("Account must be signed in before uploads can be activated.");
-        return false;
+        blocked = "Account must be signed in before uploads can be activated.";
+    } else if (!reachable) {
+        blocked = pluggedIn ? "Network must be reachable before uploads can be activated."
+                            : "Device must be plugged in before uploads can be activated.";
     }
-    if (reachable) return activateTaskPointers(kUploadCapacity - active, collection, "upload");
-    if (pluggedIn) {
-        ZNVLogInfo("Network must be reachable before uploads can be activated.");
-    } else {
-        ZNVLogInfo("Device must be plugged in before uploads can be activated.");
-    }
-    return false;
+    return runActivationRound(*uploadActivity_, {"upload", kUploadCapacity, reachable, blocked});
 }
 
 // ---------------------------------------------------------------------------
@@ -498,6 +487,7 @@ void ZNVStorage::invalidateClientAndCancelTasks() {
         std::lock_guard<std::mutex> lock(storageMutex_);
         mutableUploads_.clear();
     }
+    uploadActivity_->clear();
     didChange("uploads", ZNVKeyValueChange::Removal, range);
 }
 

@@ -126,6 +126,9 @@ class ZNVStorage : public ZNVNetwork {
     std::map<uint64_t, URLCompletion> remoteURLBlockForTask_;         // guarded by storageMutex_
     std::map<uint64_t, DeleteCompletion> deleteBlockForTask_;         // guarded by storageMutex_
     std::map<std::string, ZNVStorageUploadRef> uploadForRemoteFile_;  // guarded by storageMutex_
+    // The uploads a refresh looks at; changed with mutableUploads_ (under the
+    // mutation scope), guarded by its own mutex.
+    const std::shared_ptr<ZNVTaskActivityIndex> uploadActivity_;
 };
 
 }  // namespace znv

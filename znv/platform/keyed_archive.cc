@@ -1,10 +1,16 @@
 #include "znv/platform/keyed_archive.h"
 
+#include <errno.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
+#include <iterator>
 #include <limits>
 #include <mutex>
+#include <stdexcept>
 #include <unordered_map>
 
 #include "znv/platform/json_depth.h"
@@ -473,19 +479,178 @@ std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::create(const ZNVBytes& d
 
 std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::create(std::string_view data,
                                                                ZNVErrorRef* error) {
+    return parse(data, -1, nullptr, nullptr, error);
+}
+
+std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::createDecodingArray(
+    const ZNVBytes& data, const std::string& arrayKey, const std::set<std::string>& allowed,
+    ZNVErrorRef* error) {
+    return parse(std::string_view(reinterpret_cast<const char*>(data.data()), data.size()), -1,
+                 &arrayKey, &allowed, error);
+}
+
+std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::createDecodingArray(
+    int fd, const std::string& arrayKey, const std::set<std::string>& allowed, ZNVErrorRef* error) {
+    return parse(std::string_view(), fd, &arrayKey, &allowed, error);
+}
+
+namespace {
+
+// The bytes of a file descriptor as an input iterator, read in blocks: the
+// parser reads the file once, front to back, without holding it.
+class FileBytes {
+  public:
+    explicit FileBytes(int fd) : fd_(fd) {}
+    bool atEnd() {
+        if (position_ < length_) return false;
+        if (fd_ < 0) return true;
+        ssize_t n;
+        do {
+            n = ::read(fd_, buffer_.data(), buffer_.size());
+        } while (n < 0 && errno == EINTR);
+        if (n < 0) throw std::runtime_error(std::string("cannot read: ") + std::strerror(errno));
+        position_ = 0;
+        length_ = static_cast<size_t>(n);
+        if (n == 0) fd_ = -1;
+        return n == 0;
+    }
+    char current() const { return buffer_[position_]; }
+    void advance() { ++position_; }
+
+  private:
+    int fd_;
+    std::array<char, 1 << 16> buffer_{};
+    size_t position_ = 0;
+    size_t length_ = 0;
+};
+
+class FileByteIterator {
+  public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char*;
+    using reference = char;
+
+    FileByteIterator() = default;  // the end
+    explicit FileByteIterator(FileBytes* bytes) : bytes_(bytes) {}
+    char operator*() const { return bytes_->current(); }
+    FileByteIterator& operator++() {
+        bytes_->advance();
+        return *this;
+    }
+    FileByteIterator operator++(int) {
+        FileByteIterator before = *this;
+        bytes_->advance();
+        return before;
+    }
+    bool operator==(const FileByteIterator& other) const { return atEnd() == other.atEnd(); }
+    bool operator!=(const FileByteIterator& other) const { return !(*this == other); }
+
+  private:
+    bool atEnd() const { return !bytes_ || bytes_->atEnd(); }
+    FileBytes* bytes_ = nullptr;
+};
+
+// Thrown from the parser's callback to stop at a nesting deeper than allowed.
+struct TooDeep {};
+
+}  // namespace
+
+std::unique_ptr<ZNVKeyedUnarchiver> ZNVKeyedUnarchiver::parse(std::string_view data, int fd,
+                                                              const std::string* arrayKey,
+                                                              const std::set<std::string>* allowed,
+                                                              ZNVErrorRef* error) {
     auto refuse = [&](int64_t code, const std::string& message) {
         if (error) *error = coderError(code, message);
         return nullptr;
     };
-    if (error) *error = nullptr;
-    if (data.empty()) return refuse(NSCoderReadCorruptError, "the archive is empty");
-    if (ZNVJSONNestingDepth(data, kMaxDepth) > static_cast<size_t>(kMaxDepth)) {
+    const auto tooDeep = [&] {
         return refuse(NSCoderReadCorruptError, "the archive is nested more than " +
                                                    std::to_string(kMaxDepth) + " levels deep");
+    };
+    if (error) *error = nullptr;
+    if (fd < 0 && data.empty()) return refuse(NSCoderReadCorruptError, "the archive is empty");
+    if (fd < 0 && ZNVJSONNestingDepth(data, kMaxDepth) > static_cast<size_t>(kMaxDepth)) {
+        return tooDeep();
     }
     std::unique_ptr<ZNVKeyedUnarchiver> unarchiver(new ZNVKeyedUnarchiver());
     try {
-        unarchiver->root_ = Json::parse(data.begin(), data.end());
+        if (!arrayKey) {
+            unarchiver->root_ = Json::parse(data.begin(), data.end());
+        } else {
+            unarchiver->streamedKey_ = *arrayKey;
+            std::set<std::string> withArray = *allowed;
+            withArray.insert(ZNVArchiveArrayClassName);
+            // Elements are decoded with an empty object standing in for $top
+            // (they never look above themselves).
+            const Json standIn = Json::object();
+            unarchiver->stack_.push_back(&standIn);
+            // The key and the kind of container at each depth of the text
+            // being read; an element of the array is an object at depth 4
+            // in "$top" / arrayKey / "$objects".
+            std::vector<std::string> keys(ZNVKeyedUnarchiver::kMaxDepth + 2);
+            std::vector<char> kinds(ZNVKeyedUnarchiver::kMaxDepth + 2, 0);
+            ZNVKeyedUnarchiver& self = *unarchiver;
+            const auto isElementDepth = [&](int depth) {
+                return depth == 4 && kinds[0] == 'o' && kinds[1] == 'o' && kinds[2] == 'o' &&
+                       kinds[3] == 'a' && keys[1] == "$top" && keys[2] == *arrayKey &&
+                       keys[3] == "$objects";
+            };
+            auto callback = [&](int depth, Json::parse_event_t event, Json& parsed) {
+                const size_t at = static_cast<size_t>(depth);
+                // A file is not scanned beforehand: its depth is checked here.
+                if ((event == Json::parse_event_t::object_start ||
+                     event == Json::parse_event_t::array_start) &&
+                    at + 1 > static_cast<size_t>(kMaxDepth)) {
+                    throw TooDeep{};
+                }
+                if (at + 1 >= keys.size()) return true;  // deeper than any element looks
+                switch (event) {
+                    case Json::parse_event_t::key:
+                        keys[at] = parsed.is_string() ? parsed.get<std::string>() : std::string();
+                        return true;
+                    case Json::parse_event_t::object_start:
+                    case Json::parse_event_t::array_start:
+                        kinds[at] = event == Json::parse_event_t::object_start ? 'o' : 'a';
+                        keys[at + 1].clear();
+                        // A repeated array key replaces the earlier array.
+                        if (depth == 3 && isElementDepth(4)) {
+                            self.streamed_.clear();
+                            self.streamedError_ = nullptr;
+                            self.error_ = nullptr;
+                        }
+                        return true;
+                    case Json::parse_event_t::object_end:
+                        if (!isElementDepth(depth)) return true;
+                        if (!self.error_) {
+                            try {
+                                auto object = self.decodeObjectValue(parsed, withArray, *arrayKey);
+                                if (object) self.streamed_.push_back(std::move(object));
+                            } catch (const std::exception& e) {
+                                self.failWithMessage(
+                                    NSCoderReadCorruptError,
+                                    std::string("decoding failed with an exception: ") + e.what());
+                            }
+                            if (self.error_) self.streamedError_ = self.error_;
+                        }
+                        return false;  // the element's document is not kept
+                    default:
+                        return true;
+                }
+            };
+            if (fd >= 0) {
+                FileBytes bytes(fd);
+                unarchiver->root_ =
+                    Json::parse(FileByteIterator(&bytes), FileByteIterator(), callback);
+            } else {
+                unarchiver->root_ = Json::parse(data.begin(), data.end(), callback);
+            }
+            unarchiver->stack_.clear();
+            unarchiver->error_ = nullptr;
+        }
+    } catch (const TooDeep&) {
+        return tooDeep();
     } catch (const nlohmann::json::exception& e) {
         return refuse(NSCoderReadCorruptError,
                       std::string("the archive is not valid JSON: ") + e.what());
@@ -926,12 +1091,23 @@ ZNVKeyedUnarchiver::decodeArrayOfClassesForKey(const std::set<std::string>& allo
                                                const std::string& key) {
     std::set<std::string> withArray = allowed;
     withArray.insert(ZNVArchiveArrayClassName);
+    // An array decoded while parsing: what is left of it (its class and an
+    // emptied "$objects") is checked as a whole array would be.
+    const bool streamed = streamedKey_ && *streamedKey_ == key;
     auto object = decodeObjectOfClassesForKey(withArray, key);
     if (!object) return std::nullopt;
     auto array = std::dynamic_pointer_cast<ZNVArchivedArray>(object);
     if (!array) {
         failWrongType(key, "an array");
         return std::nullopt;
+    }
+    if (streamed) {
+        streamedKey_.reset();
+        if (streamedError_) {
+            failWithError(streamedError_);
+            return std::nullopt;
+        }
+        return std::move(streamed_);
     }
     return std::move(array->objects);
 }

@@ -249,6 +249,25 @@ class ZNVKeyedUnarchiver final : public ZNVCoder {
                                                       ZNVErrorRef* error = nullptr);
     static std::unique_ptr<ZNVKeyedUnarchiver> create(const ZNVBytes& data,
                                                       ZNVErrorRef* error = nullptr);
+    // Like `create`, but the elements of the object array under the top-level
+    // key `arrayKey` are decoded (as `decodeArrayOfClassesForKey(allowed,
+    // arrayKey)` would) while the text is parsed, each as soon as its text
+    // has been read, and its document is dropped at once: a long array is
+    // never held as a document. `decodeArrayOfClassesForKey(allowed,
+    // arrayKey)` then checks the array itself and answers the objects made,
+    // or fails as it would have; other keys decode as usual. The elements
+    // are decoded before the envelope is checked and whatever the other keys
+    // hold, so they must be of classes whose decoding has no effect beyond
+    // the objects made.
+    static std::unique_ptr<ZNVKeyedUnarchiver> createDecodingArray(
+        const ZNVBytes& data, const std::string& arrayKey, const std::set<std::string>& allowed,
+        ZNVErrorRef* error = nullptr);
+    // The same, reading the archive from an open file, front to back in
+    // blocks, so the file is never held in memory either. A read failure is
+    // an unreadable archive.
+    static std::unique_ptr<ZNVKeyedUnarchiver> createDecodingArray(
+        int fd, const std::string& arrayKey, const std::set<std::string>& allowed,
+        ZNVErrorRef* error = nullptr);
     ~ZNVKeyedUnarchiver() override;
 
     bool allowsKeyedCoding() const override { return true; }
@@ -330,10 +349,21 @@ class ZNVKeyedUnarchiver final : public ZNVCoder {
     bool userInfoValueFromJson(const Json& value, const std::string& key, int depth,
                                ZNVUserInfoValue* out);
 
+    // From `data`, or from `fd` when it is not negative.
+    static std::unique_ptr<ZNVKeyedUnarchiver> parse(std::string_view data, int fd,
+                                                     const std::string* arrayKey,
+                                                     const std::set<std::string>* allowed,
+                                                     ZNVErrorRef* error);
+
     Json root_;
     std::vector<const Json*> stack_;  // objects being decoded; front is $top
     bool finished_ = false;
     ZNVErrorRef error_;
+    // The array decoded while parsing (createDecodingArray): its key, its
+    // objects and the first failure met decoding them.
+    std::optional<std::string> streamedKey_;
+    std::vector<std::shared_ptr<ZNVCoding>> streamed_;
+    ZNVErrorRef streamedError_;
 };
 
 // Base64 (standard alphabet, padded). Decoding is strict: nullopt for any

@@ -146,9 +146,21 @@ ZNVNetworkTask::Lock::~Lock() {
     std::vector<std::function<void()>> work;
     if (--task_.lockDepth_ == 0) {
         work.swap(task_.afterUnlock_);
-        task_.settledState_.store(task_.state_, std::memory_order_release);
-        task_.settledHasRawError_.store(static_cast<bool>(task_.rawError_),
-                                        std::memory_order_release);
+        const bool hasRawError = static_cast<bool>(task_.rawError_);
+        // Each value is stored whatever the others did (no short circuit).
+        const bool stateChanged =
+            task_.settledState_.exchange(task_.state_, std::memory_order_acq_rel) != task_.state_;
+        const bool errorChanged = task_.settledHasRawError_.exchange(
+                                      hasRawError, std::memory_order_acq_rel) != hasRawError;
+        const bool earlyChanged = task_.settledNeedsEarlyActivation_.exchange(
+                                      task_.needsEarlyActivation_, std::memory_order_acq_rel) !=
+                                  task_.needsEarlyActivation_;
+        const bool changed = stateChanged || errorChanged || earlyChanged;
+        // Told under the lock, so the observer sees one task's changes in order.
+        if (changed) {
+            if (auto observer = task_.settledObserver_.lock())
+                observer->taskSettledValuesChanged(task_);
+        }
     }
     task_.mutex_.unlock();
     for (auto& item : work)
@@ -246,6 +258,16 @@ bool ZNVNetworkTask::isDiscretionary() const {
 void ZNVNetworkTask::setDiscretionary(bool discretionary) {
     Lock lock(*this);
     discretionary_ = discretionary;
+}
+
+void ZNVNetworkTask::setSettledObserver(std::weak_ptr<ZNVNetworkTaskSettledObserver> observer) {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    settledObserver_ = std::move(observer);
+}
+
+void ZNVNetworkTask::clearSettledObserver(const ZNVNetworkTaskSettledObserver* observer) {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    if (settledObserver_.lock().get() == observer) settledObserver_.reset();
 }
 
 bool ZNVNetworkTask::needsEarlyActivation() const {

@@ -58,6 +58,18 @@ namespace znv {
 class ZNVNetworkSessionManager;
 class ZNVURLSessionTask;
 class ZNVProgress;
+class ZNVNetworkTask;
+
+// Told when a task's settled values (state, "has a raw error", "needs early
+// activation") changed, so a manager keeps an index of its tasks without
+// walking them. Called on the changing thread with the task's lock held: it
+// may read the task's settled values, must not call any other operation of
+// the task, and may take only locks under which nothing waits for a task.
+class ZNVNetworkTaskSettledObserver {
+  public:
+    virtual ~ZNVNetworkTaskSettledObserver() = default;
+    virtual void taskSettledValuesChanged(const ZNVNetworkTask& task) = 0;
+};
 
 using ZNVNetworkTaskState = uint64_t;
 inline constexpr ZNVNetworkTaskState ZNVNetworkTaskStateSuspended = 0;
@@ -138,6 +150,14 @@ class ZNVNetworkTask : public ZNVObservable,
         return settledState_.load(std::memory_order_acquire);
     }
     bool settledHasRawError() const { return settledHasRawError_.load(std::memory_order_acquire); }
+    bool settledNeedsEarlyActivation() const {
+        return settledNeedsEarlyActivation_.load(std::memory_order_acquire);
+    }
+    // The one observer of the settled values (a task belongs to one manager's
+    // index at a time; the newest registration wins). `clearSettledObserver`
+    // removes it only when it is still `observer`.
+    void setSettledObserver(std::weak_ptr<ZNVNetworkTaskSettledObserver> observer);
+    void clearSettledObserver(const ZNVNetworkTaskSettledObserver* observer);
     // Moves to a new value, never used before in the process, whenever an
     // operation that may change the task (any non-const member, which takes
     // the lock for writing) runs. A saver that keeps an archived form of the
@@ -255,6 +275,9 @@ class ZNVNetworkTask : public ZNVObservable,
     // of an operation) and read without it.
     mutable std::atomic<ZNVNetworkTaskState> settledState_{ZNVNetworkTaskStateSuspended};
     mutable std::atomic<bool> settledHasRawError_{false};
+    mutable std::atomic<bool> settledNeedsEarlyActivation_{false};
+    // Guarded by mutex_; told when the settled values above change.
+    std::weak_ptr<ZNVNetworkTaskSettledObserver> settledObserver_;
     // Stored under mutex_ by every Lock taken for writing; read without it.
     static uint64_t nextArchiveRevision();
     std::atomic<uint64_t> archiveRevision_{nextArchiveRevision()};
