@@ -215,11 +215,24 @@ ZNVStorageUploadRef ZNVStorage::uploadForTask(const std::shared_ptr<ZNVURLSessio
         if (it != uploadForRemoteFile_.end()) candidate = it->second;
     }
     if (!candidate) {
-        const auto list = uploadSnapshot();
-        for (size_t i = 0; i < list.size(); ++i) {
-            if (list[i]->taskIdentifier() == identifier) {
-                candidate = list[i];
+        // An answer normally belongs to an upload with a request in flight:
+        // those are few, so they are asked first, and the whole collection
+        // only when none of them sent it. Session task identifiers are unique
+        // among the uploads (restored ones that were not reconnected carry
+        // none), so the order of the search does not change the answer.
+        for (const auto& busy : uploadActivity_->tasksToPrepare()) {
+            if (busy->taskIdentifier() == identifier) {
+                candidate = std::static_pointer_cast<ZNVStorageUpload>(busy);
                 break;
+            }
+        }
+        if (!candidate) {
+            const auto list = uploadSnapshot();
+            for (size_t i = 0; i < list.size(); ++i) {
+                if (list[i]->taskIdentifier() == identifier) {
+                    candidate = list[i];
+                    break;
+                }
             }
         }
         if (candidate && !fileID.empty()) {
