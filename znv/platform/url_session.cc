@@ -28,15 +28,26 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Progress callbacks are sent after this many new bytes, or this long after the
-// previous one, whichever comes first; the final figure is always sent.
+// Progress callbacks are sent after this many new bytes, but not sooner than
+// kProgressMinimumInterval after the previous one, or this long after it
+// whatever the count; the final figure is always sent. A fast transfer thus
+// posts a callback every few milliseconds, not one per 64 KiB.
 constexpr int64_t kProgressBytes = 64 * 1024;
+constexpr auto kProgressMinimumInterval = std::chrono::milliseconds(10);
 constexpr auto kProgressInterval = std::chrono::milliseconds(100);
+// A download's body is gathered into blocks of this size before it is
+// written: libcurl hands it over 16 KiB at a time.
+constexpr size_t kDownloadWriteBlock = 1024 * 1024;
 // Large socket buffers: loopback and fast links are limited by per-call
 // overhead with libcurl's 16 KiB / 64 KiB defaults.
 constexpr long kUploadBufferSize = 2 * 1024 * 1024;
 constexpr long kReceiveBufferSize = 512 * 1024;
 constexpr long kMaximumRedirects = 16;
+
+bool progressIsDue(int64_t newBytes, Clock::duration sincePrevious) {
+    return sincePrevious >= kProgressInterval ||
+           (newBytes >= kProgressBytes && sincePrevious >= kProgressMinimumInterval);
+}
 constexpr int64_t kURLErrorHTTPTooManyRedirects = -1007;
 const char* const kUserAgent = "ZNVStorage/0.1";
 
@@ -316,6 +327,7 @@ struct ZNVURLSession::Core {
         std::string outPath;
         int64_t requestedOffset = 0;  // what "Range" asked for (0: no range)
         int64_t fileSize = 0;         // bytes in the file now
+        std::vector<char> pending;    // received bytes not yet written after them
         int64_t expectedTotal = ZNVURLSessionTransferSizeUnknown;
         bool writeFailed = false;
         bool badRange = false;
@@ -429,6 +441,7 @@ struct ZNVURLSession::Core {
     std::string failingURL(const Transfer& transfer) const;
     ZNVErrorRef errorFor(Transfer& transfer, CURLcode code) const;
     ZNVBytes resumeDataFor(Transfer& transfer);
+    static bool writePending(Transfer& transfer);
 };
 
 // ---------------------------------------------------------------------------
@@ -1076,6 +1089,22 @@ bool ZNVURLSession::Core::beginBody(Transfer& t) {
     return true;
 }
 
+// Writes the gathered bytes after those in the download file; false (and the
+// transfer marked as failed to write) when the file takes them not.
+bool ZNVURLSession::Core::writePending(Transfer& t) {
+    size_t done = 0;
+    while (done < t.pending.size() && !t.writeFailed) {
+        ssize_t n = pwrite(t.outFd, t.pending.data() + done, t.pending.size() - done,
+                           static_cast<off_t>(t.fileSize + static_cast<int64_t>(done)));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) t.writeFailed = true;
+        if (n > 0) done += static_cast<size_t>(n);
+    }
+    t.fileSize += static_cast<int64_t>(done);
+    t.pending.clear();
+    return !t.writeFailed;
+}
+
 size_t ZNVURLSession::Core::onWrite(char* data, size_t size, size_t count, void* userdata) {
     auto& t = *static_cast<Transfer*>(userdata);
     size_t length = size * count;
@@ -1090,18 +1119,9 @@ size_t ZNVURLSession::Core::onWrite(char* data, size_t size, size_t count, void*
         return length;
     }
     if (t.task->kind() == ZNVURLSessionTask::Kind::Download) {
-        size_t done = 0;
-        while (done < length) {
-            ssize_t n = pwrite(t.outFd, data + done, length - done,
-                               static_cast<off_t>(t.fileSize + static_cast<int64_t>(done)));
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) {
-                t.writeFailed = true;
-                return 0;
-            }
-            done += static_cast<size_t>(n);
-        }
-        t.fileSize += static_cast<int64_t>(length);
+        if (t.pending.capacity() < kDownloadWriteBlock) t.pending.reserve(kDownloadWriteBlock);
+        t.pending.insert(t.pending.end(), data, data + length);
+        if (t.pending.size() >= kDownloadWriteBlock && !writePending(t)) return 0;
         t.core->postWrittenProgress(t, false);
         return length;
     }
@@ -1156,10 +1176,7 @@ void ZNVURLSession::Core::postSentProgress(Transfer& t, bool final) {
     int64_t sent = t.ulNow;
     if (sent <= t.postedSent) return;
     auto now = Clock::now();
-    if (!final && sent - t.postedSent < kProgressBytes &&
-        now - t.sentPostedAt < kProgressInterval) {
-        return;
-    }
+    if (!final && !progressIsDue(sent - t.postedSent, now - t.sentPostedAt)) return;
     int64_t delta = sent - t.postedSent;
     int64_t expected = t.task->bytesExpectedToSend_.load();
     t.postedSent = sent;
@@ -1172,13 +1189,10 @@ void ZNVURLSession::Core::postSentProgress(Transfer& t, bool final) {
 }
 
 void ZNVURLSession::Core::postWrittenProgress(Transfer& t, bool final) {
-    int64_t written = t.fileSize;
+    int64_t written = t.fileSize + static_cast<int64_t>(t.pending.size());
     if (written <= t.postedWritten) return;
     auto now = Clock::now();
-    if (!final && written - t.postedWritten < kProgressBytes &&
-        now - t.writtenPostedAt < kProgressInterval) {
-        return;
-    }
+    if (!final && !progressIsDue(written - t.postedWritten, now - t.writtenPostedAt)) return;
     int64_t delta = written - t.postedWritten;
     int64_t expected = t.expectedTotal;
     t.postedWritten = written;
@@ -1282,6 +1296,7 @@ ZNVErrorRef ZNVURLSession::Core::errorFor(Transfer& t, CURLcode code) const {
 // no way to ask for the rest. On success the partial file is kept for it.
 ZNVBytes ZNVURLSession::Core::resumeDataFor(Transfer& t) {
     if (t.task->kind() != ZNVURLSessionTask::Kind::Download) return {};
+    writePending(t);
     if (!t.resumedFrom.empty() && (!t.bodyBegun || t.keepPartial)) {
         // Nothing of the rest arrived: the partial file is as the resume
         // data describes it, so that data serves the next attempt.
@@ -1385,6 +1400,7 @@ void ZNVURLSession::Core::transferDone(uint64_t identifier, CURLcode code) {
     entries.erase(it);
     Transfer& t = *entry.transfer;
     curl_multi_remove_handle(multi, t.easy);
+    writePending(t);
 
     bool ok = code == CURLE_OK && !t.bodyTooLarge && !t.readFailed && !t.writeFailed;
     if (ok && !beginBody(t)) ok = false;

@@ -9,9 +9,10 @@
 // - Delegate callbacks run on the session's delegate queue (a serial
 //   ZNVOperationQueue), never on the I/O thread and never on the caller's
 //   thread. For one task they come in this order: body progress
-//   (`didSendBodyData`, throttled to one per 64 KiB or 100 ms, and always the
-//   final one), then either the whole response body of a data or upload task in
-//   one `didReceiveData`, or for a download task `didResumeAtOffset` (resumed
+//   (`didSendBodyData`, throttled: after 64 KiB more but at most one per
+//   10 ms, or after 100 ms whatever the count, and always the final one), then
+//   either the whole response body of a data or upload task in one
+//   `didReceiveData`, or for a download task `didResumeAtOffset` (resumed
 //   downloads only), `didWriteData` (throttled likewise) and
 //   `didFinishDownloadingToURL`; last `didCompleteWithError`. The task's state
 //   becomes completed (3) on the delegate queue just before that last call.
