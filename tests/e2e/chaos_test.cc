@@ -1,13 +1,16 @@
 // A randomized run of the whole library: from a seed, child processes run a
-// random program of uploads, downloads, reachability flips, sign-outs,
-// retries, cancels and finishes against a real emulator that injects faults,
-// and are killed with SIGKILL at random moments; each relaunch restores the
-// queue from the state file. A last child drains the queue. The run then
-// checks, from the emulator's request log, that no upload was created twice,
-// that at most two uploads and two downloads had a request in flight, that no
-// task had two requests in flight, and that every upload ended with remote
-// bytes equal to its source or with an error, every download equals its
-// remote file, and no remote file exists that no task refers to.
+// random program of uploads (whole, forced to chunks, video), downloads,
+// reachability flips, sign-outs, retries, cancels, finishes and relaunches of
+// the storage manager inside the process against a real emulator that
+// injects faults (stalls among them), and are killed with SIGKILL at random
+// moments; each relaunch restores the queue from the state file. A last child
+// drains the queue. The run then checks, from the emulator's request log,
+// that no upload was created twice, that at most two uploads and two
+// downloads had a request in flight, that no task had two requests in
+// flight, that every upload ended with remote bytes equal to its source or
+// with an error (a video one post-processed, one forced to chunks never sent
+// whole), every download equals its remote file, and no remote file exists
+// that no task refers to.
 //
 // CTest runs seeds 1..5; ZNV_CHAOS_SEEDS=N runs seeds 1..N and
 // ZNV_CHAOS_SEED=S replays one seed.
@@ -86,6 +89,53 @@ TEST(ChaosHelper, Run) {
     auto reachability = test::manualReachability(storage);
     ASSERT_NE(reachability, nullptr);
     const std::string events = dir + "/events.jsonl";
+    const std::string statePath = env("ZNV_CHAOS_HOME") + "/Library/Network/chaos.state";
+    const auto describeUpload = [](const ZNVStorageUploadRef& upload) {
+        return nlohmann::json{{"remote", upload->remoteFileID()},
+                              {"source", upload->sourceURL()->path()},
+                              {"state", upload->state()},
+                              {"error", upload->error() != nullptr},
+                              {"video", upload->requiresVideoPostProcessing()},
+                              {"forced", upload->forceChunkUploading()},
+                              {"description", upload->description()}};
+    };
+
+    // An application that quits and starts again without the process dying:
+    // the manager is torn down and a new one restores the queue from the
+    // state file as it was written before the teardown (the invalidation
+    // saves an empty queue, which an application that quits never does).
+    const auto relaunch = [&] {
+        const int64_t began = monotonicMs();
+        ASSERT_TRUE(storage->waitUntilStateIsWritten());
+        const std::string saved = test::readFile(statePath);
+        auto session = storage->sessionManager();
+        storage->invalidateClientAndCancelTasks();
+        ZNVMainQueue::waitUntilDrained();
+        for (int round = 0; round < 2; ++round) {
+            account->waitUntilIdle();
+            auto done = std::make_shared<std::atomic<bool>>(false);
+            session->performBackgroundSessionBlock([done] { *done = true; });
+            ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
+            ZNVMainQueue::waitUntilDrained();
+        }
+        ASSERT_TRUE(storage->waitUntilStateIsWritten());
+        std::weak_ptr<ZNVStorage> old = storage;
+        session.reset();
+        storage.reset();
+        reachability.reset();
+        // Work posted by the old manager holds it weakly, so it goes now; a
+        // manager left alive could still write the state file.
+        ASSERT_TRUE(test::waitFor([&] { return old.expired(); }, std::chrono::seconds(10)))
+            << "the old manager outlived its teardown";
+        if (!saved.empty()) test::writeFile(statePath, saved);
+        account = ZNVTokenAccount::createWithToken(configuration, "dev-token");
+        storage = ZNVStorage::storageForAccount(account);
+        ASSERT_NE(storage, nullptr);
+        EXPECT_EQ(storage->stateRestoreError(), nullptr);
+        reachability = test::manualReachability(storage);
+        ASSERT_NE(reachability, nullptr);
+        appendLine(events, {{"op", "relaunch"}, {"from", began}, {"at", monotonicMs()}});
+    };
 
     if (mode == "run") {
         const uint64_t epoch = std::stoull(env("ZNV_CHAOS_EPOCH"));
@@ -107,11 +157,12 @@ TEST(ChaosHelper, Run) {
                 static constexpr uint64_t kSizes[] = {3 * kKiB + 1, 300 * kKiB, 2 * kMiB + 7,
                                                       9 * kMiB + 5};
                 const uint64_t size = kSizes[pick(4)] + pick(1000);
+                const bool video = pick(5) == 0;
                 const std::string path = dir + "/src-" + std::to_string(epoch) + "-" +
-                                         std::to_string(op) + (pick(6) == 0 ? ".mov" : ".bin");
+                                         std::to_string(op) + (video ? ".mov" : ".bin");
                 test::writePatternFile(path, size, static_cast<uint32_t>(random()));
-                const bool forced = pick(3) == 0;
-                const bool video = path.ends_with(".mov");
+                // Videos mostly go by chunks, as large recordings do.
+                const bool forced = pick(3) < (video ? 2u : 1u);
                 appendLine(events, {{"op", "upload"}, {"source", path}, {"at", monotonicMs()}});
                 storage->uploadFromFile(ZNVURL::fileURL(path), "", "", "", video, forced);
             } else if (kind < 50 && !remote.empty()) {
@@ -142,13 +193,14 @@ TEST(ChaosHelper, Run) {
                 if (task && task->state() == ZNVNetworkTaskStateCompleted) {
                     nlohmann::json record = {{"op", "finish"}, {"at", monotonicMs()}};
                     if (auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(task)) {
-                        record["upload"] = {{"remote", upload->remoteFileID()},
-                                            {"source", upload->sourceURL()->path()},
-                                            {"error", upload->error() != nullptr}};
+                        record["upload"] = describeUpload(upload);
                     }
                     appendLine(events, record);
                     storage->finishTask(task);
                 }
+            } else if (kind < 93) {
+                relaunch();
+                if (HasFatalFailure()) return;
             } else {
                 pause(100, 600);
             }
@@ -177,11 +229,7 @@ TEST(ChaosHelper, Run) {
                              {"downloads", nlohmann::json::array()}};
     for (const auto& task : storage->tasks()) {
         if (auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(task)) {
-            result["uploads"].push_back({{"remote", upload->remoteFileID()},
-                                         {"source", upload->sourceURL()->path()},
-                                         {"state", upload->state()},
-                                         {"error", upload->error() != nullptr},
-                                         {"description", upload->description()}});
+            result["uploads"].push_back(describeUpload(upload));
         } else if (auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task)) {
             const std::string id = download->sourceURL()->lastPathComponent();
             const bool equal =
@@ -310,6 +358,17 @@ void Chaos::runSeed(uint64_t seed) {
         {{"method", "PUT"}, {"path", "/api/files/*"}, {"action", "alreadyCompleted"}},
         {{"method", "GET"}, {"path", "/content/*"}, {"action", "status"}, {"status", 503}},
         {{"method", "GET"}, {"path", "/content/*"}, {"action", "reset"}},
+        {{"method", "POST"},
+         {"path", "/api/files/*/process"},
+         {"action", "status"},
+         {"status", 503}},
+        // Held until the client gives up (cancel, teardown, kill) or the
+        // epoch ends and its rules are cleared.
+        {{"method", "POST"}, {"path", "/api/files"}, {"action", "stall"}},
+        {{"method", "PUT"}, {"path", "/api/files/*"}, {"action", "stall"}},
+        {{"method", "PUT"}, {"path", "/api/files/*/fullfile"}, {"action", "stall"}},
+        {{"method", "POST"}, {"path", "/api/files/*/complete"}, {"action", "stall"}},
+        {{"method", "GET"}, {"path", "/content/*"}, {"action", "stall"}},
     };
     std::vector<int64_t> boundaries;  // when a child was killed
     const uint64_t epochs = 2 + pick(3);
@@ -352,15 +411,33 @@ void Chaos::runSeed(uint64_t seed) {
         EXPECT_FALSE(id.empty()) << upload.dump();
         std::string requests;
         bool toldCompleted = false;
-        for (const auto& entry : emulator.requestLog()) {
+        size_t processed = 0, processRequests = 0, wholeRequests = 0;
+        for (const auto& entry : log) {
             if (groupOf(entry) != id) continue;
             requests += "\n" + entry.dump();
             // The server claimed the file was complete: the client believes it.
             toldCompleted = toldCompleted || entry.value("fault", "") == "alreadyCompleted";
+            const std::string path = entry.value("path", "");
+            if (path.ends_with("/process")) {
+                ++processRequests;
+                if (entry.value("status", 0) == 202) ++processed;
+            }
+            if (path.ends_with("/fullfile")) ++wholeRequests;
         }
         if (!toldCompleted && !test::filesEqual(emulator.dataDir() + "/files/" + id + "/content",
                                                 upload.value("source", ""))) {
             ADD_FAILURE() << "remote bytes differ from the source: " << upload.dump() << requests;
+        }
+        if (upload.value("video", false)) {
+            EXPECT_GE(processed, 1u)
+                << "a video completed unprocessed: " << upload.dump() << requests;
+        } else {
+            EXPECT_EQ(processRequests, 0u)
+                << "a file that is no video was processed: " << upload.dump() << requests;
+        }
+        if (upload.value("forced", false)) {
+            EXPECT_EQ(wholeRequests, 0u)
+                << "an upload forced to chunks was sent whole: " << upload.dump() << requests;
         }
     };
     for (const auto& upload : result["uploads"])
@@ -374,18 +451,37 @@ void Chaos::runSeed(uint64_t seed) {
         }
     }
 
-    // Moments at which an answer may have been lost to the client: kills and
-    // cancels (a cancelled create may still have made its file).
-    std::vector<int64_t> losses = boundaries;
+    // When an answer may have been lost to the client: kills and in-process
+    // relaunches end a process's view (an answer that came after the state
+    // file was read back is forgotten), and a cancelled create may still
+    // have made its file.
+    struct Window {
+        int64_t from, to;
+    };
+    std::vector<Window> teardowns;
+    for (int64_t at : boundaries)
+        teardowns.push_back({at, at});
     for (const auto& event : events) {
-        if (event.value("op", "") == "cancel") losses.push_back(event.value("at", int64_t{0}));
+        if (event.value("op", "") == "relaunch") {
+            teardowns.push_back({event.value("from", int64_t{0}), event.value("at", int64_t{0})});
+        }
     }
-    const auto answerMayBeLost = [&](const nlohmann::json& entry) {
+    std::vector<Window> losses = teardowns;
+    for (const auto& event : events) {
+        if (event.value("op", "") == "cancel") {
+            losses.push_back({event.value("at", int64_t{0}), event.value("at", int64_t{0})});
+        }
+    }
+    const auto overlaps = [](const std::vector<Window>& windows, const nlohmann::json& entry) {
         const int64_t start = entry.value("startMs", int64_t{0});
         const int64_t end = entry.value("endMs", int64_t{0});
         // The state file is saved a moment after an answer arrives.
-        return std::any_of(losses.begin(), losses.end(),
-                           [&](int64_t at) { return at >= start - 50 && at <= end + 1000; });
+        return std::any_of(windows.begin(), windows.end(), [&](const Window& window) {
+            return window.to >= start - 50 && window.from <= end + 1000;
+        });
+    };
+    const auto answerMayBeLost = [&](const nlohmann::json& entry) {
+        return overlaps(losses, entry);
     };
 
     // I1: a create that made a file nobody refers to lost its answer.
@@ -407,9 +503,10 @@ void Chaos::runSeed(uint64_t seed) {
         }
     }
 
-    // I2 and I3 from the requests that lived inside one process's life and
-    // were not cut short by a cancel or a kill (the server may still be
-    // reading the body of a request its client has given up).
+    // I2 and I3 from the requests that lived inside one manager's life (the
+    // server may still be busy with a request whose process is gone). A
+    // request the client gave up (a cancel, a stall) ends when the emulator
+    // saw its connection close ("aborted"); one the emulator reset ends then.
     struct Span {
         int64_t start, end;
         std::string group;
@@ -421,8 +518,8 @@ void Chaos::runSeed(uint64_t seed) {
     constexpr int64_t kLogLagMs = 50;
     std::vector<Span> spans;
     for (const auto& entry : log) {
-        if (!entry.contains("endMs") || entry.value("status", 0) == 0) continue;
-        if (answerMayBeLost(entry)) continue;
+        if (!entry.contains("endMs")) continue;
+        if (overlaps(teardowns, entry)) continue;
         const std::string group = groupOf(entry);
         if (group.empty()) continue;
         spans.push_back({entry["startMs"], entry["endMs"], group,
@@ -444,9 +541,15 @@ void Chaos::runSeed(uint64_t seed) {
         EXPECT_LE(uploads.size(), 2u) << "uploads in flight at " << span.start;
         EXPECT_LE(downloads.size(), 2u) << "downloads in flight at " << span.start;
     }
-    std::printf("chaos seed %llu: %llu kills, %zu requests, %zu creates, %zu uploads\n",
-                static_cast<unsigned long long>(seed), static_cast<unsigned long long>(epochs),
-                log.size(), creates, result["uploads"].size());
+    size_t aborted = 0;
+    for (const auto& entry : log)
+        aborted += entry.value("aborted", false) ? 1 : 0;
+    std::printf(
+        "chaos seed %llu: %llu kills, %zu relaunches, %zu requests (%zu given up), %zu creates, "
+        "%zu uploads\n",
+        static_cast<unsigned long long>(seed), static_cast<unsigned long long>(epochs),
+        teardowns.size() - boundaries.size(), log.size(), aborted, creates,
+        result["uploads"].size());
     emulator.stop();
 }
 

@@ -227,6 +227,8 @@ class CrashRelaunch : public test::EmulatorTest {
         // Batches sent after the relaunch.
         std::set<uint64_t> resent;
         const auto logAfter = emulator_->requestLog();
+        afterKill_.assign(logAfter.begin() + static_cast<std::ptrdiff_t>(logAtKill.size()),
+                          logAfter.end());
         for (size_t i = logAtKill.size(); i < logAfter.size(); ++i) {
             if (isBatch(logAfter[i])) {
                 auto indices = chunkIndicesOf(logAfter[i]);
@@ -251,6 +253,8 @@ class CrashRelaunch : public test::EmulatorTest {
         EXPECT_LE(repeatedAcknowledged, 1u);
     }
 
+    // What reached the emulator after the kill.
+    std::vector<nlohmann::json> afterKill_;
     pid_t child_ = -1;
     std::string home_;
     std::string source_;
@@ -281,7 +285,23 @@ TEST_F(CrashRelaunch, KilledDuringAssembly) {
                                      {"path", "/api/files/*/complete"},
                                      {"action", "stall"},
                                      {"times", 1}}));
-    killAndRelaunch([&] { return inFlight("POST", "/complete"); });
+    // Every chunk's acknowledgement is on disk when the process dies.
+    killAndRelaunch([&] {
+        const auto saved = savedUpload();
+        return inFlight("POST", "/complete") && saved.contains("remote file ID") &&
+               savedChunkIndices(saved).empty();
+    });
+    // The relaunch asks for the assembly once more and sends nothing else.
+    std::vector<std::string> sent;
+    for (const auto& entry : afterKill_) {
+        sent.push_back(entry.value("method", "") + " " + entry.value("path", "") + " " +
+                       std::to_string(entry.value("bodySize", 0)));
+    }
+    ASSERT_EQ(afterKill_.size(), 1u) << ::testing::PrintToString(sent);
+    EXPECT_EQ(afterKill_[0].value("method", ""), "POST");
+    EXPECT_TRUE(afterKill_[0].value("path", "").ends_with("/complete")) << sent[0];
+    EXPECT_EQ(afterKill_[0].value("status", 0), 200) << sent[0];
+    EXPECT_LT(afterKill_[0].value("bodySize", uint64_t{0}), 4096u) << sent[0];
 }
 
 }  // namespace
