@@ -273,7 +273,8 @@ TEST_F(ZnvCliTest, FiftyFilesMakeFiftyCreatesAndFiftyRemoteFiles) {
         created.insert(entry.value("fileId", ""));
     }
     EXPECT_EQ(creates, 50u);
-    EXPECT_EQ(created, reported);
+    EXPECT_TRUE(created == reported)
+        << created.size() << " files created, " << reported.size() << " reported";
     size_t remote = 0;
     for ([[maybe_unused]] const auto& entry :
          std::filesystem::directory_iterator(emulator_->dataDir() + "/files")) {

@@ -154,17 +154,24 @@ TEST(ChaosHelper, Run) {
         for (int op = 0; op < 40; ++op) {
             const uint64_t kind = pick(100);
             if (kind < 35) {
-                static constexpr uint64_t kSizes[] = {3 * kKiB + 1, 300 * kKiB, 2 * kMiB + 7,
-                                                      9 * kMiB + 5};
-                const uint64_t size = kSizes[pick(4)] + pick(1000);
-                const bool video = pick(5) == 0;
-                const std::string path = dir + "/src-" + std::to_string(epoch) + "-" +
-                                         std::to_string(op) + (video ? ".mov" : ".bin");
-                test::writePatternFile(path, size, static_cast<uint32_t>(random()));
-                // Videos mostly go by chunks, as large recordings do.
-                const bool forced = pick(3) < (video ? 2u : 1u);
-                appendLine(events, {{"op", "upload"}, {"source", path}, {"at", monotonicMs()}});
-                storage->uploadFromFile(ZNVURL::fileURL(path), "", "", "", video, forced);
+                // Now and then several at once, as a command line with many
+                // files queues them: refreshes then meet uploads whose step
+                // is still waiting for the account.
+                const uint64_t count = pick(4) == 0 ? 2 + pick(5) : 1;
+                for (uint64_t i = 0; i < count; ++i) {
+                    static constexpr uint64_t kSizes[] = {3 * kKiB + 1, 300 * kKiB, 2 * kMiB + 7,
+                                                          9 * kMiB + 5};
+                    const uint64_t size = kSizes[pick(count > 1 ? 2 : 4)] + pick(1000);
+                    const bool video = pick(5) == 0;
+                    const std::string path = dir + "/src-" + std::to_string(epoch) + "-" +
+                                             std::to_string(op) + "-" + std::to_string(i) +
+                                             (video ? ".mov" : ".bin");
+                    test::writePatternFile(path, size, static_cast<uint32_t>(random()));
+                    // Videos mostly go by chunks, as large recordings do.
+                    const bool forced = pick(3) < (video ? 2u : 1u);
+                    appendLine(events, {{"op", "upload"}, {"source", path}, {"at", monotonicMs()}});
+                    storage->uploadFromFile(ZNVURL::fileURL(path), "", "", "", video, forced);
+                }
             } else if (kind < 50 && !remote.empty()) {
                 storage->downloadFromRemoteFile(ZNVURL::fromString(env("ZNV_CHAOS_ROOT_URL") +
                                                                    "content/" +
@@ -457,27 +464,30 @@ void Chaos::runSeed(uint64_t seed) {
     // have made its file.
     struct Window {
         int64_t from, to;
+        int64_t after;  // how long after a request's end it may still be lost
     };
     std::vector<Window> teardowns;
+    // The state file is saved up to a second after an answer arrives.
     for (int64_t at : boundaries)
-        teardowns.push_back({at, at});
+        teardowns.push_back({at, at, 1000});
     for (const auto& event : events) {
         if (event.value("op", "") == "relaunch") {
-            teardowns.push_back({event.value("from", int64_t{0}), event.value("at", int64_t{0})});
+            teardowns.push_back(
+                {event.value("from", int64_t{0}), event.value("at", int64_t{0}), 1000});
         }
     }
     std::vector<Window> losses = teardowns;
     for (const auto& event : events) {
+        // Only a create in flight, or answered a moment before, is lost to a cancel.
         if (event.value("op", "") == "cancel") {
-            losses.push_back({event.value("at", int64_t{0}), event.value("at", int64_t{0})});
+            losses.push_back({event.value("at", int64_t{0}), event.value("at", int64_t{0}), 100});
         }
     }
     const auto overlaps = [](const std::vector<Window>& windows, const nlohmann::json& entry) {
         const int64_t start = entry.value("startMs", int64_t{0});
         const int64_t end = entry.value("endMs", int64_t{0});
-        // The state file is saved a moment after an answer arrives.
         return std::any_of(windows.begin(), windows.end(), [&](const Window& window) {
-            return window.to >= start - 50 && window.from <= end + 1000;
+            return window.to >= start - 50 && window.from <= end + window.after;
         });
     };
     const auto answerMayBeLost = [&](const nlohmann::json& entry) {
