@@ -12,11 +12,10 @@
 // whole), every download equals its remote file, and no remote file exists
 // that no task refers to.
 //
-// CTest runs seeds 1..5; ZNV_CHAOS_SEEDS=N runs seeds 1..N and
+// CTest runs seeds 1..7; ZNV_CHAOS_SEEDS=N runs seeds 1..N and
 // ZNV_CHAOS_SEED=S replays one seed.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,8 +28,6 @@
 #include <thread>
 
 #include "tests/e2e/e2e_support.h"
-
-extern char** environ;
 
 namespace znv {
 namespace {
@@ -104,11 +101,30 @@ TEST(ChaosHelper, Run) {
     // the manager is torn down and a new one restores the queue from the
     // state file as it was written before the teardown (the invalidation
     // saves an empty queue, which an application that quits never does).
+    // What the queue holds: each upload's source and each download's URL.
+    const auto queueContents = [&] {
+        std::multiset<std::string> contents;
+        for (const auto& task : storage->tasks()) {
+            if (auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(task)) {
+                contents.insert("upload " + upload->sourceURL().value_or(ZNVURL()).path());
+            } else if (auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task)) {
+                contents.insert("download " +
+                                download->sourceURL().value_or(ZNVURL()).absoluteString());
+            }
+        }
+        return contents;
+    };
     const auto relaunch = [&] {
         const int64_t began = monotonicMs();
+        auto session = storage->sessionManager();
+        // Saves are asked for through the main queue and the session's queue.
+        ZNVMainQueue::waitUntilDrained();
+        auto handedOver = std::make_shared<std::atomic<bool>>(false);
+        session->performBackgroundSessionBlock([handedOver] { *handedOver = true; });
+        ASSERT_TRUE(test::waitFor([&] { return handedOver->load(); }));
         ASSERT_TRUE(storage->waitUntilStateIsWritten());
         const std::string saved = test::readFile(statePath);
-        auto session = storage->sessionManager();
+        const auto contents = queueContents();
         storage->invalidateClientAndCancelTasks();
         ZNVMainQueue::waitUntilDrained();
         for (int round = 0; round < 2; ++round) {
@@ -132,6 +148,8 @@ TEST(ChaosHelper, Run) {
         storage = ZNVStorage::storageForAccount(account);
         ASSERT_NE(storage, nullptr);
         EXPECT_EQ(storage->stateRestoreError(), nullptr);
+        // The queue comes back as it was when the application quit.
+        EXPECT_EQ(queueContents(), contents);
         reachability = test::manualReachability(storage);
         ASSERT_NE(reachability, nullptr);
         appendLine(events, {{"op", "relaunch"}, {"from", began}, {"at", monotonicMs()}});
@@ -256,23 +274,6 @@ TEST(ChaosHelper, Run) {
 
 class Chaos : public ::testing::Test {
   protected:
-    pid_t startChild(const std::vector<std::string>& variables) {
-        std::vector<std::string> all = variables;
-        all.push_back("ZNV_TEST_SCRATCH=" + test::makeTempDir("chaos-child"));
-        std::vector<char*> envp;
-        for (char** e = environ; *e; ++e)
-            envp.push_back(*e);
-        for (auto& v : all)
-            envp.push_back(v.data());
-        envp.push_back(nullptr);
-        std::string self = "/proc/self/exe";
-        std::string filter = "--gtest_filter=ChaosHelper.Run";
-        char* argv[] = {self.data(), filter.data(), nullptr};
-        pid_t pid = -1;
-        if (::posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv, envp.data()) != 0) return -1;
-        return pid;
-    }
-
     // Kills the child after `ms` unless it ended before; its exit status.
     static int reap(pid_t child, int64_t ms, bool kill) {
         int status = 0;
@@ -390,7 +391,7 @@ void Chaos::runSeed(uint64_t seed) {
         auto variables = common;
         variables.push_back("ZNV_CHAOS_MODE=run");
         variables.push_back("ZNV_CHAOS_EPOCH=" + std::to_string(epoch));
-        const pid_t child = startChild(variables);
+        const pid_t child = test::spawnTestChild("ChaosHelper.Run", variables);
         ASSERT_GT(child, 0);
         const int status = reap(child, 400 + static_cast<int64_t>(pick(2500)), true);
         boundaries.push_back(monotonicMs());
@@ -401,7 +402,7 @@ void Chaos::runSeed(uint64_t seed) {
     auto variables = common;
     variables.push_back("ZNV_CHAOS_MODE=finish");
     variables.push_back("ZNV_CHAOS_EPOCH=" + std::to_string(epochs));
-    const pid_t child = startChild(variables);
+    const pid_t child = test::spawnTestChild("ChaosHelper.Run", variables);
     ASSERT_GT(child, 0);
     const int status = reap(child, 120000, true);
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the drain failed";
@@ -569,7 +570,7 @@ TEST_F(Chaos, RandomProgramsKeepTheInvariants) {
         seeds.push_back(std::stoull(one));
     } else {
         const std::string count = env("ZNV_CHAOS_SEEDS");
-        const uint64_t n = count.empty() ? 5 : std::stoull(count);
+        const uint64_t n = count.empty() ? 7 : std::stoull(count);
         for (uint64_t seed = 1; seed <= n; ++seed)
             seeds.push_back(seed);
     }

@@ -5,7 +5,6 @@
 // and no batch whose acknowledgement had been saved may be sent again.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,8 +12,6 @@
 #include <set>
 
 #include "tests/e2e/e2e_support.h"
-
-extern char** environ;
 
 namespace znv {
 namespace {
@@ -115,22 +112,11 @@ class CrashRelaunch : public test::EmulatorTest {
     }
 
     pid_t startChild(const std::string& mode) {
-        std::vector<std::string> variables{
-            "ZNV_CRASH_MODE=" + mode,          "ZNV_CRASH_BASE_URL=" + emulator_->baseURL(),
-            "ZNV_CRASH_HOME=" + home_,         "ZNV_CRASH_SOURCE=" + source_,
-            "ZNV_CRASH_RESULT=" + resultPath_, "ZNV_TEST_SCRATCH=" + test::makeTempDir("child")};
-        std::vector<char*> envp;
-        for (char** e = environ; *e; ++e)
-            envp.push_back(*e);
-        for (auto& v : variables)
-            envp.push_back(v.data());
-        envp.push_back(nullptr);
-        std::string self = "/proc/self/exe";
-        std::string filter = "--gtest_filter=CrashHelper.Run";
-        char* argv[] = {self.data(), filter.data(), nullptr};
-        pid_t pid = -1;
-        if (::posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv, envp.data()) != 0) return -1;
-        return pid;
+        return test::spawnTestChild(
+            "CrashHelper.Run",
+            {"ZNV_CRASH_MODE=" + mode, "ZNV_CRASH_BASE_URL=" + emulator_->baseURL(),
+             "ZNV_CRASH_HOME=" + home_, "ZNV_CRASH_SOURCE=" + source_,
+             "ZNV_CRASH_RESULT=" + resultPath_});
     }
 
     // The exit status of a child, or -1 when it did not end in time.
