@@ -536,21 +536,25 @@ void Chaos::runSeed(uint64_t seed) {
         spans.push_back({entry["startMs"], entry["endMs"], group,
                          entry.value("path", "").rfind("/content/", 0) == 0, entry.dump()});
     }
+    // A task has at most one request in flight, so counting requests counts
+    // tasks (two downloads of one remote file are two tasks).
     for (const auto& span : spans) {
-        std::set<std::string> uploads, downloads;
+        size_t uploads = 0, downloads = 0;
+        std::string inFlight;
         for (const auto& other : spans) {
             if (&other != &span &&
                 (other.start > span.start || other.end <= span.start + kLogLagMs))
                 continue;
-            (other.download ? downloads : uploads).insert(other.group);
+            ++(other.download ? downloads : uploads);
+            inFlight += "\n" + other.entry;
             if (&other != &span && other.group == span.group && !span.download) {
                 ADD_FAILURE() << "two requests in flight for one remote file:\n"
                               << other.entry << "\n"
                               << span.entry;
             }
         }
-        EXPECT_LE(uploads.size(), 2u) << "uploads in flight at " << span.start;
-        EXPECT_LE(downloads.size(), 2u) << "downloads in flight at " << span.start;
+        EXPECT_LE(uploads, 2u) << "upload requests in flight at " << span.start << inFlight;
+        EXPECT_LE(downloads, 2u) << "download requests in flight at " << span.start << inFlight;
     }
     size_t aborted = 0;
     for (const auto& entry : log)
