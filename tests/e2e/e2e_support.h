@@ -166,6 +166,24 @@ class EmulatorTest : public ::testing::Test {
         return found;
     }
 
+    // The most requests whose path starts with `prefix` that the emulator
+    // served at once (from the log's start and end times).
+    size_t maxRequestsInFlight(const std::string& prefix) const {
+        std::vector<std::pair<int64_t, int64_t>> spans;
+        for (const auto& entry : emulator_->requestLog()) {
+            if (entry.value("path", "").rfind(prefix, 0) != 0 || !entry.contains("endMs")) continue;
+            spans.emplace_back(entry["startMs"].get<int64_t>(), entry["endMs"].get<int64_t>());
+        }
+        size_t most = 0;
+        for (const auto& [start, end] : spans) {
+            // The log's end comes a moment after the client has its answer.
+            most = std::max<size_t>(most, std::count_if(spans.begin(), spans.end(), [&](auto& o) {
+                                        return o.first <= start && o.second > start + 50;
+                                    }));
+        }
+        return most;
+    }
+
     static bool waitForCompletion(const std::vector<ZNVNetworkTaskRef>& tasks,
                                   std::chrono::milliseconds timeout = std::chrono::seconds(120)) {
         return waitFor(
