@@ -14,8 +14,10 @@
 //
 // CTest runs seeds 1..7; ZNV_CHAOS_SEEDS=N runs seeds 1..N and
 // ZNV_CHAOS_SEED=S replays one seed.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -143,6 +145,13 @@ TEST(ChaosHelper, Run) {
         // manager left alive could still write the state file.
         ASSERT_TRUE(test::waitFor([&] { return old.expired(); }, std::chrono::seconds(10)))
             << "the old manager outlived its teardown";
+        // With it went its hold on the queue: the lock is free.
+        {
+            const int fd = ::open((statePath + ".lock").c_str(), O_RDWR | O_CLOEXEC);
+            ASSERT_GE(fd, 0);
+            EXPECT_EQ(::flock(fd, LOCK_EX | LOCK_NB), 0) << "the old manager kept the queue's lock";
+            ::close(fd);
+        }
         if (!saved.empty()) test::writeFile(statePath, saved);
         account = ZNVTokenAccount::createWithToken(configuration, "dev-token");
         storage = ZNVStorage::storageForAccount(account);
