@@ -82,7 +82,18 @@ TEST(ChaosHelper, Run) {
     ZNVNetworkTask::setRecoveryDelayScale(0.01);
     auto configuration = std::make_shared<ZNVAccountConfiguration>(
         ZNVURL::fromString(env("ZNV_CHAOS_BASE_URL")).value(), "chaos");
-    auto account = ZNVTokenAccount::createWithToken(configuration, "dev-token");
+    // An account that takes a while to hand out its token, as one that
+    // refreshes it does: steps wait for it while refreshes run.
+    const auto makeAccount = [&] {
+        auto made = ZNVTokenAccount::createWithToken(configuration, "dev-token");
+        made->setTokenProvider([](ZNVErrorRef*) {
+            thread_local std::minstd_rand delays(std::random_device{}());
+            std::this_thread::sleep_for(std::chrono::milliseconds(delays() % 15));
+            return std::string("dev-token");
+        });
+        return made;
+    };
+    auto account = makeAccount();
     auto storage = ZNVStorage::storageForAccount(account);
     ASSERT_NE(storage, nullptr);
     auto reachability = test::manualReachability(storage);
@@ -153,7 +164,7 @@ TEST(ChaosHelper, Run) {
             ::close(fd);
         }
         if (!saved.empty()) test::writeFile(statePath, saved);
-        account = ZNVTokenAccount::createWithToken(configuration, "dev-token");
+        account = makeAccount();
         storage = ZNVStorage::storageForAccount(account);
         ASSERT_NE(storage, nullptr);
         EXPECT_EQ(storage->stateRestoreError(), nullptr);
