@@ -259,7 +259,8 @@ struct Exchange {
     bool aborted = false;   // the client closed the connection before the answer
     std::vector<std::string> parts;
     std::string fault;
-    std::string createdFileId;  // the remote file a create made
+    std::string createdFileId;    // the remote file a create made
+    std::string createdFileName;  // and the name it was given
 };
 
 class Emulator::Impl {
@@ -571,6 +572,11 @@ void Emulator::Impl::finishLog(const Exchange& ex) {
         (*it)["endMs"] =
             std::chrono::duration_cast<std::chrono::milliseconds>(ended.time_since_epoch()).count();
         if (!ex.createdFileId.empty()) (*it)["fileId"] = ex.createdFileId;
+        if (!ex.createdFileName.empty()) {
+            // Names need not be UTF-8; the log holds text.
+            (*it)["fileName"] = json::parse(
+                json(ex.createdFileName).dump(-1, ' ', false, json::error_handler_t::replace));
+        }
         if (!ex.parts.empty()) (*it)["parts"] = ex.parts;
         if (!ex.fault.empty()) (*it)["fault"] = ex.fault;
         if (ex.aborted) (*it)["aborted"] = true;
@@ -916,6 +922,7 @@ void Emulator::Impl::handleCreate(Exchange& ex) {
                      {{"name", "chunks"}, {"maxBytesPerRequest", kChunkStride}}}}};
     if (!shared.empty()) answer["sharedStorageId"] = shared;
     ex.createdFileId = result.info.id;
+    ex.createdFileName = result.info.name;
     reply(ex, 201, answer);
 }
 

@@ -89,10 +89,10 @@ class Emulator {
     // Same JSON as GET /_admin/requests: an array of entries, oldest first, each
     // {"method", "path", "query"?, "headers": {...}, "bodySize", "parts"?,
     //  "status", "fault"?, "durationMs", "startMs", "endMs", "fileId"?,
-    //  "aborted"?}
+    //  "fileName"?, "aborted"?}
     // ("durationMs" and the monotonic-clock readings "startMs"/"endMs" appear
     // once the request is finished, for content once its body was sent;
-    // "fileId" names the file a create made; "aborted": true when the client
+    // "fileId" and "fileName" name the file a create made; "aborted": true when the client
     // closed the connection before the answer, "endMs" then being when the
     // emulator saw it close; status 0 while it is served or when its
     // connection was dropped). An

@@ -25,6 +25,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <random>
 #include <set>
 #include <thread>
@@ -114,6 +115,14 @@ TEST(ChaosHelper, Run) {
     // the manager is torn down and a new one restores the queue from the
     // state file as it was written before the teardown (the invalidation
     // saves an empty queue, which an application that quits never does).
+    // A check of this process that the parent must see: a killed child's
+    // own test result is lost.
+    const auto check = [&](bool ok, const std::string& what) {
+        if (ok) return true;
+        appendLine(events, {{"op", "failure"}, {"what", what}, {"at", monotonicMs()}});
+        ADD_FAILURE() << what;
+        return false;
+    };
     // What the queue holds: each upload's source and each download's URL.
     const auto queueContents = [&] {
         std::multiset<std::string> contents;
@@ -154,22 +163,23 @@ TEST(ChaosHelper, Run) {
         reachability.reset();
         // Work posted by the old manager holds it weakly, so it goes now; a
         // manager left alive could still write the state file.
-        ASSERT_TRUE(test::waitFor([&] { return old.expired(); }, std::chrono::seconds(10)))
-            << "the old manager outlived its teardown";
-        // With it went its hold on the queue: the lock is free.
-        {
-            const int fd = ::open((statePath + ".lock").c_str(), O_RDWR | O_CLOEXEC);
-            ASSERT_GE(fd, 0);
-            EXPECT_EQ(::flock(fd, LOCK_EX | LOCK_NB), 0) << "the old manager kept the queue's lock";
-            ::close(fd);
+        if (!check(test::waitFor([&] { return old.expired(); }, std::chrono::seconds(10)),
+                   "the old manager outlived its teardown")) {
+            return;
         }
+        // With it goes its hold on the queue: the lock comes free.
+        const int fd = ::open((statePath + ".lock").c_str(), O_RDWR | O_CLOEXEC);
+        check(fd >= 0 && test::waitFor([&] { return ::flock(fd, LOCK_EX | LOCK_NB) == 0; },
+                                       std::chrono::seconds(5)),
+              "the old manager kept the queue's lock");
+        if (fd >= 0) ::close(fd);
         if (!saved.empty()) test::writeFile(statePath, saved);
         account = makeAccount();
         storage = ZNVStorage::storageForAccount(account);
         ASSERT_NE(storage, nullptr);
-        EXPECT_EQ(storage->stateRestoreError(), nullptr);
+        check(storage->stateRestoreError() == nullptr, "the relaunch did not restore the queue");
         // The queue comes back as it was when the application quit.
-        EXPECT_EQ(queueContents(), contents);
+        check(queueContents() == contents, "the relaunch restored another queue");
         reachability = test::manualReachability(storage);
         ASSERT_NE(reachability, nullptr);
         appendLine(events, {{"op", "relaunch"}, {"from", began}, {"at", monotonicMs()}});
@@ -230,7 +240,11 @@ TEST(ChaosHelper, Run) {
                 }
             } else if (kind < 82) {
                 if (auto task = anyTask()) {
-                    appendLine(events, {{"op", "cancel"}, {"at", monotonicMs()}});
+                    nlohmann::json record = {{"op", "cancel"}, {"at", monotonicMs()}};
+                    if (auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(task)) {
+                        record["source"] = upload->sourceURL().value_or(ZNVURL()).path();
+                    }
+                    appendLine(events, record);
                     task->cancel();
                 }
             } else if (kind < 90) {
@@ -239,6 +253,9 @@ TEST(ChaosHelper, Run) {
                     nlohmann::json record = {{"op", "finish"}, {"at", monotonicMs()}};
                     if (auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(task)) {
                         record["upload"] = describeUpload(upload);
+                    } else if (auto download =
+                                   std::dynamic_pointer_cast<ZNVNetworkDownload>(task)) {
+                        record["local"] = download->localFileURL().value_or(ZNVURL()).path();
                     }
                     appendLine(events, record);
                     storage->finishTask(task);
@@ -277,10 +294,14 @@ TEST(ChaosHelper, Run) {
             result["uploads"].push_back(describeUpload(upload));
         } else if (auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task)) {
             const std::string id = download->sourceURL()->lastPathComponent();
+            const std::string local =
+                download->localFileURL() ? download->localFileURL()->path() : std::string();
             const bool equal =
-                download->localFileURL() && test::filesEqual(download->localFileURL()->path(),
-                                                             dataDir + "/files/" + id + "/content");
+                !local.empty() && test::filesEqual(local, dataDir + "/files/" + id + "/content");
+            std::error_code ignored;
             result["downloads"].push_back({{"remote", id},
+                                           {"local", local},
+                                           {"localSize", fs::file_size(local, ignored)},
                                            {"state", download->state()},
                                            {"error", download->error() != nullptr},
                                            {"equal", equal},
@@ -429,6 +450,9 @@ void Chaos::runSeed(uint64_t seed) {
     const nlohmann::json result = nlohmann::json::parse(test::readFile(dir + "/result.json"));
     const auto events = readLines(dir + "/events.jsonl");
     const auto log = emulator.requestLog();
+    for (const auto& event : events) {
+        if (event.value("op", "") == "failure") ADD_FAILURE() << "in a child: " << event.dump();
+    }
 
     // Every upload's remote file, and the end each task came to.
     std::set<std::string> referenced = seeded;
@@ -473,58 +497,88 @@ void Chaos::runSeed(uint64_t seed) {
     for (const auto& event : events) {
         if (event.contains("upload")) checkUpload(event["upload"]);
     }
+    // Finishing a download deletes its file at once, while the state file
+    // may list the download for a moment longer: killed then, it comes back
+    // completed without its file.
+    std::set<std::string> finishedFiles;
+    for (const auto& event : events) {
+        if (event.value("op", "") == "finish" && event.contains("local"))
+            finishedFiles.insert(event.value("local", ""));
+    }
     for (const auto& download : result["downloads"]) {
-        if (!download.value("error", false)) {
-            EXPECT_TRUE(download.value("equal", false)) << download.dump();
-        }
+        if (download.value("error", false)) continue;
+        if (finishedFiles.count(download.value("local", ""))) continue;
+        EXPECT_TRUE(download.value("equal", false)) << download.dump();
     }
 
-    // When an answer may have been lost to the client: kills and in-process
-    // relaunches end a process's view (an answer that came after the state
-    // file was read back is forgotten), and a cancelled create may still
-    // have made its file.
+    // The lives of the managers: each kill or in-process relaunch ends one
+    // (a relaunch once the new manager exists); the drain's runs to the end.
     struct Window {
         int64_t from, to;
-        int64_t after;  // how long after a request's end it may still be lost
     };
     std::vector<Window> teardowns;
-    // The state file is saved up to a second after an answer arrives.
     for (int64_t at : boundaries)
-        teardowns.push_back({at, at, 1000});
+        teardowns.push_back({at, at});
     for (const auto& event : events) {
         if (event.value("op", "") == "relaunch") {
-            teardowns.push_back(
-                {event.value("from", int64_t{0}), event.value("at", int64_t{0}), 1000});
+            teardowns.push_back({event.value("from", int64_t{0}), event.value("at", int64_t{0})});
         }
     }
-    std::vector<Window> losses = teardowns;
+    std::sort(teardowns.begin(), teardowns.end(),
+              [](const Window& a, const Window& b) { return a.to < b.to; });
+    const auto lifeAt = [&](int64_t ms) {
+        return static_cast<size_t>(std::count_if(teardowns.begin(), teardowns.end(),
+                                                 [&](const Window& w) { return w.to <= ms; }));
+    };
+    const auto nameOf = [](const std::string& path) { return fs::path(path).filename().string(); };
+    // Cancels of each upload (by its remote name) in each life.
+    std::map<std::pair<std::string, size_t>, std::vector<int64_t>> cancels;
     for (const auto& event : events) {
-        // Only a create in flight, or answered a moment before, is lost to a cancel.
-        if (event.value("op", "") == "cancel") {
-            losses.push_back({event.value("at", int64_t{0}), event.value("at", int64_t{0}), 100});
+        if (event.value("op", "") == "cancel" && event.contains("source")) {
+            const int64_t at = event.value("at", int64_t{0});
+            cancels[{nameOf(event.value("source", "")), lifeAt(at)}].push_back(at);
         }
     }
-    const auto overlaps = [](const std::vector<Window>& windows, const nlohmann::json& entry) {
-        const int64_t start = entry.value("startMs", int64_t{0});
-        const int64_t end = entry.value("endMs", int64_t{0});
-        return std::any_of(windows.begin(), windows.end(), [&](const Window& window) {
-            return window.to >= start - 50 && window.from <= end + window.after;
-        });
-    };
-    const auto answerMayBeLost = [&](const nlohmann::json& entry) {
-        return overlaps(losses, entry);
-    };
+    std::set<std::string> names;
+    for (const auto& event : events) {
+        if (event.value("op", "") == "upload") names.insert(nameOf(event.value("source", "")));
+    }
 
-    // I1: a create that made a file nobody refers to lost its answer.
+    // I1: within one manager's life an upload makes one remote file, and one
+    // more after each cancel of it (the cancelled create's answer is
+    // dropped). A file nobody refers to is a create whose answer was lost:
+    // to a cancel, or to the end of its manager before the answer was saved.
     size_t creates = 0;
+    std::map<std::pair<std::string, size_t>, std::vector<std::string>> made;
     for (const auto& entry : log) {
         if (entry.value("method", "") != "POST" || entry.value("path", "") != "/api/files")
             continue;
         ++creates;
         const std::string id = entry.value("fileId", "");
-        if (id.empty() || referenced.count(id)) continue;
-        EXPECT_TRUE(answerMayBeLost(entry)) << "a second create, or an orphan: " << entry.dump();
+        if (id.empty()) continue;
+        const std::string name = entry.value("fileName", "");
+        EXPECT_TRUE(names.count(name)) << "a create for no upload: " << entry.dump();
+        const int64_t start = entry.value("startMs", int64_t{0});
+        const size_t life = lifeAt(start);
+        made[{name, life}].push_back(entry.dump());
+        if (referenced.count(id)) continue;
+        const auto& cancelled = cancels[{name, life}];
+        const bool lostToCancel = std::any_of(cancelled.begin(), cancelled.end(),
+                                              [&](int64_t at) { return at >= start - 50; });
+        EXPECT_TRUE(lostToCancel || life < teardowns.size())
+            << "an orphan create in the last manager's life: " << entry.dump();
         referenced.insert(id);
+    }
+    for (const auto& [key, entries] : made) {
+        const size_t allowed = 1 + cancels[key].size();
+        if (entries.size() > allowed) {
+            std::string shown;
+            for (const auto& entry : entries)
+                shown += "\n" + entry;
+            ADD_FAILURE() << entries.size() << " remote files for " << key.first
+                          << " in one manager's life (" << cancels[key].size()
+                          << " cancels):" << shown;
+        }
     }
     // No remote file exists that nothing accounts for.
     if (fs::exists(emulator.dataDir() + "/files")) {
@@ -550,7 +604,12 @@ void Chaos::runSeed(uint64_t seed) {
     std::vector<Span> spans;
     for (const auto& entry : log) {
         if (!entry.contains("endMs")) continue;
-        if (overlaps(teardowns, entry)) continue;
+        const int64_t start = entry["startMs"].get<int64_t>(), end = entry["endMs"].get<int64_t>();
+        if (std::any_of(teardowns.begin(), teardowns.end(), [&](const Window& window) {
+                return window.to >= start - 50 && window.from <= end + 1000;
+            })) {
+            continue;
+        }
         const std::string group = groupOf(entry);
         if (group.empty()) continue;
         spans.push_back({entry["startMs"], entry["endMs"], group,
