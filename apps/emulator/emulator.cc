@@ -256,9 +256,11 @@ struct Exchange {
     uint64_t bodyBytes = 0;
     uint64_t throttle = 0;  // bytes per second in both directions; 0: none
     bool dropped = false;   // the connection was reset or abandoned
+    bool aborted = false;   // the client closed the connection before the answer
     std::vector<std::string> parts;
     std::string fault;
-    std::string createdFileId;  // the remote file a create made
+    std::string createdFileId;    // the remote file a create made
+    std::string createdFileName;  // and the name it was given
 };
 
 class Emulator::Impl {
@@ -328,6 +330,9 @@ class Emulator::Impl {
 
     uint64_t beginLog(const httplib::Request& req);
     void finishLog(const Exchange& ex);
+    // Moves the end of a logged request to now: for content, whose body is
+    // sent after the handler returned; `aborted` when the client went first.
+    void extendLog(uint64_t logId, bool aborted);
 };
 
 bool Emulator::Impl::start(std::string* error) {
@@ -567,8 +572,30 @@ void Emulator::Impl::finishLog(const Exchange& ex) {
         (*it)["endMs"] =
             std::chrono::duration_cast<std::chrono::milliseconds>(ended.time_since_epoch()).count();
         if (!ex.createdFileId.empty()) (*it)["fileId"] = ex.createdFileId;
+        if (!ex.createdFileName.empty()) {
+            // Names need not be UTF-8; the log holds text.
+            (*it)["fileName"] = json::parse(
+                json(ex.createdFileName).dump(-1, ' ', false, json::error_handler_t::replace));
+        }
         if (!ex.parts.empty()) (*it)["parts"] = ex.parts;
         if (!ex.fault.empty()) (*it)["fault"] = ex.fault;
+        if (ex.aborted) (*it)["aborted"] = true;
+        break;
+    }
+}
+
+void Emulator::Impl::extendLog(uint64_t logId, bool aborted) {
+    const Clock::time_point ended = Clock::now();
+    std::lock_guard lock(logMutex_);
+    for (auto it = log_.rbegin(); it != log_.rend(); ++it) {
+        if ((*it)["id"] != logId) continue;
+        const int64_t endMs =
+            std::chrono::duration_cast<std::chrono::milliseconds>(ended.time_since_epoch()).count();
+        if (it->contains("startMs")) {
+            (*it)["durationMs"] = endMs - (*it)["startMs"].get<int64_t>();
+        }
+        (*it)["endMs"] = endMs;
+        if (aborted) (*it)["aborted"] = true;
         break;
     }
 }
@@ -661,6 +688,7 @@ bool Emulator::Impl::readBody(Exchange& ex, const std::function<bool(const char*
     });
     ex.res.status = status;
     ex.body = ok ? Exchange::Body::Complete : Exchange::Body::Failed;
+    if (!ok && !stopping_ && peerHasGone(ConnectionServer::currentSocket())) ex.aborted = true;
     return ok;
 }
 
@@ -711,8 +739,14 @@ bool Emulator::Impl::stall(Exchange& ex, uint64_t ruleId) {
     auto deadline = Clock::now() + kStallLimit;
     std::unique_lock lock(wakeMutex_);
     while (!stopping_) {
+        // A client that gave up is never served, not even when its rule
+        // is cleared in the same moment: the log's end is when it closed.
+        if (peerHasGone(fd)) {
+            ex.aborted = true;
+            break;
+        }
         if (!faults_.contains(ruleId)) return true;
-        if (peerHasGone(fd) || Clock::now() >= deadline) break;
+        if (Clock::now() >= deadline) break;
         wake_.wait_for(lock, std::chrono::milliseconds(20));
     }
     lock.unlock();
@@ -888,6 +922,7 @@ void Emulator::Impl::handleCreate(Exchange& ex) {
                      {{"name", "chunks"}, {"maxBytesPerRequest", kChunkStride}}}}};
     if (!shared.empty()) answer["sharedStorageId"] = shared;
     ex.createdFileId = result.info.id;
+    ex.createdFileName = result.info.name;
     reply(ex, 201, answer);
 }
 
@@ -1231,7 +1266,14 @@ void Emulator::Impl::handleContent(Exchange& ex, const std::string& id) {
             if (n <= 0) return false;
             return sink.write(buffer->data(), static_cast<size_t>(n));
         },
-        [fd, closeFd](bool) { closeFd(fd); });
+        [this, fd, closeFd, logId = ex.logId](bool sent) {
+            closeFd(fd);
+            // The request lasts until its body is out (or the client left).
+            if (logId) {
+                extendLog(logId,
+                          !sent && !stopping_ && peerHasGone(ConnectionServer::currentSocket()));
+            }
+        });
 }
 
 void Emulator::Impl::handleAdmin(Exchange& ex) {

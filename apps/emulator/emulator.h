@@ -88,10 +88,14 @@ class Emulator {
 
     // Same JSON as GET /_admin/requests: an array of entries, oldest first, each
     // {"method", "path", "query"?, "headers": {...}, "bodySize", "parts"?,
-    //  "status", "fault"?, "durationMs", "startMs", "endMs", "fileId"?}
+    //  "status", "fault"?, "durationMs", "startMs", "endMs", "fileId"?,
+    //  "fileName"?, "aborted"?}
     // ("durationMs" and the monotonic-clock readings "startMs"/"endMs" appear
-    // once the request is finished; "fileId" names the file a create made;
-    // status 0 while it is served or when its connection was dropped). An
+    // once the request is finished, for content once its body was sent;
+    // "fileId" and "fileName" name the file a create made; "aborted": true when the client
+    // closed the connection before the answer, "endMs" then being when the
+    // emulator saw it close; status 0 while it is served or when its
+    // connection was dropped). An
     // "Authorization" header is kept as its scheme and the first four
     // characters of its credential followed by "..." ("Bearer dev-...").
     nlohmann::json requestLog() const;

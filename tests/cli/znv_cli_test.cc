@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -225,6 +226,52 @@ TEST_F(ZnvCliTest, UploadAndDownloadReportEachStepAsJsonLines) {
     auto downSummary = down.events("summary")[0]["tasks"][0];
     EXPECT_EQ(downSummary.value("file", ""), copy);
     EXPECT_EQ(downSummary.value("url", ""), contentURL);
+}
+
+// One command with many files: each gets exactly one remote file, however
+// the refreshes of fifty queued uploads interleave with the account.
+TEST_F(ZnvCliTest, FiftyFilesMakeFiftyCreatesAndFiftyRemoteFiles) {
+    std::string server = startEmulator();
+    ZnvUser user;
+    std::vector<std::string> args = {"--server", server, "--json", "upload"};
+    std::map<std::string, std::string> sources;  // name -> path
+    for (int i = 0; i < 50; ++i) {
+        const std::string name = "many-" + std::to_string(i) + ".bin";
+        sources[name] = file(name, 1000 + 37 * static_cast<uint64_t>(i), 100 + i);
+        args.push_back(sources[name]);
+    }
+    ZnvRun up = user.run(args);
+    ASSERT_EQ(up.status, 0) << up.err;
+    auto summary = up.events("summary");
+    ASSERT_EQ(summary.size(), 1u);
+    ASSERT_EQ(summary[0]["tasks"].size(), 50u);
+    std::set<std::string> reported;
+    for (const auto& task : summary[0]["tasks"]) {
+        const std::string id = task.value("fileId", "");
+        reported.insert(id);
+        EXPECT_TRUE(
+            filesEqual(emulator_->dataDir() + "/files/" + id + "/content", task.value("file", "")))
+            << task.dump();
+    }
+    EXPECT_EQ(reported.size(), 50u);
+
+    std::set<std::string> created;
+    size_t creates = 0;
+    for (const auto& entry : emulator_->requestLog()) {
+        if (entry.value("method", "") != "POST" || entry.value("path", "") != "/api/files")
+            continue;
+        ++creates;
+        created.insert(entry.value("fileId", ""));
+    }
+    EXPECT_EQ(creates, 50u);
+    EXPECT_TRUE(created == reported)
+        << created.size() << " files created, " << reported.size() << " reported";
+    size_t remote = 0;
+    for ([[maybe_unused]] const auto& entry :
+         std::filesystem::directory_iterator(emulator_->dataDir() + "/files")) {
+        ++remote;
+    }
+    EXPECT_EQ(remote, 50u);
 }
 
 TEST_F(ZnvCliTest, FailuresEndWithStatus1AndTheirError) {

@@ -5,7 +5,6 @@
 // and no batch whose acknowledgement had been saved may be sent again.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,8 +12,6 @@
 #include <set>
 
 #include "tests/e2e/e2e_support.h"
-
-extern char** environ;
 
 namespace znv {
 namespace {
@@ -115,22 +112,11 @@ class CrashRelaunch : public test::EmulatorTest {
     }
 
     pid_t startChild(const std::string& mode) {
-        std::vector<std::string> variables{
-            "ZNV_CRASH_MODE=" + mode,          "ZNV_CRASH_BASE_URL=" + emulator_->baseURL(),
-            "ZNV_CRASH_HOME=" + home_,         "ZNV_CRASH_SOURCE=" + source_,
-            "ZNV_CRASH_RESULT=" + resultPath_, "ZNV_TEST_SCRATCH=" + test::makeTempDir("child")};
-        std::vector<char*> envp;
-        for (char** e = environ; *e; ++e)
-            envp.push_back(*e);
-        for (auto& v : variables)
-            envp.push_back(v.data());
-        envp.push_back(nullptr);
-        std::string self = "/proc/self/exe";
-        std::string filter = "--gtest_filter=CrashHelper.Run";
-        char* argv[] = {self.data(), filter.data(), nullptr};
-        pid_t pid = -1;
-        if (::posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv, envp.data()) != 0) return -1;
-        return pid;
+        return test::spawnTestChild(
+            "CrashHelper.Run",
+            {"ZNV_CRASH_MODE=" + mode, "ZNV_CRASH_BASE_URL=" + emulator_->baseURL(),
+             "ZNV_CRASH_HOME=" + home_, "ZNV_CRASH_SOURCE=" + source_,
+             "ZNV_CRASH_RESULT=" + resultPath_});
     }
 
     // The exit status of a child, or -1 when it did not end in time.
@@ -227,6 +213,8 @@ class CrashRelaunch : public test::EmulatorTest {
         // Batches sent after the relaunch.
         std::set<uint64_t> resent;
         const auto logAfter = emulator_->requestLog();
+        afterKill_.assign(logAfter.begin() + static_cast<std::ptrdiff_t>(logAtKill.size()),
+                          logAfter.end());
         for (size_t i = logAtKill.size(); i < logAfter.size(); ++i) {
             if (isBatch(logAfter[i])) {
                 auto indices = chunkIndicesOf(logAfter[i]);
@@ -251,6 +239,8 @@ class CrashRelaunch : public test::EmulatorTest {
         EXPECT_LE(repeatedAcknowledged, 1u);
     }
 
+    // What reached the emulator after the kill.
+    std::vector<nlohmann::json> afterKill_;
     pid_t child_ = -1;
     std::string home_;
     std::string source_;
@@ -281,7 +271,23 @@ TEST_F(CrashRelaunch, KilledDuringAssembly) {
                                      {"path", "/api/files/*/complete"},
                                      {"action", "stall"},
                                      {"times", 1}}));
-    killAndRelaunch([&] { return inFlight("POST", "/complete"); });
+    // Every chunk's acknowledgement is on disk when the process dies.
+    killAndRelaunch([&] {
+        const auto saved = savedUpload();
+        return inFlight("POST", "/complete") && saved.contains("remote file ID") &&
+               savedChunkIndices(saved).empty();
+    });
+    // The relaunch asks for the assembly once more and sends nothing else.
+    std::vector<std::string> sent;
+    for (const auto& entry : afterKill_) {
+        sent.push_back(entry.value("method", "") + " " + entry.value("path", "") + " " +
+                       std::to_string(entry.value("bodySize", 0)));
+    }
+    ASSERT_EQ(afterKill_.size(), 1u) << ::testing::PrintToString(sent);
+    EXPECT_EQ(afterKill_[0].value("method", ""), "POST");
+    EXPECT_TRUE(afterKill_[0].value("path", "").ends_with("/complete")) << sent[0];
+    EXPECT_EQ(afterKill_[0].value("status", 0), 200) << sent[0];
+    EXPECT_LT(afterKill_[0].value("bodySize", uint64_t{0}), 4096u) << sent[0];
 }
 
 }  // namespace

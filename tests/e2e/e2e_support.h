@@ -4,6 +4,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/types.h>
 
 #include <algorithm>
 #include <map>
@@ -21,7 +23,28 @@
 #include "znv/platform/main_queue.h"
 #include "znv/platform/notification_center.h"
 
+extern "C" char** environ;
+
 namespace znv::test {
+
+// Runs this test executable again as a child with only the test `filter`,
+// its environment plus `variables` ("NAME=value") and a scratch directory of
+// its own; the child's PID, or -1.
+inline pid_t spawnTestChild(const std::string& filter, std::vector<std::string> variables) {
+    variables.push_back("ZNV_TEST_SCRATCH=" + makeTempDir("child"));
+    std::vector<char*> envp;
+    for (char** e = environ; *e; ++e)
+        envp.push_back(*e);
+    for (auto& v : variables)
+        envp.push_back(v.data());
+    envp.push_back(nullptr);
+    std::string self = "/proc/self/exe";
+    std::string argument = "--gtest_filter=" + filter;
+    char* argv[] = {self.data(), argument.data(), nullptr};
+    pid_t pid = -1;
+    if (::posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv, envp.data()) != 0) return -1;
+    return pid;
+}
 
 // Follows the manager's "ZNVNetwork: task did ..." notifications and keeps the
 // largest number of uploads and of downloads seen running at once.
@@ -141,6 +164,24 @@ class EmulatorTest : public ::testing::Test {
             found.push_back(entry);
         }
         return found;
+    }
+
+    // The most requests whose path starts with `prefix` that the emulator
+    // served at once (from the log's start and end times).
+    size_t maxRequestsInFlight(const std::string& prefix) const {
+        std::vector<std::pair<int64_t, int64_t>> spans;
+        for (const auto& entry : emulator_->requestLog()) {
+            if (entry.value("path", "").rfind(prefix, 0) != 0 || !entry.contains("endMs")) continue;
+            spans.emplace_back(entry["startMs"].get<int64_t>(), entry["endMs"].get<int64_t>());
+        }
+        size_t most = 0;
+        for (const auto& [start, end] : spans) {
+            // The log's end comes a moment after the client has its answer.
+            most = std::max<size_t>(most, std::count_if(spans.begin(), spans.end(), [&](auto& o) {
+                                        return o.first <= start && o.second > start + 50;
+                                    }));
+        }
+        return most;
     }
 
     static bool waitForCompletion(const std::vector<ZNVNetworkTaskRef>& tasks,

@@ -86,33 +86,9 @@ TEST_F(StorageEndToEnd, NeverMoreThanTwoUploadsAndTwoDownloadsRun) {
         ASSERT_NE(uploads.back(), nullptr);
     }
 
-    // Sample the server's view: how many files have a request in flight at once.
-    size_t maxInFlight = 0;
-    auto sampleInFlight = [&](const std::string& prefix) {
-        std::set<std::string> busy;
-        for (const auto& entry : emulator_->requestLog()) {
-            const std::string path = entry.value("path", "");
-            if (entry.value("status", 0) != 0 || path.rfind(prefix, 0) != 0) continue;
-            // "/api/files/<id>/..." and "/content/<id>" name their file; a
-            // create request ("/api/files") is a file of its own.
-            std::string rest = path.substr(prefix.size());
-            if (!rest.empty() && rest[0] == '/') rest.erase(0, 1);
-            rest = rest.substr(0, rest.find('/'));
-            busy.insert(rest.empty() ? "create " + entry.value("id", nlohmann::json(0)).dump()
-                                     : rest);
-        }
-        maxInFlight = std::max(maxInFlight, busy.size());
-    };
-    ASSERT_TRUE(test::waitFor(
-        [&] {
-            sampleInFlight("/api/files");
-            return std::all_of(uploads.begin(), uploads.end(), [](const auto& u) {
-                return u->state() == ZNVNetworkTaskStateCompleted;
-            });
-        },
-        std::chrono::seconds(120)));
-    EXPECT_LE(maxInFlight, 2u);
-    EXPECT_EQ(maxInFlight, 2u) << "the uploads never overlapped";
+    ASSERT_TRUE(waitForCompletion(uploads));
+    // The server's view: how many requests were in flight at once.
+    EXPECT_EQ(maxRequestsInFlight("/api/files"), 2u) << "the uploads never overlapped, or more did";
 
     // Downloads of the finished files, with the same cap.
     std::vector<ZNVNetworkTaskRef> downloads;
@@ -123,16 +99,8 @@ TEST_F(StorageEndToEnd, NeverMoreThanTwoUploadsAndTwoDownloadsRun) {
         downloads.push_back(storage->downloadFromRemoteFile(url.value()));
         ASSERT_NE(downloads.back(), nullptr);
     }
-    maxInFlight = 0;
-    ASSERT_TRUE(test::waitFor(
-        [&] {
-            sampleInFlight("/content/");
-            return std::all_of(downloads.begin(), downloads.end(), [](const auto& d) {
-                return d->state() == ZNVNetworkTaskStateCompleted;
-            });
-        },
-        std::chrono::seconds(120)));
-    EXPECT_LE(maxInFlight, 2u);
+    ASSERT_TRUE(waitForCompletion(downloads));
+    EXPECT_EQ(maxRequestsInFlight("/content/"), 2u);
 
     ASSERT_TRUE(ZNVMainQueue::waitUntilDrained());
     EXPECT_EQ(events.maxRunningUploads(), 2u);

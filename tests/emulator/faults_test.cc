@@ -115,12 +115,16 @@ TEST_F(FaultTest, StallHoldsRequestsUntilClearedOrAbandoned) {
     request.timeout = 300ms;
     auto abandoned = perform(request);
     EXPECT_EQ(abandoned.curlCode, CURLE_OPERATION_TIMEDOUT);
-    // The emulator notices that the client gave up and records the request.
+    // The emulator notices that the client gave up and records when.
     EXPECT_TRUE(znv::test::waitFor([&] {
         auto log = emulator_.requestLog();
         return log.size() == 2 && log.back()["fault"] == "stall" &&
                log.back().contains("durationMs") && log.back()["status"] == 0;
     }));
+    auto gaveUp = emulator_.requestLog().back();
+    EXPECT_EQ(gaveUp.value("aborted", false), true) << gaveUp.dump();
+    EXPECT_GE(gaveUp["endMs"].get<int64_t>() - gaveUp["startMs"].get<int64_t>(), 250)
+        << gaveUp.dump();
 
     request.timeout = 20s;
     auto pending = std::async(std::launch::async, [&] { return perform(request); });
@@ -130,6 +134,7 @@ TEST_F(FaultTest, StallHoldsRequestsUntilClearedOrAbandoned) {
     auto released = pending.get();
     EXPECT_EQ(released.status, 200);
     EXPECT_EQ(released.json()["fileId"], id);
+    EXPECT_FALSE(emulator_.requestLog().back().contains("aborted"));
 }
 
 TEST_F(FaultTest, StopDoesNotWaitForAStalledRequest) {
@@ -161,6 +166,13 @@ TEST_F(FaultTest, ThrottleSlowsBodiesBothWays) {
     start = std::chrono::steady_clock::now();
     EXPECT_EQ(get(root("content/" + id), {}).body, bytes);
     EXPECT_GE(std::chrono::steady_clock::now() - start, 1200ms);
+    // The log's end of a download is when its body was out (recorded a
+    // moment after the client has read it).
+    EXPECT_TRUE(znv::test::waitFor([&] {
+        auto sent = emulator_.requestLog().back();
+        return sent["endMs"].get<int64_t>() - sent["startMs"].get<int64_t>() >= 1200 &&
+               !sent.contains("aborted");
+    })) << emulator_.requestLog().back().dump();
 }
 
 TEST_F(FaultTest, CompletionFaultsReportMissingChunksOrCompletion) {
