@@ -115,6 +115,7 @@ TEST_F(StorageEndToEnd, NeverMoreThanTwoUploadsAndTwoDownloadsRun) {
     const std::string local =
         std::static_pointer_cast<ZNVNetworkDownload>(downloads[0])->localFileURL()->path();
     storage->finishTask(downloads[0]);
+    ASSERT_TRUE(storage->waitUntilStateIsWritten(std::chrono::seconds(10)));
     EXPECT_FALSE(std::filesystem::exists(local));
 }
 

@@ -124,8 +124,10 @@ TEST(NetworkCollection, FinishingADownloadRemovesItsLocalFile) {
     network->addTask(download);
 
     network->finishTask(download);
-    EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_FALSE(download->localFileURL().has_value());
+    // The file goes once the state file no longer lists the download.
+    ASSERT_TRUE(network->waitUntilStateIsWritten(std::chrono::seconds(10)));
+    EXPECT_FALSE(std::filesystem::exists(path));
 }
 
 // --- Activation policy ----------------------------------------------------------

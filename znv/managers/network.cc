@@ -311,11 +311,22 @@ void ZNVNetwork::finishTask(const ZNVNetworkTaskRef& task) {
         mutableDownloads_.removeIdentical(task.get());
     }
     if (inDownloads) downloadActivity_->remove(task.get());
+    const uint64_t savesBefore = saveGeneration_->load();
     writeState();
+    const uint64_t save = saveGeneration_->load();
     didChange("tasks", ZNVKeyValueChange::Removal, taskPosition);
     didChange("downloads", ZNVKeyValueChange::Removal, taskPosition);
     assertValidDownloadCount();
+    // The task's files go once a save without it is on disk (at once when no
+    // save was asked for): a crash before that restores it with its files.
+    std::function<void()> removeFiles = task->takeFilesToRemoveOnFinish();
     task->taskDidFinish();
+    if (!removeFiles) return;
+    if (save == savesBefore) {
+        removeFiles();
+    } else {
+        stateWriter_->afterWritten(save, std::move(removeFiles));
+    }
 }
 
 ZNVNetworkDownloadRef ZNVNetwork::downloadFromRemoteFile(const ZNVURL& remoteURL) {

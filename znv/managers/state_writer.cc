@@ -182,6 +182,21 @@ std::shared_ptr<ZNVStateWriter> ZNVStateWriter::create() {
 
 ZNVStateWriter::~ZNVStateWriter() {
     if (lastFile_ >= 0) ::close(lastFile_);
+    // Nothing will be written any more: what waited for a save runs now.
+    for (auto& [generation, work] : afterWritten_)
+        work();
+}
+
+void ZNVStateWriter::afterWritten(uint64_t generation, std::function<void()> work) {
+    if (!work) return;
+    {
+        std::lock_guard<std::mutex> lock(writtenMutex_);
+        if (written_ < generation) {
+            afterWritten_.emplace(generation, std::move(work));
+            return;
+        }
+    }
+    work();
 }
 
 void ZNVStateWriter::setVerifiesReusedText(bool verify) {
@@ -206,10 +221,18 @@ bool ZNVStateWriter::waitUntilWritten(uint64_t generation, std::chrono::millisec
 }
 
 void ZNVStateWriter::markWritten(uint64_t generation) {
+    std::vector<std::function<void()>> due;
     {
         std::lock_guard<std::mutex> lock(writtenMutex_);
         if (generation > written_) written_ = generation;
+        const auto end = afterWritten_.upper_bound(written_);
+        for (auto it = afterWritten_.begin(); it != end; ++it)
+            due.push_back(std::move(it->second));
+        afterWritten_.erase(afterWritten_.begin(), end);
     }
+    // Before the waiters: a save waited for includes what had to follow it.
+    for (auto& work : due)
+        work();
     writtenChanged_.notify_all();
 }
 

@@ -35,6 +35,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -77,6 +79,13 @@ class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
     // Blocks until a save of `generation` or a newer one has been written (or
     // has failed). False when the timeout passed first.
     bool waitUntilWritten(uint64_t generation, std::chrono::milliseconds timeout);
+
+    // Runs `work` once a save of `generation` or a newer one has been written
+    // (or has failed): at once on the calling thread when that has happened,
+    // else on the writer's thread before anyone waiting for that save is
+    // released, or when the writer is destroyed. The manager removes a
+    // finished task's files this way, only once the file no longer lists it.
+    void afterWritten(uint64_t generation, std::function<void()> work);
 
     // For tests: every reused archived text is compared with a fresh encoding
     // of its task, and a difference aborts the process (a change of the task
@@ -123,6 +132,8 @@ class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
     std::mutex writtenMutex_;
     std::condition_variable writtenChanged_;
     uint64_t written_ = 0;  // newest generation written or failed; guarded by writtenMutex_
+    // Work waiting for a save, by the save's generation; guarded by writtenMutex_.
+    std::multimap<uint64_t, std::function<void()>> afterWritten_;
 };
 
 }  // namespace znv

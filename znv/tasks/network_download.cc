@@ -247,6 +247,10 @@ void ZNVNetworkDownload::resetForResume() {
 }
 
 void ZNVNetworkDownload::taskDidFinish() {
+    if (auto remove = takeFilesToRemoveOnFinish()) remove();
+}
+
+std::function<void()> ZNVNetworkDownload::takeFilesToRemoveOnFinish() {
     std::optional<ZNVURL> file;
     std::vector<ZNVBytes> resumeData;
     {
@@ -262,10 +266,13 @@ void ZNVNetworkDownload::taskDidFinish() {
             }
         }
     }
-    if (file) ZNVNetworkUtilities_removeFileAtURL(*file);
-    // A finished task never continues: its partial files go too.
-    for (const auto& data : resumeData)
-        ZNVURLSessionResumeData::removePartialFile(data);
+    if (!file && resumeData.empty()) return nullptr;
+    return [file = std::move(file), resumeData = std::move(resumeData)] {
+        if (file) ZNVNetworkUtilities_removeFileAtURL(*file);
+        // A finished task never continues: its partial files go too.
+        for (const auto& data : resumeData)
+            ZNVURLSessionResumeData::removePartialFile(data);
+    };
 }
 
 std::string ZNVNetworkDownload::description() const {

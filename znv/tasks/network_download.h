@@ -56,6 +56,7 @@ class ZNVNetworkDownload : public ZNVNetworkTask {
     void handleCompletionWithError(const ZNVErrorRef& error);
 
     void taskDidFinish() override;
+    std::function<void()> takeFilesToRemoveOnFinish() override;
     bool validateParameters() override;
     void resetForResume() override;
     std::string description() const override;

@@ -554,6 +554,10 @@ void ZNVNetworkTask::resetForResume() {
 
 void ZNVNetworkTask::taskDidFinish() {}
 
+std::function<void()> ZNVNetworkTask::takeFilesToRemoveOnFinish() {
+    return nullptr;
+}
+
 void ZNVNetworkTask::cancel() {
     Lock lock(*this);
     if (state_ == ZNVNetworkTaskStateCompleted && !rawError_) return;

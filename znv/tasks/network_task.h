@@ -191,6 +191,12 @@ class ZNVNetworkTask : public ZNVObservable,
     void startNewSessionTask(const std::shared_ptr<ZNVURLSessionTask>& task,
                              const ZNVErrorRef& factoryError);
     virtual void taskDidFinish();
+    // The files a finished task leaves behind, detached from the task: the
+    // returned work removes them (none when there are none). The network
+    // manager runs it once its state file no longer lists the task, so a
+    // crash in between never restores a finished task without its file;
+    // `taskDidFinish` then finds nothing more to remove.
+    virtual std::function<void()> takeFilesToRemoveOnFinish();
     virtual std::string description() const;
 
     static int64_t serverStatusCodeForError(const ZNVErrorRef& error);
