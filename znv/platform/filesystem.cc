@@ -352,10 +352,15 @@ ZNVOperationQueue& removalQueue() {
 
 // Whether `directory` is seen for the first time by this process.
 bool firstRemovalIn(const std::string& directory) {
-    static std::mutex mutex;
-    static std::set<std::string> seen;  // guarded by mutex
-    std::lock_guard lock(mutex);
-    return seen.insert(directory).second;
+    // Never destroyed, like the queue: a thread may still remove a file while
+    // the process runs its exit handlers.
+    struct Seen {
+        std::mutex mutex;
+        std::set<std::string> directories;  // guarded by mutex
+    };
+    static auto* seen = new Seen;
+    std::lock_guard lock(seen->mutex);
+    return seen->directories.insert(directory).second;
 }
 
 void sweepHiddenEntries(const std::string& directory) {
