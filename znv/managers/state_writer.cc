@@ -17,6 +17,7 @@
 
 #include "znv/foundation/log.h"
 #include "znv/foundation/network_utilities.h"
+#include "znv/platform/filesystem.h"
 #include "znv/platform/keyed_archive.h"
 #include "znv/platform/operation_queue.h"
 #include "znv/platform/progress.h"
@@ -96,16 +97,7 @@ class FileAssembler {
     }
 
     bool writeAll(const char* data, size_t size) {
-        while (ok_ && size > 0) {
-            ssize_t n = ::write(fd_, data, size);
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0) {
-                fail(errno);
-                return false;
-            }
-            data += n;
-            size -= static_cast<size_t>(n);
-        }
+        if (ok_ && !ZNVWriteAll(fd_, data, size)) fail(errno);
         return ok_;
     }
 

@@ -75,19 +75,6 @@ bool syncPath(const std::string& path, bool directory, ZNVErrorRef* error) {
     return true;
 }
 
-bool writeAll(int fd, const char* data, size_t size) {
-    while (size > 0) {
-        ssize_t n = ::write(fd, data, size);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 // Copies `source` into a fresh temporary file in `directory` and flushes it;
 // returns its path, or "" (with nothing left behind) on failure.
 std::string copyBeside(const std::string& source, const std::string& directory,
@@ -118,7 +105,7 @@ std::string copyBeside(const std::string& source, const std::string& directory,
             return {};
         }
         if (n == 0) break;
-        if (!writeAll(out.fd, buffer.data(), static_cast<size_t>(n))) {
+        if (!ZNVWriteAll(out.fd, buffer.data(), static_cast<size_t>(n))) {
             setError(error, ZNVFileErrorFromErrno(errno, "failed to write", temporary, true));
             ::unlink(temporary.c_str());
             return {};
@@ -273,6 +260,21 @@ std::string ZNVApplicationIdentifier() {
     size_t slash = executable.find_last_of('/');
     std::string name = slash == std::string::npos ? executable : executable.substr(slash + 1);
     return name.empty() ? std::string("znv") : name;
+}
+
+bool ZNVWriteAll(int fd, const void* data, size_t size) {
+    const auto* bytes = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t n = ::write(fd, bytes, size);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (n == 0) errno = EIO;
+            return false;
+        }
+        bytes += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
 }
 
 std::string ZNVRealPath(const std::string& path) {

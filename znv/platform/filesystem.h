@@ -50,6 +50,10 @@ std::string ZNVApplicationIdentifier();
 // nothing.
 std::string ZNVRealPath(const std::string& path);
 
+// Writes all `size` bytes to `fd`, retrying interrupted and short writes;
+// false with errno set (EIO when the file took nothing) on failure.
+bool ZNVWriteAll(int fd, const void* data, size_t size);
+
 // Creates a directory and its missing parents with `mode` (an existing
 // directory is success).
 bool ZNVCreateDirectories(const std::string& path, unsigned mode = 0755,

@@ -157,16 +157,9 @@ void ZNVURLSessionDelegate::didFinishDownloadingData(
     std::string path;
     const int fd = createDownloadFile(&path);
     if (fd < 0) return;
-    size_t done = 0;
-    while (done < data.size()) {
-        const ssize_t n = write(fd, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        done += static_cast<size_t>(n);
-    }
+    const bool written = ZNVWriteAll(fd, data.data(), data.size());
     close(fd);
-    if (done == data.size())
-        didFinishDownloadingToURL(session, downloadTask, ZNVURL::fileURL(path));
+    if (written) didFinishDownloadingToURL(session, downloadTask, ZNVURL::fileURL(path));
     unlink(path.c_str());
 }
 void ZNVURLSessionDelegate::didFinishEventsForBackgroundURLSession(

@@ -25,22 +25,6 @@ std::string descriptorPath(int fd) {
     return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : std::string();
 }
 
-// Writes all of `size` bytes; false with errno set on failure.
-bool writeAll(int fd, const void* bytes, size_t size) {
-    const auto* p = static_cast<const uint8_t*>(bytes);
-    while (size > 0) {
-        ssize_t n = ::write(fd, p, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            if (n == 0) errno = EIO;
-            return false;
-        }
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 // Whether a copy_file_range failure means "this pair cannot be copied
 // kernel-side" (as opposed to a real I/O error).
 bool kernelCopyUnsupported(int error) {
@@ -54,7 +38,7 @@ class BodyOutput {
 
     bool writeString(const std::string& text) { return writeBytes(text.data(), text.size()); }
     bool writeBytes(const void* bytes, size_t size) {
-        if (writeAll(fd_, bytes, size)) return true;
+        if (ZNVWriteAll(fd_, bytes, size)) return true;
         fail(errno);
         return false;
     }

@@ -24,20 +24,6 @@ namespace {
 // The code the platform's JSON writer uses for a document it cannot write.
 constexpr int64_t kJSONWriteInvalidError = 3851;
 
-bool writeAll(int fd, const char* bytes, size_t size) {
-    while (size > 0) {
-        ssize_t n = ::write(fd, bytes, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            if (n == 0) errno = EIO;
-            return false;
-        }
-        bytes += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 // Clears the name and creates a new, empty file there (mode 0600) without
 // following whatever was planted at the name. The descriptor, or -1 with
 // `error` set.
@@ -137,7 +123,7 @@ std::optional<ZNVURL> ZNVStoragePathManager::createUploadFileForChunkDescription
     }
     int fd = createStagedFile(*url, error);
     if (fd < 0) return std::nullopt;
-    bool written = writeAll(fd, bytes.data(), bytes.size());
+    bool written = ZNVWriteAll(fd, bytes.data(), bytes.size());
     int writeErrno = errno;
     if (::close(fd) != 0 && written) {
         written = false;
