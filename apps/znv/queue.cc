@@ -737,7 +737,14 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
                             NSURLErrorCannotCreateFile, t.extraError));
                     }
                 }
-                if (view.kind == "upload" && view.succeeded() && !view.remoteFileID.empty()) {
+                auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(t.entry.task);
+                std::optional<ZNVURL> answered =
+                    upload ? upload->remoteContentURL() : std::optional<ZNVURL>();
+                if (view.kind == "upload" && view.succeeded() && answered) {
+                    // The completing answer named the content: no lookup.
+                    t.contentURL = answered->absoluteString();
+                } else if (view.kind == "upload" && view.succeeded() &&
+                           !view.remoteFileID.empty()) {
                     t.urlRequested = true;
                     std::string fileID = view.remoteFileID;
                     storage_->URLForRemoteFile(

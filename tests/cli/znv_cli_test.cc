@@ -252,18 +252,31 @@ TEST_F(ZnvCliTest, FiftyFilesMakeFiftyCreatesAndFiftyRemoteFiles) {
         EXPECT_TRUE(
             filesEqual(emulator_->dataDir() + "/files/" + id + "/content", task.value("file", "")))
             << task.dump();
+        // The content URL comes from the answer that completed the file.
+        EXPECT_TRUE(task.value("contentURL", "").ends_with("/content/" + id)) << task.dump();
     }
     EXPECT_EQ(reported.size(), 50u);
 
+    // One create and one whole-file PUT per file, nothing else.
     std::set<std::string> created;
-    size_t creates = 0;
+    size_t creates = 0, puts = 0, others = 0;
     for (const auto& entry : emulator_->requestLog()) {
-        if (entry.value("method", "") != "POST" || entry.value("path", "") != "/api/files")
+        const std::string method = entry.value("method", ""), path = entry.value("path", "");
+        if (method == "PUT" && path.ends_with("/fullfile")) {
+            ++puts;
             continue;
+        }
+        if (method != "POST" || path != "/api/files") {
+            ++others;
+            ADD_FAILURE() << "unexpected request " << entry.dump();
+            continue;
+        }
         ++creates;
         created.insert(entry.value("fileId", ""));
     }
     EXPECT_EQ(creates, 50u);
+    EXPECT_EQ(puts, 50u);
+    EXPECT_EQ(others, 0u);
     EXPECT_TRUE(created == reported)
         << created.size() << " files created, " << reported.size() << " reported";
     size_t remote = 0;

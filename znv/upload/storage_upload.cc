@@ -198,6 +198,11 @@ std::string ZNVStorageUpload::remoteFileID() const {
     return remoteFileID_;
 }
 
+std::optional<ZNVURL> ZNVStorageUpload::remoteContentURL() const {
+    Lock lock(*this);
+    return remoteContentURL_;
+}
+
 void ZNVStorageUpload::setRemoteFileID(const std::string& remoteFileID) {
     Lock lock(*this);
     remoteFileID_ = remoteFileID;
@@ -743,6 +748,7 @@ void ZNVStorageUpload::handleStorageResponse(const ZNVStorageResponse& response,
                         return;
                     }
                 }
+                if (response.remoteContentURL()) remoteContentURL_ = response.remoteContentURL();
                 if (!requiresVideoPostProcessing_) {
                     setTask(nullptr);
                     completing = true;

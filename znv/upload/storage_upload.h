@@ -92,6 +92,11 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     void setAccount(std::shared_ptr<ZNVAccount> account);
     std::string remoteFileID() const;
     void setRemoteFileID(const std::string& remoteFileID);
+    // Where the service serves the file's content, as its completing answer
+    // (whole file or assembly) gave it; none before that, and after a
+    // relaunch (it is not archived: ask the storage manager's
+    // `URLForRemoteFile` then).
+    std::optional<ZNVURL> remoteContentURL() const;
     std::string remoteFilename() const;
     std::string sharedStorageID() const;
     void setSharedStorageID(const std::string& identifier);
@@ -203,6 +208,7 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     // Guarded by the base task's lock.
     std::shared_ptr<ZNVAccount> account_;
     std::string remoteFileID_;
+    std::optional<ZNVURL> remoteContentURL_;
     std::string remoteFilename_;
     std::string sharedStorageID_;
     std::string multiplexingHint_;
