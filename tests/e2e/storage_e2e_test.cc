@@ -111,6 +111,10 @@ TEST_F(StorageEndToEnd, NeverMoreThanTwoUploadsAndTwoDownloadsRun) {
         ASSERT_TRUE(download->localFileURL().has_value());
         EXPECT_TRUE(test::filesEqual(download->localFileURL()->path(), sources[i]));
     }
+    // The saves that recorded the completions flushed the moved files first.
+    ASSERT_TRUE(storage->waitUntilStateIsWritten(std::chrono::seconds(10)));
+    for (const auto& download : downloads)
+        EXPECT_TRUE(download->takePathsToFlushBeforeSave().empty());
     // Finishing a download removes its file.
     const std::string local =
         std::static_pointer_cast<ZNVNetworkDownload>(downloads[0])->localFileURL()->path();

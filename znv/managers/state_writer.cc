@@ -228,6 +228,17 @@ void ZNVStateWriter::markWritten(uint64_t generation) {
     writtenChanged_.notify_all();
 }
 
+void ZNVStateWriter::flushBeforeSave(ZNVNetworkTask& task) {
+    for (const std::string& path : task.takePathsToFlushBeforeSave()) {
+        ZNVErrorRef error;
+        // A file removed meanwhile (the task was finished) needs nothing.
+        if (!ZNVFlushToDisk(path, &error) && ::access(path.c_str(), F_OK) == 0) {
+            ZNVLogError("failed to flush {} to disk: {}", path,
+                        error ? error->description() : std::string("(null)"));
+        }
+    }
+}
+
 bool ZNVStateWriter::assemble(const Save& save, int fd, const std::string& head,
                               const std::string& tail, ZNVErrorRef* error) {
     const uint64_t number = ++saves_;
@@ -286,6 +297,10 @@ bool ZNVStateWriter::assemble(const Save& save, int fd, const std::string& head,
                 cache_.erase(entry);
                 return false;
             }
+            // Taken after encoding: a text that calls a download completed
+            // was encoded after its file was moved, so the file is flushed
+            // before this save can replace the last one.
+            flushBeforeSave(*save.tasks[i]);
             cached.revision = revision;
             cached.completedProgress = completed;
             locations_.push_back({file.position(), text.size()});

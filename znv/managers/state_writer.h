@@ -15,6 +15,10 @@
 //   "tasks" (an array of the tasks in collection order). Each save writes
 //   "<state file>.tmp" (mode 0600), flushes it to disk and moves it over the
 //   state file durably, so a crash leaves either the old or the new file.
+//   Before that, the paths a re-encoded task asks for
+//   (`takePathsToFlushBeforeSave`: a finished download's file and directory)
+//   are flushed, so the file never calls a download completed whose bytes
+//   could still be lost.
 // - Cost: a task's archived text is re-encoded only when its
 //   `archiveRevision` or its progress's completed count moved; the texts of
 //   unchanged tasks are copied, by the kernel where it can, from the last
@@ -104,6 +108,8 @@ class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
     bool assemble(const Save& save, int fd, const std::string& head, const std::string& tail,
                   ZNVErrorRef* error);
     void markWritten(uint64_t generation);
+    // Flushes the paths the task asks to be on disk before it is archived.
+    static void flushBeforeSave(ZNVNetworkTask& task);
 
     // Where a task's archived text lies in the last file written, and what
     // the task was when it was encoded.

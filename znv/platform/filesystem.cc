@@ -313,6 +313,32 @@ bool ZNVCreateDirectories(const std::string& path, unsigned mode, ZNVErrorRef* e
     return true;
 }
 
+namespace {
+
+// Renames `source` over `target`; across file systems through a copy beside
+// the target (which the copy flushes). `st` is the source's lstat.
+bool moveOver(const std::string& source, const std::string& target, const struct stat& st,
+              ZNVErrorRef* error) {
+    if (::rename(source.c_str(), target.c_str()) == 0) return true;
+    if (errno != EXDEV || !S_ISREG(st.st_mode)) {
+        setError(error, ZNVFileErrorFromErrno(errno, "failed to replace", target, true));
+        return false;
+    }
+    // Different file systems: rename cannot cross them, so stage a copy
+    // beside the target and rename that instead.
+    std::string temporary = copyBeside(source, parentDirectory(target), error);
+    if (temporary.empty()) return false;
+    if (::rename(temporary.c_str(), target.c_str()) != 0) {
+        setError(error, ZNVFileErrorFromErrno(errno, "failed to replace", target, true));
+        ::unlink(temporary.c_str());
+        return false;
+    }
+    ::unlink(source.c_str());
+    return true;
+}
+
+}  // namespace
+
 bool ZNVReplaceFileDurably(const std::string& source, const std::string& target,
                            ZNVErrorRef* error) {
     struct stat st {};
@@ -320,25 +346,22 @@ bool ZNVReplaceFileDurably(const std::string& source, const std::string& target,
         setError(error, ZNVFileErrorFromErrno(errno, "failed to replace with", source, false));
         return false;
     }
-    const std::string directory = parentDirectory(target);
     if (S_ISREG(st.st_mode) && !syncPath(source, false, error)) return false;
-    if (::rename(source.c_str(), target.c_str()) != 0) {
-        if (errno != EXDEV || !S_ISREG(st.st_mode)) {
-            setError(error, ZNVFileErrorFromErrno(errno, "failed to replace", target, true));
-            return false;
-        }
-        // Different file systems: rename cannot cross them, so stage a copy
-        // beside the target and rename that instead.
-        std::string temporary = copyBeside(source, directory, error);
-        if (temporary.empty()) return false;
-        if (::rename(temporary.c_str(), target.c_str()) != 0) {
-            setError(error, ZNVFileErrorFromErrno(errno, "failed to replace", target, true));
-            ::unlink(temporary.c_str());
-            return false;
-        }
-        ::unlink(source.c_str());
+    if (!moveOver(source, target, st, error)) return false;
+    return syncPath(parentDirectory(target), true, error);
+}
+
+bool ZNVMoveFile(const std::string& source, const std::string& target, ZNVErrorRef* error) {
+    struct stat st {};
+    if (::lstat(source.c_str(), &st) != 0) {
+        setError(error, ZNVFileErrorFromErrno(errno, "failed to replace with", source, false));
+        return false;
     }
-    return syncPath(directory, true, error);
+    return moveOver(source, target, st, error);
+}
+
+bool ZNVFlushToDisk(const std::string& path, ZNVErrorRef* error) {
+    return syncPath(path, false, error);
 }
 
 namespace {

@@ -68,6 +68,15 @@ bool ZNVCreateDirectories(const std::string& path, unsigned mode = 0755,
 bool ZNVReplaceFileDurably(const std::string& source, const std::string& target,
                            ZNVErrorRef* error = nullptr);
 
+// Moves `source` over `target` like ZNVReplaceFileDurably but flushes
+// nothing: the caller makes the result durable later (ZNVFlushToDisk on the
+// target and its directory) when it can wait for the disk.
+bool ZNVMoveFile(const std::string& source, const std::string& target,
+                 ZNVErrorRef* error = nullptr);
+
+// Waits until the data of the file or directory at `path` is on disk.
+bool ZNVFlushToDisk(const std::string& path, ZNVErrorRef* error = nullptr);
+
 // Removes a file without making the caller wait while its blocks are freed
 // (a freshly written body of tens of megabytes takes milliseconds to unlink):
 // the file leaves its name at once, renamed to a hidden ".znv-removing-..."

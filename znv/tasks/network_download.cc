@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <utility>
 
 #include "znv/foundation/error_handler.h"
 #include "znv/foundation/log.h"
@@ -37,11 +38,13 @@ const bool registeredNetworkDownload = [] {
 
 // Moves the finished file into the library's file area (creating the area
 // when it is missing; copying when the two lie on different file systems).
+// The move does not wait for the disk: the state writer flushes the file
+// before a save records the download as completed.
 ZNVErrorRef moveFile(const std::string& from, const std::string& to) {
     ZNVErrorRef error;
     const std::string directory = std::filesystem::path(to).parent_path().string();
     if (!ZNVCreateDirectories(directory, 0700, &error)) return error;
-    if (!ZNVReplaceFileDurably(from, to, &error)) return error;
+    if (!ZNVMoveFile(from, to, &error)) return error;
     return nullptr;
 }
 
@@ -219,6 +222,8 @@ void ZNVNetworkDownload::handleDownloadedFile(const ZNVURL& temporaryURL) {
         return;
     }
     localFileURL_ = destination;
+    pathsToFlush_ = {destination->path(),
+                     std::filesystem::path(destination->path()).parent_path().string()};
 }
 
 void ZNVNetworkDownload::handleCompletionWithError(const ZNVErrorRef& error) {
@@ -248,6 +253,11 @@ void ZNVNetworkDownload::resetForResume() {
 
 void ZNVNetworkDownload::taskDidFinish() {
     if (auto remove = takeFilesToRemoveOnFinish()) remove();
+}
+
+std::vector<std::string> ZNVNetworkDownload::takePathsToFlushBeforeSave() {
+    Lock lock(*this);
+    return std::exchange(pathsToFlush_, {});
 }
 
 std::function<void()> ZNVNetworkDownload::takeFilesToRemoveOnFinish() {

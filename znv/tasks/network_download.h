@@ -57,6 +57,7 @@ class ZNVNetworkDownload : public ZNVNetworkTask {
 
     void taskDidFinish() override;
     std::function<void()> takeFilesToRemoveOnFinish() override;
+    std::vector<std::string> takePathsToFlushBeforeSave() override;
     bool validateParameters() override;
     void resetForResume() override;
     std::string description() const override;
@@ -77,6 +78,8 @@ class ZNVNetworkDownload : public ZNVNetworkTask {
     // Guarded by the base task's lock.
     std::optional<ZNVURL> localFileURL_;
     std::optional<ZNVBytes> resumeData_;
+    // The moved file and its directory until a save has flushed them.
+    std::vector<std::string> pathsToFlush_;
     std::shared_ptr<const ZNVHTTPURLResponse> response_;
     // Where the progress of the current transfer started (a resumed one hears
     // its offset first); unset until known.

@@ -558,6 +558,10 @@ std::function<void()> ZNVNetworkTask::takeFilesToRemoveOnFinish() {
     return nullptr;
 }
 
+std::vector<std::string> ZNVNetworkTask::takePathsToFlushBeforeSave() {
+    return {};
+}
+
 void ZNVNetworkTask::cancel() {
     Lock lock(*this);
     if (state_ == ZNVNetworkTaskStateCompleted && !rawError_) return;

@@ -197,6 +197,12 @@ class ZNVNetworkTask : public ZNVObservable,
     // crash in between never restores a finished task without its file;
     // `taskDidFinish` then finds nothing more to remove.
     virtual std::function<void()> takeFilesToRemoveOnFinish();
+    // Paths (a file, then its directory) whose data must be on disk before a
+    // state file that archives the task as it is now replaces the last one:
+    // a download moves its finished file without waiting for the disk, and
+    // the state writer flushes it, off the session's queue, before any save
+    // that calls the download completed. Taking them empties the list.
+    virtual std::vector<std::string> takePathsToFlushBeforeSave();
     virtual std::string description() const;
 
     static int64_t serverStatusCodeForError(const ZNVErrorRef& error);
