@@ -59,7 +59,8 @@ class AnswerDelegate : public ZNVURLSessionDelegate {
 };
 
 std::string origin(const ZNVURL& url) {
-    return url.scheme() + "://" + url.host() + ":" + url.port();
+    return std::string(url.scheme()) + "://" + std::string(url.host()) + ":" +
+           std::string(url.port());
 }
 
 std::string errnoText(const std::string& what, const std::string& path) {

@@ -86,15 +86,12 @@ std::optional<ZNVURL> ZNVURL::fromString(std::string_view text) {
 
 std::optional<ZNVURL> ZNVURL::fromNormalisedHandle(void* handle, std::string absolute) {
     auto* h = static_cast<CURLU*>(handle);
-    ZNVURL url;
-    url.scheme_ = getPart(h, CURLUPART_SCHEME);
-    std::transform(url.scheme_.begin(), url.scheme_.end(), url.scheme_.begin(),
+    std::string scheme = getPart(h, CURLUPART_SCHEME);
+    std::transform(scheme.begin(), scheme.end(), scheme.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    if (url.scheme_.empty()) return std::nullopt;
-    url.host_ = getPart(h, CURLUPART_HOST);
-    url.port_ = getPart(h, CURLUPART_PORT);
-    url.query_ = getPart(h, CURLUPART_QUERY);
-    url.fragment_ = getPart(h, CURLUPART_FRAGMENT);
+    if (scheme.empty()) return std::nullopt;
+    // Offsets are 32 bits wide.
+    if (absolute.size() > UINT32_MAX / 2) return std::nullopt;
 
     // Split the text as written: scheme ":" ["//" authority] path ["?" query] ["#" fragment].
     size_t colon = absolute.find(':');
@@ -105,11 +102,23 @@ std::optional<ZNVURL> ZNVURL::fromNormalisedHandle(void* handle, std::string abs
         size_t end = absolute.find_first_of("/?#", pos);
         pos = end == std::string::npos ? absolute.size() : end;
     }
-    url.authorityPrefix_ = absolute.substr(0, pos);
     size_t pathEnd = absolute.find_first_of("?#", pos);
     if (pathEnd == std::string::npos) pathEnd = absolute.size();
-    url.rawPath_ = absolute.substr(pos, pathEnd - pos);
+
+    ZNVURL url;
+    url.parts_ = std::move(scheme);
+    url.schemeEnd_ = static_cast<uint32_t>(url.parts_.size());
+    url.parts_ += getPart(h, CURLUPART_HOST);
+    url.hostEnd_ = static_cast<uint32_t>(url.parts_.size());
+    url.parts_ += getPart(h, CURLUPART_PORT);
+    url.portEnd_ = static_cast<uint32_t>(url.parts_.size());
+    url.parts_ += getPart(h, CURLUPART_QUERY);
+    if (url.parts_.size() > UINT32_MAX / 2) return std::nullopt;
+    url.parts_.shrink_to_fit();
+    url.authorityEnd_ = static_cast<uint32_t>(pos);
+    url.pathEnd_ = static_cast<uint32_t>(pathEnd);
     url.absolute_ = std::move(absolute);
+    url.absolute_.shrink_to_fit();
     return url;
 }
 
@@ -156,26 +165,28 @@ std::optional<ZNVURL> ZNVURL::resolve(std::string_view reference, const ZNVURL& 
 }
 
 std::string ZNVURL::path() const {
-    std::string decoded = percentDecode(rawPath_);
+    std::string decoded = percentDecode(encodedPath());
     while (decoded.size() > 1 && decoded.back() == '/')
         decoded.pop_back();
     return decoded;
 }
 
 bool ZNVURL::hasDirectoryPath() const {
-    return !rawPath_.empty() && rawPath_.back() == '/';
+    const std::string_view rawPath = encodedPath();
+    return !rawPath.empty() && rawPath.back() == '/';
 }
 
 std::vector<std::string> ZNVURL::pathComponents() const {
     std::vector<std::string> components;
-    if (rawPath_.empty()) return components;
-    if (rawPath_[0] == '/') components.emplace_back("/");
+    const std::string_view rawPath = encodedPath();
+    if (rawPath.empty()) return components;
+    if (rawPath[0] == '/') components.emplace_back("/");
     size_t start = 0;
-    while (start < rawPath_.size()) {
-        size_t slash = rawPath_.find('/', start);
-        if (slash == std::string::npos) slash = rawPath_.size();
+    while (start < rawPath.size()) {
+        size_t slash = rawPath.find('/', start);
+        if (slash == std::string_view::npos) slash = rawPath.size();
         if (slash > start) {
-            components.push_back(percentDecode(rawPath_.substr(start, slash - start)));
+            components.push_back(percentDecode(rawPath.substr(start, slash - start)));
         }
         start = slash + 1;
     }
@@ -195,16 +206,15 @@ std::string ZNVURL::pathExtension() const {
 }
 
 ZNVURL ZNVURL::withEncodedPath(const std::string& encodedPath) const {
-    std::string text = authorityPrefix_ + encodedPath;
-    size_t suffix = absolute_.find_first_of("?#", authorityPrefix_.size() + rawPath_.size());
-    if (suffix != std::string::npos) text += absolute_.substr(suffix);
+    std::string text = absolute_.substr(0, authorityEnd_) + encodedPath;
+    if (pathEnd_ < absolute_.size()) text += absolute_.substr(pathEnd_);
     auto url = fromString(text);
     return url ? *url : ZNVURL();
 }
 
 ZNVURL ZNVURL::appendingPathComponent(const std::string& component, bool isDirectory) const {
     if (isEmpty()) return {};
-    std::string base = rawPath_;
+    std::string base(encodedPath());
     if (base.empty() || base.back() != '/') base.push_back('/');
     // A "/" inside the component separates segments, as in a file-system path;
     // only the text between the slashes is percent-encoded.
@@ -224,7 +234,7 @@ ZNVURL ZNVURL::appendingPathComponent(const std::string& component, bool isDirec
 
 ZNVURL ZNVURL::deletingLastPathComponent() const {
     if (isEmpty()) return {};
-    std::string p = rawPath_;
+    std::string p(encodedPath());
     while (p.size() > 1 && p.back() == '/')
         p.pop_back();
     size_t slash = p.rfind('/');
@@ -235,7 +245,7 @@ ZNVURL ZNVURL::deletingLastPathComponent() const {
 ZNVURL ZNVURL::deletingPathExtension() const {
     std::string extension = pathExtension();
     if (extension.empty()) return *this;
-    std::string p = rawPath_;
+    std::string p(encodedPath());
     bool directory = !p.empty() && p.back() == '/';
     while (p.size() > 1 && p.back() == '/')
         p.pop_back();

@@ -13,6 +13,7 @@
 //   the normalised text libcurl produced (for resolution and appending).
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,7 +22,7 @@
 namespace znv {
 
 class ZNVURL {
-public:
+  public:
     ZNVURL() = default;
 
     // An absolute URL (with a scheme); nullopt for anything else.
@@ -35,14 +36,19 @@ public:
 
     bool isEmpty() const { return absolute_.empty(); }
     const std::string& absoluteString() const { return absolute_; }
-    const std::string& scheme() const { return scheme_; }  // lower case
-    const std::string& host() const { return host_; }
+    // The parts below are views into the URL: they live as long as it does.
+    std::string_view scheme() const { return partsView(0, schemeEnd_); }  // lower case
+    std::string_view host() const { return partsView(schemeEnd_, hostEnd_); }
     // The port as written, or empty.
-    const std::string& port() const { return port_; }
-    const std::string& query() const { return query_; }  // without "?"
-    std::string path() const;                            // decoded
-    const std::string& encodedPath() const { return rawPath_; }
-    bool isFileURL() const { return scheme_ == "file"; }
+    std::string_view port() const { return partsView(hostEnd_, portEnd_); }
+    std::string_view query() const {  // without "?"
+        return partsView(portEnd_, static_cast<uint32_t>(parts_.size()));
+    }
+    std::string path() const;  // decoded
+    std::string_view encodedPath() const {
+        return std::string_view(absolute_).substr(authorityEnd_, pathEnd_ - authorityEnd_);
+    }
+    bool isFileURL() const { return scheme() == "file"; }
     bool hasDirectoryPath() const;
 
     std::vector<std::string> pathComponents() const;
@@ -66,18 +72,24 @@ public:
     static std::string percentEncodePathSegment(std::string_view segment);
     static std::string percentDecode(std::string_view text);
 
-private:
+  private:
     static std::optional<ZNVURL> fromNormalisedHandle(void* handle, std::string absolute);
     ZNVURL withEncodedPath(const std::string& encodedPath) const;
 
+    std::string_view partsView(uint32_t begin, uint32_t end) const {
+        return std::string_view(parts_).substr(begin, end - begin);
+    }
+
+    // Kept small, as a queue holds two URLs per upload: the text, where its
+    // path lies in it, and the parts libcurl normalised in one string.
     std::string absolute_;
-    std::string scheme_;
-    std::string host_;
-    std::string port_;
-    std::string rawPath_;  // as in the URL, percent-encoded; "" when the URL has no path
-    std::string query_;
-    std::string fragment_;
-    std::string authorityPrefix_;  // "scheme://userinfo@host:port" as written
+    // Scheme, host, port and query, one after the other.
+    std::string parts_;
+    uint32_t authorityEnd_ = 0;  // end of "scheme://userinfo@host:port" in absolute_
+    uint32_t pathEnd_ = 0;       // end of the percent-encoded path in absolute_
+    uint32_t schemeEnd_ = 0;     // ends of the parts in parts_
+    uint32_t hostEnd_ = 0;
+    uint32_t portEnd_ = 0;
 };
 
 }  // namespace znv

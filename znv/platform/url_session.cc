@@ -778,7 +778,7 @@ ZNVErrorRef ZNVURLSession::Core::setUp(Transfer& t) {
     t.url = request.URL().absoluteString();
 
     if (t.url.empty()) return makeURLError(NSURLErrorBadURL, "bad URL", t.url);
-    const std::string& scheme = request.URL().scheme();
+    const std::string scheme(request.URL().scheme());
     if (scheme != "http" && scheme != "https") {
         return makeURLError(NSURLErrorUnsupportedURL, "unsupported URL", t.url);
     }

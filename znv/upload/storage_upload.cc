@@ -200,7 +200,7 @@ std::string ZNVStorageUpload::remoteFileID() const {
 
 std::optional<ZNVURL> ZNVStorageUpload::remoteContentURL() const {
     Lock lock(*this);
-    return remoteContentURL_;
+    return remoteContentURL_ ? std::optional<ZNVURL>(*remoteContentURL_) : std::nullopt;
 }
 
 void ZNVStorageUpload::setRemoteFileID(const std::string& remoteFileID) {
@@ -748,7 +748,8 @@ void ZNVStorageUpload::handleStorageResponse(const ZNVStorageResponse& response,
                         return;
                     }
                 }
-                if (response.remoteContentURL()) remoteContentURL_ = response.remoteContentURL();
+                if (const std::optional<ZNVURL>& content = response.remoteContentURL())
+                    remoteContentURL_ = std::make_unique<const ZNVURL>(*content);
                 if (!requiresVideoPostProcessing_) {
                     setTask(nullptr);
                     completing = true;

@@ -208,7 +208,8 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     // Guarded by the base task's lock.
     std::shared_ptr<ZNVAccount> account_;
     std::string remoteFileID_;
-    std::optional<ZNVURL> remoteContentURL_;
+    // Set once the file is complete; a pointer keeps the uploads still queued small.
+    std::unique_ptr<const ZNVURL> remoteContentURL_;
     std::string remoteFilename_;
     std::string sharedStorageID_;
     std::string multiplexingHint_;
