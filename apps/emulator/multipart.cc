@@ -65,10 +65,6 @@ std::string parameterValue(std::string_view raw) {
 
 MultipartParser::MultipartParser(std::string boundary, Callbacks callbacks)
     : delimiter_("\r\n--" + boundary), callbacks_(std::move(callbacks)) {
-    const size_t m = delimiter_.size();
-    skip_.fill(m);
-    for (size_t i = 0; i + 1 < m; ++i)
-        skip_[static_cast<unsigned char>(delimiter_[i])] = m - 1 - i;
     // The first delimiter may start the body without the CRLF that precedes
     // every other one; a virtual CRLF in front makes both forms look alike.
     buffer_ = "\r\n";
@@ -134,20 +130,14 @@ bool MultipartParser::parseHeaders(std::string_view block, MultipartPartHeaders&
     return true;
 }
 
-// Horspool's search: the byte under the delimiter's last position decides how
-// far to move, so content that holds none of the delimiter's bytes is passed
-// over a whole delimiter length at a time (chunk bodies are megabytes).
 size_t MultipartParser::findDelimiter() const {
-    const size_t m = delimiter_.size();
-    const char* text = buffer_.data();
-    const size_t n = buffer_.size();
-    const char last = delimiter_[m - 1];
-    for (size_t pos = 0; pos + m <= n;) {
-        const char c = text[pos + m - 1];
-        if (c == last && std::memcmp(text + pos, delimiter_.data(), m - 1) == 0) return pos;
-        pos += skip_[static_cast<unsigned char>(c)];
-    }
-    return std::string::npos;
+    return findDelimiter(buffer_.data(), buffer_.size());
+}
+
+// The C library's search skips through megabytes of chunk content fastest.
+size_t MultipartParser::findDelimiter(const char* text, size_t n) const {
+    const void* hit = ::memmem(text, n, delimiter_.data(), delimiter_.size());
+    return hit ? static_cast<size_t>(static_cast<const char*>(hit) - text) : std::string::npos;
 }
 
 bool MultipartParser::step(bool& progressed) {
@@ -246,9 +236,45 @@ bool MultipartParser::step(bool& progressed) {
     return false;
 }
 
+bool MultipartParser::feedContent(const char*& data, size_t& size) {
+    const size_t m = delimiter_.size();
+    if (!buffer_.empty()) {
+        // The buffered bytes (fewer than a delimiter) go on unless a
+        // delimiter begins among them, which the first m - 1 new bytes tell.
+        if (size < m - 1) return true;
+        std::string window = buffer_;
+        window.append(data, m - 1);
+        if (findDelimiter(window.data(), window.size()) != std::string::npos) return true;
+        if (callbacks_.partData && !callbacks_.partData(buffer_.data(), buffer_.size())) {
+            return fail("part content rejected");
+        }
+        buffer_.clear();
+    }
+    if (size < m) return true;
+    const size_t pos = findDelimiter(data, size);
+    const size_t emit = pos == std::string::npos ? size - (m - 1) : pos;
+    if (emit > 0 && callbacks_.partData && !callbacks_.partData(data, emit)) {
+        return fail("part content rejected");
+    }
+    data += emit;
+    size -= emit;
+    if (pos == std::string::npos) return true;
+    data += m;
+    size -= m;
+    if (callbacks_.partEnd && !callbacks_.partEnd()) return fail("part rejected");
+    state_ = State::AfterDelimiter;
+    return true;
+}
+
 bool MultipartParser::feed(const char* data, size_t size) {
     if (state_ == State::Failed) return false;
     if (state_ == State::Epilogue) return true;
+    // Chunk bodies are megabytes of content: they are not copied into the
+    // buffer on their way through.
+    if (state_ == State::Content && buffer_.size() < delimiter_.size() &&
+        !feedContent(data, size)) {
+        return false;
+    }
     buffer_.append(data, size);
     bool progressed = true;
     while (progressed) {

@@ -12,7 +12,6 @@
 // why; `finish` returns false unless the closing delimiter was seen.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <functional>
 #include <optional>
@@ -53,9 +52,13 @@ class MultipartParser {
     bool parseHeaders(std::string_view block, MultipartPartHeaders& headers);
     bool step(bool& progressed);
     size_t findDelimiter() const;  // first delimiter in buffer_, or npos
+    size_t findDelimiter(const char* text, size_t size) const;
+    // Inside a part's content: hands on the fed bytes where they lie, past
+    // the buffered ones, up to the next delimiter or to the few bytes that
+    // could begin one; `data` and `size` are left at what remains.
+    bool feedContent(const char*& data, size_t& size);
 
-    std::string delimiter_;           // CRLF "--" boundary
-    std::array<size_t, 256> skip_{};  // Horspool shifts for delimiter_
+    std::string delimiter_;  // CRLF "--" boundary
     Callbacks callbacks_;
     State state_ = State::Preamble;
     std::string buffer_;
