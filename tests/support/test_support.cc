@@ -3,8 +3,8 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <algorithm>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -74,6 +74,11 @@ std::string readFile(const std::string& path) {
 
 void writeFile(const std::string& path, const std::string& content) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+void appendFile(const std::string& path, const std::string& content) {
+    std::ofstream out(path, std::ios::binary | std::ios::app);
     out << content;
 }
 

@@ -21,6 +21,7 @@
 #include "tests/support/test_support.h"
 #include "znv/account/account.h"
 #include "znv/account/account_configuration.h"
+#include "znv/foundation/network_utilities.h"
 #include "znv/platform/main_queue.h"
 #include "znv/platform/url_session.h"
 #include "znv/protocol/storage_response.h"
@@ -165,6 +166,13 @@ struct EmulatorHarness {
     std::shared_ptr<ZNVNetworkSessionManager> session;
     std::shared_ptr<ZNVTokenAccount> account;
 };
+
+// Whether the file system has room for an upload of `size` bytes to go whole
+// (the upload keeps a margin of free space beyond the file).
+inline bool wholeFileUploadFits(uint64_t size) {
+    return ZNVNetworkUtilities_freeSizeAvailableOnFileSystem() >=
+           ZNVStorageUploadFreeSpaceMargin + size;
+}
 
 // A clock the test moves by hand; installed for the life of the object.
 class ManualClock {

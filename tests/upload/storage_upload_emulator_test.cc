@@ -61,10 +61,7 @@ class StorageUploadEmulatorTest : public ::testing::Test {
 };
 
 TEST_F(StorageUploadEmulatorTest, TenMebibytesThroughTheFullFilePath) {
-    if (ZNVNetworkUtilities_freeSizeAvailableOnFileSystem() <
-        ZNVStorageUploadFreeSpaceMargin + 10 * MiB) {
-        GTEST_SKIP() << "the whole-file path needs 512 MiB of free space beyond the file";
-    }
+    if (!test::wholeFileUploadFits(10 * MiB)) GTEST_SKIP() << "needs 512 MiB of free space";
     const std::string source = writeSource("ten.bin", 10 * MiB);
     auto upload = start(source, /*forceChunks=*/false);
     ASSERT_TRUE(finished(upload));
@@ -79,10 +76,7 @@ TEST_F(StorageUploadEmulatorTest, TenMebibytesThroughTheFullFilePath) {
 }
 
 TEST_F(StorageUploadEmulatorTest, ShortLastChunkAndFallbackFromAFailedFullFile) {
-    if (ZNVNetworkUtilities_freeSizeAvailableOnFileSystem() <
-        ZNVStorageUploadFreeSpaceMargin + 10 * MiB) {
-        GTEST_SKIP() << "the whole-file path needs 512 MiB of free space beyond the file";
-    }
+    if (!test::wholeFileUploadFits(10 * MiB)) GTEST_SKIP() << "needs 512 MiB of free space";
     ASSERT_TRUE(harness.emulator.addFault({{"method", "PUT"},
                                            {"path", "/api/files/*/fullfile"},
                                            {"times", 1},
@@ -190,8 +184,7 @@ TEST_F(StorageUploadEmulatorTest, ASourceChangedBetweenStepsFailsTheUpload) {
         Change change;
         const char* refusedPath;  // the request that must never be sent
     };
-    const bool wholeFileFits = ZNVNetworkUtilities_freeSizeAvailableOnFileSystem() >=
-                               ZNVStorageUploadFreeSpaceMargin + 33 * MiB;
+    const bool wholeFileFits = test::wholeFileUploadFits(33 * MiB);
     const std::vector<Case> cases = {
         {"rewritten before the second batch", true, 2, Change::Rewrite, "/complete"},
         {"truncated before the second batch", true, 2, Change::Truncate, "/complete"},
@@ -237,13 +230,9 @@ TEST_F(StorageUploadEmulatorTest, ASourceChangedBetweenStepsFailsTheUpload) {
             case Change::Rewrite:  // same size, other bytes
                 test::writePatternFile(source, 32 * MiB + 1000, 77);
                 break;
-            case Change::Grow: {
-                std::FILE* file = std::fopen(source.c_str(), "ab");
-                ASSERT_NE(file, nullptr);
-                std::fputs("more", file);
-                std::fclose(file);
+            case Change::Grow:
+                test::appendFile(source, "more");
                 break;
-            }
             case Change::Truncate:
                 fs::resize_file(source, 5 * MiB);
                 break;
@@ -265,10 +254,7 @@ TEST_F(StorageUploadEmulatorTest, ASourceChangedBetweenStepsFailsTheUpload) {
 // A whole file that grows while it is being sent is not reported complete,
 // though the service stored what it read.
 TEST_F(StorageUploadEmulatorTest, AWholeFileGrownWhileInFlightFails) {
-    if (ZNVNetworkUtilities_freeSizeAvailableOnFileSystem() <
-        ZNVStorageUploadFreeSpaceMargin + 4 * MiB) {
-        GTEST_SKIP() << "the whole-file path needs 512 MiB of free space beyond the file";
-    }
+    if (!test::wholeFileUploadFits(4 * MiB)) GTEST_SKIP() << "needs 512 MiB of free space";
     ASSERT_TRUE(harness.emulator.addFault({{"method", "PUT"},
                                            {"path", "/api/files/*/fullfile"},
                                            {"times", 1},
@@ -282,12 +268,7 @@ TEST_F(StorageUploadEmulatorTest, AWholeFileGrownWhileInFlightFails) {
         }
         return false;
     }));
-    {
-        std::FILE* file = std::fopen(source.c_str(), "ab");
-        ASSERT_NE(file, nullptr);
-        std::fputs("late", file);
-        std::fclose(file);
-    }
+    test::appendFile(source, "late");
     ASSERT_TRUE(finished(upload));
     ASSERT_NE(upload->error(), nullptr);
     EXPECT_EQ(upload->error()->localizedDescription(),
