@@ -42,12 +42,6 @@ class TaskRouter : public ZNVNetworkSessionBackgroundDelegate {
     }
     void setReachable(bool reachable) { reachable_ = reachable; }
 
-    // Every storage response routed so far, oldest first.
-    std::vector<ZNVStorageResponseRef> responses() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return responses_;
-    }
-
     void didFinishDownloadingToURL(const std::shared_ptr<ZNVNetworkSessionManager>&,
                                    const std::shared_ptr<ZNVURLSessionDownloadTask>& task,
                                    const ZNVURL& location) override {
@@ -69,10 +63,6 @@ class TaskRouter : public ZNVNetworkSessionBackgroundDelegate {
         if (!ZNVNetworkSessionManager::taskHasAuthentication(task)) return;
         ZNVStorageResponseRef response = ZNVStorageResponse::responseForTask(task, data, error);
         if (!response) return;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            responses_.push_back(response);
-        }
         if (auto upload = find<ZNVStorageUpload>(task)) {
             upload->handleStorageResponse(*response, reachable_.load());
         }
@@ -113,7 +103,6 @@ class TaskRouter : public ZNVNetworkSessionBackgroundDelegate {
 
     mutable std::mutex mutex_;
     std::vector<std::weak_ptr<ZNVNetworkTask>> tasks_;  // guarded by mutex_
-    std::vector<ZNVStorageResponseRef> responses_;      // guarded by mutex_
     std::atomic<bool> reachable_{true};
 };
 
