@@ -1,7 +1,8 @@
 // Uploads end to end against the emulator, with the real 4 MiB chunk size: the
-// chunk path (batches staged one ahead) and the full-file path, the fallback
-// from one to the other, the missing-chunk cycles, and uploads restored from
-// an archive.
+// chunk path (batches staged one ahead) and the full-file path, the
+// missing-chunk cycles, sources that change, and uploads restored from an
+// archive. The fallback from a failed whole file to chunks and the silent
+// recovery of a refused batch are seen through the managers in tests/e2e.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -75,30 +76,8 @@ TEST_F(StorageUploadEmulatorTest, TenMebibytesThroughTheFullFilePath) {
     EXPECT_EQ(count(log, "POST", "/complete"), 0u) << "a whole file needs no assembly";
 }
 
-TEST_F(StorageUploadEmulatorTest, ShortLastChunkAndFallbackFromAFailedFullFile) {
-    if (!test::wholeFileUploadFits(10 * MiB)) GTEST_SKIP() << "needs 512 MiB of free space";
-    ASSERT_TRUE(harness.emulator.addFault({{"method", "PUT"},
-                                           {"path", "/api/files/*/fullfile"},
-                                           {"times", 1},
-                                           {"action", "status"},
-                                           {"status", 500}}));
-    const std::string source = writeSource("three.bin", 8 * MiB + 1000);
-    auto upload = start(source, /*forceChunks=*/false);
-    EXPECT_EQ(upload->chunkCount(), 3u);
-    EXPECT_EQ(upload->sizeOfLastChunk(), 1000u);
-    EXPECT_EQ(upload->progress()->totalUnitCount(), 32);
-    ASSERT_TRUE(finished(upload));
-    ASSERT_EQ(upload->error(), nullptr) << upload->rawError()->description();
-    EXPECT_TRUE(test::filesEqual(harness.storedContentPath(upload->remoteFileID()), source));
-
-    const auto log = harness.emulator.requestLog();
-    const std::string id = upload->remoteFileID();
-    EXPECT_EQ(count(log, "PUT", "/files/" + id + "/fullfile"), 1u);
-    EXPECT_EQ(count(log, "PUT", "/files/" + id), 1u) << "then all three chunks in one batch";
-    EXPECT_EQ(count(log, "POST", "/files/" + id + "/complete"), 1u);
-}
-
-TEST_F(StorageUploadEmulatorTest, MissingChunksAreResentThreeTimesAndTheFourthConflictFails) {
+TEST_F(StorageUploadEmulatorTest,
+       MissingChunksAreResentThreeTimesTheFourthConflictFailsAndACompletedUploadOutlivesItsSource) {
     ASSERT_TRUE(harness.emulator.addFault({{"method", "POST"},
                                            {"path", "/api/files/*/complete"},
                                            {"times", 4},
@@ -124,6 +103,19 @@ TEST_F(StorageUploadEmulatorTest, MissingChunksAreResentThreeTimesAndTheFourthCo
     ASSERT_TRUE(finished(recovering));
     ASSERT_EQ(recovering->error(), nullptr) << recovering->rawError()->description();
     EXPECT_TRUE(test::filesEqual(harness.storedContentPath(recovering->remoteFileID()), second));
+
+    // A completed upload is history: its source may be deleted before the
+    // next launch without turning it into a failure.
+    ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*recovering);
+    fs::remove(second);
+    auto restored = std::dynamic_pointer_cast<ZNVStorageUpload>(
+        ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data));
+    ASSERT_NE(restored, nullptr);
+    EXPECT_EQ(restored->state(), ZNVNetworkTaskStateCompleted);
+    EXPECT_EQ(restored->rawError(), nullptr);
+    EXPECT_EQ(restored->remoteFileID(), recovering->remoteFileID());
+    EXPECT_EQ(restored->chunkCount(), 2u);
+    EXPECT_EQ(restored->sourceFileSize(), 5 * MiB);
 }
 
 TEST_F(StorageUploadEmulatorTest, RestoredUploadWhoseSourceWasRenamedStillUploads) {
@@ -150,26 +142,6 @@ TEST_F(StorageUploadEmulatorTest, RestoredUploadWhoseSourceWasRenamedStillUpload
     ASSERT_TRUE(finished(restored));
     ASSERT_EQ(restored->error(), nullptr) << restored->rawError()->description();
     EXPECT_TRUE(test::filesEqual(harness.storedContentPath(restored->remoteFileID()), renamed));
-}
-
-TEST_F(StorageUploadEmulatorTest, InterruptedChunkBatchIsRecoveredSilently) {
-    // The first chunk batch is refused with 503, which a task retries on its own.
-    ASSERT_TRUE(harness.emulator.addFault({{"method", "PUT"},
-                                           {"path", "/api/files/*"},
-                                           {"times", 1},
-                                           {"action", "status"},
-                                           {"status", 503}}));
-    const std::string source = writeSource("retry.bin", 3 * MiB);
-    auto upload = start(source, true);
-    ASSERT_TRUE(test::waitFor([&] { return upload->rawError() != nullptr; }));
-    EXPECT_EQ(upload->error(), nullptr);
-    EXPECT_EQ(upload->state(), ZNVNetworkTaskStateSuspended);
-    upload->automaticallyRecoverFromError();
-    EXPECT_EQ(upload->remainingAttemptsForAutomaticErrorRecovery(), 4u);
-    ASSERT_TRUE(upload->resume());
-    ASSERT_TRUE(finished(upload));
-    ASSERT_EQ(upload->error(), nullptr) << upload->rawError()->description();
-    EXPECT_TRUE(test::filesEqual(harness.storedContentPath(upload->remoteFileID()), source));
 }
 
 // A source changed between two steps of its upload never completes: the
@@ -298,26 +270,6 @@ TEST_F(StorageUploadEmulatorTest, ARestoredUploadNoticesASourceRewrittenWhileItW
               "The source of the upload has changed or moved.");
     EXPECT_EQ(count(harness.emulator.requestLog(), "PUT", "/files/" + restored->remoteFileID()),
               0u);
-}
-
-// A completed upload is history: its source may be deleted before the next
-// launch without turning it into a failure.
-TEST_F(StorageUploadEmulatorTest, ACompletedUploadStaysCompletedWithoutItsSource) {
-    const std::string source = writeSource("done.bin", 5 * MiB);
-    auto upload = start(source, true);
-    ASSERT_TRUE(finished(upload));
-    ASSERT_EQ(upload->error(), nullptr);
-    ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*upload);
-    fs::remove(source);
-    auto restored = std::dynamic_pointer_cast<ZNVStorageUpload>(
-        ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data));
-    ASSERT_NE(restored, nullptr);
-    EXPECT_EQ(restored->state(), ZNVNetworkTaskStateCompleted);
-    EXPECT_EQ(restored->rawError(), nullptr);
-    EXPECT_EQ(restored->error(), nullptr);
-    EXPECT_EQ(restored->remoteFileID(), upload->remoteFileID());
-    EXPECT_EQ(restored->chunkCount(), 2u);
-    EXPECT_EQ(restored->sourceFileSize(), 5 * MiB);
 }
 
 // The body of the next batch is staged while the current batch is on the
