@@ -115,21 +115,6 @@ TEST(NetworkCollection, FinishingAnnouncesDownloadsAtThePositionInTasks) {
     EXPECT_TRUE(recorder.records().empty());
 }
 
-TEST(NetworkCollection, FinishingADownloadRemovesItsLocalFile) {
-    auto network = ZNVNetwork::create(configuration("collection-file"));
-    auto download = makeDownload();
-    const std::string path = test::makeTempDir("finished") + "/download.bin";
-    test::writeFile(path, "payload");
-    download->setLocalFileURL(ZNVURL::fileURL(path));
-    network->addTask(download);
-
-    network->finishTask(download);
-    EXPECT_FALSE(download->localFileURL().has_value());
-    // The file goes once the state file no longer lists the download.
-    ASSERT_TRUE(network->waitUntilStateIsWritten(std::chrono::seconds(10)));
-    EXPECT_FALSE(std::filesystem::exists(path));
-}
-
 // --- Activation policy ----------------------------------------------------------
 
 TEST(NetworkActivation, CapacityIsFilledInOrderAndEarlyTasksGoBeyondIt) {

@@ -286,22 +286,6 @@ TEST_F(StorageTest, AnswersNamingAHeldUploadAreIgnoredEvenAfterInvalidation) {
     EXPECT_EQ(log.count(ignoredLine), 1u);
 }
 
-TEST_F(StorageTest, UploadCapacityIsTwoRunningUploads) {
-    LogCapture log;
-    auto storage = makeStorage();
-    test::manualReachability(storage)->setReachable(false);
-    auto first = storage->uploadFromFile(sourceFile("1.bin", 10), false);
-    auto second = storage->uploadFromFile(sourceFile("2.bin", 10), false);
-    auto third = storage->uploadFromFile(sourceFile("3.bin", 10), false);
-    first->setState(ZNVNetworkTaskStateRunning);
-    second->setState(ZNVNetworkTaskStateRunning);
-    account_->setStatus(ZNVAccountStatusSignedIn);
-    test::manualReachability(storage)->setReachable(true);
-    EXPECT_FALSE(storage->refreshUploadActivity());
-    EXPECT_TRUE(log.contains("2 upload(s) are currently active."));
-    EXPECT_EQ(third->state(), ZNVNetworkTaskStateSuspended);
-}
-
 TEST_F(StorageTest, RemoteFileOperationsFailOnTheMainQueueWithoutASession) {
     LogCapture log;
     auto storage = makeStorage();
