@@ -22,27 +22,17 @@ namespace {
 
 using test::FakeTask;
 using test::LogCapture;
-
-ZNVAccountConfigurationRef configuration(const std::string& identifier) {
-    return std::make_shared<ZNVAccountConfiguration>(
-        ZNVURL::fromString("http://127.0.0.1:9/api/").value(), identifier);
-}
+using test::makeDownload;
+using test::offlineConfiguration;
+using test::statePath;
 
 std::string stateDirectory() {
     return std::string(std::getenv("HOME")) + "/Library/Network";
 }
-std::string statePath(const std::string& identifier) {
-    return stateDirectory() + "/" + identifier + ".state";
-}
-
-std::shared_ptr<ZNVNetworkDownload> makeDownload(const std::string& name) {
-    return ZNVNetworkDownload::create(ZNVURL::fromString("https://example.invalid/" + name).value(),
-                                      nullptr);
-}
 
 // A manager that was never launched has no session manager: it saves inline.
 TEST(NetworkState, RoundTripRestoresEveryTaskInOrderWithoutRewritingTheFile) {
-    auto writer = ZNVNetwork::create(configuration("roundtrip"));
+    auto writer = ZNVNetwork::create(offlineConfiguration("roundtrip"));
     auto first = makeDownload("first.zip");
     auto plain = FakeTask::make(nullptr, "plain");
     auto second = makeDownload("second.zip");
@@ -68,7 +58,7 @@ TEST(NetworkState, RoundTripRestoresEveryTaskInOrderWithoutRewritingTheFile) {
     EXPECT_EQ(json["$top"]["tasks"]["$objects"][0]["$class"], "ZNVNetworkDownload");
 
     LogCapture log;
-    auto reader = ZNVNetwork::create(configuration("roundtrip"));
+    auto reader = ZNVNetwork::create(offlineConfiguration("roundtrip"));
     reader->readState();
     auto restored = reader->tasks();
     ASSERT_EQ(restored.size(), 3u);
@@ -100,7 +90,7 @@ TEST(NetworkState, ConfigurationsWithoutIdentifierShareTheLiveFileAndNoFileIsNoS
         EXPECT_EQ(first->stateRestoreError(), nullptr);
         EXPECT_TRUE(log.lines().empty());
     }
-    auto writer = ZNVNetwork::create(configuration(""));
+    auto writer = ZNVNetwork::create(offlineConfiguration(""));
     writer->addTask(makeDownload("live.zip"));
     EXPECT_TRUE(std::filesystem::exists(statePath("live")));
     auto reader = ZNVNetwork::create(nullptr);
@@ -110,7 +100,7 @@ TEST(NetworkState, ConfigurationsWithoutIdentifierShareTheLiveFileAndNoFileIsNoS
 
 TEST(NetworkState, BatchAndReadingSuppressSavesAndCommitWritesOnce) {
     LogCapture log;
-    auto network = ZNVNetwork::create(configuration("batch"));
+    auto network = ZNVNetwork::create(offlineConfiguration("batch"));
     network->beginBatch();
     EXPECT_TRUE(network->isBatchingSave());
     network->addTask(makeDownload("one.zip"));
@@ -122,14 +112,14 @@ TEST(NetworkState, BatchAndReadingSuppressSavesAndCommitWritesOnce) {
     network->commitBatch();
     EXPECT_FALSE(network->isBatchingSave());
     EXPECT_EQ(log.count("saving task state:"), 1u);
-    auto reader = ZNVNetwork::create(configuration("batch"));
+    auto reader = ZNVNetwork::create(offlineConfiguration("batch"));
     reader->readState();
     ASSERT_EQ(reader->tasks().size(), 1u);
     EXPECT_EQ(reader->tasks()[0]->sourceURL()->lastPathComponent(), "two.zip");
 }
 
 TEST(NetworkState, SaveSummaryListsRunningTasksAndCountsTheOthers) {
-    auto network = ZNVNetwork::create(configuration("summary"));
+    auto network = ZNVNetwork::create(offlineConfiguration("summary"));
     auto suspended = FakeTask::make(nullptr, "suspended");
     auto running = FakeTask::make(nullptr, "running");
     auto completed = FakeTask::make(nullptr, "completed");
@@ -174,7 +164,7 @@ class DamagedState : public ::testing::Test {
             std::filesystem::remove(old);
         test::writeFile(statePath("damaged"), content);
         LogCapture log;
-        network_ = ZNVNetwork::create(configuration("damaged"));
+        network_ = ZNVNetwork::create(offlineConfiguration("damaged"));
         network_->readState();
         EXPECT_FALSE(network_->isReadingState());
         EXPECT_TRUE(network_->tasks().empty());
@@ -211,7 +201,7 @@ class DamagedState : public ::testing::Test {
 };
 
 TEST_F(DamagedState, EveryUnrestorableFileIsKeptAsideAndReported) {
-    auto good = ZNVNetwork::create(configuration("source"));
+    auto good = ZNVNetwork::create(offlineConfiguration("source"));
     good->addTask(makeDownload("good.zip"));
     good->addTask(makeDownload("other.zip"));
     const std::string valid = test::readFile(statePath("source"));
@@ -259,7 +249,7 @@ TEST_F(DamagedState, EveryUnrestorableFileIsKeptAsideAndReported) {
 }
 
 TEST_F(DamagedState, AForeignFileIsNoDamage) {
-    auto other = ZNVNetwork::create(configuration("other"));
+    auto other = ZNVNetwork::create(offlineConfiguration("other"));
     other->addTask(makeDownload("foreign.zip"));
     const std::string foreign = test::readFile(statePath("other"));
     auto lines = restoreFrom(foreign);
@@ -277,7 +267,7 @@ TEST_F(DamagedState, AnOversizedFileIsKeptWithoutBeingLoaded) {
     }
     const uint64_t before = test::currentRSS();
     LogCapture log;
-    network_ = ZNVNetwork::create(configuration("damaged"));
+    network_ = ZNVNetwork::create(offlineConfiguration("damaged"));
     network_->readState();
     EXPECT_LT(test::currentRSS(), before + (uint64_t{64} << 20));
     auto copies = damagedCopies("damaged");
@@ -292,7 +282,7 @@ TEST_F(DamagedState, AnOversizedFileIsKeptWithoutBeingLoaded) {
 TEST(NetworkState, AFailedReplacementIsReportedAndLeavesNoTemporaryFile) {
     // A non-empty directory where the state file belongs cannot be replaced.
     std::filesystem::create_directories(statePath("blocked") + "/inside");
-    auto network = ZNVNetwork::create(configuration("blocked"));
+    auto network = ZNVNetwork::create(offlineConfiguration("blocked"));
     LogCapture log;
     network->addTask(makeDownload("lost.zip"));
     EXPECT_TRUE(log.contains("failed to save task state: "));
@@ -304,7 +294,7 @@ TEST(NetworkState, AFailedReplacementIsReportedAndLeavesNoTemporaryFile) {
 // Saves asked for from two threads at once (a refresh's save racing an
 // addition) must leave the newest collection on disk, round after round.
 TEST(NetworkState, ConcurrentSavesNeverLeaveAnOlderCollection) {
-    auto network = ZNVNetwork::create(configuration("race"));
+    auto network = ZNVNetwork::create(offlineConfiguration("race"));
     network->launch();
     auto session = network->sessionManager();
     ASSERT_NE(session, nullptr);
@@ -388,7 +378,7 @@ class LockHolder {
 TEST(NetworkState, AQueueHeldByAnotherProcessIsNeitherReadNorWritten) {
     const std::string lockPath = statePath("shared") + ".lock";
     {
-        auto writer = ZNVNetwork::create(configuration("shared"));
+        auto writer = ZNVNetwork::create(offlineConfiguration("shared"));
         writer->addTask(makeDownload("queued.zip"));
     }  // the last manager of the queue lets go of it
     const std::string saved = test::readFile(statePath("shared"));
@@ -396,7 +386,7 @@ TEST(NetworkState, AQueueHeldByAnotherProcessIsNeitherReadNorWritten) {
         LockHolder holder(lockPath);
         ASSERT_TRUE(holder.ready());
         LogCapture log;
-        auto refused = ZNVNetwork::create(configuration("shared"));
+        auto refused = ZNVNetwork::create(offlineConfiguration("shared"));
         refused->launch();
         auto error = refused->stateRestoreError();
         ASSERT_NE(error, nullptr);
@@ -415,13 +405,13 @@ TEST(NetworkState, AQueueHeldByAnotherProcessIsNeitherReadNorWritten) {
     }
 
     // Once the other process is gone the queue is this process's.
-    auto owner = ZNVNetwork::create(configuration("shared"));
+    auto owner = ZNVNetwork::create(offlineConfiguration("shared"));
     owner->launch();
     EXPECT_EQ(owner->stateRestoreError(), nullptr);
     EXPECT_EQ(owner->tasks().size(), 1u);
     EXPECT_EQ(test::readFile(lockPath), std::to_string(::getpid()) + "\n");
     // Managers of one process share the queue.
-    auto second = ZNVNetwork::create(configuration("shared"));
+    auto second = ZNVNetwork::create(offlineConfiguration("shared"));
     second->readState();
     EXPECT_EQ(second->stateRestoreError(), nullptr);
     EXPECT_EQ(second->tasks().size(), 1u);

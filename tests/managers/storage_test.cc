@@ -19,18 +19,13 @@ namespace {
 
 using test::AnnouncementRecorder;
 using test::LogCapture;
-
-ZNVAccountConfigurationRef configuration(const std::string& identifier) {
-    // Nothing listens on the discard port; these tests never let a request out.
-    return std::make_shared<ZNVAccountConfiguration>(
-        ZNVURL::fromString("http://127.0.0.1:9/api/").value(), identifier);
-}
+using test::offlineConfiguration;
 
 class StorageTest : public ::testing::Test {
   protected:
     void SetUp() override {
         test::installManualReachability();
-        account_ = ZNVTokenAccount::createWithToken(configuration(name()), "dev-token",
+        account_ = ZNVTokenAccount::createWithToken(offlineConfiguration(name()), "dev-token",
                                                     ZNVAccountStatusSignedOut);
         directory_ = test::makeTempDir("sources");
     }
@@ -348,7 +343,7 @@ TEST_F(StorageTest, RestoredUploadsReturnToTheUploadsCollection) {
 // that predate the process are removed at launch; everything else stays.
 TEST_F(StorageTest, LaunchRemovesOnlyOrphanStagedBodiesOlderThanTheProcess) {
     {
-        auto network = ZNVNetwork::create(configuration(name()));
+        auto network = ZNVNetwork::create(offlineConfiguration(name()));
         auto upload = ZNVStorageUpload::create(sourceFile("live.bin", 5000), "", account_, "", "",
                                                false, nullptr);
         upload->setRemoteFileID("LIVE-1");
