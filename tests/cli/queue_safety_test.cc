@@ -17,8 +17,6 @@
 #include "tests/cli/znv_process.h"
 #include "tests/support/test_support.h"
 
-#if __has_include("znv/managers/storage.h")
-
 namespace znv::test {
 namespace {
 
@@ -235,5 +233,3 @@ TEST_F(ZnvQueueSafetyTest, StatusAndExitStatusSayWhatHappenedToEachTask) {
 
 }  // namespace
 }  // namespace znv::test
-
-#endif

@@ -14,16 +14,7 @@ namespace znv::emulator::test {
 namespace {
 
 using nlohmann::json;
-
-std::string pattern(size_t size, uint32_t seed) {
-    std::string out(size, '\0');
-    uint32_t x = seed;
-    for (auto& c : out) {
-        x = x * 1103515245 + 12345;
-        c = static_cast<char>(x >> 23);
-    }
-    return out;
-}
+using znv::test::patternBytes;
 
 std::vector<uint64_t> indices(const json& list) {
     std::vector<uint64_t> out;
@@ -130,7 +121,7 @@ TEST_F(ProtocolTest, FullFileUploadCompletesOnceAndOnlyOnceAndThenPostProcesses)
     const std::string process = api("files/" + id + "/process");
     const std::string request = R"({"type": "encode", "values": {"outputType": "video/mp4"}})";
     EXPECT_EQ(sendJSON("POST", process, request).status, 409);  // not complete yet
-    std::string bytes = pattern(3'000'000, 1);
+    std::string bytes = patternBytes(3'000'000, 1);
     auto uploaded = putFullFile(id, bytes);
     ASSERT_EQ(uploaded.status, 200) << uploaded.body;
     auto body = uploaded.json();
@@ -161,7 +152,8 @@ TEST_F(ProtocolTest, FullFileUploadCompletesOnceAndOnlyOnceAndThenPostProcesses)
 
 TEST_F(ProtocolTest, ChunksAssembleAfterTheMissingOneArrives) {
     std::string id = createFile("chunked.bin");
-    std::vector<std::string> chunks = {pattern(4096, 1), pattern(4096, 2), pattern(1000, 3)};
+    std::vector<std::string> chunks = {patternBytes(4096, 1), patternBytes(4096, 2),
+                                       patternBytes(1000, 3)};
     auto first = putBatch(id, {{0, chunks[0]}, {2, chunks[2]}});
     ASSERT_EQ(first.status, 200) << first.body;
     EXPECT_EQ(first.json()["fileId"], id);
@@ -193,7 +185,7 @@ TEST_F(ProtocolTest, ChunksAssembleAfterTheMissingOneArrives) {
 TEST_F(ProtocolTest, AcceptsABatchMadeByCurlForm) {
     std::string id = createFile();
     std::string dir = znv::test::makeTempDir("form");
-    std::string a = pattern(70000, 5), b = pattern(123, 6);
+    std::string a = patternBytes(70000, 5), b = patternBytes(123, 6);
     znv::test::writeFile(dir + "/a", a);
     znv::test::writeFile(dir + "/b", b);
     auto result = run("curl -sS -X PUT -H '" + std::string(kAuth) + "' -F 'chunkData.0=@" + dir +
@@ -297,7 +289,7 @@ TEST(ProtocolLimits, FullFileLimitHoldsForDeclaredAndStreamedBodies) {
 
 TEST_F(ProtocolTest, ContentHonoursRangesAndValidators) {
     std::string id = createFile();
-    std::string bytes = pattern(1000, 9);
+    std::string bytes = patternBytes(1000, 9);
     ASSERT_EQ(putFullFile(id, bytes).status, 200);
     const std::string url = root("content/" + id);
 
@@ -349,16 +341,17 @@ TEST_F(ProtocolTest, ContentHonoursRangesAndValidators) {
 // Restarts keep every file and chunk; full-size chunks become the content
 // without a copy.
 TEST_F(ProtocolTest, RestartsKeepEveryFileAndChunkAndFullSizeChunksBecomeTheContent) {
-    const std::string whole = pattern(5000, 4);
+    const std::string whole = patternBytes(5000, 4);
     const std::string wholeId = createFile("whole");
     ASSERT_EQ(putFullFile(wholeId, whole).status, 200);
     const std::string etag = get(root("content/" + wholeId), {}).header("etag");
 
     const uint64_t stride = 4194304;
-    const std::string c0 = pattern(stride, 1), c1 = pattern(stride, 2), c2 = pattern(12345, 3);
+    const std::string c0 = patternBytes(stride, 1), c1 = patternBytes(stride, 2),
+                      c2 = patternBytes(12345, 3);
     const std::string id = createFile("large.bin");
     // Chunk 2 before chunk 1, and chunk 0 first with the wrong bytes.
-    ASSERT_EQ(putBatch(id, {{2, c2}, {0, pattern(stride, 9)}}).status, 200);
+    ASSERT_EQ(putBatch(id, {{2, c2}, {0, patternBytes(stride, 9)}}).status, 200);
     // A body cut before its closing delimiter stores none of its chunks, also
     // not the one whose bytes already went into its slot.
     HttpRequest cut;

@@ -356,30 +356,23 @@ TEST(FileOperations, RemoveClearsFilesAndDirectoriesAndLogsFailures) {
     EXPECT_EQ(lines[0].rfind("warning|failed to clear out file: ", 0), 0u) << lines[0];
 }
 
-TEST(FileOperations, ProtectedReplacementConsumesTheSource) {
+// The replacement itself is ZNVReplaceFileDurably's (FileSystem tests): here
+// only what the URL form adds.
+TEST(FileOperations, ProtectedReplacementTakesFileURLsOnly) {
     const std::string dir = test::makeTempDir("protect");
     const ZNVURL source = ZNVURL::fileURL(dir + "/state.new");
     const ZNVURL target = ZNVURL::fileURL(dir + "/live.state");
-
-    test::writeFile(source.path(), "old");
-    ZNVErrorRef error;
-    ASSERT_TRUE(ZNVNetworkUtilities_copyFileAtURLToProtectedTarget(source, target, &error));
     test::writeFile(source.path(), "new state");
-    ASSERT_TRUE(ZNVNetworkUtilities_copyFileAtURLToProtectedTarget(source, target, &error));
-    EXPECT_EQ(error, nullptr);
-    EXPECT_EQ(test::readFile(target.path()), "new state");
-    EXPECT_EQ(entries(dir), std::vector<std::string>{"live.state"});
 
-    // Not file URLs: false, and no error.
+    // Not file URLs: false, no error, nothing moved.
+    ZNVErrorRef error;
     auto remote = *ZNVURL::fromString("https://h/live.state");
     EXPECT_FALSE(ZNVNetworkUtilities_copyFileAtURLToProtectedTarget(remote, target, &error));
-    EXPECT_FALSE(ZNVNetworkUtilities_copyFileAtURLToProtectedTarget(target, remote, &error));
+    EXPECT_FALSE(ZNVNetworkUtilities_copyFileAtURLToProtectedTarget(source, remote, &error));
     EXPECT_EQ(error, nullptr);
 
-    // A missing source fails with a file error and keeps the target.
-    EXPECT_FALSE(ZNVNetworkUtilities_copyFileAtURLToProtectedTarget(source, target, &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
+    ASSERT_TRUE(ZNVNetworkUtilities_copyFileAtURLToProtectedTarget(source, target, &error));
+    EXPECT_EQ(error, nullptr);
     EXPECT_EQ(test::readFile(target.path()), "new state");
     EXPECT_EQ(entries(dir), std::vector<std::string>{"live.state"});
 }

@@ -1,6 +1,7 @@
 // Helpers for the task manager tests: a log capture, a recorder of indexed
-// change announcements and a minimal network task whose `resume` only flips
-// its state, so the activation policy can be driven without any transfer.
+// change announcements, a minimal network task whose `resume` only flips
+// its state, so the activation policy can be driven without any transfer, and
+// the configuration, state file and download the tests share.
 #pragma once
 
 #include <spdlog/sinks/ringbuffer_sink.h>
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -19,6 +21,7 @@
 #include "znv/foundation/log.h"
 #include "znv/platform/observable.h"
 #include "znv/session/network_session_manager.h"
+#include "znv/tasks/network_download.h"
 #include "znv/tasks/network_task.h"
 
 namespace znv::test {
@@ -177,6 +180,24 @@ class FakeTask : public ZNVNetworkTask {
   private:
     FakeTask() = default;
 };
+
+// A configuration whose service nobody listens on (the discard port): these
+// tests never let a request out.
+inline ZNVAccountConfigurationRef offlineConfiguration(const std::string& identifier = "") {
+    return std::make_shared<ZNVAccountConfiguration>(
+        ZNVURL::fromString("http://127.0.0.1:9/api/").value(), identifier);
+}
+
+// Where the managers of a configuration keep their state file.
+inline std::string statePath(const std::string& identifier) {
+    return std::string(std::getenv("HOME")) + "/Library/Network/" + identifier + ".state";
+}
+
+// A download of a remote file nobody serves, without a session manager.
+inline std::shared_ptr<ZNVNetworkDownload> makeDownload(const std::string& name = "file.zip") {
+    return ZNVNetworkDownload::create(ZNVURL::fromString("https://example.invalid/" + name).value(),
+                                      nullptr);
+}
 
 // Makes every reachability manager created from now on a manual one that
 // starts reachable, so tests decide when the network is up.

@@ -22,27 +22,17 @@ namespace {
 
 using test::FakeTask;
 using test::LogCapture;
-
-ZNVAccountConfigurationRef configuration(const std::string& identifier) {
-    return std::make_shared<ZNVAccountConfiguration>(
-        ZNVURL::fromString("http://127.0.0.1:9/api/").value(), identifier);
-}
+using test::makeDownload;
+using test::offlineConfiguration;
+using test::statePath;
 
 std::string stateDirectory() {
     return std::string(std::getenv("HOME")) + "/Library/Network";
 }
-std::string statePath(const std::string& identifier) {
-    return stateDirectory() + "/" + identifier + ".state";
-}
-
-std::shared_ptr<ZNVNetworkDownload> makeDownload(const std::string& name) {
-    return ZNVNetworkDownload::create(ZNVURL::fromString("https://example.invalid/" + name).value(),
-                                      nullptr);
-}
 
 // A manager that was never launched has no session manager: it saves inline.
 TEST(NetworkState, RoundTripRestoresEveryTaskInOrderWithoutRewritingTheFile) {
-    auto writer = ZNVNetwork::create(configuration("roundtrip"));
+    auto writer = ZNVNetwork::create(offlineConfiguration("roundtrip"));
     auto first = makeDownload("first.zip");
     auto plain = FakeTask::make(nullptr, "plain");
     auto second = makeDownload("second.zip");
@@ -59,9 +49,16 @@ TEST(NetworkState, RoundTripRestoresEveryTaskInOrderWithoutRewritingTheFile) {
     ASSERT_EQ(::stat(statePath("roundtrip").c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0600u);
     const std::string before = test::readFile(statePath("roundtrip"));
+    // The file is the keyed archive the documentation describes.
+    auto json = nlohmann::json::parse(before);
+    EXPECT_EQ(json["$archiver"], "ZNVKeyedArchiver");
+    EXPECT_EQ(json["$top"]["configuration type"], "roundtrip");
+    EXPECT_EQ(json["$top"]["tasks"]["$class"], "NSMutableArray");
+    ASSERT_EQ(json["$top"]["tasks"]["$objects"].size(), 3u);
+    EXPECT_EQ(json["$top"]["tasks"]["$objects"][0]["$class"], "ZNVNetworkDownload");
 
     LogCapture log;
-    auto reader = ZNVNetwork::create(configuration("roundtrip"));
+    auto reader = ZNVNetwork::create(offlineConfiguration("roundtrip"));
     reader->readState();
     auto restored = reader->tasks();
     ASSERT_EQ(restored.size(), 3u);
@@ -84,19 +81,16 @@ TEST(NetworkState, RoundTripRestoresEveryTaskInOrderWithoutRewritingTheFile) {
     EXPECT_EQ(test::readFile(statePath("roundtrip")), before);
 }
 
-TEST(NetworkState, FileIsTheDocumentedKeyedArchive) {
-    auto writer = ZNVNetwork::create(configuration("format"));
-    writer->addTask(makeDownload("a.zip"));
-    auto json = nlohmann::json::parse(test::readFile(statePath("format")));
-    EXPECT_EQ(json["$archiver"], "ZNVKeyedArchiver");
-    EXPECT_EQ(json["$top"]["configuration type"], "format");
-    EXPECT_EQ(json["$top"]["tasks"]["$class"], "NSMutableArray");
-    ASSERT_EQ(json["$top"]["tasks"]["$objects"].size(), 1u);
-    EXPECT_EQ(json["$top"]["tasks"]["$objects"][0]["$class"], "ZNVNetworkDownload");
-}
-
-TEST(NetworkState, ConfigurationsWithoutIdentifierShareTheLiveFile) {
-    auto writer = ZNVNetwork::create(configuration(""));
+TEST(NetworkState, ConfigurationsWithoutIdentifierShareTheLiveFileAndNoFileIsNoState) {
+    {
+        LogCapture log;
+        auto first = ZNVNetwork::create(nullptr);
+        first->readState();
+        EXPECT_TRUE(first->tasks().empty());
+        EXPECT_EQ(first->stateRestoreError(), nullptr);
+        EXPECT_TRUE(log.lines().empty());
+    }
+    auto writer = ZNVNetwork::create(offlineConfiguration(""));
     writer->addTask(makeDownload("live.zip"));
     EXPECT_TRUE(std::filesystem::exists(statePath("live")));
     auto reader = ZNVNetwork::create(nullptr);
@@ -106,7 +100,7 @@ TEST(NetworkState, ConfigurationsWithoutIdentifierShareTheLiveFile) {
 
 TEST(NetworkState, BatchAndReadingSuppressSavesAndCommitWritesOnce) {
     LogCapture log;
-    auto network = ZNVNetwork::create(configuration("batch"));
+    auto network = ZNVNetwork::create(offlineConfiguration("batch"));
     network->beginBatch();
     EXPECT_TRUE(network->isBatchingSave());
     network->addTask(makeDownload("one.zip"));
@@ -118,14 +112,14 @@ TEST(NetworkState, BatchAndReadingSuppressSavesAndCommitWritesOnce) {
     network->commitBatch();
     EXPECT_FALSE(network->isBatchingSave());
     EXPECT_EQ(log.count("saving task state:"), 1u);
-    auto reader = ZNVNetwork::create(configuration("batch"));
+    auto reader = ZNVNetwork::create(offlineConfiguration("batch"));
     reader->readState();
     ASSERT_EQ(reader->tasks().size(), 1u);
     EXPECT_EQ(reader->tasks()[0]->sourceURL()->lastPathComponent(), "two.zip");
 }
 
 TEST(NetworkState, SaveSummaryListsRunningTasksAndCountsTheOthers) {
-    auto network = ZNVNetwork::create(configuration("summary"));
+    auto network = ZNVNetwork::create(offlineConfiguration("summary"));
     auto suspended = FakeTask::make(nullptr, "suspended");
     auto running = FakeTask::make(nullptr, "running");
     auto completed = FakeTask::make(nullptr, "completed");
@@ -150,14 +144,6 @@ TEST(NetworkState, SaveSummaryListsRunningTasksAndCountsTheOthers) {
     EXPECT_GT(suspendedLine, completedLine);
 }
 
-TEST(NetworkState, MissingFileRestoresNothingAndLogsNothing) {
-    LogCapture log;
-    auto network = ZNVNetwork::create(configuration("never-saved"));
-    network->readState();
-    EXPECT_TRUE(network->tasks().empty());
-    EXPECT_TRUE(log.lines().empty());
-}
-
 // The copies of a state file kept as damaged, by path.
 std::vector<std::string> damagedCopies(const std::string& identifier) {
     std::vector<std::string> found;
@@ -178,7 +164,7 @@ class DamagedState : public ::testing::Test {
             std::filesystem::remove(old);
         test::writeFile(statePath("damaged"), content);
         LogCapture log;
-        network_ = ZNVNetwork::create(configuration("damaged"));
+        network_ = ZNVNetwork::create(offlineConfiguration("damaged"));
         network_->readState();
         EXPECT_FALSE(network_->isReadingState());
         EXPECT_TRUE(network_->tasks().empty());
@@ -215,7 +201,7 @@ class DamagedState : public ::testing::Test {
 };
 
 TEST_F(DamagedState, EveryUnrestorableFileIsKeptAsideAndReported) {
-    auto good = ZNVNetwork::create(configuration("source"));
+    auto good = ZNVNetwork::create(offlineConfiguration("source"));
     good->addTask(makeDownload("good.zip"));
     good->addTask(makeDownload("other.zip"));
     const std::string valid = test::readFile(statePath("source"));
@@ -262,18 +248,14 @@ TEST_F(DamagedState, EveryUnrestorableFileIsKeptAsideAndReported) {
     EXPECT_EQ(test::readFile(damagedCopies("damaged").at(0)), notAList.dump());
 }
 
-TEST_F(DamagedState, AForeignOrMissingFileIsNoDamage) {
-    auto other = ZNVNetwork::create(configuration("other"));
+TEST_F(DamagedState, AForeignFileIsNoDamage) {
+    auto other = ZNVNetwork::create(offlineConfiguration("other"));
     other->addTask(makeDownload("foreign.zip"));
     const std::string foreign = test::readFile(statePath("other"));
     auto lines = restoreFrom(foreign);
     EXPECT_TRUE(has(lines, "Failed to load other task state for damaged network session."));
     EXPECT_EQ(test::readFile(statePath("damaged")), foreign);
     EXPECT_TRUE(damagedCopies("damaged").empty());
-    EXPECT_EQ(network_->stateRestoreError(), nullptr);
-
-    network_ = ZNVNetwork::create(configuration("absent"));
-    network_->readState();
     EXPECT_EQ(network_->stateRestoreError(), nullptr);
 }
 
@@ -285,7 +267,7 @@ TEST_F(DamagedState, AnOversizedFileIsKeptWithoutBeingLoaded) {
     }
     const uint64_t before = test::currentRSS();
     LogCapture log;
-    network_ = ZNVNetwork::create(configuration("damaged"));
+    network_ = ZNVNetwork::create(offlineConfiguration("damaged"));
     network_->readState();
     EXPECT_LT(test::currentRSS(), before + (uint64_t{64} << 20));
     auto copies = damagedCopies("damaged");
@@ -300,7 +282,7 @@ TEST_F(DamagedState, AnOversizedFileIsKeptWithoutBeingLoaded) {
 TEST(NetworkState, AFailedReplacementIsReportedAndLeavesNoTemporaryFile) {
     // A non-empty directory where the state file belongs cannot be replaced.
     std::filesystem::create_directories(statePath("blocked") + "/inside");
-    auto network = ZNVNetwork::create(configuration("blocked"));
+    auto network = ZNVNetwork::create(offlineConfiguration("blocked"));
     LogCapture log;
     network->addTask(makeDownload("lost.zip"));
     EXPECT_TRUE(log.contains("failed to save task state: "));
@@ -312,7 +294,7 @@ TEST(NetworkState, AFailedReplacementIsReportedAndLeavesNoTemporaryFile) {
 // Saves asked for from two threads at once (a refresh's save racing an
 // addition) must leave the newest collection on disk, round after round.
 TEST(NetworkState, ConcurrentSavesNeverLeaveAnOlderCollection) {
-    auto network = ZNVNetwork::create(configuration("race"));
+    auto network = ZNVNetwork::create(offlineConfiguration("race"));
     network->launch();
     auto session = network->sessionManager();
     ASSERT_NE(session, nullptr);
@@ -351,8 +333,8 @@ TEST(NetworkState, ConcurrentSavesNeverLeaveAnOlderCollection) {
     EXPECT_TRUE(network->waitUntilStateIsWritten());
 }
 
-// A child process that holds a queue's lock (and names itself in it) until
-// it is destroyed.
+// A child process that holds a queue's lock until it is destroyed; the lock
+// file names it, as a process holding the queue writes its ID there.
 class LockHolder {
   public:
     explicit LockHolder(const std::string& lockPath) {
@@ -365,19 +347,9 @@ class LockHolder {
             ::close(ready[0]);
             ::close(release[1]);
             int fd = ::open(lockPath.c_str(), O_RDWR | O_CREAT, 0600);
-            if (fd < 0 || ::flock(fd, LOCK_EX | LOCK_NB) != 0) ::_exit(3);
-            char text[24];
-            int n = 0;
-            char digits[24];
-            int d = 0;
-            for (pid_t pid = ::getpid(); pid > 0; pid /= 10)
-                digits[d++] = static_cast<char>('0' + pid % 10);
-            while (d > 0)
-                text[n++] = digits[--d];
-            text[n++] = '\n';
-            if (::ftruncate(fd, 0) != 0 || ::write(fd, text, n) != n) ::_exit(4);
             char c = 'r';
-            if (::write(ready[1], &c, 1) != 1) ::_exit(5);
+            if (fd < 0 || ::flock(fd, LOCK_EX | LOCK_NB) != 0 || ::write(ready[1], &c, 1) != 1)
+                ::_exit(3);
             while (::read(release[0], &c, 1) > 0) {
             }
             ::_exit(0);
@@ -388,6 +360,7 @@ class LockHolder {
         char c;
         ready_ = ::read(ready[0], &c, 1) == 1;
         ::close(ready[0]);
+        if (ready_) test::writeFile(lockPath, std::to_string(pid_) + "\n");
     }
     ~LockHolder() {
         if (release_ >= 0) ::close(release_);
@@ -405,7 +378,7 @@ class LockHolder {
 TEST(NetworkState, AQueueHeldByAnotherProcessIsNeitherReadNorWritten) {
     const std::string lockPath = statePath("shared") + ".lock";
     {
-        auto writer = ZNVNetwork::create(configuration("shared"));
+        auto writer = ZNVNetwork::create(offlineConfiguration("shared"));
         writer->addTask(makeDownload("queued.zip"));
     }  // the last manager of the queue lets go of it
     const std::string saved = test::readFile(statePath("shared"));
@@ -413,7 +386,7 @@ TEST(NetworkState, AQueueHeldByAnotherProcessIsNeitherReadNorWritten) {
         LockHolder holder(lockPath);
         ASSERT_TRUE(holder.ready());
         LogCapture log;
-        auto refused = ZNVNetwork::create(configuration("shared"));
+        auto refused = ZNVNetwork::create(offlineConfiguration("shared"));
         refused->launch();
         auto error = refused->stateRestoreError();
         ASSERT_NE(error, nullptr);
@@ -432,13 +405,13 @@ TEST(NetworkState, AQueueHeldByAnotherProcessIsNeitherReadNorWritten) {
     }
 
     // Once the other process is gone the queue is this process's.
-    auto owner = ZNVNetwork::create(configuration("shared"));
+    auto owner = ZNVNetwork::create(offlineConfiguration("shared"));
     owner->launch();
     EXPECT_EQ(owner->stateRestoreError(), nullptr);
     EXPECT_EQ(owner->tasks().size(), 1u);
     EXPECT_EQ(test::readFile(lockPath), std::to_string(::getpid()) + "\n");
     // Managers of one process share the queue.
-    auto second = ZNVNetwork::create(configuration("shared"));
+    auto second = ZNVNetwork::create(offlineConfiguration("shared"));
     second->readState();
     EXPECT_EQ(second->stateRestoreError(), nullptr);
     EXPECT_EQ(second->tasks().size(), 1u);

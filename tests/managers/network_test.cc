@@ -20,6 +20,8 @@ using test::Announcement;
 using test::AnnouncementRecorder;
 using test::FakeTask;
 using test::LogCapture;
+using test::makeDownload;
+using test::offlineConfiguration;
 
 class ManualReachabilityEnvironment : public ::testing::Environment {
   public:
@@ -31,17 +33,6 @@ class ManualReachabilityEnvironment : public ::testing::Environment {
 constexpr auto Insertion = ZNVKeyValueChange::Insertion;
 constexpr auto Removal = ZNVKeyValueChange::Removal;
 
-ZNVAccountConfigurationRef configuration(const std::string& identifier = "") {
-    // Nothing listens on the discard port; no test here sends a request.
-    return std::make_shared<ZNVAccountConfiguration>(
-        ZNVURL::fromString("http://127.0.0.1:9/api/").value(), identifier);
-}
-
-std::shared_ptr<ZNVNetworkDownload> makeDownload(const std::string& name = "file.zip") {
-    return ZNVNetworkDownload::create(ZNVURL::fromString("https://example.invalid/" + name).value(),
-                                      nullptr);
-}
-
 std::vector<ZNVNetworkTaskRef> asTasks(std::initializer_list<ZNVNetworkTaskRef> tasks) {
     return std::vector<ZNVNetworkTaskRef>(tasks);
 }
@@ -49,7 +40,7 @@ std::vector<ZNVNetworkTaskRef> asTasks(std::initializer_list<ZNVNetworkTaskRef> 
 // --- Collections --------------------------------------------------------------
 
 TEST(NetworkCollection, AddingAnnouncesOnceAndIgnoresDuplicatesAndNothing) {
-    auto network = ZNVNetwork::create(configuration("collection-add"));
+    auto network = ZNVNetwork::create(offlineConfiguration("collection-add"));
     AnnouncementRecorder recorder(*network, {"tasks", "downloads"});
     auto task = FakeTask::make();
     auto download = makeDownload();
@@ -78,7 +69,7 @@ TEST(NetworkCollection, AddingAnnouncesOnceAndIgnoresDuplicatesAndNothing) {
 }
 
 TEST(NetworkCollection, FinishingAnnouncesDownloadsAtThePositionInTasks) {
-    auto network = ZNVNetwork::create(configuration("collection-finish"));
+    auto network = ZNVNetwork::create(offlineConfiguration("collection-finish"));
     auto task = FakeTask::make();
     auto download = makeDownload();
     network->addTask(task);
@@ -113,21 +104,6 @@ TEST(NetworkCollection, FinishingAnnouncesDownloadsAtThePositionInTasks) {
     network->finishTask(task);
     network->finishTask(nullptr);
     EXPECT_TRUE(recorder.records().empty());
-}
-
-TEST(NetworkCollection, FinishingADownloadRemovesItsLocalFile) {
-    auto network = ZNVNetwork::create(configuration("collection-file"));
-    auto download = makeDownload();
-    const std::string path = test::makeTempDir("finished") + "/download.bin";
-    test::writeFile(path, "payload");
-    download->setLocalFileURL(ZNVURL::fileURL(path));
-    network->addTask(download);
-
-    network->finishTask(download);
-    EXPECT_FALSE(download->localFileURL().has_value());
-    // The file goes once the state file no longer lists the download.
-    ASSERT_TRUE(network->waitUntilStateIsWritten(std::chrono::seconds(10)));
-    EXPECT_FALSE(std::filesystem::exists(path));
 }
 
 // --- Activation policy ----------------------------------------------------------
@@ -203,7 +179,7 @@ TEST(NetworkActivation, PreparingRecoversFromErrorsAndConsumesAttempts) {
 
 TEST(NetworkActivation, DownloadCapacityIsTwoAndWaitsForTheNetwork) {
     LogCapture log;
-    auto network = ZNVNetwork::create(configuration("download-capacity"));
+    auto network = ZNVNetwork::create(offlineConfiguration("download-capacity"));
     auto reachability = test::manualReachability(network);
     ASSERT_NE(reachability, nullptr);
     auto first = makeDownload("1.zip");
@@ -244,7 +220,7 @@ TEST(NetworkActivation, DownloadCapacityIsTwoAndWaitsForTheNetwork) {
 }
 
 TEST(NetworkActivation, NothingIsActivatedBeforeLaunch) {
-    auto network = ZNVNetwork::create(configuration("not-launched"));
+    auto network = ZNVNetwork::create(offlineConfiguration("not-launched"));
     auto download = makeDownload("waiting.zip");
     network->addTask(download);
     EXPECT_FALSE(network->networkIsLaunched());
@@ -259,7 +235,7 @@ class LaunchedNetwork : public ::testing::Test {
     void SetUp() override {
         // One state file per test, so no test restores another's tasks.
         identifier_ = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-        network_ = ZNVNetwork::create(configuration(identifier_));
+        network_ = ZNVNetwork::create(offlineConfiguration(identifier_));
         network_->launch();
         session_ = network_->sessionManager();
         ASSERT_NE(session_, nullptr);
@@ -413,7 +389,7 @@ TEST_F(LaunchedNetwork, ASaveWritesTheCollectionAsItWasWhenAskedFor) {
     auto first = FakeTask::make(nullptr, "first");
     auto second = FakeTask::make(nullptr, "second");
     auto restoredSources = [&] {
-        auto reader = ZNVNetwork::create(configuration(identifier_));
+        auto reader = ZNVNetwork::create(offlineConfiguration(identifier_));
         reader->readState();
         std::vector<std::string> names;
         for (const auto& task : reader->tasks())
@@ -510,11 +486,10 @@ TEST_F(LaunchedNetwork, InvalidationEmptiesTheCollectionsAndSavesTheEmptyList) {
 
     // The save of the empty list was queued before the session manager was
     // dropped and still runs.
-    const std::string statePath =
-        std::string(std::getenv("HOME")) + "/Library/Network/" + identifier_ + ".state";
+    const std::string statePath = test::statePath(identifier_);
     ASSERT_TRUE(test::waitFor([&] {
         if (!std::filesystem::exists(statePath)) return false;
-        auto restored = ZNVNetwork::create(configuration(identifier_));
+        auto restored = ZNVNetwork::create(offlineConfiguration(identifier_));
         restored->readState();
         return restored->tasks().empty();
     }));

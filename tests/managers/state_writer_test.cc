@@ -19,10 +19,7 @@
 namespace znv {
 namespace {
 
-std::string statePath(const std::string& identifier) {
-    return std::string(std::getenv("HOME")) + "/Library/Network/" + identifier + ".state";
-}
-
+using test::statePath;
 // What one archiver writes for the collection, encoded whole.
 std::string wholeArchive(const std::string& identifier,
                          const std::vector<ZNVNetworkTaskRef>& tasks) {
@@ -48,8 +45,7 @@ TEST(StateWriter, EverySaveIsTheWholeArchiveOfTheCollectionAfterRandomChanges) {
     const std::string identifier = "writer-random";
     const std::string directory = test::scratchRoot() + "/writer-random";
     std::filesystem::create_directories(directory);
-    auto network = ZNVNetwork::create(std::make_shared<ZNVAccountConfiguration>(
-        ZNVURL::fromString("http://127.0.0.1:9/api/").value(), identifier));
+    auto network = ZNVNetwork::create(test::offlineConfiguration(identifier));
     std::mt19937 random(20261123);
 
     auto addRandomTask = [&](int n) {

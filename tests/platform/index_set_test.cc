@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
 #include <random>
 #include <set>
 
@@ -10,55 +12,17 @@
 namespace znv {
 namespace {
 
-TEST(IndexSet, MergesAdjacentAndOverlappingRanges) {
-    ZNVIndexSet set{7, 0, 2, 1};
-    EXPECT_EQ(set.ranges(), (std::vector<ZNVIndexSet::Range>{{0, 3}, {7, 1}}));
-    set.addRange(3, 4);
-    EXPECT_EQ(set.ranges(), (std::vector<ZNVIndexSet::Range>{{0, 8}}));
-    EXPECT_EQ(set.count(), 8u);
+constexpr uint64_t kNotFound = static_cast<uint64_t>(ZNVNotFound);
+
+std::vector<uint64_t> asVector(const std::set<uint64_t>& model) {
+    return std::vector<uint64_t>(model.begin(), model.end());
 }
-
-TEST(IndexSet, RemovalSplitsRanges) {
-    ZNVIndexSet set = ZNVIndexSet::withRange(0, 10);
-    set.remove(4);
-    set.removeRange(8, 5);
-    EXPECT_EQ(set.indices(), (std::vector<uint64_t>{0, 1, 2, 3, 5, 6, 7}));
-    EXPECT_FALSE(set.contains(4));
-    EXPECT_TRUE(set.containsRange(5, 3));
-    EXPECT_FALSE(set.containsRange(3, 2));
-}
-
-TEST(IndexSet, SetOperationsAndNavigation) {
-    ZNVIndexSet a{1, 2, 3, 10, 11};
-    ZNVIndexSet b{2, 3, 4, 11, 40};
-    EXPECT_EQ(a.intersectionWith(b), (ZNVIndexSet{2, 3, 11}));
-    EXPECT_EQ(a.unionWith(b), (ZNVIndexSet{1, 2, 3, 4, 10, 11, 40}));
-    EXPECT_EQ(a.minus(b), (ZNVIndexSet{1, 10}));
-    EXPECT_EQ(a.indexGreaterThan(3), 10u);
-    EXPECT_EQ(a.indexGreaterThan(0), 1u);
-    EXPECT_EQ(a.indexGreaterThan(11), static_cast<uint64_t>(ZNVNotFound));
-    EXPECT_EQ(ZNVIndexSet().firstIndex(), static_cast<uint64_t>(ZNVNotFound));
-}
-
-TEST(IndexSet, HandlesIndicesNearTheTopOfTheRange) {
-    ZNVIndexSet set;
-    uint64_t big = static_cast<uint64_t>(ZNVNotFound) - 2;
-    set.add(big);
-    set.add(big + 1);
-    EXPECT_EQ(set.count(), 2u);
-    EXPECT_EQ(set.lastIndex(), big + 1);
-}
-
-}  // namespace
-}  // namespace znv
-
-namespace znv {
-namespace {
 
 // Random additions and removals of ranges, checked against a plain set after
 // every step: catches merges that swallow a neighbour, splits that lose a piece
-// and ranges left adjacent instead of merged.
-TEST(IndexSet, RandomRangeEditsMatchAPlainSet) {
+// and ranges left adjacent instead of merged. Every few steps the set is also
+// combined with a second random one and navigated.
+TEST(IndexSet, RandomRangeEditsAndSetOperationsMatchAPlainSet) {
     std::mt19937_64 random(20261122);
     ZNVIndexSet set;
     std::set<uint64_t> model;
@@ -81,11 +45,41 @@ TEST(IndexSet, RandomRangeEditsMatchAPlainSet) {
             ASSERT_GT(ranges[r].first, ranges[r - 1].first + ranges[r - 1].length)
                 << "ranges must be ascending and never adjacent, step " << step;
         }
-        ASSERT_EQ(set.indices(), std::vector<uint64_t>(model.begin(), model.end()));
+        ASSERT_EQ(set.indices(), asVector(model));
+        if (step % 50 != 0) continue;
+
+        SCOPED_TRACE("step " + std::to_string(step));
+        ZNVIndexSet other;
+        std::set<uint64_t> otherModel;
+        for (int i = 0; i < 40; ++i) {
+            const uint64_t index = random() % 320;
+            other.add(index);
+            otherModel.insert(index);
+        }
+        std::vector<uint64_t> both, either, only;
+        std::set_intersection(model.begin(), model.end(), otherModel.begin(), otherModel.end(),
+                              std::back_inserter(both));
+        std::set_union(model.begin(), model.end(), otherModel.begin(), otherModel.end(),
+                       std::back_inserter(either));
+        std::set_difference(model.begin(), model.end(), otherModel.begin(), otherModel.end(),
+                            std::back_inserter(only));
+        EXPECT_EQ(set.intersectionWith(other).indices(), both);
+        EXPECT_EQ(set.unionWith(other).indices(), either);
+        EXPECT_EQ(set.minus(other).indices(), only);
+
+        const uint64_t probe = random() % 320;
+        EXPECT_EQ(set.contains(probe), model.count(probe) == 1) << probe;
+        bool whole = true;
+        for (uint64_t k = probe; k < probe + 3; ++k)
+            whole = whole && model.count(k);
+        EXPECT_EQ(set.containsRange(probe, 3), whole) << probe;
+        auto above = model.upper_bound(probe);
+        EXPECT_EQ(set.indexGreaterThan(probe), above == model.end() ? kNotFound : *above) << probe;
+        EXPECT_EQ(set.firstIndex(), model.empty() ? kNotFound : *model.begin());
     }
 }
 
-TEST(IndexSet, ManyDisjointIndicesAndSelfOperations) {
+TEST(IndexSet, ManyDisjointIndicesSelfOperationsAndTheTopOfTheRange) {
     // Appending stays cheap: 200000 separate ranges.
     ZNVIndexSet set;
     for (uint64_t i = 0; i < 400000; i += 2)
@@ -99,6 +93,14 @@ TEST(IndexSet, ManyDisjointIndicesAndSelfOperations) {
     EXPECT_EQ(set, copy);
     set.remove(set);
     EXPECT_TRUE(set.empty());
+    EXPECT_EQ(set.firstIndex(), kNotFound);
+
+    // The two indices just below the no-index marker merge into one range.
+    set.add(kNotFound - 2);
+    set.add(kNotFound - 1);
+    EXPECT_EQ(set.count(), 2u);
+    EXPECT_EQ(set.ranges().size(), 1u);
+    EXPECT_EQ(set.lastIndex(), kNotFound - 1);
 }
 
 }  // namespace

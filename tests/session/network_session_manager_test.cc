@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 #include <thread>
+#include <tuple>
 
 #include "tests/session/session_test_support.h"
 #include "znv/foundation/error_handler.h"
@@ -19,12 +20,7 @@ using test::RecordingDelegate;
 constexpr uint64_t MiB = 1024 * 1024;
 
 json bodyJSON(const std::optional<ZNVBytes>& data) {
-    if (!data) return nullptr;
-    return json::parse(data->begin(), data->end(), nullptr, false);
-}
-
-json bodyJSON(const ZNVBytes& data) {
-    return json::parse(data.begin(), data.end(), nullptr, false);
+    return data ? json::parse(data->begin(), data->end(), nullptr, false) : json(nullptr);
 }
 
 bool exists(const ZNVURL& url) {
@@ -452,18 +448,18 @@ TEST_F(SessionManagerTest, InputChecksComeFirstAndInOrder) {
     }
 
     // Assembly checks, in order.
-    EXPECT_FALSE(manager_->assembleRemoteFile("F", std::nullopt, json{1}, auth_, &error));
-    expectError(error, NSURLErrorCannotCreateFile, "chunk indices must be specified");
-    EXPECT_FALSE(manager_->assembleRemoteFile("F", ZNVIndexSet{0}, nullptr, auth_, &error));
-    expectError(error, NSURLErrorCannotCreateFile, "chunk sizes must be specified");
-    EXPECT_FALSE(manager_->assembleRemoteFile("F", ZNVIndexSet{0, 1}, json{10}, auth_, &error));
-    expectError(error, NSURLErrorCannotCreateFile,
-                "The count of chunk indices (2) doesn't match the count of chunk sizes (1).");
-    EXPECT_FALSE(
-        manager_->assembleRemoteFile("F", ZNVIndexSet{0, 1}, json{10, "20"}, auth_, &error));
-    expectError(error, NSURLErrorCannotCreateFile, "chunk sizes must be unsigned integer values");
-    EXPECT_FALSE(manager_->assembleRemoteFile("F", ZNVIndexSet{0}, json{-1}, auth_, &error));
-    expectError(error, NSURLErrorCannotCreateFile, "chunk sizes must be unsigned integer values");
+    const std::vector<std::tuple<std::optional<ZNVIndexSet>, json, std::string>> assemblies = {
+        {std::nullopt, json{1}, "chunk indices must be specified"},
+        {ZNVIndexSet{0}, nullptr, "chunk sizes must be specified"},
+        {ZNVIndexSet{0, 1}, json{10},
+         "The count of chunk indices (2) doesn't match the count of chunk sizes (1)."},
+        {ZNVIndexSet{0, 1}, json{10, "20"}, "chunk sizes must be unsigned integer values"},
+        {ZNVIndexSet{0}, json{-1}, "chunk sizes must be unsigned integer values"},
+    };
+    for (const auto& [indices, sizes, message] : assemblies) {
+        EXPECT_FALSE(manager_->assembleRemoteFile("F", indices, sizes, auth_, &error));
+        expectError(error, NSURLErrorCannotCreateFile, message);
+    }
 
     // A chunk batch that cannot be staged reports the writer's error.
     EXPECT_FALSE(manager_->uploadChunks({}, ZNVURL::fileURL("/x"), "F", auth_, &error));

@@ -8,8 +8,8 @@
 #include <filesystem>
 
 #include "tests/support/test_support.h"
-#include "znv/tasks/network_task.h"
 #include "znv/managers/state_writer.h"
+#include "znv/tasks/network_task.h"
 
 int main(int argc, char** argv) {
     const std::string& root = znv::test::scratchRoot();

@@ -3,8 +3,8 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <algorithm>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -65,6 +65,18 @@ void writePatternFile(const std::string& path, uint64_t size, uint32_t seed) {
     std::fclose(f);
 }
 
+std::string patternBytes(size_t size, uint32_t seed) {
+    std::string out(size, '\0');
+    uint32_t x = (seed * 2654435761u) | 1;  // odd, so never 0, where xorshift stays
+    for (auto& c : out) {
+        x ^= x << 13;
+        x ^= x >> 17;
+        x ^= x << 5;
+        c = static_cast<char>(x);
+    }
+    return out;
+}
+
 std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream out;
@@ -74,6 +86,11 @@ std::string readFile(const std::string& path) {
 
 void writeFile(const std::string& path, const std::string& content) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+void appendFile(const std::string& path, const std::string& content) {
+    std::ofstream out(path, std::ios::binary | std::ios::app);
     out << content;
 }
 

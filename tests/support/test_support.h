@@ -27,8 +27,11 @@ bool waitFor(const std::function<bool()>& condition,
 
 // Writes `size` bytes of deterministic, varied content (seeded) to `path`.
 void writePatternFile(const std::string& path, uint64_t size, uint32_t seed = 1);
+// The same kind of content in memory.
+std::string patternBytes(size_t size, uint32_t seed = 1);
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
+void appendFile(const std::string& path, const std::string& content);
 bool filesEqual(const std::string& a, const std::string& b);
 
 // Resident set size of this process, in bytes (from /proc/self/statm), and

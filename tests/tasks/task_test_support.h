@@ -21,6 +21,7 @@
 #include "tests/support/test_support.h"
 #include "znv/account/account.h"
 #include "znv/account/account_configuration.h"
+#include "znv/foundation/network_utilities.h"
 #include "znv/platform/main_queue.h"
 #include "znv/platform/url_session.h"
 #include "znv/protocol/storage_response.h"
@@ -40,12 +41,6 @@ class TaskRouter : public ZNVNetworkSessionBackgroundDelegate {
         tasks_.push_back(task);
     }
     void setReachable(bool reachable) { reachable_ = reachable; }
-
-    // Every storage response routed so far, oldest first.
-    std::vector<ZNVStorageResponseRef> responses() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return responses_;
-    }
 
     void didFinishDownloadingToURL(const std::shared_ptr<ZNVNetworkSessionManager>&,
                                    const std::shared_ptr<ZNVURLSessionDownloadTask>& task,
@@ -68,10 +63,6 @@ class TaskRouter : public ZNVNetworkSessionBackgroundDelegate {
         if (!ZNVNetworkSessionManager::taskHasAuthentication(task)) return;
         ZNVStorageResponseRef response = ZNVStorageResponse::responseForTask(task, data, error);
         if (!response) return;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            responses_.push_back(response);
-        }
         if (auto upload = find<ZNVStorageUpload>(task)) {
             upload->handleStorageResponse(*response, reachable_.load());
         }
@@ -112,7 +103,6 @@ class TaskRouter : public ZNVNetworkSessionBackgroundDelegate {
 
     mutable std::mutex mutex_;
     std::vector<std::weak_ptr<ZNVNetworkTask>> tasks_;  // guarded by mutex_
-    std::vector<ZNVStorageResponseRef> responses_;      // guarded by mutex_
     std::atomic<bool> reachable_{true};
 };
 
@@ -165,6 +155,13 @@ struct EmulatorHarness {
     std::shared_ptr<ZNVNetworkSessionManager> session;
     std::shared_ptr<ZNVTokenAccount> account;
 };
+
+// Whether the file system has room for an upload of `size` bytes to go whole
+// (the upload keeps a margin of free space beyond the file).
+inline bool wholeFileUploadFits(uint64_t size) {
+    return ZNVNetworkUtilities_freeSizeAvailableOnFileSystem() >=
+           ZNVStorageUploadFreeSpaceMargin + size;
+}
 
 // A clock the test moves by hand; installed for the life of the object.
 class ManualClock {

@@ -1,7 +1,8 @@
 // Uploads end to end against the emulator, with the real 4 MiB chunk size: the
-// chunk path (batches staged one ahead) and the full-file path, the fallback
-// from one to the other, the missing-chunk cycles, and uploads restored from
-// an archive.
+// chunk path (batches staged one ahead) and the full-file path, the
+// missing-chunk cycles, sources that change, and uploads restored from an
+// archive. The fallback from a failed whole file to chunks and the silent
+// recovery of a refused batch are seen through the managers in tests/e2e.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -61,10 +62,7 @@ class StorageUploadEmulatorTest : public ::testing::Test {
 };
 
 TEST_F(StorageUploadEmulatorTest, TenMebibytesThroughTheFullFilePath) {
-    if (ZNVNetworkUtilities_freeSizeAvailableOnFileSystem() <
-        ZNVStorageUploadFreeSpaceMargin + 10 * MiB) {
-        GTEST_SKIP() << "the whole-file path needs 512 MiB of free space beyond the file";
-    }
+    if (!test::wholeFileUploadFits(10 * MiB)) GTEST_SKIP() << "needs 512 MiB of free space";
     const std::string source = writeSource("ten.bin", 10 * MiB);
     auto upload = start(source, /*forceChunks=*/false);
     ASSERT_TRUE(finished(upload));
@@ -78,33 +76,8 @@ TEST_F(StorageUploadEmulatorTest, TenMebibytesThroughTheFullFilePath) {
     EXPECT_EQ(count(log, "POST", "/complete"), 0u) << "a whole file needs no assembly";
 }
 
-TEST_F(StorageUploadEmulatorTest, ShortLastChunkAndFallbackFromAFailedFullFile) {
-    if (ZNVNetworkUtilities_freeSizeAvailableOnFileSystem() <
-        ZNVStorageUploadFreeSpaceMargin + 10 * MiB) {
-        GTEST_SKIP() << "the whole-file path needs 512 MiB of free space beyond the file";
-    }
-    ASSERT_TRUE(harness.emulator.addFault({{"method", "PUT"},
-                                           {"path", "/api/files/*/fullfile"},
-                                           {"times", 1},
-                                           {"action", "status"},
-                                           {"status", 500}}));
-    const std::string source = writeSource("three.bin", 8 * MiB + 1000);
-    auto upload = start(source, /*forceChunks=*/false);
-    EXPECT_EQ(upload->chunkCount(), 3u);
-    EXPECT_EQ(upload->sizeOfLastChunk(), 1000u);
-    EXPECT_EQ(upload->progress()->totalUnitCount(), 32);
-    ASSERT_TRUE(finished(upload));
-    ASSERT_EQ(upload->error(), nullptr) << upload->rawError()->description();
-    EXPECT_TRUE(test::filesEqual(harness.storedContentPath(upload->remoteFileID()), source));
-
-    const auto log = harness.emulator.requestLog();
-    const std::string id = upload->remoteFileID();
-    EXPECT_EQ(count(log, "PUT", "/files/" + id + "/fullfile"), 1u);
-    EXPECT_EQ(count(log, "PUT", "/files/" + id), 1u) << "then all three chunks in one batch";
-    EXPECT_EQ(count(log, "POST", "/files/" + id + "/complete"), 1u);
-}
-
-TEST_F(StorageUploadEmulatorTest, MissingChunksAreResentThreeTimesAndTheFourthConflictFails) {
+TEST_F(StorageUploadEmulatorTest,
+       MissingChunksAreResentThreeTimesTheFourthConflictFailsAndACompletedUploadOutlivesItsSource) {
     ASSERT_TRUE(harness.emulator.addFault({{"method", "POST"},
                                            {"path", "/api/files/*/complete"},
                                            {"times", 4},
@@ -130,6 +103,19 @@ TEST_F(StorageUploadEmulatorTest, MissingChunksAreResentThreeTimesAndTheFourthCo
     ASSERT_TRUE(finished(recovering));
     ASSERT_EQ(recovering->error(), nullptr) << recovering->rawError()->description();
     EXPECT_TRUE(test::filesEqual(harness.storedContentPath(recovering->remoteFileID()), second));
+
+    // A completed upload is history: its source may be deleted before the
+    // next launch without turning it into a failure.
+    ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*recovering);
+    fs::remove(second);
+    auto restored = std::dynamic_pointer_cast<ZNVStorageUpload>(
+        ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data));
+    ASSERT_NE(restored, nullptr);
+    EXPECT_EQ(restored->state(), ZNVNetworkTaskStateCompleted);
+    EXPECT_EQ(restored->rawError(), nullptr);
+    EXPECT_EQ(restored->remoteFileID(), recovering->remoteFileID());
+    EXPECT_EQ(restored->chunkCount(), 2u);
+    EXPECT_EQ(restored->sourceFileSize(), 5 * MiB);
 }
 
 TEST_F(StorageUploadEmulatorTest, RestoredUploadWhoseSourceWasRenamedStillUploads) {
@@ -158,26 +144,6 @@ TEST_F(StorageUploadEmulatorTest, RestoredUploadWhoseSourceWasRenamedStillUpload
     EXPECT_TRUE(test::filesEqual(harness.storedContentPath(restored->remoteFileID()), renamed));
 }
 
-TEST_F(StorageUploadEmulatorTest, InterruptedChunkBatchIsRecoveredSilently) {
-    // The first chunk batch is refused with 503, which a task retries on its own.
-    ASSERT_TRUE(harness.emulator.addFault({{"method", "PUT"},
-                                           {"path", "/api/files/*"},
-                                           {"times", 1},
-                                           {"action", "status"},
-                                           {"status", 503}}));
-    const std::string source = writeSource("retry.bin", 3 * MiB);
-    auto upload = start(source, true);
-    ASSERT_TRUE(test::waitFor([&] { return upload->rawError() != nullptr; }));
-    EXPECT_EQ(upload->error(), nullptr);
-    EXPECT_EQ(upload->state(), ZNVNetworkTaskStateSuspended);
-    upload->automaticallyRecoverFromError();
-    EXPECT_EQ(upload->remainingAttemptsForAutomaticErrorRecovery(), 4u);
-    ASSERT_TRUE(upload->resume());
-    ASSERT_TRUE(finished(upload));
-    ASSERT_EQ(upload->error(), nullptr) << upload->rawError()->description();
-    EXPECT_TRUE(test::filesEqual(harness.storedContentPath(upload->remoteFileID()), source));
-}
-
 // A source changed between two steps of its upload never completes: the
 // upload is driven one step at a time (an unreachable network suspends it
 // after every answer), the file is changed, and the next step must refuse.
@@ -190,8 +156,7 @@ TEST_F(StorageUploadEmulatorTest, ASourceChangedBetweenStepsFailsTheUpload) {
         Change change;
         const char* refusedPath;  // the request that must never be sent
     };
-    const bool wholeFileFits = ZNVNetworkUtilities_freeSizeAvailableOnFileSystem() >=
-                               ZNVStorageUploadFreeSpaceMargin + 33 * MiB;
+    const bool wholeFileFits = test::wholeFileUploadFits(33 * MiB);
     const std::vector<Case> cases = {
         {"rewritten before the second batch", true, 2, Change::Rewrite, "/complete"},
         {"truncated before the second batch", true, 2, Change::Truncate, "/complete"},
@@ -237,13 +202,9 @@ TEST_F(StorageUploadEmulatorTest, ASourceChangedBetweenStepsFailsTheUpload) {
             case Change::Rewrite:  // same size, other bytes
                 test::writePatternFile(source, 32 * MiB + 1000, 77);
                 break;
-            case Change::Grow: {
-                std::FILE* file = std::fopen(source.c_str(), "ab");
-                ASSERT_NE(file, nullptr);
-                std::fputs("more", file);
-                std::fclose(file);
+            case Change::Grow:
+                test::appendFile(source, "more");
                 break;
-            }
             case Change::Truncate:
                 fs::resize_file(source, 5 * MiB);
                 break;
@@ -265,10 +226,7 @@ TEST_F(StorageUploadEmulatorTest, ASourceChangedBetweenStepsFailsTheUpload) {
 // A whole file that grows while it is being sent is not reported complete,
 // though the service stored what it read.
 TEST_F(StorageUploadEmulatorTest, AWholeFileGrownWhileInFlightFails) {
-    if (ZNVNetworkUtilities_freeSizeAvailableOnFileSystem() <
-        ZNVStorageUploadFreeSpaceMargin + 4 * MiB) {
-        GTEST_SKIP() << "the whole-file path needs 512 MiB of free space beyond the file";
-    }
+    if (!test::wholeFileUploadFits(4 * MiB)) GTEST_SKIP() << "needs 512 MiB of free space";
     ASSERT_TRUE(harness.emulator.addFault({{"method", "PUT"},
                                            {"path", "/api/files/*/fullfile"},
                                            {"times", 1},
@@ -282,12 +240,7 @@ TEST_F(StorageUploadEmulatorTest, AWholeFileGrownWhileInFlightFails) {
         }
         return false;
     }));
-    {
-        std::FILE* file = std::fopen(source.c_str(), "ab");
-        ASSERT_NE(file, nullptr);
-        std::fputs("late", file);
-        std::fclose(file);
-    }
+    test::appendFile(source, "late");
     ASSERT_TRUE(finished(upload));
     ASSERT_NE(upload->error(), nullptr);
     EXPECT_EQ(upload->error()->localizedDescription(),
@@ -317,26 +270,6 @@ TEST_F(StorageUploadEmulatorTest, ARestoredUploadNoticesASourceRewrittenWhileItW
               "The source of the upload has changed or moved.");
     EXPECT_EQ(count(harness.emulator.requestLog(), "PUT", "/files/" + restored->remoteFileID()),
               0u);
-}
-
-// A completed upload is history: its source may be deleted before the next
-// launch without turning it into a failure.
-TEST_F(StorageUploadEmulatorTest, ACompletedUploadStaysCompletedWithoutItsSource) {
-    const std::string source = writeSource("done.bin", 5 * MiB);
-    auto upload = start(source, true);
-    ASSERT_TRUE(finished(upload));
-    ASSERT_EQ(upload->error(), nullptr);
-    ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*upload);
-    fs::remove(source);
-    auto restored = std::dynamic_pointer_cast<ZNVStorageUpload>(
-        ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data));
-    ASSERT_NE(restored, nullptr);
-    EXPECT_EQ(restored->state(), ZNVNetworkTaskStateCompleted);
-    EXPECT_EQ(restored->rawError(), nullptr);
-    EXPECT_EQ(restored->error(), nullptr);
-    EXPECT_EQ(restored->remoteFileID(), upload->remoteFileID());
-    EXPECT_EQ(restored->chunkCount(), 2u);
-    EXPECT_EQ(restored->sourceFileSize(), 5 * MiB);
 }
 
 // The body of the next batch is staged while the current batch is on the

@@ -87,18 +87,6 @@ class StorageUploadTest : public ::testing::Test {
     EmulatorHarness harness;
 };
 
-TEST(StorageUploadChunkSize, TestSizeAppliesToTheWholeLayoutAndResets) {
-    internal::setMaximumChunkSizeForTesting(4);
-    EXPECT_EQ(ZNVNetworkSessionManager::maximumChunkSize(), 4u);
-    auto last = _chunkWithIndexForFileSize(2, 10);
-    ASSERT_NE(last, nullptr);
-    EXPECT_EQ(last->length(), 2u);
-    EXPECT_EQ(last->fileOffset(), 8u);
-    EXPECT_EQ(_chunkWithIndexForFileSize(3, 10), nullptr);
-    internal::setMaximumChunkSizeForTesting(0);
-    EXPECT_EQ(ZNVNetworkSessionManager::maximumChunkSize(), 4194304u);
-}
-
 TEST_F(StorageUploadTest, ChunkLayoutFollowsTheChunkSize) {
     auto ten = makeUpload(10);
     EXPECT_EQ(ten->chunkCount(), 3u);
@@ -176,9 +164,7 @@ TEST_F(StorageUploadTest, BatchSkipsGapsAndStopsAtAnIndexPastTheEnd) {
 }
 
 TEST_F(StorageUploadTest, CreateAnswerChoosesTheWholeFileOnlyWhenItFitsAndIsAllowed) {
-    if (ZNVFreeSpaceAtPath(ZNVHomeDirectory()) < ZNVStorageUploadFreeSpaceMargin + (1 << 20)) {
-        GTEST_SKIP() << "needs 512 MiB of free space";
-    }
+    if (!test::wholeFileUploadFits(1 << 20)) GTEST_SKIP() << "needs 512 MiB of free space";
     auto whole = makeUpload(40);
     whole->resume();
     settle();
@@ -295,9 +281,7 @@ TEST_F(StorageUploadTest, SuccessWhileUnreachableKeepsTheProgressAndSuspends) {
 }
 
 TEST_F(StorageUploadTest, EarlyRetrievalCreatesTheFileThenWaitsForItsTurn) {
-    if (ZNVFreeSpaceAtPath(ZNVHomeDirectory()) < ZNVStorageUploadFreeSpaceMargin + (1 << 20)) {
-        GTEST_SKIP() << "needs 512 MiB of free space";
-    }
+    if (!test::wholeFileUploadFits(1 << 20)) GTEST_SKIP() << "needs 512 MiB of free space";
     auto upload = makeUpload(12);
     upload->resolveRemoteFileID();
     settle();
@@ -368,17 +352,6 @@ TEST_F(StorageUploadTest, ValidationNamesTheFirstMissingPiece) {
     EXPECT_EQ(nameless->error()->localizedDescription(), "failed to formulate a file name");
 }
 
-TEST_F(StorageUploadTest, SourceIsFollowedAcrossARename) {
-    auto upload = makeUpload(10, false, "before.bin");
-    const std::string before = upload->sourceURL()->path();
-    const std::string after = fs::path(before).parent_path() / "after.bin";
-    fs::rename(before, after);
-    ASSERT_TRUE(upload->sourceURL().has_value());
-    EXPECT_EQ(upload->sourceURL()->path(), ZNVRealPath(after));
-    upload->setRemoteFileID("F15");
-    EXPECT_NE(upload->description().find(" for remote file F15"), std::string::npos);
-}
-
 TEST_F(StorageUploadTest, ArchiveRoundTripKeepsThePipelineFields) {
     const std::string path = test::makeTempDir("src") + "/clip.mov";
     test::writePatternFile(path, 10);
@@ -388,6 +361,7 @@ TEST_F(StorageUploadTest, ArchiveRoundTripKeepsThePipelineFields) {
     upload->beginUploadingChunksAtIndices({1, 2});
     settle();
     upload->setMaximumFullFileUploadSize(77);
+    EXPECT_NE(upload->description().find(" for remote file F16"), std::string::npos);
 
     ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*upload);
     ASSERT_TRUE(upload->sourceURLBookmark().has_value()) << "made on first archiving";
@@ -431,9 +405,7 @@ TEST_F(StorageUploadTest, ArchiveRoundTripKeepsThePipelineFields) {
 }
 
 TEST_F(StorageUploadTest, AnUploadOnChunksNeverFallsBackToTheWholeFileAfterARelaunch) {
-    if (ZNVFreeSpaceAtPath(ZNVHomeDirectory()) < ZNVStorageUploadFreeSpaceMargin + (1 << 20)) {
-        GTEST_SKIP() << "needs 512 MiB of free space";
-    }
+    if (!test::wholeFileUploadFits(1 << 20)) GTEST_SKIP() << "needs 512 MiB of free space";
     // One upload was forced to chunks and killed before its first batch; the
     // other was refused whole, sent its only batch and was killed while
     // assembling. Both would fit whole; after the relaunch neither may send
@@ -472,12 +444,7 @@ TEST_F(StorageUploadTest, AnUploadOnChunksNeverFallsBackToTheWholeFileAfterARela
 TEST_F(StorageUploadTest, DecodedUploadNoticesASourceThatGrewAcrossAChunkBoundary) {
     auto upload = makeUpload(8, false, "grows.bin");  // 2 full chunks
     ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*upload);
-    {
-        std::FILE* file = std::fopen(upload->sourceURL()->path().c_str(), "ab");
-        ASSERT_NE(file, nullptr);
-        std::fputc('x', file);
-        std::fclose(file);
-    }
+    test::appendFile(upload->sourceURL()->path(), "x");
     auto decoded = std::dynamic_pointer_cast<ZNVStorageUpload>(
         ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data));
     ASSERT_NE(decoded, nullptr);
@@ -488,50 +455,6 @@ TEST_F(StorageUploadTest, DecodedUploadNoticesASourceThatGrewAcrossAChunkBoundar
     EXPECT_EQ(decoded->state(), ZNVNetworkTaskStateCompleted);
     EXPECT_EQ(decoded->chunkCount(), 3u);
     EXPECT_FALSE(decoded->resume()) << "a failed upload does not start";
-}
-
-TEST_F(StorageUploadTest, StateFileOfEveryTaskClassReadsBack) {
-    auto upload = makeUpload(10);
-    upload->setRemoteFileID("F17");
-    auto download =
-        ZNVNetworkDownload::create(ZNVURL::fromString("http://h/a.zip"), harness.session);
-    download->setResumeData(ZNVBytes{9, 9});
-    auto plain = ZNVNetworkTask::create(ZNVURL::fromString("http://h/b"), harness.session);
-    plain->setRawError(ZNVError::withMessage(NSURLErrorDomain, NSURLErrorBadURL, "bad"));
-
-    const std::string path = test::makeTempDir("state") + "/tests.state";
-    {
-        ZNVKeyedArchiver archiver;
-        archiver.encodeString("tests", "configuration type");
-        archiver.encodeArray(std::vector<std::shared_ptr<ZNVNetworkTask>>{upload, download, plain},
-                             "tasks");
-        ZNVBytes bytes = archiver.encodedData();
-        ASSERT_FALSE(bytes.empty());
-        test::writeFile(path, std::string(bytes.begin(), bytes.end()));
-    }
-    const std::string text = test::readFile(path);
-    ZNVErrorRef error;
-    auto reader = ZNVKeyedUnarchiver::create(text, &error);
-    ASSERT_NE(reader, nullptr) << (error ? error->description() : "");
-    EXPECT_EQ(reader->decodeStringForKey("configuration type"), "tests");
-    auto tasks = reader->decodeArrayOfClassesForKey({"NSArray", "ZNVNetworkTask"}, "tasks");
-    reader->finishDecoding();
-    ASSERT_TRUE(tasks.has_value()) << (reader->error() ? reader->error()->description() : "");
-    ASSERT_EQ(tasks->size(), 3u);
-    auto readUpload = std::dynamic_pointer_cast<ZNVStorageUpload>((*tasks)[0]);
-    auto readDownload = std::dynamic_pointer_cast<ZNVNetworkDownload>((*tasks)[1]);
-    auto readPlain = std::dynamic_pointer_cast<ZNVNetworkTask>((*tasks)[2]);
-    ASSERT_TRUE(readUpload && readDownload && readPlain);
-    EXPECT_EQ(readUpload->remoteFileID(), "F17");
-    EXPECT_EQ(readUpload->chunkCount(), 3u);
-    EXPECT_EQ(readDownload->resumeData(), (ZNVBytes{9, 9}));
-    EXPECT_EQ(readPlain->className(), "ZNVNetworkTask");
-    EXPECT_EQ(readPlain->state(), ZNVNetworkTaskStateCompleted);
-
-    // Uploads alone are not enough to read a list that holds a download.
-    auto strict = ZNVKeyedUnarchiver::create(text);
-    EXPECT_FALSE(
-        strict->decodeArrayOfClassesForKey({"NSArray", "ZNVStorageUpload"}, "tasks").has_value());
 }
 
 }  // namespace

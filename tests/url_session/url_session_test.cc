@@ -34,16 +34,6 @@ ZNVBytes bytes(const std::string& text) {
     return ZNVBytes(text.begin(), text.end());
 }
 
-std::string pattern(size_t size, uint32_t seed) {
-    std::string text(size, '\0');
-    uint32_t x = seed * 2654435761u + 1;
-    for (size_t i = 0; i < size; ++i) {
-        x = x * 1664525u + 1013904223u;
-        text[i] = static_cast<char>(x >> 24);
-    }
-    return text;
-}
-
 std::vector<std::string> listDirectory(const std::string& path) {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(path))
@@ -313,7 +303,7 @@ TEST_F(URLSessionTest, HeavyUploadOf512MiBKeepsMemoryFlat) {
 
 TEST_F(URLSessionTest, DownloadReportsProgressAndHandsOverAPrivateFile) {
     auto session = makeSession();
-    std::string content = pattern(3 << 20, 3);
+    std::string content = patternBytes(3 << 20, 3);
     std::string source = putFileOnEmulator(emulator_, content);
 
     auto task = session->downloadTaskWithURL(url(source));
@@ -363,7 +353,7 @@ TEST_F(URLSessionTest, DownloadKeptInMemoryHandsOverItsBodyWithoutAFile) {
         std::mutex mutex;
         std::vector<std::pair<std::string, int64_t>> bodies;
     };
-    const std::string content = pattern(300000, 9);
+    const std::string content = patternBytes(300000, 9);
     const std::string source = putFileOnEmulator(emulator_, content);
     auto memory = std::make_shared<MemoryDelegate>(downloads_);
     memory->setQueue(queue_);
@@ -444,7 +434,7 @@ class ResumeTest : public URLSessionTest {
 // starts over. Either way the file is the content.
 TEST_F(ResumeTest, CancelledDownloadResumesWithARangeOrStartsOverWhenTheFileChanged) {
     makeSession();
-    std::string content = pattern(2 << 20, 5);
+    std::string content = patternBytes(2 << 20, 5);
     std::string source = putFileOnEmulator(emulator_, content);
     for (bool changed : {false, true}) {
         SCOPED_TRACE(changed ? "changed validator" : "same validator");
@@ -553,7 +543,7 @@ TEST_F(URLSessionTest, TransportFailuresBecomeURLErrorsWithTheFailingURL) {
 }
 
 TEST_F(URLSessionTest, DownloadDroppedMidwayCarriesResumeDataInItsError) {
-    LocalServer server(pattern(1 << 20, 8));
+    LocalServer server(patternBytes(1 << 20, 8));
     server.dropAfter = 300 * 1024;
     auto session = makeSession();
 
@@ -578,7 +568,7 @@ TEST_F(URLSessionTest, DownloadDroppedMidwayCarriesResumeDataInItsError) {
 }
 
 TEST_F(URLSessionTest, RedirectsAreFollowedOnlyToHTTP) {
-    LocalServer server(pattern(1000, 4));
+    LocalServer server(patternBytes(1000, 4));
     ZNVURLSessionConfiguration configuration =
         ZNVURLSessionConfiguration::defaultSessionConfiguration();
     configuration.maximumInMemoryBodyBytes = 999;
@@ -607,7 +597,7 @@ TEST_F(URLSessionTest, ManyConcurrentTasksKeepTheirCallbacksInOrderOnTheQueue) {
     auto session = makeSession();
     std::vector<std::string> sources;
     for (int i = 0; i < 3; ++i)
-        sources.push_back(putFileOnEmulator(emulator_, pattern(200000, i)));
+        sources.push_back(putFileOnEmulator(emulator_, patternBytes(200000, i)));
     std::string id = createRemoteFile(emulator_, "listed.bin");
     std::string small = makeTempDir("small") + "/small.bin";
     writePatternFile(small, 300000, 2);
@@ -722,7 +712,7 @@ TEST_F(URLSessionTest, InvalidateAndCancelEndsEveryTaskThenTheSession) {
     delegate->setQueue(queue_);
     auto session = ZNVURLSession::create(ZNVURLSessionConfiguration::defaultSessionConfiguration(),
                                          delegate, queue_);
-    std::string source = putFileOnEmulator(emulator_, pattern(2 << 20, 1));
+    std::string source = putFileOnEmulator(emulator_, patternBytes(2 << 20, 1));
     emulator_.addFault({{"method", "GET"}, {"action", "throttle"}, {"bytesPerSecond", 256 * 1024}});
 
     auto running = session->downloadTaskWithURL(url(source));
@@ -768,7 +758,7 @@ TEST_F(URLSessionTest, InvalidateAndCancelEndsEveryTaskThenTheSession) {
 
 TEST_F(URLSessionTest, FinishTasksAndInvalidateLetsRunningTasksEnd) {
     auto session = makeSession();
-    std::string content = pattern(1 << 20, 2);
+    std::string content = patternBytes(1 << 20, 2);
     std::string source = putFileOnEmulator(emulator_, content);
     emulator_.addFault({{"method", "GET"}, {"action", "throttle"}, {"bytesPerSecond", 2 << 20}});
     auto task = session->downloadTaskWithURL(url(source));
