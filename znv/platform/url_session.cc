@@ -39,8 +39,10 @@ constexpr auto kProgressInterval = std::chrono::milliseconds(100);
 // written: libcurl hands it over 16 KiB at a time.
 constexpr size_t kDownloadWriteBlock = 1024 * 1024;
 // Large socket buffers: loopback and fast links are limited by per-call
-// overhead with libcurl's 16 KiB / 64 KiB defaults.
-constexpr long kUploadBufferSize = 2 * 1024 * 1024;
+// overhead with libcurl's 16 KiB / 64 KiB defaults. The upload buffer stays
+// well inside a core's cache: each block is read from the file and copied
+// to the socket while still there (2 MiB sent a GiB a fifth slower).
+constexpr long kUploadBufferSize = 512 * 1024;
 constexpr long kReceiveBufferSize = 512 * 1024;
 constexpr long kMaximumRedirects = 16;
 
