@@ -437,6 +437,27 @@ TEST_F(NetworkDownloadTest, FinishedFileHandlingKeepsTheFirstError) {
               "internal error: temporary download URL should be a file URL");
 }
 
+TEST_F(NetworkDownloadTest, BytesAfterAFailureRestoreTheRecoveryAttempts) {
+    // An answer without a Content-Length reports bytes over -1: the fraction
+    // moves down. Either way, bytes after the transfer's first report mean
+    // the failure before it is behind the download.
+    for (float step : {0.1f, -1024.0f}) {
+        SCOPED_TRACE(step);
+        auto download = makeDownload("http://127.0.0.1:9/a.zip");
+        download->setRawError(
+            ZNVError::withMessage(NSURLErrorDomain, NSURLErrorNetworkConnectionLost, "lost"));
+        download->automaticallyRecoverFromError();
+        ASSERT_EQ(download->remainingAttemptsForAutomaticErrorRecovery(), 4u);
+        download->handleProgress(step);
+        EXPECT_EQ(download->remainingAttemptsForAutomaticErrorRecovery(), 4u);
+        download->handleProgress(step);
+        EXPECT_EQ(download->remainingAttemptsForAutomaticErrorRecovery(), 4u) << "no new bytes";
+        download->handleProgress(2 * step);
+        EXPECT_EQ(download->remainingAttemptsForAutomaticErrorRecovery(), 5u);
+        EXPECT_GE(download->progress()->completedUnitCount(), 0);
+    }
+}
+
 TEST_F(NetworkDownloadTest, ArchiveKeepsFileAndResumeDataButNotProgress) {
     auto download = makeDownload("http://127.0.0.1:9/a.zip");
     download->setLocalFileURL(ZNVURL::fileURL("/tmp/somewhere/a.zip"));

@@ -181,10 +181,12 @@ void ZNVNetworkDownload::handleProgress(float fraction) {
         current = progress();
         if (!transferStart_) {
             transferStart_ = fraction;
-        } else if (fraction > *transferStart_ && !rawError() &&
+        } else if (fraction != *transferStart_ && !rawError() &&
                    remainingAttemptsForAutomaticErrorRecovery() <
                        ZNVNetworkTaskAutomaticRecoveryAttempts) {
             // Bytes arrived since the last failure: that failure is behind us.
+            // (Without a Content-Length the fraction is bytes over -1: it
+            // moves down, not up.)
             restoreRecoveryAttempts();
         }
     }
