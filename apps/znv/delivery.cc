@@ -103,7 +103,9 @@ bool moveInto(const std::string& from, int source, int dirfd, const std::string&
               int placeholder, mode_t mode) {
     if (::renameat(AT_FDCWD, from.c_str(), dirfd, target.c_str()) == 0) {
         ::fchmod(source, mode);
-        return true;
+        // The library completes a download before its bytes reach the disk;
+        // what znv reports as delivered is on it.
+        return ::fsync(source) == 0;
     }
     if (errno != EXDEV) return false;
     if (!copyContents(source, placeholder) || ::fsync(placeholder) != 0) return false;
@@ -208,6 +210,8 @@ Delivered deliverDownload(const std::string& from, const std::string& directory,
     } else if (force && ::renameat(dirfd, target.c_str(), dirfd, name.c_str()) != 0) {
         result.error = errnoText("cannot replace", shown);
         ::unlinkat(dirfd, target.c_str(), 0);
+    } else if (::fsync(dirfd) != 0) {
+        result.error = errnoText("cannot write", shown);
     } else {
         result.path = shown;
     }
