@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <string_view>
 #include <thread>
@@ -139,6 +140,18 @@ std::optional<std::string> readRange(int fd, uint64_t offset, uint64_t length) {
     return text;
 }
 
+// Flushes the paths the task asks to be on disk before it is archived.
+void flushBeforeSave(ZNVNetworkTask& task) {
+    for (const std::string& path : task.takePathsToFlushBeforeSave()) {
+        ZNVErrorRef error;
+        // A file removed meanwhile (the task was finished) needs nothing.
+        if (!ZNVFlushToDisk(path, &error) && ::access(path.c_str(), F_OK) == 0) {
+            ZNVLogError("failed to flush {} to disk: {}", path,
+                        error ? error->description() : std::string("(null)"));
+        }
+    }
+}
+
 int64_t completedProgressOf(const ZNVNetworkTask& task) {
     auto progress = task.progress();
     return progress ? progress->completedUnitCount() : 0;
@@ -226,17 +239,6 @@ void ZNVStateWriter::markWritten(uint64_t generation) {
     for (auto& work : due)
         work();
     writtenChanged_.notify_all();
-}
-
-void ZNVStateWriter::flushBeforeSave(ZNVNetworkTask& task) {
-    for (const std::string& path : task.takePathsToFlushBeforeSave()) {
-        ZNVErrorRef error;
-        // A file removed meanwhile (the task was finished) needs nothing.
-        if (!ZNVFlushToDisk(path, &error) && ::access(path.c_str(), F_OK) == 0) {
-            ZNVLogError("failed to flush {} to disk: {}", path,
-                        error ? error->description() : std::string("(null)"));
-        }
-    }
 }
 
 bool ZNVStateWriter::assemble(const Save& save, int fd, const std::string& head,
@@ -373,8 +375,11 @@ bool ZNVStateWriter::run(const Save& save) {
         }
     }
     if (!error && assemble(save, fd, head, tail, &error)) {
-        replaced =
-            ZNVNetworkUtilities_copyFileAtURLToProtectedTarget(save.tempURL, save.stateURL, &error);
+        // The file is on disk already (assemble flushed it): the rename and
+        // its directory are what remain to make it durable.
+        const std::string statePath = save.stateURL.path();
+        replaced = ZNVMoveFile(save.tempURL.path(), statePath, &error) &&
+                   ZNVFlushToDisk(std::filesystem::path(statePath).parent_path().string(), &error);
         ZNVNetworkUtilities_removeFileAtURL(save.tempURL);
     }
     if (replaced) {

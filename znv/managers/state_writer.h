@@ -108,8 +108,6 @@ class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
     bool assemble(const Save& save, int fd, const std::string& head, const std::string& tail,
                   ZNVErrorRef* error);
     void markWritten(uint64_t generation);
-    // Flushes the paths the task asks to be on disk before it is archived.
-    static void flushBeforeSave(ZNVNetworkTask& task);
 
     // Where a task's archived text lies in the last file written, and what
     // the task was when it was encoded.
