@@ -554,9 +554,18 @@ ZNVNetworkDownloadRef ZNVNetwork::downloadForTask(
     const std::shared_ptr<ZNVURLSessionTask>& task) const {
     if (!task || !ZNVNetworkSessionManager::taskIsForDownload(task)) return nullptr;
     const uint64_t identifier = task->taskIdentifier();
-    const auto list = downloadSnapshot();
-    for (size_t i = 0; i < list.size(); ++i) {
-        if (list[i]->taskIdentifier() == identifier) return list[i];
+    // A callback normally comes from a download that is running: those are
+    // few, so they are asked first (progress arrives many times a second),
+    // and the whole collection only when none of them has the task. Session
+    // task identifiers are unique among the downloads, so the order of the
+    // search does not change the answer.
+    for (const auto& busy : downloadActivity_->tasksToPrepare()) {
+        if (busy->taskIdentifier() == identifier) {
+            return std::static_pointer_cast<ZNVNetworkDownload>(busy);
+        }
+    }
+    for (const auto& download : downloadSnapshot()) {
+        if (download->taskIdentifier() == identifier) return download;
     }
     return nullptr;
 }
