@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <future>
+#include <unordered_set>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -112,7 +113,8 @@ int runDownload(const GlobalOptions& global, const DownloadOptions& options) {
 int runResume(const GlobalOptions& global) {
     // Tasks the state file holds as unfinished: those that fail while the
     // queue is restored (a source gone, a damaged entry) are part of this run.
-    std::vector<int64_t> unfinished = archivedUnfinishedTasks(global.profile);
+    const std::vector<int64_t> archived = archivedUnfinishedTasks(global.profile);
+    const std::unordered_set<int64_t> unfinished(archived.begin(), archived.end());
     int status = kExitFailed;
     auto session = openSession(global, &status);
     if (!session) return status;
@@ -120,14 +122,14 @@ int runResume(const GlobalOptions& global) {
     size_t restored = 0;
     for (const auto& task : session->storage().tasks()) {
         int64_t start = identityOf(task).createdMicros;
-        if (std::find(unfinished.begin(), unfinished.end(), start) == unfinished.end()) continue;
+        if (!unfinished.count(start)) continue;
         ++restored;
         if (task->error()) failedAtRestore.push_back(task);
     }
     int result = runTasks(*session, failedAtRestore, true);
-    if (restored < unfinished.size()) {
+    if (restored < archived.size()) {
         printError(fmt::format("{} unfinished task(s) of the queue could not be restored (see {})",
-                               unfinished.size() - restored, logFilePath()));
+                               archived.size() - restored, logFilePath()));
         if (result == kExitOK) result = kExitFailed;
     }
     return result;

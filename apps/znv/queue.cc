@@ -13,6 +13,8 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <unordered_map>
+#include <unordered_set>
 
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/basic_file_sink.h>
@@ -339,9 +341,7 @@ TransferSession::TransferSession(GlobalOptions global)
       observed_(std::make_shared<Observed>()) {}
 
 void TransferSession::observe(const ZNVNetworkTaskRef& task) {
-    for (const auto& [observedTask, token] : observations_) {
-        if (observedTask == task) return;
-    }
+    if (observations_.count(task.get())) return;
     std::weak_ptr<ZNVNetworkTask> weakTask = task;
     auto remember = [weakTask, observed = observed_](const ZNVKeyValueChangeRecord&) {
         auto strong = weakTask.lock();
@@ -354,19 +354,16 @@ void TransferSession::observe(const ZNVNetworkTaskRef& task) {
         std::lock_guard lock(observed->mutex);
         observed->states[strong.get()].push_back({state, std::move(retryError)});
     };
-    observations_.emplace_back(task, task->addObserver("state", remember));
+    observations_.emplace(task.get(), std::pair(task, task->addObserver("state", remember)));
 }
 
 void TransferSession::stopObserving(const ZNVNetworkTaskRef& task) {
-    for (auto it = observations_.begin(); it != observations_.end(); ++it) {
-        if (it->first == task) {
-            task->removeObserver(it->second);
-            observations_.erase(it);
-            std::lock_guard lock(observed_->mutex);
-            observed_->states.erase(task.get());
-            break;
-        }
-    }
+    auto it = observations_.find(task.get());
+    if (it == observations_.end()) return;
+    task->removeObserver(it->second.second);
+    observations_.erase(it);
+    std::lock_guard lock(observed_->mutex);
+    observed_->states.erase(task.get());
 }
 
 TransferSession::~TransferSession() = default;
@@ -548,26 +545,35 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
     // The run covers the given tasks and every unfinished task of the queue:
     // the library runs those anyway.
     std::vector<ZNVNetworkTaskRef> runTasks = tasks;
-    for (const auto& task : storage_->tasks()) {
-        bool listed = std::find(runTasks.begin(), runTasks.end(), task) != runTasks.end();
-        if (!listed && unfinished(task)) runTasks.push_back(task);
+    const std::unordered_set<const ZNVNetworkTask*> given = [&] {
+        std::unordered_set<const ZNVNetworkTask*> set;
+        for (const auto& task : tasks)
+            set.insert(task.get());
+        return set;
+    }();
+    const auto queued = storage_->tasks();
+    for (const auto& task : queued) {
+        if (!given.count(task.get()) && unfinished(task)) runTasks.push_back(task);
     }
 
     auto lookups = std::make_shared<Lookups>();
     auto observed = observed_;
     std::vector<Tracked> tracked;
     {
-        auto entries = queueEntries(storage_->tasks());
+        const auto entries = queueEntries(queued);
+        std::unordered_map<const ZNVNetworkTask*, const QueueEntry*> entryOf;
+        for (const auto& entry : entries)
+            entryOf.emplace(entry.task.get(), &entry);
+        std::unordered_set<const ZNVNetworkTask*> seen;
         for (const auto& task : runTasks) {
-            auto it = std::find_if(entries.begin(), entries.end(),
-                                   [&](const QueueEntry& e) { return e.task == task; });
-            if (it == entries.end()) continue;
+            auto it = entryOf.find(task.get());
+            if (it == entryOf.end() || !seen.insert(task.get()).second) continue;
             Tracked t;
-            t.entry = *it;
-            t.counted = countAll || std::find(tasks.begin(), tasks.end(), task) != tasks.end();
+            t.entry = *it->second;
+            t.counted = countAll || given.count(task.get());
             bool isDownload = std::dynamic_pointer_cast<ZNVNetworkDownload>(task) != nullptr;
             if (isDownload) {
-                t.destination = destinations_.get(it->hash);
+                t.destination = destinations_.get(t.entry.hash);
                 if (t.destination) t.output = t.destination->path;
             }
             observe(task);

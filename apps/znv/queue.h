@@ -17,6 +17,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "apps/znv/commands.h"
@@ -166,7 +167,9 @@ class TransferSession {
     DownloadDestinations destinations_;
     struct Observed;
     std::shared_ptr<Observed> observed_;
-    std::vector<std::pair<ZNVNetworkTaskRef, ZNVObserverToken>> observations_;
+    // The observed tasks and their tokens (main thread only).
+    std::unordered_map<const ZNVNetworkTask*, std::pair<ZNVNetworkTaskRef, ZNVObserverToken>>
+        observations_;
 };
 
 }  // namespace znv::cli
