@@ -342,9 +342,19 @@ void ZNVStateWriter::runPaced(const Save& save) {
 }
 
 bool ZNVStateWriter::run(const Save& save) {
+    const auto superseded = [&] {
+        // A newer snapshot is queued behind this one (or already written).
+        return save.generation && save.generation->load() != save.mine;
+    };
+    if (superseded()) return false;
+    // Files of finished downloads are flushed before the process-wide lock is
+    // taken, so a long flush does not hold up the saves of other managers.
+    // Whatever finishes after this pass is flushed under the lock, once its
+    // task has been encoded (see assemble).
+    for (const auto& task : save.tasks)
+        flushBeforeSave(*task);
     std::lock_guard<std::mutex> lock(stateFileMutex());
-    // A newer snapshot is queued behind this one (or already written).
-    if (save.generation && save.generation->load() != save.mine) return false;
+    if (superseded()) return false;
 
     ZNVErrorRef error;
     std::string head;
