@@ -227,7 +227,8 @@ std::string ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(
 bool ZNVNetworkUtilities_fileAtURLIsInAppBundle(const ZNVURL& url) {
     if (!url.isFileURL()) return false;
     const std::string file = resolvingSymlinks(url.path());
-    const std::string bundle = resolvingSymlinks(ZNVMainBundlePath());
+    // Resolved once, from the executable's real path: no link left to follow.
+    const std::string& bundle = ZNVMainBundlePath();
     return file.compare(0, bundle.size(), bundle) == 0;
 }
 
