@@ -1,8 +1,8 @@
 // Uploads end to end against the emulator, with the real 4 MiB chunk size: the
-// chunk path (batches staged one ahead) and the full-file path, the
-// missing-chunk cycles, sources that change, and uploads restored from an
-// archive. The fallback from a failed whole file to chunks and the silent
-// recovery of a refused batch are seen through the managers in tests/e2e.
+// chunk path (batches staged one ahead), the missing-chunk cycles, sources
+// that change, and uploads restored from an archive. The whole-file path, the
+// fallback from a failed whole file to chunks and the silent recovery of a
+// refused batch are seen through the managers in tests/e2e.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -60,21 +60,6 @@ class StorageUploadEmulatorTest : public ::testing::Test {
 
     EmulatorHarness harness;
 };
-
-TEST_F(StorageUploadEmulatorTest, TenMebibytesThroughTheFullFilePath) {
-    if (!test::wholeFileUploadFits(10 * MiB)) GTEST_SKIP() << "needs 512 MiB of free space";
-    const std::string source = writeSource("ten.bin", 10 * MiB);
-    auto upload = start(source, /*forceChunks=*/false);
-    ASSERT_TRUE(finished(upload));
-    ASSERT_EQ(upload->error(), nullptr) << upload->rawError()->description();
-    EXPECT_TRUE(test::filesEqual(harness.storedContentPath(upload->remoteFileID()), source));
-    EXPECT_TRUE(upload->chunkIndicesToUpload().empty());
-    EXPECT_EQ(upload->progress()->completedUnitCount(), upload->progress()->totalUnitCount());
-
-    const auto log = harness.emulator.requestLog();
-    EXPECT_EQ(count(log, "PUT", "/files/" + upload->remoteFileID() + "/fullfile"), 1u);
-    EXPECT_EQ(count(log, "POST", "/complete"), 0u) << "a whole file needs no assembly";
-}
 
 TEST_F(StorageUploadEmulatorTest,
        MissingChunksAreResentThreeTimesTheFourthConflictFailsAndACompletedUploadOutlivesItsSource) {
