@@ -154,17 +154,13 @@ bool RecordingDelegate::lastLocationWasPrivate() const {
 
 LocalServer::LocalServer(std::string payloadBytes) : payload(std::move(payloadBytes)) {
     // Ranges are answered by httplib itself (it slices the provider's output).
-    server_.Get("/payload", [this](const httplib::Request& request, httplib::Response& response) {
+    server_.Get("/payload", [this](const httplib::Request&, httplib::Response& response) {
         response.set_header("ETag", "\"v1\"");
         response.set_header("Accept-Ranges", "bytes");
-        size_t drop = request.has_header("Range") ? 0 : dropAfter.load();
         response.set_content_provider(
             payload.size(), "application/octet-stream",
-            [this, drop](size_t offset, size_t length, httplib::DataSink& sink) {
-                if (drop > 0 && offset >= drop) return false;  // close short of the length
-                size_t n = std::min<size_t>(length, 64 * 1024);
-                if (drop > 0) n = std::min(n, drop - offset);
-                sink.write(payload.data() + offset, n);
+            [this](size_t offset, size_t length, httplib::DataSink& sink) {
+                sink.write(payload.data() + offset, std::min<size_t>(length, 64 * 1024));
                 return true;
             });
     });

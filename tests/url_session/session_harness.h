@@ -1,7 +1,7 @@
 // Test harness for the URL session: a delegate that records every callback
 // (and whether it ran on the delegate queue), a small local HTTP server for
-// answers the storage emulator never gives (redirects, dropped downloads,
-// oversized bodies), and helpers that put files on the emulator.
+// answers the storage emulator never gives (redirects, oversized bodies), and helpers that put
+// files on the emulator.
 #pragma once
 
 #include <httplib.h>
@@ -99,15 +99,12 @@ class RecordingDelegate : public ZNVURLSessionDelegate {
 // A loopback HTTP server for the cases the emulator has no rule for.
 class LocalServer {
   public:
-    // "/payload" answers `payload` with ETag and Accept-Ranges; with
-    // `dropAfter` > 0 a full answer stops after that many bytes (the
-    // connection closes short of its Content-Length). The payload is fixed
-    // before the server thread starts, so handlers read it without a lock.
+    // "/payload" answers `payload` with ETag and Accept-Ranges. The payload is
+    // fixed before the server thread starts, so handlers read it without a lock.
     explicit LocalServer(std::string payload);
     ~LocalServer();
     std::string url(const std::string& path) const;
     const std::string payload;
-    std::atomic<size_t> dropAfter{0};
 
   private:
     httplib::Server server_;

@@ -1,5 +1,5 @@
 // The URL session against the storage emulator on loopback (and a tiny local
-// server for redirects and dropped downloads).
+// server for redirects and oversized bodies).
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <sys/stat.h>
@@ -520,31 +520,6 @@ TEST_F(URLSessionTest, TransportFailuresBecomeURLErrorsWithTheFailingURL) {
     EXPECT_EQ(session->downloadTaskWithResumeData(bytes("{\"URL\": 1}"), &error), nullptr);
     ASSERT_TRUE(error);
     EXPECT_EQ(error->domain(), NSURLErrorDomain);
-}
-
-TEST_F(URLSessionTest, DownloadDroppedMidwayCarriesResumeDataInItsError) {
-    LocalServer server(patternBytes(1 << 20, 8));
-    server.dropAfter = 300 * 1024;
-    auto session = makeSession();
-
-    auto task = session->downloadTaskWithURL(url(server.url("/payload")));
-    task->resume();
-    auto failure = delegate_->waitForCompletion(task->taskIdentifier());
-    ASSERT_EQ(errorCode(failure), NSURLErrorNetworkConnectionLost);
-    const auto* value = failure->error->value(NSURLSessionDownloadTaskResumeData);
-    ASSERT_NE(value, nullptr);
-    ZNVBytes resumeData = std::get<ZNVBytes>(*value);
-
-    server.dropAfter = 0;
-    auto resumed = session->downloadTaskWithResumeData(resumeData);
-    resumed->resume();
-    ASSERT_EQ(errorCode(delegate_->waitForCompletion(resumed->taskIdentifier())), 0);
-    EXPECT_EQ(resumed->response()->statusCode(), 206);
-    auto events = delegate_->eventsFor(resumed->taskIdentifier());
-    EXPECT_EQ(events.front().kind, Kind::Resumed);
-    EXPECT_GT(events.front().a, 0);
-    EXPECT_TRUE(readFile(downloads_ + "/task-" + std::to_string(resumed->taskIdentifier())) ==
-                server.payload);
 }
 
 TEST_F(URLSessionTest, RedirectsAreFollowedOnlyToHTTP) {
