@@ -200,22 +200,6 @@ TEST(DamagedArchive, EveryDamageIsAnErrorValue) {
     }
 }
 
-TEST(DamagedArchive, DamageInsideATaskListFailsTheWholeList) {
-    test::registerTestClasses();
-    std::string text =
-        R"({"$archiver":"ZNVKeyedArchiver","$version":1,"$top":{)"
-        R"("configuration type":"live","tasks":{"$class":"NSMutableArray",)"
-        R"("$objects":[{"$class":"TestNode"},{"$class":"TestNode","size":"big"}]}}})";
-    auto unarchiver = ZNVKeyedUnarchiver::create(text);
-    ASSERT_TRUE(unarchiver);
-    EXPECT_EQ(unarchiver->decodeStringForKey("configuration type"), "live");
-    ZNVErrorRef error;
-    EXPECT_FALSE(
-        unarchiver->decodeTopLevelObjectOfClassesForKey({"NSArray", "TestNode"}, "tasks", &error));
-    ASSERT_TRUE(error);
-    EXPECT_NE(error->localizedDescription().find("\"size\""), std::string::npos);
-}
-
 // The outcome of decoding the list under "tasks": the class of each object, or
 // "failed".
 std::vector<std::string> listOutcome(std::unique_ptr<ZNVKeyedUnarchiver> unarchiver,
@@ -230,8 +214,10 @@ std::vector<std::string> listOutcome(std::unique_ptr<ZNVKeyedUnarchiver> unarchi
 }
 
 TEST(DamagedArchive, ListsDecodedWhileParsingMatchTheWholeDocument) {
-    // Decoding the list's elements as the text is read must answer exactly
-    // what decoding the parsed document answers, for sound and damaged lists.
+    // Decoding the list's elements as the text is read (from bytes or a file)
+    // must answer exactly what decoding the parsed document answers, for sound
+    // and damaged lists; a damaged element fails the whole list. Random damage
+    // is the keyed archive fuzz target's job.
     test::registerTestClasses();
     const std::string head = R"({"$archiver":"ZNVKeyedArchiver","$version":1,"$top":{)";
     const std::string node = R"({"$class":"TestNode","name":"n"})";
@@ -257,16 +243,6 @@ TEST(DamagedArchive, ListsDecodedWhileParsingMatchTheWholeDocument) {
         R"({"$archiver":"ZNVKeyedArchiver","$version":2,"$top":{"tasks":)" + list(node) + "}}",
         R"({"$top":{"tasks":)" + list(node) + R"(},"$archiver":"ZNVKeyedArchiver","$version":1})",
     };
-    // Every cut of a sound list, and every byte of it replaced by a brace or a quote.
-    const std::string sound = texts[0];
-    for (size_t cut = 1; cut < sound.size(); cut += 3) {
-        texts.push_back(sound.substr(0, cut));
-        for (char c : {'}', '"', ']'}) {
-            std::string damaged = sound;
-            damaged[cut] = c;
-            texts.push_back(damaged);
-        }
-    }
     // Nested deeper than allowed inside an element, and beside the list.
     const std::string deep = std::string(250, '[') + std::string(250, ']');
     texts.push_back(head + R"("tasks":)" + list(R"({"$class":"TestNode","x":)" + deep + "}") +

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <deque>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -229,52 +228,25 @@ TEST(MainQueue, DrainTimesOutWhileWorkIsBlocked) {
 }
 
 TEST(MainQueue, HostExecutorRunsTheWorkOnTheHostsThread) {
-    // A host event loop: a thread that runs what it is handed, in order.
-    std::mutex mutex;
-    std::condition_variable cv;
-    std::deque<std::function<void()>> inbox;  // guarded by mutex
-    bool quit = false;
-    std::thread::id hostId;
-    std::thread host([&] {
-        std::unique_lock lock(mutex);
-        hostId = std::this_thread::get_id();
-        for (;;) {
-            cv.wait(lock, [&] { return quit || !inbox.empty(); });
-            if (inbox.empty()) return;
-            auto work = std::move(inbox.front());
-            inbox.pop_front();
-            lock.unlock();
-            work();
-            lock.lock();
-        }
-    });
+    // A host event loop: a queue of the host's own that runs what it is
+    // handed, in order.
+    ZNVOperationQueue host("host");
     ASSERT_TRUE(ZNVMainQueue::waitUntilDrained());
-    ZNVMainQueue::setExecutor([&](std::function<void()> work) {
-        std::lock_guard lock(mutex);
-        inbox.push_back(std::move(work));
-        cv.notify_one();
-    });
-    std::vector<int> order;  // only touched on the host thread
+    ZNVMainQueue::setExecutor(
+        [&](std::function<void()> work) { host.addOperation(std::move(work)); });
+    std::vector<int> order;  // only touched on the host's queue
     std::atomic<int> offHost{0};
     std::atomic<int> notCurrent{0};
     for (int i = 0; i < 50; ++i) {
         ZNVMainQueue::async([&, i] {
-            {
-                std::lock_guard lock(mutex);
-                if (std::this_thread::get_id() != hostId) ++offHost;
-            }
+            if (!host.isCurrent()) ++offHost;
             if (!ZNVMainQueue::isCurrent()) ++notCurrent;
             order.push_back(i);
         });
     }
     EXPECT_TRUE(ZNVMainQueue::waitUntilDrained());
     ZNVMainQueue::setExecutor(nullptr);
-    {
-        std::lock_guard lock(mutex);
-        quit = true;
-        cv.notify_one();
-    }
-    host.join();
+    host.waitUntilAllOperationsAreFinished();
     EXPECT_EQ(offHost.load(), 0);
     EXPECT_EQ(notCurrent.load(), 0);
     ASSERT_EQ(order.size(), 50u);
@@ -283,7 +255,7 @@ TEST(MainQueue, HostExecutorRunsTheWorkOnTheHostsThread) {
 
     // Back on the library's own thread.
     std::atomic<bool> ran{false};
-    ZNVMainQueue::async([&] { ran = true; });
+    ZNVMainQueue::async([&] { ran = !host.isCurrent(); });
     EXPECT_TRUE(ZNVMainQueue::waitUntilDrained());
     EXPECT_TRUE(ran);
 }

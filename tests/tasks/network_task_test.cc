@@ -170,22 +170,11 @@ TEST_F(NetworkTaskTest, StateChangesPostBothNotificationsFromTheSessionManager) 
     EXPECT_EQ(foreground, 1);
 }
 
-TEST_F(NetworkTaskTest, ResetForResumePassesThroughCompletedAndBack) {
+// Resetting for a resume passes through completed and back inside one
+// operation: the notifications show both steps, while an observer called in
+// the middle still reads the settled values it began with.
+TEST_F(NetworkTaskTest, ResetForResumePassesThroughCompletedAndSettledValuesHideIt) {
     StateNotifications notifications(harness.session.get());
-    auto task = makeTask();
-    task->setTask(suspendedSessionTask());
-    task->setRawError(recoverableError());
-    ASSERT_EQ(task->state(), ZNVNetworkTaskStateSuspended);
-    task->resetForResume();
-    EXPECT_EQ(task->state(), ZNVNetworkTaskStateSuspended);
-    EXPECT_TRUE(task->freezeProgress());
-    EXPECT_EQ(task->taskIdentifier(), static_cast<uint64_t>(ZNVNotFound));
-    drain();
-    using Transitions = std::vector<std::pair<uint64_t, uint64_t>>;
-    EXPECT_EQ(notifications.transitions(false), (Transitions{{0, 1}, {1, 0}, {0, 2}, {2, 0}}));
-}
-
-TEST_F(NetworkTaskTest, SettledValuesShowOnlyFinishedOperations) {
     auto task = makeTask();
     task->setTask(suspendedSessionTask());
     EXPECT_EQ(task->settledState(), ZNVNetworkTaskStateRunning);
@@ -193,8 +182,6 @@ TEST_F(NetworkTaskTest, SettledValuesShowOnlyFinishedOperations) {
     EXPECT_EQ(task->settledState(), ZNVNetworkTaskStateSuspended);
     EXPECT_TRUE(task->settledHasRawError());
 
-    // Resetting passes through completed inside one operation; an observer
-    // called in the middle of it still reads the settled values it began with.
     std::vector<std::pair<ZNVNetworkTaskState, ZNVNetworkTaskState>> seen;
     bool errorSeenSettled = false;
     auto token = task->addObserver("state", [&](const ZNVKeyValueChangeRecord&) {
@@ -211,6 +198,11 @@ TEST_F(NetworkTaskTest, SettledValuesShowOnlyFinishedOperations) {
     // Once it is over they agree with the task again.
     EXPECT_EQ(task->settledState(), task->state());
     EXPECT_FALSE(task->settledHasRawError());
+    EXPECT_TRUE(task->freezeProgress());
+    EXPECT_EQ(task->taskIdentifier(), static_cast<uint64_t>(ZNVNotFound));
+    drain();
+    using Transitions = std::vector<std::pair<uint64_t, uint64_t>>;
+    EXPECT_EQ(notifications.transitions(false), (Transitions{{0, 1}, {1, 0}, {0, 2}, {2, 0}}));
 }
 
 TEST_F(NetworkTaskTest, CancelKeepsSuccessAndReplacesAnyOtherOutcome) {
@@ -347,6 +339,23 @@ TEST_F(NetworkTaskTest, ArchiveWritesItsKeysInOrderAndNeverRunning) {
                                                                     task->startDate())
                   .count(),
               0);
+
+    // Only a decoded task reconnects, and only while it has no error.
+    auto sessionTask = suspendedSessionTask();
+    decoded->connectToSession(harness.session, sessionTask);
+    EXPECT_EQ(decoded->session(), harness.session);
+    EXPECT_EQ(decoded->task(), sessionTask);
+    EXPECT_EQ(decoded->state(), ZNVNetworkTaskStateRunning);
+    EXPECT_NE(decoded->description().find("with task \"download\""), std::string::npos)
+        << decoded->description();
+    auto fresh = ZNVNetworkTask::create(ZNVURL::fromString("http://h/x"), nullptr);
+    fresh->connectToSession(harness.session, suspendedSessionTask());
+    EXPECT_EQ(fresh->session(), nullptr);
+    EXPECT_EQ(fresh->task(), nullptr);
+    auto failed = roundTrip(*makeTask());
+    failed->setRawError(fatalError());
+    failed->connectToSession(harness.session, suspendedSessionTask());
+    EXPECT_EQ(failed->task(), nullptr);
 
     try {
         ZNVNonKeyedCoder coder;
@@ -485,28 +494,6 @@ TEST_F(NetworkTaskTest, DecodingReadsTheLegacyErrorKeyAndToleratesOddValues) {
     EXPECT_EQ(task->rawError()->localizedDescription(), "old");
     EXPECT_EQ(task->retryCount(), 0u);
     EXPECT_EQ(task->taskIdentifier(), static_cast<uint64_t>(ZNVNotFound));
-}
-
-TEST_F(NetworkTaskTest, OnlyDecodedTasksReconnect) {
-    auto fresh = ZNVNetworkTask::create(ZNVURL::fromString("http://h/x"), nullptr);
-    fresh->connectToSession(harness.session, suspendedSessionTask());
-    EXPECT_EQ(fresh->session(), nullptr);
-    EXPECT_EQ(fresh->task(), nullptr);
-
-    auto decoded = roundTrip(*makeTask());
-    auto sessionTask = suspendedSessionTask();
-    decoded->connectToSession(harness.session, sessionTask);
-    EXPECT_EQ(decoded->session(), harness.session);
-    EXPECT_EQ(decoded->task(), sessionTask);
-    EXPECT_EQ(decoded->state(), ZNVNetworkTaskStateRunning);
-    EXPECT_NE(decoded->description().find("with task \"download\""), std::string::npos)
-        << decoded->description();
-
-    // Detaching with no task is allowed; a task with an error is not reattached.
-    auto failed = roundTrip(*makeTask());
-    failed->setRawError(fatalError());
-    failed->connectToSession(harness.session, suspendedSessionTask());
-    EXPECT_EQ(failed->task(), nullptr);
 }
 
 }  // namespace

@@ -13,61 +13,12 @@
 
 namespace znv::test {
 
-RecordingDelegate::RecordingDelegate(std::string downloadDirectory)
-    : downloadDirectory_(std::move(downloadDirectory)) {}
-
-bool RecordingDelegate::onQueue() const {
-    return queue_ && queue_->isCurrent();
-}
-
 void RecordingDelegate::add(SessionEvent::Kind kind, uint64_t task, int64_t a, int64_t b, int64_t c,
                             ZNVErrorRef error, std::string text) {
-    SessionEvent event{kind, task, a, b, c, onQueue(), std::move(error), std::move(text)};
+    const bool onQueue = queue_ && queue_->isCurrent();
+    SessionEvent event{kind, task, a, b, c, onQueue, std::move(error), std::move(text)};
     std::lock_guard guard(mutex_);
     events_.push_back(std::move(event));
-}
-
-void RecordingDelegate::didBecomeInvalidWithError(const std::shared_ptr<ZNVURLSession>&,
-                                                  const ZNVErrorRef& error) {
-    add(SessionEvent::Kind::Invalid, 0, 0, 0, 0, error);
-}
-
-void RecordingDelegate::didCompleteWithError(const std::shared_ptr<ZNVURLSession>&,
-                                             const std::shared_ptr<ZNVURLSessionTask>& task,
-                                             const ZNVErrorRef& error) {
-    // The task reads as completed by the time its completion arrives.
-    add(SessionEvent::Kind::Completed, task->taskIdentifier(), task->state(), 0, 0, error);
-}
-
-void RecordingDelegate::didSendBodyData(const std::shared_ptr<ZNVURLSession>&,
-                                        const std::shared_ptr<ZNVURLSessionTask>& task,
-                                        int64_t bytesSent, int64_t totalBytesSent,
-                                        int64_t totalBytesExpectedToSend) {
-    add(SessionEvent::Kind::Sent, task->taskIdentifier(), bytesSent, totalBytesSent,
-        totalBytesExpectedToSend);
-}
-
-void RecordingDelegate::didReceiveData(const std::shared_ptr<ZNVURLSession>&,
-                                       const std::shared_ptr<ZNVURLSessionDataTask>& dataTask,
-                                       const ZNVBytes& data) {
-    add(SessionEvent::Kind::Data, dataTask->taskIdentifier(), static_cast<int64_t>(data.size()), 0,
-        0, nullptr, std::string(data.begin(), data.end()));
-}
-
-void RecordingDelegate::didResumeAtOffset(
-    const std::shared_ptr<ZNVURLSession>&,
-    const std::shared_ptr<ZNVURLSessionDownloadTask>& downloadTask, int64_t fileOffset,
-    int64_t expectedTotalBytes) {
-    add(SessionEvent::Kind::Resumed, downloadTask->taskIdentifier(), fileOffset, 0,
-        expectedTotalBytes);
-}
-
-void RecordingDelegate::didWriteData(const std::shared_ptr<ZNVURLSession>&,
-                                     const std::shared_ptr<ZNVURLSessionDownloadTask>& downloadTask,
-                                     int64_t bytesWritten, int64_t totalBytesWritten,
-                                     int64_t totalBytesExpectedToWrite) {
-    add(SessionEvent::Kind::Written, downloadTask->taskIdentifier(), bytesWritten,
-        totalBytesWritten, totalBytesExpectedToWrite);
 }
 
 void RecordingDelegate::didFinishDownloadingToURL(
@@ -142,29 +93,15 @@ int64_t RecordingDelegate::lastTotal(uint64_t task, SessionEvent::Kind kind) con
     return total;
 }
 
-std::string RecordingDelegate::lastLocation() const {
-    std::lock_guard guard(mutex_);
-    return lastLocation_;
-}
-
-bool RecordingDelegate::lastLocationWasPrivate() const {
-    std::lock_guard guard(mutex_);
-    return lastLocationPrivate_;
-}
-
 LocalServer::LocalServer(std::string payloadBytes) : payload(std::move(payloadBytes)) {
     // Ranges are answered by httplib itself (it slices the provider's output).
-    server_.Get("/payload", [this](const httplib::Request& request, httplib::Response& response) {
+    server_.Get("/payload", [this](const httplib::Request&, httplib::Response& response) {
         response.set_header("ETag", "\"v1\"");
         response.set_header("Accept-Ranges", "bytes");
-        size_t drop = request.has_header("Range") ? 0 : dropAfter.load();
         response.set_content_provider(
             payload.size(), "application/octet-stream",
-            [this, drop](size_t offset, size_t length, httplib::DataSink& sink) {
-                if (drop > 0 && offset >= drop) return false;  // close short of the length
-                size_t n = std::min<size_t>(length, 64 * 1024);
-                if (drop > 0) n = std::min(n, drop - offset);
-                sink.write(payload.data() + offset, n);
+            [this](size_t offset, size_t length, httplib::DataSink& sink) {
+                sink.write(payload.data() + offset, std::min<size_t>(length, 64 * 1024));
                 return true;
             });
     });
