@@ -158,11 +158,12 @@ int64_t completedProgressOf(const ZNVNetworkTask& task) {
 }
 
 void logSummary(const ZNVTaskList<ZNVNetworkTask>::Snapshot& tasks) {
+    // The summary counts every task: not worth a walk when nobody reads it.
+    if (!ZNVLog().should_log(spdlog::level::info)) return;
     ZNVLogInfo("saving task state:");
     uint64_t suspended = 0;
     uint64_t completed = 0;
-    for (size_t i = 0; i < tasks.size(); ++i) {
-        const auto& task = tasks[i];
+    for (const auto& task : tasks) {
         switch (task->state()) {
             case ZNVNetworkTaskStateRunning:
                 ZNVLogInfo("   stored state for {}", task->description());
@@ -258,8 +259,9 @@ bool ZNVStateWriter::assemble(const Save& save, int fd, const std::string& head,
     };
     locations_.clear();
     locations_.reserve(save.tasks.size());
-    for (size_t i = 0; i < save.tasks.size(); ++i) {
-        const ZNVNetworkTask& task = *save.tasks[i];
+    size_t i = 0;
+    for (auto walk = save.tasks.begin(); walk != save.tasks.end(); ++walk, ++i) {
+        ZNVNetworkTask& task = **walk;
         // Read before encoding: a change made meanwhile leaves a newer
         // revision behind, and the next save encodes the task again.
         const uint64_t revision = task.archiveRevision();
@@ -302,7 +304,7 @@ bool ZNVStateWriter::assemble(const Save& save, int fd, const std::string& head,
             // Taken after encoding: a text that calls a download completed
             // was encoded after its file was moved, so the file is flushed
             // before this save can replace the last one.
-            flushBeforeSave(*save.tasks[i]);
+            flushBeforeSave(task);
             cached.revision = revision;
             cached.completedProgress = completed;
             locations_.push_back({file.position(), text.size()});
@@ -394,8 +396,9 @@ bool ZNVStateWriter::run(const Save& save) {
     }
     if (replaced) {
         // The new file is where the next save copies unchanged tasks from.
-        for (size_t i = 0; i < save.tasks.size(); ++i) {
-            Cached& cached = cache_[save.tasks[i].get()];
+        size_t i = 0;
+        for (auto walk = save.tasks.begin(); walk != save.tasks.end(); ++walk, ++i) {
+            Cached& cached = cache_[walk->get()];
             cached.offset = locations_[i].first;
             cached.length = locations_[i].second;
         }
