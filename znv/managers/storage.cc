@@ -227,10 +227,9 @@ ZNVStorageUploadRef ZNVStorage::uploadForTask(const std::shared_ptr<ZNVURLSessio
             }
         }
         if (!candidate) {
-            const auto list = uploadSnapshot();
-            for (size_t i = 0; i < list.size(); ++i) {
-                if (list[i]->taskIdentifier() == identifier) {
-                    candidate = list[i];
+            for (const auto& upload : uploadSnapshot()) {
+                if (upload->taskIdentifier() == identifier) {
+                    candidate = upload;
                     break;
                 }
             }
