@@ -39,7 +39,7 @@ std::vector<ZNVNetworkTaskRef> asTasks(std::initializer_list<ZNVNetworkTaskRef> 
 
 // --- Collections --------------------------------------------------------------
 
-TEST(NetworkCollection, AddingAnnouncesOnceAndIgnoresDuplicatesAndNothing) {
+TEST(NetworkCollection, AddingAnnouncesOnceIgnoresDuplicatesAndActivatesNothingBeforeLaunch) {
     auto network = ZNVNetwork::create(offlineConfiguration("collection-add"));
     AnnouncementRecorder recorder(*network, {"tasks", "downloads"});
     auto task = FakeTask::make();
@@ -55,6 +55,10 @@ TEST(NetworkCollection, AddingAnnouncesOnceAndIgnoresDuplicatesAndNothing) {
     EXPECT_EQ(network->downloads()[0], download);
     EXPECT_TRUE(network->hasTask(task));
     EXPECT_FALSE(network->hasTask(FakeTask::make()));
+    // Nothing is activated before launch.
+    EXPECT_FALSE(network->networkIsLaunched());
+    EXPECT_FALSE(network->refreshTaskActivity());
+    EXPECT_EQ(download->state(), ZNVNetworkTaskStateSuspended);
 
     const std::vector<Announcement> expected{
         {"tasks", Insertion, {0}, true},
@@ -219,15 +223,6 @@ TEST(NetworkActivation, DownloadCapacityIsTwoAndWaitsForTheNetwork) {
     EXPECT_EQ(plain->error()->localizedDescription(), "a network session is required");
 }
 
-TEST(NetworkActivation, NothingIsActivatedBeforeLaunch) {
-    auto network = ZNVNetwork::create(offlineConfiguration("not-launched"));
-    auto download = makeDownload("waiting.zip");
-    network->addTask(download);
-    EXPECT_FALSE(network->networkIsLaunched());
-    EXPECT_FALSE(network->refreshTaskActivity());
-    EXPECT_EQ(download->state(), ZNVNetworkTaskStateSuspended);
-}
-
 // --- A launched manager -------------------------------------------------------------
 
 class LaunchedNetwork : public ::testing::Test {
@@ -273,6 +268,7 @@ struct Forwarded {
     ZNVNetworkTaskRef task;
     uint64_t previous;
     uint64_t current;
+    bool onMainQueue = false;
 };
 
 TEST_F(LaunchedNetwork, TaskStateChangesAreRepostedUnderTheManagersNames) {
@@ -280,7 +276,7 @@ TEST_F(LaunchedNetwork, TaskStateChangesAreRepostedUnderTheManagersNames) {
     std::vector<Forwarded> forwarded;
     auto token = ZNVNotificationCenter::defaultCenter().addObserver(
         "", network_.get(), [&](const ZNVNotification& notification) {
-            Forwarded entry{notification.name, nullptr, 99, 99};
+            Forwarded entry{notification.name, nullptr, 99, 99, false};
             if (auto t =
                     ZNVNotificationValue<ZNVNetworkTaskRef>(notification, ZNVNetwork_TaskKey)) {
                 entry.task = *t;
@@ -293,6 +289,7 @@ TEST_F(LaunchedNetwork, TaskStateChangesAreRepostedUnderTheManagersNames) {
                 entry.current = *n;
             }
             EXPECT_EQ(notification.userInfo.size(), 3u);
+            entry.onMainQueue = ZNVMainQueue::isCurrent();
             std::lock_guard<std::mutex> lock(mutex);
             forwarded.push_back(entry);
         });
@@ -316,10 +313,20 @@ TEST_F(LaunchedNetwork, TaskStateChangesAreRepostedUnderTheManagersNames) {
         {{ZNVNetworkTask_TaskKey, std::any(ZNVNetworkTaskRef(task))},
          {ZNVNetworkTask_PreviousStateKey, std::any(uint64_t{0})},
          {ZNVNetworkTask_NewStateKey, std::any(uint64_t{1})}});
+    // A real change of a task is forwarded too, on the main queue.
+    auto real = FakeTask::make(session_, "real");
+    real->setState(ZNVNetworkTaskStateRunning);
+    EXPECT_TRUE(test::waitFor([&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return forwarded.size() == 5;
+    }));
     ZNVNotificationCenter::defaultCenter().removeObserver(token);
 
     std::lock_guard<std::mutex> lock(mutex);
-    ASSERT_EQ(forwarded.size(), 4u);
+    ASSERT_EQ(forwarded.size(), 5u);
+    EXPECT_EQ(forwarded[4].name, "ZNVNetwork: task did resume");
+    EXPECT_EQ(forwarded[4].task, real);
+    EXPECT_TRUE(forwarded[4].onMainQueue);
     EXPECT_EQ(forwarded[0].name, "ZNVNetwork: task did resume");
     EXPECT_EQ(forwarded[1].name, "ZNVNetwork: task did resume");
     EXPECT_EQ(forwarded[2].name, "ZNVNetwork: task did suspend");
@@ -327,21 +334,6 @@ TEST_F(LaunchedNetwork, TaskStateChangesAreRepostedUnderTheManagersNames) {
     EXPECT_EQ(forwarded[3].task, task);
     EXPECT_EQ(forwarded[3].previous, 1u);
     EXPECT_EQ(forwarded[3].current, 2u);
-}
-
-TEST_F(LaunchedNetwork, ARealStateChangeArrivesOnTheMainQueue) {
-    std::atomic<int> resumed{0};
-    std::atomic<bool> onMainQueue{true};
-    auto token = ZNVNotificationCenter::defaultCenter().addObserver(
-        ZNVNetwork_TaskDidResumeNotification, network_.get(), [&](const ZNVNotification&) {
-            if (!ZNVMainQueue::isCurrent()) onMainQueue = false;
-            ++resumed;
-        });
-    auto task = FakeTask::make(session_, "real");
-    task->setState(ZNVNetworkTaskStateRunning);
-    EXPECT_TRUE(test::waitFor([&] { return resumed.load() == 1; }));
-    EXPECT_TRUE(onMainQueue);
-    ZNVNotificationCenter::defaultCenter().removeObserver(token);
 }
 
 TEST_F(LaunchedNetwork, SupersededSavesAreSkippedAndTheNewestWins) {
@@ -441,7 +433,7 @@ TEST_F(LaunchedNetwork, BackgroundStateChangesSaveWhenTheyMatter) {
     EXPECT_EQ(log.count("saving task state:"), 2u);
 }
 
-TEST_F(LaunchedNetwork, ForeignBackgroundSessionIsAnsweredAtOnceAndNoneIsStored) {
+TEST_F(LaunchedNetwork, ForeignBackgroundSessionsAreAnsweredAtOnceAndDiscretionaryTasksKept) {
     LogCapture log;
     int called = 0;
     network_->setCompletionHandler([&] { ++called; }, "org.example.other");
@@ -452,10 +444,8 @@ TEST_F(LaunchedNetwork, ForeignBackgroundSessionIsAnsweredAtOnceAndNoneIsStored)
     network_->invokeNetworkSessionCompletionWithDescription("finished");
     EXPECT_TRUE(log.contains("   no completion available for background: finished"));
     EXPECT_EQ(called, 1);
-}
 
-TEST_F(LaunchedNetwork, RecyclingKeepsDiscretionaryTasksOnADesktop) {
-    LogCapture log;
+    // A desktop is always plugged in: discretionary tasks are kept.
     auto task = FakeTask::make(session_, "discretionary");
     task->setDiscretionary(true);
     network_->addTask(task);
