@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -110,16 +111,6 @@ TEST_F(ZnvCliTest, BadInputEndsWithOneLineNamingTheProblemAndStatus2) {
     EXPECT_TRUE(status.events("status")[0]["tasks"].empty());
 }
 
-size_t countEndingWith(const std::vector<std::string>& list, const std::string& suffix) {
-    size_t n = 0;
-    for (const auto& s : list) {
-        if (s.size() >= suffix.size() &&
-            s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0)
-            ++n;
-    }
-    return n;
-}
-
 // Every line of --json output is one event with the same members: event,
 // task, kind, state, completed, total (null where they do not apply), a UTC
 // time, and an error exactly when the state says something went wrong.
@@ -205,8 +196,12 @@ TEST_F(ZnvCliTest, UploadAndDownloadReportEachStepAsJsonLines) {
     EXPECT_FALSE(fileID.empty()) << task.dump();
     EXPECT_NE(contentURL.find(fileID), std::string::npos) << task.dump();
     auto requests = successfulRequests();
-    EXPECT_EQ(countEndingWith(requests, "/fullfile"), 0u) << "--force-chunks sent it whole";
-    EXPECT_EQ(countEndingWith(requests, "/complete"), 1u);
+    auto endingWith = [&](const std::string& suffix) {
+        return std::count_if(requests.begin(), requests.end(),
+                             [&](const std::string& r) { return r.ends_with(suffix); });
+    };
+    EXPECT_EQ(endingWith("/fullfile"), 0) << "--force-chunks sent it whole";
+    EXPECT_EQ(endingWith("/complete"), 1);
 
     std::string copy = files_ + "/copy.bin";
     ZnvRun down = user.run({"--server", server, "--json", "download", contentURL, "-o", copy});
