@@ -289,11 +289,7 @@ TEST(NetworkState, ConcurrentSavesNeverLeaveAnOlderCollection) {
     network->launch();
     auto session = network->sessionManager();
     ASSERT_NE(session, nullptr);
-    const auto drain = [&] {
-        auto done = std::make_shared<std::atomic<bool>>(false);
-        session->performBackgroundSessionBlock([done] { *done = true; });
-        ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
-    };
+    const auto drain = [&] { ASSERT_TRUE(test::drainBackgroundQueue(session)); };
     for (int round = 0; round < 150; ++round) {
         // Saves pile up behind the gate; only the newest may write.
         auto release = test::blockBackgroundQueue(session);

@@ -244,9 +244,7 @@ class LaunchedNetwork : public ::testing::Test {
     // Blocks the session's background queue until the returned release is called.
     std::function<void()> blockBackgroundQueue() { return test::blockBackgroundQueue(session_); }
     void drainBackgroundQueue() {
-        auto done = std::make_shared<std::atomic<bool>>(false);
-        session_->performBackgroundSessionBlock([done] { *done = true; });
-        ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
+        ASSERT_TRUE(test::drainBackgroundQueue(session_));
         ASSERT_TRUE(network_->waitUntilStateIsWritten());
     }
     // Lets everything scheduled so far run: the main queue hands refreshes to
@@ -410,11 +408,6 @@ TEST_F(LaunchedNetwork, ASaveWritesTheCollectionAsItWasWhenAskedFor) {
 TEST_F(LaunchedNetwork, BackgroundStateChangesSaveWhenTheyMatter) {
     auto task = FakeTask::make(session_, "background");
     network_->addTask(task);
-    auto settle = [&] {
-        ASSERT_TRUE(ZNVMainQueue::waitUntilDrained());
-        drainBackgroundQueue();
-        drainBackgroundQueue();
-    };
     settle();
 
     LogCapture log;

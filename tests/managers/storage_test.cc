@@ -38,11 +38,8 @@ class StorageTest : public ::testing::Test {
         ZNVMainQueue::waitUntilDrained();
         // Cancelled requests are answered on each session's queue: those
         // answers are logged before the next test watches the log.
-        for (auto& session : sessions) {
-            auto done = std::make_shared<std::atomic<bool>>(false);
-            session->performBackgroundSessionBlock([done] { *done = true; });
-            EXPECT_TRUE(test::waitFor([&] { return done->load(); }));
-        }
+        for (auto& session : sessions)
+            EXPECT_TRUE(test::drainBackgroundQueue(session));
     }
     static std::string name() {
         return ::testing::UnitTest::GetInstance()->current_test_info()->name();
@@ -62,9 +59,7 @@ class StorageTest : public ::testing::Test {
     void settle(const std::shared_ptr<ZNVStorage>& storage) {
         for (int round = 0; round < 2; ++round) {
             ASSERT_TRUE(ZNVMainQueue::waitUntilDrained());
-            auto done = std::make_shared<std::atomic<bool>>(false);
-            storage->sessionManager()->performBackgroundSessionBlock([done] { *done = true; });
-            ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
+            ASSERT_TRUE(test::drainBackgroundQueue(storage->sessionManager()));
             ASSERT_TRUE(storage->waitUntilStateIsWritten());
         }
     }
