@@ -191,7 +191,7 @@ class DamagedState : public ::testing::Test {
     std::shared_ptr<ZNVNetwork> network_;
 };
 
-TEST_F(DamagedState, EveryUnrestorableFileIsKeptAsideAndReported) {
+TEST_F(DamagedState, EveryUnrestorableFileIsKeptAsideAndReportedButAForeignOneIsLeftAlone) {
     auto good = ZNVNetwork::create(offlineConfiguration("source"));
     good->addTask(makeDownload("good.zip"));
     good->addTask(makeDownload("other.zip"));
@@ -237,14 +237,12 @@ TEST_F(DamagedState, EveryUnrestorableFileIsKeptAsideAndReported) {
     network_->addTask(makeDownload("after.zip"));
     EXPECT_TRUE(std::filesystem::exists(statePath("damaged")));
     EXPECT_EQ(test::readFile(damagedCopies("damaged").at(0)), notAList.dump());
-}
 
-TEST_F(DamagedState, AForeignFileIsNoDamage) {
-    auto other = ZNVNetwork::create(offlineConfiguration("other"));
-    other->addTask(makeDownload("foreign.zip"));
-    const std::string foreign = test::readFile(statePath("other"));
+    // Another configuration's file is no damage: it stays, untouched, and
+    // nothing is restored from it.
+    const std::string foreign = valid;
     auto lines = restoreFrom(foreign);
-    EXPECT_TRUE(has(lines, "Failed to load other task state for damaged network session."));
+    EXPECT_TRUE(has(lines, "Failed to load source task state for damaged network session."));
     EXPECT_EQ(test::readFile(statePath("damaged")), foreign);
     EXPECT_TRUE(damagedCopies("damaged").empty());
     EXPECT_EQ(network_->stateRestoreError(), nullptr);
