@@ -37,6 +37,13 @@ class LogCapture {
         }
         return out;
     }
+    // The first message that contains `needle`, or "".
+    std::string find(const std::string& needle) const {
+        for (const std::string& line : lines()) {
+            if (line.find(needle) != std::string::npos) return line;
+        }
+        return {};
+    }
 
   private:
     std::shared_ptr<spdlog::sinks::ringbuffer_sink_mt> sink_;
