@@ -8,7 +8,6 @@
 #include <set>
 #include <sstream>
 
-#include "apps/emulator/emulator.h"
 #include "tests/cli/znv_process.h"
 #include "tests/support/test_support.h"
 
@@ -33,31 +32,14 @@ std::string visible(const std::string& line) {
     return text;
 }
 
-class ZnvOutputTest : public ::testing::Test {
+class ZnvOutputTest : public ZnvTest {
   protected:
-    void SetUp() override {
-        files_ = makeTempDir("files");
-        std::string error;
-        ASSERT_TRUE(emulator_.start(&error)) << error;
-        server_ = emulator_.baseURL();
-    }
-
-    std::string file(const std::string& name, uint64_t size) {
-        std::string path = files_ + "/" + name;
-        writePatternFile(path, size, static_cast<uint32_t>(name.size()));
-        return path;
-    }
-
     void throttleChunks(int bytesPerSecond) {
         ASSERT_TRUE(emulator_.addFault({{"method", "PUT"},
                                         {"path", "/api/files/*"},
                                         {"action", "throttle"},
                                         {"bytesPerSecond", bytesPerSecond}}));
     }
-
-    std::string files_;
-    std::string server_;
-    emulator::Emulator emulator_;
 };
 
 TEST_F(ZnvOutputTest, ResultsGoToStdoutAndEverythingElseToStderr) {

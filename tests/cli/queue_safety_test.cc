@@ -13,7 +13,6 @@
 #include <set>
 #include <thread>
 
-#include "apps/emulator/emulator.h"
 #include "tests/cli/znv_process.h"
 #include "tests/support/test_support.h"
 
@@ -58,25 +57,7 @@ class NamingServer {
     std::thread thread_;
 };
 
-class ZnvQueueSafetyTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        std::string error;
-        ASSERT_TRUE(emulator_.start(&error)) << error;
-        server_ = emulator_.baseURL();
-        files_ = makeTempDir("files");
-    }
-
-    std::string file(const std::string& name, uint64_t size) {
-        std::string path = files_ + "/" + name;
-        writePatternFile(path, size, 3);
-        return path;
-    }
-
-    emulator::Emulator emulator_;
-    std::string server_;
-    std::string files_;
-};
+using ZnvQueueSafetyTest = ZnvTest;
 
 TEST_F(ZnvQueueSafetyTest, DownloadNamesAreOneSafeComponentInsideTheTarget) {
     NamingServer web;

@@ -8,12 +8,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <set>
 #include <sstream>
 
-#include "apps/emulator/emulator.h"
 #include "tests/cli/znv_process.h"
 #include "tests/support/test_support.h"
 
@@ -22,41 +22,18 @@ namespace {
 
 constexpr uint64_t kChunk = 4194304;
 
-class ZnvCliTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        ASSERT_TRUE(std::filesystem::exists(znvPath())) << znvPath();
-        files_ = makeTempDir("files");
-    }
+using ZnvCliTest = ZnvTest;
 
-    // An emulator in this process, on a kernel-chosen port.
-    std::string startEmulator() {
-        emulator_ = std::make_unique<emulator::Emulator>();
-        std::string error;
-        EXPECT_TRUE(emulator_->start(&error)) << error;
-        return emulator_->baseURL();
-    }
-
-    std::string file(const std::string& name, uint64_t size, uint32_t seed = 7) {
-        std::string path = files_ + "/" + name;
-        writePatternFile(path, size, seed);
-        return path;
-    }
-
-    // Requests the emulator saw, as "METHOD path" with a successful status.
-    std::vector<std::string> successfulRequests() const {
-        std::vector<std::string> list;
-        for (const auto& entry : emulator_->requestLog()) {
-            if (entry.value("status", 0) / 100 == 2) {
-                list.push_back(entry.value("method", "") + " " + entry.value("path", ""));
-            }
+// Requests the emulator saw, as "METHOD path" with a successful status.
+std::vector<std::string> successfulRequests(const emulator::Emulator& emulator) {
+    std::vector<std::string> list;
+    for (const auto& entry : emulator.requestLog()) {
+        if (entry.value("status", 0) / 100 == 2) {
+            list.push_back(entry.value("method", "") + " " + entry.value("path", ""));
         }
-        return list;
     }
-
-    std::string files_;
-    std::unique_ptr<emulator::Emulator> emulator_;
-};
+    return list;
+}
 
 TEST_F(ZnvCliTest, BadInputEndsWithOneLineNamingTheProblemAndStatus2) {
     ZnvUser user;
@@ -108,16 +85,6 @@ TEST_F(ZnvCliTest, BadInputEndsWithOneLineNamingTheProblemAndStatus2) {
     ASSERT_EQ(status.status, 0) << status.err;
     ASSERT_EQ(status.events("status").size(), 1u) << status.out;
     EXPECT_TRUE(status.events("status")[0]["tasks"].empty());
-}
-
-size_t countEndingWith(const std::vector<std::string>& list, const std::string& suffix) {
-    size_t n = 0;
-    for (const auto& s : list) {
-        if (s.size() >= suffix.size() &&
-            s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0)
-            ++n;
-    }
-    return n;
 }
 
 // Every line of --json output is one event with the same members: event,
@@ -188,7 +155,7 @@ void expectOrderlyTaskEvents(const ZnvRun& run, const std::string& file, int64_t
 }
 
 TEST_F(ZnvCliTest, UploadAndDownloadReportEachStepAsJsonLines) {
-    std::string server = startEmulator();
+    const std::string server = server_;
     ZnvUser user;
     const int64_t size = 2 * kChunk + 12345;
     std::string source = file("report.bin", size);
@@ -204,9 +171,13 @@ TEST_F(ZnvCliTest, UploadAndDownloadReportEachStepAsJsonLines) {
     std::string contentURL = task.value("contentURL", "");
     EXPECT_FALSE(fileID.empty()) << task.dump();
     EXPECT_NE(contentURL.find(fileID), std::string::npos) << task.dump();
-    auto requests = successfulRequests();
-    EXPECT_EQ(countEndingWith(requests, "/fullfile"), 0u) << "--force-chunks sent it whole";
-    EXPECT_EQ(countEndingWith(requests, "/complete"), 1u);
+    auto requests = successfulRequests(emulator_);
+    auto endingWith = [&](const std::string& suffix) {
+        return std::count_if(requests.begin(), requests.end(),
+                             [&](const std::string& r) { return r.ends_with(suffix); });
+    };
+    EXPECT_EQ(endingWith("/fullfile"), 0) << "--force-chunks sent it whole";
+    EXPECT_EQ(endingWith("/complete"), 1);
 
     std::string copy = files_ + "/copy.bin";
     ZnvRun down = user.run({"--server", server, "--json", "download", contentURL, "-o", copy});
@@ -221,13 +192,13 @@ TEST_F(ZnvCliTest, UploadAndDownloadReportEachStepAsJsonLines) {
 // One command with many files: each gets exactly one remote file, however
 // the refreshes of fifty queued uploads interleave with the account.
 TEST_F(ZnvCliTest, FiftyFilesMakeFiftyCreatesAndFiftyRemoteFiles) {
-    std::string server = startEmulator();
+    const std::string server = server_;
     ZnvUser user;
     std::vector<std::string> args = {"--server", server, "--json", "upload"};
     std::map<std::string, std::string> sources;  // name -> path
     for (int i = 0; i < 50; ++i) {
         const std::string name = "many-" + std::to_string(i) + ".bin";
-        sources[name] = file(name, 1000 + 37 * static_cast<uint64_t>(i), 100 + i);
+        sources[name] = file(name, 1000 + 37 * static_cast<uint64_t>(i));
         args.push_back(sources[name]);
     }
     ZnvRun up = user.run(args);
@@ -240,7 +211,7 @@ TEST_F(ZnvCliTest, FiftyFilesMakeFiftyCreatesAndFiftyRemoteFiles) {
         const std::string id = task.value("fileId", "");
         reported.insert(id);
         EXPECT_TRUE(
-            filesEqual(emulator_->dataDir() + "/files/" + id + "/content", task.value("file", "")))
+            filesEqual(emulator_.dataDir() + "/files/" + id + "/content", task.value("file", "")))
             << task.dump();
         // The content URL comes from the answer that completed the file.
         EXPECT_TRUE(task.value("contentURL", "").ends_with("/content/" + id)) << task.dump();
@@ -250,7 +221,7 @@ TEST_F(ZnvCliTest, FiftyFilesMakeFiftyCreatesAndFiftyRemoteFiles) {
     // One create and one whole-file PUT per file, nothing else.
     std::set<std::string> created;
     size_t creates = 0, puts = 0, others = 0;
-    for (const auto& entry : emulator_->requestLog()) {
+    for (const auto& entry : emulator_.requestLog()) {
         const std::string method = entry.value("method", ""), path = entry.value("path", "");
         if (method == "PUT" && path.ends_with("/fullfile")) {
             ++puts;
@@ -271,18 +242,18 @@ TEST_F(ZnvCliTest, FiftyFilesMakeFiftyCreatesAndFiftyRemoteFiles) {
         << created.size() << " files created, " << reported.size() << " reported";
     size_t remote = 0;
     for ([[maybe_unused]] const auto& entry :
-         std::filesystem::directory_iterator(emulator_->dataDir() + "/files")) {
+         std::filesystem::directory_iterator(emulator_.dataDir() + "/files")) {
         ++remote;
     }
     EXPECT_EQ(remote, 50u);
 }
 
 TEST_F(ZnvCliTest, FailuresEndWithStatus1AndTheirError) {
-    std::string server = startEmulator();
+    const std::string server = server_;
     ZnvUser user;
     std::string copy = files_ + "/never.bin";
     ZnvRun missing = user.run({"--server", server, "--json", "download",
-                               emulator_->rootURL() + "content/no-such-file", "-o", copy});
+                               emulator_.rootURL() + "content/no-such-file", "-o", copy});
     EXPECT_EQ(missing.status, 1) << missing.out << missing.err;
     EXPECT_NE(missing.err.find("404"), std::string::npos) << missing.err;
     EXPECT_FALSE(std::filesystem::exists(copy)) << "an error page is not the file";

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
 #include <thread>
 
@@ -17,6 +18,20 @@
 extern char** environ;
 
 namespace znv::test {
+
+void ZnvTest::SetUp() {
+    ASSERT_TRUE(std::filesystem::exists(znvPath())) << znvPath();
+    files_ = makeTempDir("files");
+    std::string error;
+    ASSERT_TRUE(emulator_.start(&error)) << error;
+    server_ = emulator_.baseURL();
+}
+
+std::string ZnvTest::file(const std::string& name, uint64_t size) {
+    std::string path = files_ + "/" + name;
+    writePatternFile(path, size, static_cast<uint32_t>(std::hash<std::string>{}(name)));
+    return path;
+}
 
 std::string znvPath() {
     return std::string(ZNV_BUILD_DIR) + "/znv";

@@ -2,6 +2,7 @@
 // and XDG directories, standard output and error captured in files.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -11,6 +12,8 @@
 #include <vector>
 
 #include <nlohmann/json.hpp>
+
+#include "apps/emulator/emulator.h"
 
 namespace znv::test {
 
@@ -68,5 +71,18 @@ std::string znvPath();
 // any run of characters, everything else for itself. (std::regex trips the
 // compiler's warnings in sanitizer builds.)
 bool matchesShape(const std::string& text, const std::string& pattern);
+
+// The fixture of the command-line tests: an emulator in this process on a
+// port the kernel chose, and a directory for the files znv sends.
+class ZnvTest : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    // Writes `size` bytes of patterned content to `name` in the files directory.
+    std::string file(const std::string& name, uint64_t size);
+
+    emulator::Emulator emulator_;
+    std::string server_;  // the emulator's API URL
+    std::string files_;
+};
 
 }  // namespace znv::test

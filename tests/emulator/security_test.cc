@@ -61,13 +61,10 @@ TEST(EmulatorSecurity, AdminEndpointsAnswerOnlyToTheAdminToken) {
     }
     EXPECT_EQ(emulator.requestLog().size(), 1u);  // not cleared, and refusals are not logged
 
-    auto added = sendJSON("POST", root + "_admin/faults", R"({"status": 500, "times": 1})",
-                          {admin, "Content-Type: application/json"});
-    ASSERT_EQ(added.status, 201) << added.body;
+    // The admin token opens them (what they do is the fault tests' business).
     auto log = get(root + "_admin/requests", {admin});
     ASSERT_EQ(log.status, 200);
     EXPECT_EQ(log.json().size(), 1u);
-    EXPECT_EQ(get(root + "_admin/faults", {admin}).json().size(), 1u);
     EXPECT_EQ(sendJSON("DELETE", root + "_admin/requests", "", {admin}).status, 200);
     EXPECT_EQ(emulator.requestLog(), json::array());
 }

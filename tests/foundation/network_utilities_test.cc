@@ -45,26 +45,29 @@ std::vector<std::string> entries(const std::string& dir) {
 
 // Index lists.
 
-TEST(IndexList, TextFormAndReadingBack) {
+TEST(IndexList, TextForm) {
     EXPECT_EQ(ZNVNetworkUtilities_stringFromIndices({}), std::nullopt);
     EXPECT_EQ(ZNVNetworkUtilities_stringFromIndices({5}), "5");
     EXPECT_EQ(ZNVNetworkUtilities_stringFromIndices({7, 2, 0, 1}), "0, 1, 2, 7");
     EXPECT_EQ(ZNVNetworkUtilities_stringFromIndices({ZNVNotFound - 1}), "9223372036854775806");
-
-    const ZNVIndexSet expected{0, 1, 2, 7};
-    for (const char* text : {"0, 1, 2, 7", "0,1,2,7", "7 2\n 1,,0", ",, 0 ,\t1\n2\r\n7,",
-                             "007, 2, 1, 0", "0\u00A01\u30002\u20287"}) {
-        EXPECT_EQ(ZNVNetworkUtilities_indicesFromString(text), expected) << text;
-    }
-    EXPECT_EQ(ZNVNetworkUtilities_indicesFromString(",, 4 ,\t9\n"), (ZNVIndexSet{4, 9}));
 }
 
-TEST(IndexList, ReadingStopsAtTheFirstNonNumberAndKeepsWhatCameBefore) {
+// Any run of separators (commas and Unicode white space) between numbers;
+// reading stops at the first thing that is neither and keeps what came before.
+TEST(IndexList, Reading) {
     struct Case {
         std::string text;
         std::optional<ZNVIndexSet> expected;
     };
+    const ZNVIndexSet all{0, 1, 2, 7};
     const Case cases[] = {
+        {"0, 1, 2, 7", all},
+        {"0,1,2,7", all},
+        {"7 2\n 1,,0", all},
+        {",, 0 ,\t1\n2\r\n7,", all},
+        {"007, 2, 1, 0", all},
+        {"0\u00A01\u30002\u20287", all},
+        {",, 4 ,\t9\n", ZNVIndexSet{4, 9}},
         {"", std::nullopt},
         {" ,\n\t", std::nullopt},
         {"abc", std::nullopt},
@@ -274,14 +277,29 @@ TEST(AppBundle, TextPrefixOfTheResolvedExecutableDirectory) {
 
 // File operations.
 
-TEST(FileOperations, SizeOfFile) {
-    const std::string dir = test::makeTempDir("size");
-    test::writePatternFile(dir + "/data", 123457);
+TEST(FileOperations, SizeAndContentOfFiles) {
+    const std::string dir = test::makeTempDir("read");
+    test::writePatternFile(dir + "/data", 3 * 1024 * 1024 + 17, 3);
     ZNVErrorRef error;
-    EXPECT_EQ(ZNVNetworkUtilities_sizeOfFileAtURL(ZNVURL::fileURL(dir + "/data"), &error), 123457u);
+    EXPECT_EQ(ZNVNetworkUtilities_sizeOfFileAtURL(ZNVURL::fileURL(dir + "/data"), &error),
+              3u * 1024 * 1024 + 17);
     EXPECT_EQ(error, nullptr);
     ASSERT_EQ(symlink((dir + "/data").c_str(), (dir + "/link").c_str()), 0);
-    EXPECT_EQ(ZNVNetworkUtilities_sizeOfFileAtURL(ZNVURL::fileURL(dir + "/link")), 123457u);
+    EXPECT_EQ(ZNVNetworkUtilities_sizeOfFileAtURL(ZNVURL::fileURL(dir + "/link")),
+              3u * 1024 * 1024 + 17);
+    auto data = ZNVNetworkUtilities_loadDataFromURL(ZNVURL::fileURL(dir + "/data"), &error);
+    ASSERT_TRUE(data);
+    EXPECT_EQ(error, nullptr);
+    EXPECT_TRUE(std::string(data->begin(), data->end()) == test::readFile(dir + "/data"));
+
+    test::writeFile(dir + "/empty", "");
+    auto empty = ZNVNetworkUtilities_loadDataFromURL(ZNVURL::fileURL(dir + "/empty"));
+    ASSERT_TRUE(empty);
+    EXPECT_TRUE(empty->empty());
+    // Files that report no size are read to their end.
+    auto proc = ZNVNetworkUtilities_loadDataFromURL(ZNVURL::fileURL("/proc/self/status"));
+    ASSERT_TRUE(proc);
+    EXPECT_NE(std::string(proc->begin(), proc->end()).find("Name:"), std::string::npos);
 
     EXPECT_EQ(ZNVNetworkUtilities_sizeOfFileAtURL(*ZNVURL::fromString("https://h/data"), &error),
               0u);
@@ -290,13 +308,27 @@ TEST(FileOperations, SizeOfFile) {
     EXPECT_EQ(error->code(), -1100);
     EXPECT_EQ(error->localizedDescription(), "the URL must refer to a file");
 
-    error = nullptr;
-    EXPECT_EQ(ZNVNetworkUtilities_sizeOfFileAtURL(ZNVURL::fileURL(dir + "/missing"), &error), 0u);
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
-    EXPECT_EQ(error->code(), NSFileReadNoSuchFileError);
-    // No out-parameter: still 0, no crash.
-    EXPECT_EQ(ZNVNetworkUtilities_sizeOfFileAtURL(ZNVURL::fileURL(dir + "/missing")), 0u);
+    // A missing file: 0 or nothing, and the same error (without an
+    // out-parameter: no crash).
+    for (int reader = 0; reader < 2; ++reader) {
+        error = nullptr;
+        const ZNVURL missing = ZNVURL::fileURL(dir + "/missing");
+        if (reader == 0) {
+            EXPECT_EQ(ZNVNetworkUtilities_sizeOfFileAtURL(missing, &error), 0u);
+            EXPECT_EQ(ZNVNetworkUtilities_sizeOfFileAtURL(missing), 0u);
+        } else {
+            EXPECT_FALSE(ZNVNetworkUtilities_loadDataFromURL(missing, &error));
+        }
+        ASSERT_TRUE(error) << reader;
+        EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
+        EXPECT_EQ(error->code(), NSFileReadNoSuchFileError);
+    }
+    for (const ZNVURL& unreadable :
+         {ZNVURL::fileURL(dir, true), *ZNVURL::fromString("http://h/x")}) {
+        error = nullptr;
+        EXPECT_FALSE(ZNVNetworkUtilities_loadDataFromURL(unreadable, &error));
+        EXPECT_TRUE(error) << unreadable.absoluteString();
+    }
 }
 
 TEST(FileOperations, EnsureCreatesOnlyWhatIsMissing) {
@@ -375,38 +407,6 @@ TEST(FileOperations, ProtectedReplacementTakesFileURLsOnly) {
     EXPECT_EQ(error, nullptr);
     EXPECT_EQ(test::readFile(target.path()), "new state");
     EXPECT_EQ(entries(dir), std::vector<std::string>{"live.state"});
-}
-
-TEST(FileOperations, LoadDataReadsWholeFiles) {
-    const std::string dir = test::makeTempDir("load");
-    test::writePatternFile(dir + "/body", 3 * 1024 * 1024 + 17, 3);
-    ZNVErrorRef error;
-    auto data = ZNVNetworkUtilities_loadDataFromURL(ZNVURL::fileURL(dir + "/body"), &error);
-    ASSERT_TRUE(data);
-    EXPECT_EQ(error, nullptr);
-    const std::string expected = test::readFile(dir + "/body");
-    ASSERT_EQ(data->size(), expected.size());
-    EXPECT_TRUE(std::string(data->begin(), data->end()) == expected);
-
-    test::writeFile(dir + "/empty", "");
-    auto empty = ZNVNetworkUtilities_loadDataFromURL(ZNVURL::fileURL(dir + "/empty"));
-    ASSERT_TRUE(empty);
-    EXPECT_TRUE(empty->empty());
-
-    // Files that report no size are read to their end.
-    auto proc = ZNVNetworkUtilities_loadDataFromURL(ZNVURL::fileURL("/proc/self/status"));
-    ASSERT_TRUE(proc);
-    EXPECT_NE(std::string(proc->begin(), proc->end()).find("Name:"), std::string::npos);
-
-    EXPECT_FALSE(ZNVNetworkUtilities_loadDataFromURL(ZNVURL::fileURL(dir + "/missing"), &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->code(), NSFileReadNoSuchFileError);
-    error = nullptr;
-    EXPECT_FALSE(ZNVNetworkUtilities_loadDataFromURL(ZNVURL::fileURL(dir, true), &error));
-    EXPECT_TRUE(error);
-    error = nullptr;
-    EXPECT_FALSE(ZNVNetworkUtilities_loadDataFromURL(*ZNVURL::fromString("http://h/x"), &error));
-    EXPECT_TRUE(error);
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/test_support.h"
 #include "znv/account/reachability_manager.h"
 #include "znv/foundation/log.h"
 #include "znv/platform/observable.h"
@@ -102,6 +103,14 @@ inline std::function<void()> blockBackgroundQueue(
         gate->open = true;
         gate->changed.notify_all();
     };
+}
+
+// Waits until everything handed to the session's background queue so far
+// has run.
+inline bool drainBackgroundQueue(const std::shared_ptr<ZNVNetworkSessionManager>& session) {
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    session->performBackgroundSessionBlock([done] { *done = true; });
+    return waitFor([&] { return done->load(); });
 }
 
 // One announcement of an observable collection.

@@ -98,43 +98,29 @@ TEST(NetworkState, ConfigurationsWithoutIdentifierShareTheLiveFileAndNoFileIsNoS
     EXPECT_EQ(reader->tasks().size(), 1u);
 }
 
-TEST(NetworkState, BatchAndReadingSuppressSavesAndCommitWritesOnce) {
+// A batch holds every save back; its commit writes once, with a summary that
+// lists running tasks and counts the others.
+TEST(NetworkState, BatchSuppressesSavesAndCommitWritesOnceWithASummary) {
     LogCapture log;
     auto network = ZNVNetwork::create(offlineConfiguration("batch"));
     network->beginBatch();
     EXPECT_TRUE(network->isBatchingSave());
+    auto suspended = FakeTask::make(nullptr, "suspended");
+    auto running = FakeTask::make(nullptr, "running");
+    auto completed = FakeTask::make(nullptr, "completed");
     network->addTask(makeDownload("one.zip"));
-    network->addTask(makeDownload("two.zip"));
+    for (const auto& task : {suspended, running, completed})
+        network->addTask(task);
     network->finishTask(network->tasks()[0]);
+    running->setState(ZNVNetworkTaskStateRunning);
+    completed->setState(ZNVNetworkTaskStateCompleted);
     EXPECT_FALSE(std::filesystem::exists(statePath("batch")));
     EXPECT_EQ(log.count("saving task state:"), 0u);
 
     network->commitBatch();
     EXPECT_FALSE(network->isBatchingSave());
     EXPECT_EQ(log.count("saving task state:"), 1u);
-    auto reader = ZNVNetwork::create(offlineConfiguration("batch"));
-    reader->readState();
-    ASSERT_EQ(reader->tasks().size(), 1u);
-    EXPECT_EQ(reader->tasks()[0]->sourceURL()->lastPathComponent(), "two.zip");
-}
-
-TEST(NetworkState, SaveSummaryListsRunningTasksAndCountsTheOthers) {
-    auto network = ZNVNetwork::create(offlineConfiguration("summary"));
-    auto suspended = FakeTask::make(nullptr, "suspended");
-    auto running = FakeTask::make(nullptr, "running");
-    auto completed = FakeTask::make(nullptr, "completed");
-    network->beginBatch();
-    network->addTask(suspended);
-    network->addTask(running);
-    network->addTask(completed);
-    running->setState(ZNVNetworkTaskStateRunning);
-    completed->setState(ZNVNetworkTaskStateCompleted);
-
-    LogCapture log;
-    network->commitBatch();
-    auto lines = log.lines();
     const long heading = log.indexOf("saving task state:");
-    ASSERT_GE(heading, 0);
     EXPECT_EQ(log.count("   stored state for "), 3u);
     const long runningLine = log.indexOf("   stored state for " + running->description());
     const long completedLine = log.indexOf("   stored state for 1 completed tasks");
@@ -142,6 +128,11 @@ TEST(NetworkState, SaveSummaryListsRunningTasksAndCountsTheOthers) {
     EXPECT_GT(runningLine, heading);
     EXPECT_GT(completedLine, runningLine);
     EXPECT_GT(suspendedLine, completedLine);
+
+    auto reader = ZNVNetwork::create(offlineConfiguration("batch"));
+    reader->readState();
+    ASSERT_EQ(reader->tasks().size(), 3u);
+    EXPECT_EQ(reader->tasks()[0]->sourceURL(), suspended->sourceURL());
 }
 
 // The copies of a state file kept as damaged, by path.
@@ -200,7 +191,7 @@ class DamagedState : public ::testing::Test {
     std::shared_ptr<ZNVNetwork> network_;
 };
 
-TEST_F(DamagedState, EveryUnrestorableFileIsKeptAsideAndReported) {
+TEST_F(DamagedState, EveryUnrestorableFileIsKeptAsideAndReportedButAForeignOneIsLeftAlone) {
     auto good = ZNVNetwork::create(offlineConfiguration("source"));
     good->addTask(makeDownload("good.zip"));
     good->addTask(makeDownload("other.zip"));
@@ -246,14 +237,12 @@ TEST_F(DamagedState, EveryUnrestorableFileIsKeptAsideAndReported) {
     network_->addTask(makeDownload("after.zip"));
     EXPECT_TRUE(std::filesystem::exists(statePath("damaged")));
     EXPECT_EQ(test::readFile(damagedCopies("damaged").at(0)), notAList.dump());
-}
 
-TEST_F(DamagedState, AForeignFileIsNoDamage) {
-    auto other = ZNVNetwork::create(offlineConfiguration("other"));
-    other->addTask(makeDownload("foreign.zip"));
-    const std::string foreign = test::readFile(statePath("other"));
+    // Another configuration's file is no damage: it stays, untouched, and
+    // nothing is restored from it.
+    const std::string foreign = valid;
     auto lines = restoreFrom(foreign);
-    EXPECT_TRUE(has(lines, "Failed to load other task state for damaged network session."));
+    EXPECT_TRUE(has(lines, "Failed to load source task state for damaged network session."));
     EXPECT_EQ(test::readFile(statePath("damaged")), foreign);
     EXPECT_TRUE(damagedCopies("damaged").empty());
     EXPECT_EQ(network_->stateRestoreError(), nullptr);
@@ -298,11 +287,7 @@ TEST(NetworkState, ConcurrentSavesNeverLeaveAnOlderCollection) {
     network->launch();
     auto session = network->sessionManager();
     ASSERT_NE(session, nullptr);
-    const auto drain = [&] {
-        auto done = std::make_shared<std::atomic<bool>>(false);
-        session->performBackgroundSessionBlock([done] { *done = true; });
-        ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
-    };
+    const auto drain = [&] { ASSERT_TRUE(test::drainBackgroundQueue(session)); };
     for (int round = 0; round < 150; ++round) {
         // Saves pile up behind the gate; only the newest may write.
         auto release = test::blockBackgroundQueue(session);

@@ -39,7 +39,7 @@ std::vector<ZNVNetworkTaskRef> asTasks(std::initializer_list<ZNVNetworkTaskRef> 
 
 // --- Collections --------------------------------------------------------------
 
-TEST(NetworkCollection, AddingAnnouncesOnceAndIgnoresDuplicatesAndNothing) {
+TEST(NetworkCollection, AddingAnnouncesOnceIgnoresDuplicatesAndActivatesNothingBeforeLaunch) {
     auto network = ZNVNetwork::create(offlineConfiguration("collection-add"));
     AnnouncementRecorder recorder(*network, {"tasks", "downloads"});
     auto task = FakeTask::make();
@@ -55,6 +55,10 @@ TEST(NetworkCollection, AddingAnnouncesOnceAndIgnoresDuplicatesAndNothing) {
     EXPECT_EQ(network->downloads()[0], download);
     EXPECT_TRUE(network->hasTask(task));
     EXPECT_FALSE(network->hasTask(FakeTask::make()));
+    // Nothing is activated before launch.
+    EXPECT_FALSE(network->networkIsLaunched());
+    EXPECT_FALSE(network->refreshTaskActivity());
+    EXPECT_EQ(download->state(), ZNVNetworkTaskStateSuspended);
 
     const std::vector<Announcement> expected{
         {"tasks", Insertion, {0}, true},
@@ -108,7 +112,7 @@ TEST(NetworkCollection, FinishingAnnouncesDownloadsAtThePositionInTasks) {
 
 // --- Activation policy ----------------------------------------------------------
 
-TEST(NetworkActivation, CapacityIsFilledInOrderAndEarlyTasksGoBeyondIt) {
+TEST(NetworkActivation, CapacityIsFilledInOrderEarlyTasksGoBeyondItAndAnySuccessCounts) {
     LogCapture log;
     auto running = FakeTask::make(nullptr, "running");
     running->setState(ZNVNetworkTaskStateRunning);
@@ -142,19 +146,16 @@ TEST(NetworkActivation, CapacityIsFilledInOrderAndEarlyTasksGoBeyondIt) {
     // Nothing suspended: nothing resumed, and the log says so.
     EXPECT_FALSE(ZNVNetwork::activateTasks(2, asTasks({running, completed}), "upload"));
     EXPECT_TRUE(log.contains("   No suspended upload(s) left to activate."));
-}
 
-TEST(NetworkActivation, EveryResumeIsTriedAndAnySuccessCounts) {
+    // Every resume is tried, and one that succeeds is enough.
     auto refusing = FakeTask::make(nullptr, "refusing");
     refusing->refuse = true;
     auto accepted = FakeTask::make(nullptr, "accepted");
     EXPECT_TRUE(ZNVNetwork::activateTasks(2, asTasks({refusing, accepted}), "download"));
     EXPECT_EQ(refusing->resumeCalls, 1);
     EXPECT_EQ(accepted->state(), ZNVNetworkTaskStateRunning);
-
-    auto alone = FakeTask::make(nullptr, "alone");
-    alone->refuse = true;
-    EXPECT_FALSE(ZNVNetwork::activateTasks(2, asTasks({alone}), "download"));
+    EXPECT_FALSE(ZNVNetwork::activateTasks(2, asTasks({refusing}), "download"));
+    EXPECT_EQ(refusing->resumeCalls, 2);
 }
 
 TEST(NetworkActivation, PreparingRecoversFromErrorsAndConsumesAttempts) {
@@ -219,15 +220,6 @@ TEST(NetworkActivation, DownloadCapacityIsTwoAndWaitsForTheNetwork) {
     EXPECT_EQ(plain->error()->localizedDescription(), "a network session is required");
 }
 
-TEST(NetworkActivation, NothingIsActivatedBeforeLaunch) {
-    auto network = ZNVNetwork::create(offlineConfiguration("not-launched"));
-    auto download = makeDownload("waiting.zip");
-    network->addTask(download);
-    EXPECT_FALSE(network->networkIsLaunched());
-    EXPECT_FALSE(network->refreshTaskActivity());
-    EXPECT_EQ(download->state(), ZNVNetworkTaskStateSuspended);
-}
-
 // --- A launched manager -------------------------------------------------------------
 
 class LaunchedNetwork : public ::testing::Test {
@@ -249,9 +241,7 @@ class LaunchedNetwork : public ::testing::Test {
     // Blocks the session's background queue until the returned release is called.
     std::function<void()> blockBackgroundQueue() { return test::blockBackgroundQueue(session_); }
     void drainBackgroundQueue() {
-        auto done = std::make_shared<std::atomic<bool>>(false);
-        session_->performBackgroundSessionBlock([done] { *done = true; });
-        ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
+        ASSERT_TRUE(test::drainBackgroundQueue(session_));
         ASSERT_TRUE(network_->waitUntilStateIsWritten());
     }
     // Lets everything scheduled so far run: the main queue hands refreshes to
@@ -273,6 +263,7 @@ struct Forwarded {
     ZNVNetworkTaskRef task;
     uint64_t previous;
     uint64_t current;
+    bool onMainQueue = false;
 };
 
 TEST_F(LaunchedNetwork, TaskStateChangesAreRepostedUnderTheManagersNames) {
@@ -280,7 +271,7 @@ TEST_F(LaunchedNetwork, TaskStateChangesAreRepostedUnderTheManagersNames) {
     std::vector<Forwarded> forwarded;
     auto token = ZNVNotificationCenter::defaultCenter().addObserver(
         "", network_.get(), [&](const ZNVNotification& notification) {
-            Forwarded entry{notification.name, nullptr, 99, 99};
+            Forwarded entry{notification.name, nullptr, 99, 99, false};
             if (auto t =
                     ZNVNotificationValue<ZNVNetworkTaskRef>(notification, ZNVNetwork_TaskKey)) {
                 entry.task = *t;
@@ -293,6 +284,7 @@ TEST_F(LaunchedNetwork, TaskStateChangesAreRepostedUnderTheManagersNames) {
                 entry.current = *n;
             }
             EXPECT_EQ(notification.userInfo.size(), 3u);
+            entry.onMainQueue = ZNVMainQueue::isCurrent();
             std::lock_guard<std::mutex> lock(mutex);
             forwarded.push_back(entry);
         });
@@ -316,10 +308,20 @@ TEST_F(LaunchedNetwork, TaskStateChangesAreRepostedUnderTheManagersNames) {
         {{ZNVNetworkTask_TaskKey, std::any(ZNVNetworkTaskRef(task))},
          {ZNVNetworkTask_PreviousStateKey, std::any(uint64_t{0})},
          {ZNVNetworkTask_NewStateKey, std::any(uint64_t{1})}});
+    // A real change of a task is forwarded too, on the main queue.
+    auto real = FakeTask::make(session_, "real");
+    real->setState(ZNVNetworkTaskStateRunning);
+    EXPECT_TRUE(test::waitFor([&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return forwarded.size() == 5;
+    }));
     ZNVNotificationCenter::defaultCenter().removeObserver(token);
 
     std::lock_guard<std::mutex> lock(mutex);
-    ASSERT_EQ(forwarded.size(), 4u);
+    ASSERT_EQ(forwarded.size(), 5u);
+    EXPECT_EQ(forwarded[4].name, "ZNVNetwork: task did resume");
+    EXPECT_EQ(forwarded[4].task, real);
+    EXPECT_TRUE(forwarded[4].onMainQueue);
     EXPECT_EQ(forwarded[0].name, "ZNVNetwork: task did resume");
     EXPECT_EQ(forwarded[1].name, "ZNVNetwork: task did resume");
     EXPECT_EQ(forwarded[2].name, "ZNVNetwork: task did suspend");
@@ -327,21 +329,6 @@ TEST_F(LaunchedNetwork, TaskStateChangesAreRepostedUnderTheManagersNames) {
     EXPECT_EQ(forwarded[3].task, task);
     EXPECT_EQ(forwarded[3].previous, 1u);
     EXPECT_EQ(forwarded[3].current, 2u);
-}
-
-TEST_F(LaunchedNetwork, ARealStateChangeArrivesOnTheMainQueue) {
-    std::atomic<int> resumed{0};
-    std::atomic<bool> onMainQueue{true};
-    auto token = ZNVNotificationCenter::defaultCenter().addObserver(
-        ZNVNetwork_TaskDidResumeNotification, network_.get(), [&](const ZNVNotification&) {
-            if (!ZNVMainQueue::isCurrent()) onMainQueue = false;
-            ++resumed;
-        });
-    auto task = FakeTask::make(session_, "real");
-    task->setState(ZNVNetworkTaskStateRunning);
-    EXPECT_TRUE(test::waitFor([&] { return resumed.load() == 1; }));
-    EXPECT_TRUE(onMainQueue);
-    ZNVNotificationCenter::defaultCenter().removeObserver(token);
 }
 
 TEST_F(LaunchedNetwork, SupersededSavesAreSkippedAndTheNewestWins) {
@@ -418,11 +405,6 @@ TEST_F(LaunchedNetwork, ASaveWritesTheCollectionAsItWasWhenAskedFor) {
 TEST_F(LaunchedNetwork, BackgroundStateChangesSaveWhenTheyMatter) {
     auto task = FakeTask::make(session_, "background");
     network_->addTask(task);
-    auto settle = [&] {
-        ASSERT_TRUE(ZNVMainQueue::waitUntilDrained());
-        drainBackgroundQueue();
-        drainBackgroundQueue();
-    };
     settle();
 
     LogCapture log;
@@ -441,7 +423,7 @@ TEST_F(LaunchedNetwork, BackgroundStateChangesSaveWhenTheyMatter) {
     EXPECT_EQ(log.count("saving task state:"), 2u);
 }
 
-TEST_F(LaunchedNetwork, ForeignBackgroundSessionIsAnsweredAtOnceAndNoneIsStored) {
+TEST_F(LaunchedNetwork, ForeignBackgroundSessionsAreAnsweredAtOnceAndDiscretionaryTasksKept) {
     LogCapture log;
     int called = 0;
     network_->setCompletionHandler([&] { ++called; }, "org.example.other");
@@ -452,10 +434,8 @@ TEST_F(LaunchedNetwork, ForeignBackgroundSessionIsAnsweredAtOnceAndNoneIsStored)
     network_->invokeNetworkSessionCompletionWithDescription("finished");
     EXPECT_TRUE(log.contains("   no completion available for background: finished"));
     EXPECT_EQ(called, 1);
-}
 
-TEST_F(LaunchedNetwork, RecyclingKeepsDiscretionaryTasksOnADesktop) {
-    LogCapture log;
+    // A desktop is always plugged in: discretionary tasks are kept.
     auto task = FakeTask::make(session_, "discretionary");
     task->setDiscretionary(true);
     network_->addTask(task);

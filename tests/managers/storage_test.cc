@@ -38,11 +38,8 @@ class StorageTest : public ::testing::Test {
         ZNVMainQueue::waitUntilDrained();
         // Cancelled requests are answered on each session's queue: those
         // answers are logged before the next test watches the log.
-        for (auto& session : sessions) {
-            auto done = std::make_shared<std::atomic<bool>>(false);
-            session->performBackgroundSessionBlock([done] { *done = true; });
-            EXPECT_TRUE(test::waitFor([&] { return done->load(); }));
-        }
+        for (auto& session : sessions)
+            EXPECT_TRUE(test::drainBackgroundQueue(session));
     }
     static std::string name() {
         return ::testing::UnitTest::GetInstance()->current_test_info()->name();
@@ -62,9 +59,7 @@ class StorageTest : public ::testing::Test {
     void settle(const std::shared_ptr<ZNVStorage>& storage) {
         for (int round = 0; round < 2; ++round) {
             ASSERT_TRUE(ZNVMainQueue::waitUntilDrained());
-            auto done = std::make_shared<std::atomic<bool>>(false);
-            storage->sessionManager()->performBackgroundSessionBlock([done] { *done = true; });
-            ASSERT_TRUE(test::waitFor([&] { return done->load(); }));
+            ASSERT_TRUE(test::drainBackgroundQueue(storage->sessionManager()));
             ASSERT_TRUE(storage->waitUntilStateIsWritten());
         }
     }
@@ -91,8 +86,17 @@ TEST_F(StorageTest, EveryCallMakesANewLaunchedManagerAndAccountsNeedAConfigurati
     EXPECT_EQ(ZNVStorage::storageForAccount(unconfigured), nullptr);
 }
 
-TEST_F(StorageTest, UploadsJoinTasksAndUploadsAndAnEmptyNameMeansNone) {
+// The life of the uploads collection: uploads join it (and "tasks"), those
+// that cannot start never do, finishing and invalidation empty it, and with
+// the session gone remote-file operations fail on the main queue.
+TEST_F(StorageTest, UploadsCollectionFromAdditionToInvalidation) {
+    LogCapture log;
     auto storage = makeStorage();
+    EXPECT_EQ(storage->uploadFromFile(sourceFile("empty.bin", 0), false), nullptr);
+    EXPECT_EQ(storage->uploadFromFile(ZNVURL::fileURL(directory_ + "/missing.bin"), false),
+              nullptr);
+    EXPECT_TRUE(storage->tasks().empty());
+    EXPECT_EQ(log.count("failed to initiate upload: "), 2u);
     AnnouncementRecorder recorder(*storage, {"uploads", "tasks"});
     auto named = storage->uploadFromFile(sourceFile("clip one.mov", 1000), "", "", "", true, true);
     auto plain = storage->uploadFromFile(sourceFile("notes.txt", 10), false);
@@ -131,6 +135,36 @@ TEST_F(StorageTest, UploadsJoinTasksAndUploadsAndAnEmptyNameMeansNone) {
     EXPECT_EQ(recorder.records(), expected);
     EXPECT_EQ(storage->uploads().size(), 2u);
     EXPECT_EQ(storage->tasks().size(), 2u);
+
+    // Invalidation removes the two left with one announcement.
+    recorder.clear();
+    storage->invalidateClientAndCancelTasks();
+    const std::vector<test::Announcement> emptied{
+        {"uploads", ZNVKeyValueChange::Removal, {0, 1}, true},
+        {"tasks", ZNVKeyValueChange::Removal, {0, 1}, true},
+        {"tasks", ZNVKeyValueChange::Removal, {0, 1}, false},
+        {"uploads", ZNVKeyValueChange::Removal, {0, 1}, false},
+    };
+    EXPECT_EQ(recorder.records(), emptied);
+    EXPECT_TRUE(storage->uploads().empty());
+    EXPECT_TRUE(storage->tasks().empty());
+
+    std::atomic<int> answers{0};
+    std::atomic<bool> onMainQueue{true};
+    storage->URLForRemoteFile("some-id", [&](const std::optional<ZNVURL>& url) {
+        EXPECT_FALSE(url.has_value());
+        if (!ZNVMainQueue::isCurrent()) onMainQueue = false;
+        ++answers;
+    });
+    storage->deleteRemoteFile("some-id", [&](bool deleted) {
+        EXPECT_FALSE(deleted);
+        if (!ZNVMainQueue::isCurrent()) onMainQueue = false;
+        ++answers;
+    });
+    storage->deleteRemoteFile("some-id", nullptr);  // no completion: nothing to call
+    ASSERT_TRUE(test::waitFor([&] { return answers.load() == 2; }));
+    EXPECT_TRUE(onMainQueue);
+    EXPECT_EQ(log.count("a cloud session manager is required"), 3u);
 }
 
 TEST_F(StorageTest, TheRefreshAnUploadAsksForIsPostedOnceItJoinedUploads) {
@@ -161,17 +195,6 @@ TEST_F(StorageTest, TheRefreshAnUploadAsksForIsPostedOnceItJoinedUploads) {
     for (size_t missing : missingAtPost)
         EXPECT_EQ(missing, 0u);
     EXPECT_EQ(storage->uploads().size(), 2u);
-}
-
-TEST_F(StorageTest, AnUploadThatCannotStartIsNotAdded) {
-    LogCapture log;
-    auto storage = makeStorage();
-    EXPECT_EQ(storage->uploadFromFile(sourceFile("empty.bin", 0), false), nullptr);
-    EXPECT_EQ(storage->uploadFromFile(ZNVURL::fileURL(directory_ + "/missing.bin"), false),
-              nullptr);
-    EXPECT_TRUE(storage->uploads().empty());
-    EXPECT_TRUE(storage->tasks().empty());
-    EXPECT_EQ(log.count("failed to initiate upload: "), 2u);
 }
 
 TEST_F(StorageTest, EachRefreshWeighsUploadsThenDownloadsAndNoneIsMerged) {
@@ -279,44 +302,6 @@ TEST_F(StorageTest, AnswersNamingAHeldUploadAreIgnoredEvenAfterInvalidation) {
     EXPECT_EQ(storage->uploadForTask(forHeld, &ignored), nullptr);
     EXPECT_TRUE(ignored);
     EXPECT_EQ(log.count(ignoredLine), 1u);
-}
-
-TEST_F(StorageTest, RemoteFileOperationsFailOnTheMainQueueWithoutASession) {
-    LogCapture log;
-    auto storage = makeStorage();
-    storage->invalidateClientAndCancelTasks();
-
-    std::atomic<int> answers{0};
-    std::atomic<bool> onMainQueue{true};
-    storage->URLForRemoteFile("some-id", [&](const std::optional<ZNVURL>& url) {
-        EXPECT_FALSE(url.has_value());
-        if (!ZNVMainQueue::isCurrent()) onMainQueue = false;
-        ++answers;
-    });
-    storage->deleteRemoteFile("some-id", [&](bool deleted) {
-        EXPECT_FALSE(deleted);
-        if (!ZNVMainQueue::isCurrent()) onMainQueue = false;
-        ++answers;
-    });
-    storage->deleteRemoteFile("some-id", nullptr);  // no completion: nothing to call
-    ASSERT_TRUE(test::waitFor([&] { return answers.load() == 2; }));
-    EXPECT_TRUE(onMainQueue);
-    EXPECT_EQ(log.count("a cloud session manager is required"), 3u);
-}
-
-TEST_F(StorageTest, InvalidationEmptiesUploadsWithOneAnnouncement) {
-    auto storage = makeStorage();
-    storage->uploadFromFile(sourceFile("a.bin", 10), false);
-    storage->uploadFromFile(sourceFile("b.bin", 10), false);
-    AnnouncementRecorder recorder(*storage, {"uploads"});
-    storage->invalidateClientAndCancelTasks();
-    const std::vector<test::Announcement> expected{
-        {"uploads", ZNVKeyValueChange::Removal, {0, 1}, true},
-        {"uploads", ZNVKeyValueChange::Removal, {0, 1}, false},
-    };
-    EXPECT_EQ(recorder.records(), expected);
-    EXPECT_TRUE(storage->uploads().empty());
-    EXPECT_TRUE(storage->tasks().empty());
 }
 
 TEST_F(StorageTest, RestoredUploadsReturnToTheUploadsCollection) {

@@ -8,6 +8,9 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
+
+#include "tests/support/test_support.h"
 
 namespace znv::test {
 
@@ -47,6 +50,7 @@ EmulatorProcess::EmulatorProcess(const std::vector<std::string>& extra) {
     while (read(pipeFds[0], &c, 1) == 1 && c != '\n')
         line.push_back(c);
     close(pipeFds[0]);
+    firstLine_ = line;
     size_t colon = line.rfind(':');
     if (colon != std::string::npos) port_ = std::atoi(line.c_str() + colon + 1);
     if (port_ == 0 && pid_ > 0) {  // it said nothing: it has failed or died
@@ -62,6 +66,24 @@ EmulatorProcess::~EmulatorProcess() {
         int status = 0;
         waitpid(pid_, &status, 0);
     }
+}
+
+int EmulatorProcess::stop(int signal, std::chrono::milliseconds timeout) {
+    if (pid_ <= 0) return -1;
+    kill(pid_, signal);
+    int status = 0;
+    if (!waitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeout)) return -1;
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+uint64_t EmulatorProcess::peakRSS() const {
+    std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("VmHWM:", 0) == 0) return std::stoull(line.substr(6)) * 1024;
+    }
+    return 0;
 }
 
 std::string EmulatorProcess::baseURL() const {

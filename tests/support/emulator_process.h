@@ -5,11 +5,13 @@
 //
 // Made and destroyed on one thread. The constructor returns once the emulator
 // listens (or has failed to start: `running()` is then false); the destructor
-// stops it with SIGTERM and waits for it.
+// stops it with SIGTERM and waits for it, unless `stop` already did.
 #pragma once
 
 #include <sys/types.h>
 
+#include <chrono>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -28,10 +30,19 @@ class EmulatorProcess {
     int port() const { return port_; }
     pid_t pid() const { return pid_; }
     std::string baseURL() const;  // "http://127.0.0.1:<port>/api/"
+    // The first line the emulator printed, as it stands.
+    const std::string& firstLine() const { return firstLine_; }
+
+    // Sends `signal` and returns the exit status (128 + signal number if a
+    // signal ended it), or -1 if it does not end within `timeout`.
+    int stop(int signal, std::chrono::milliseconds timeout);
+    // Peak resident memory of the emulator (VmHWM), in bytes; 0 if unknown.
+    uint64_t peakRSS() const;
 
   private:
     pid_t pid_ = -1;
     int port_ = 0;
+    std::string firstLine_;
 };
 
 // A loopback port on which nothing listens (bound once, then released).
