@@ -125,6 +125,12 @@ class ZNVTaskList {
         size_t size_ = 0;
     };
 
+    ZNVTaskList() = default;
+    // A copy would share its last chunk with the original, and both would
+    // append into it: snapshots are the way to share a list.
+    ZNVTaskList(const ZNVTaskList&) = delete;
+    ZNVTaskList& operator=(const ZNVTaskList&) = delete;
+
     size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
     Snapshot snapshot() const { return Snapshot(table_, size_); }
