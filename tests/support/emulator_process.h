@@ -34,7 +34,9 @@ class EmulatorProcess {
     const std::string& firstLine() const { return firstLine_; }
 
     // Sends `signal` and returns the exit status (128 + signal number if a
-    // signal ended it), or -1 if it does not end within `timeout`.
+    // signal ended it; 0 if something else already reaped it), or -1 if it
+    // does not end within `timeout`. The destructor stops it the same way,
+    // within 20 s, and kills it (a test failure) when it does not end.
     int stop(int signal, std::chrono::milliseconds timeout);
     // Peak resident memory of the emulator (VmHWM), in bytes; 0 if unknown.
     uint64_t peakRSS() const;
