@@ -545,12 +545,9 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
     // The run covers the given tasks and every unfinished task of the queue:
     // the library runs those anyway.
     std::vector<ZNVNetworkTaskRef> runTasks = tasks;
-    const std::unordered_set<const ZNVNetworkTask*> given = [&] {
-        std::unordered_set<const ZNVNetworkTask*> set;
-        for (const auto& task : tasks)
-            set.insert(task.get());
-        return set;
-    }();
+    std::unordered_set<const ZNVNetworkTask*> given;
+    for (const auto& task : tasks)
+        given.insert(task.get());
     const auto queued = storage_->tasks();
     for (const auto& task : queued) {
         if (!given.count(task.get()) && unfinished(task)) runTasks.push_back(task);

@@ -42,6 +42,18 @@ bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds t
     }
 }
 
+namespace {
+
+// The next value of a 32-bit xorshift sequence (never 0 after a non-zero one).
+uint32_t xorshift(uint32_t& x) {
+    x ^= x << 13;
+    x ^= x >> 17;
+    x ^= x << 5;
+    return x;
+}
+
+}  // namespace
+
 void writePatternFile(const std::string& path, uint64_t size, uint32_t seed) {
     std::FILE* f = std::fopen(path.c_str(), "wb");
     if (!f) throw std::runtime_error("cannot create " + path);
@@ -49,12 +61,8 @@ void writePatternFile(const std::string& path, uint64_t size, uint32_t seed) {
     uint32_t x = seed ? seed : 1;
     uint64_t written = 0;
     while (written < size) {
-        for (auto& w : block) {
-            x ^= x << 13;
-            x ^= x >> 17;
-            x ^= x << 5;
-            w = x;
-        }
+        for (auto& w : block)
+            w = xorshift(x);
         size_t n = static_cast<size_t>(std::min<uint64_t>(size - written, block.size() * 4));
         if (std::fwrite(block.data(), 1, n, f) != n) {
             std::fclose(f);
@@ -68,12 +76,8 @@ void writePatternFile(const std::string& path, uint64_t size, uint32_t seed) {
 std::string patternBytes(size_t size, uint32_t seed) {
     std::string out(size, '\0');
     uint32_t x = (seed * 2654435761u) | 1;  // odd, so never 0, where xorshift stays
-    for (auto& c : out) {
-        x ^= x << 13;
-        x ^= x >> 17;
-        x ^= x << 5;
-        c = static_cast<char>(x);
-    }
+    for (auto& c : out)
+        c = static_cast<char>(xorshift(x));
     return out;
 }
 
