@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,6 +36,9 @@ class MultipartParser {
     };
 
     MultipartParser(std::string boundary, Callbacks callbacks);
+    ~MultipartParser();
+    MultipartParser(const MultipartParser&) = delete;
+    MultipartParser& operator=(const MultipartParser&) = delete;
 
     bool feed(const char* data, size_t size);
     bool finish();
@@ -59,6 +63,11 @@ class MultipartParser {
     bool feedContent(const char*& data, size_t& size);
 
     std::string delimiter_;  // CRLF "--" boundary
+    // Skip table of the delimiter, made once: a body is searched in pieces of
+    // a few KiB, and a search that sets itself up on every piece costs more
+    // than the scan.
+    struct Searcher;
+    std::unique_ptr<const Searcher> searcher_;
     Callbacks callbacks_;
     State state_ = State::Preamble;
     std::string buffer_;
