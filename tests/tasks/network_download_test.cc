@@ -99,8 +99,9 @@ TEST_F(NetworkDownloadTest, DownloadsIntoTheLibraryAreaAndRemovesTheFileWhenFini
     const std::string id = seed("photo.jpg", 300 * 1024, 7);
     auto download = makeDownload(harness.emulator.rootURL() + "content/" + id);
     ASSERT_TRUE(download->resume());
-    EXPECT_EQ(download->state(), ZNVNetworkTaskStateRunning);
-    EXPECT_FALSE(download->resume()) << "a running download is not restarted";
+    // A small download may already be over by the time resume returns.
+    EXPECT_NE(download->state(), ZNVNetworkTaskStateSuspended);
+    EXPECT_FALSE(download->resume()) << "a started download is not restarted";
     ASSERT_TRUE(finished(download));
     ASSERT_EQ(download->error(), nullptr) << download->rawError()->description();
 
