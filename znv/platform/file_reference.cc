@@ -285,6 +285,14 @@ std::optional<ZNVURL> ZNVFilePathURL(const ZNVURL& url) {
     if (ZNVFileReference::isFileReferenceURL(url)) {
         auto reference = ZNVFileReference::fromReferenceURL(url);
         if (!reference) return std::nullopt;
+        // The file is nearly always where it was last seen: one statx then
+        // tells both that it is the file and whether it is a directory.
+        Identity id;
+        const std::string& known = reference->lastKnownPath();
+        if (identify(AT_FDCWD, known.c_str(), &id) &&
+            matches(id, reference->device(), reference->inode(), reference->birthNanoseconds())) {
+            return ZNVURL::fileURL(known, id.isDirectory);
+        }
         auto path = reference->resolvePath();
         if (!path) return std::nullopt;
         return pathURL(*path);

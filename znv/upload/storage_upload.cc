@@ -315,9 +315,12 @@ std::optional<ZNVURL> ZNVStorageUpload::resolvedSourceFileReference() const {
     if (!resolved || !resolved->isFileURL()) return resolved;
     const std::string path = resolved->path();
     struct stat info {};
+    // A path that resolved to itself needs no second look: the reference has
+    // just found the file there.
     if (realPathMemo_ && realPathMemo_->path == path &&
-        ::stat(realPathMemo_->real.c_str(), &info) == 0 && info.st_dev == realPathMemo_->device &&
-        info.st_ino == realPathMemo_->inode) {
+        (realPathMemo_->real == path ||
+         (::stat(realPathMemo_->real.c_str(), &info) == 0 && info.st_dev == realPathMemo_->device &&
+          info.st_ino == realPathMemo_->inode))) {
         return ZNVURL::fileURL(realPathMemo_->real);
     }
     const std::string real = ZNVRealPath(path);
