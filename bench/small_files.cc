@@ -30,6 +30,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
@@ -226,6 +227,18 @@ Round libraryRound(const std::string& base, const std::vector<std::string>& file
 
 // --- znv upload ------------------------------------------------------------
 
+// Copies the last `lines` lines of a text file to standard error.
+void printTail(const std::string& path, size_t lines) {
+    std::ifstream in(path);
+    std::deque<std::string> kept;
+    for (std::string line; std::getline(in, line);) {
+        kept.push_back(std::move(line));
+        if (kept.size() > lines) kept.pop_front();
+    }
+    for (const auto& line : kept)
+        std::fprintf(stderr, "  %s\n", line.c_str());
+}
+
 Round cliRound(const std::string& znv, const std::string& base,
                const std::vector<std::string>& files, const std::string& home) {
     std::filesystem::remove_all(home);
@@ -245,7 +258,9 @@ Round cliRound(const std::string& znv, const std::string& base,
         setenv("HOME", home.c_str(), 1);
         setenv("XDG_STATE_HOME", (home + "/state").c_str(), 1);
         setenv("XDG_DATA_HOME", (home + "/data").c_str(), 1);
+        // Its line per task goes to a file: read when the run fails.
         if (!std::freopen("/dev/null", "w", stdout)) _exit(127);
+        if (!std::freopen((home + "/znv.log").c_str(), "w", stderr)) _exit(127);
         execv(argv[0], argv.data());
         _exit(127);
     }
@@ -256,8 +271,9 @@ Round cliRound(const std::string& znv, const std::string& base,
     round.seconds = secondsSince(start);
     round.cpuSeconds = seconds(usage.ru_utime) + seconds(usage.ru_stime);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        std::fprintf(stderr, "znv upload exited with status %d\n",
+        std::fprintf(stderr, "znv upload exited with status %d; the end of what it said:\n",
                      WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+        printTail(home + "/znv.log", 20);
         round.seconds = -1;
     }
     return round;

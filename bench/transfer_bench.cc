@@ -98,7 +98,6 @@ class EmulatorClient {
 
     void deleteFile(const std::string& id) { client_.Delete("/api/files/" + id, headers()); }
 
-    // The content URL of a complete remote file, or empty.
     // The size the emulator recorded for a remote file, or none.
     std::optional<uint64_t> storedSize(const std::string& id) {
         auto answer = client_.Get("/api/files/" + id, headers());
@@ -110,6 +109,7 @@ class EmulatorClient {
         return body["sizeInBytes"].get<uint64_t>();
     }
 
+    // The content URL of a complete remote file, or empty.
     std::string contentURI(const std::string& id) {
         auto answer = client_.Get("/api/files/" + id, headers());
         if (!answer || answer->status != 200) return {};
