@@ -299,11 +299,16 @@ StoreResult FileStore::create(const std::string& name, const std::string& shared
     entry->info.name = name;
     entry->info.sharedStorageId = sharedStorageId;
     StoreResult result;
-    std::error_code ec;
-    if (!sink_) fs::create_directories(fileDir(entry->info.id) + "/chunks", ec);
-    if (ec || !saveMeta(entry->info, &result.message)) {
+    // Only the file's directory: chunks/ comes with the first chunk, as most
+    // files never have one, and every directory or file made costs the file
+    // system an inode.
+    if (!sink_ && ::mkdir(fileDir(entry->info.id).c_str(), 0700) != 0) {
         result.status = StoreStatus::IOError;
-        if (ec) result.message = "cannot create file directory: " + ec.message();
+        result.message = errnoText("cannot create file directory");
+        return result;
+    }
+    if (!saveMeta(entry->info, &result.message)) {
+        result.status = StoreStatus::IOError;
         return result;
     }
     result.info = entry->info;
@@ -367,16 +372,24 @@ StoreResult FileStore::commitChunks(const std::string& id,
         return result;
     }
     int data = -1;
+    bool haveChunkDirectory = false;
+    auto makeChunkDirectory = [&] {
+        if (!haveChunkDirectory) {
+            std::error_code ec;
+            fs::create_directories(fileDir(id) + "/chunks", ec);
+            haveChunkDirectory = true;
+        }
+    };
     for (size_t i = 0; i < chunks.size(); ++i) {
         const ReceivedChunk& chunk = chunks[i];
         bool stored = chunk.tempPath.empty();  // written in place by the request
         if (!stored && chunk.index > kMaxStrideIndex) {
+            makeChunkDirectory();
             stored = ::rename(chunk.tempPath.c_str(), chunkFilePath(id, chunk.index).c_str()) == 0;
         } else if (!stored) {
             // A chunk sent again over a stored one: copied into its slot.
             if (data < 0) {
-                std::error_code ec;
-                fs::create_directories(fileDir(id) + "/chunks", ec);
+                makeChunkDirectory();
                 data = ::open(chunkDataPath(id).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
             }
             int in = ::open(chunk.tempPath.c_str(), O_RDONLY | O_CLOEXEC);

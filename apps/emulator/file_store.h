@@ -5,6 +5,7 @@
 //                             the chunks stored so far (index and size)
 //   files/<id>/chunks/data    chunks received and not yet assembled, in one
 //                             sparse file: chunk i at byte i * kChunkStride
+//                             (chunks/ is made with the first chunk)
 //   files/<id>/chunks/<i>.chunk   chunks whose index is past kMaxStrideIndex
 //   files/<id>/content        the finished file
 //   tmp/                      bodies being received (same file system, so that
