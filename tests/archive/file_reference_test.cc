@@ -250,40 +250,28 @@ TEST_F(FileReferenceTest, DamagedBookmarkDataIsAnError) {
     auto valid = ZNVBookmark::createData(ZNVURL::fileURL(file_));
     ASSERT_TRUE(valid);
     auto json = nlohmann::json::parse(valid->begin(), valid->end());
-    auto with = [&](const char* key, nlohmann::json value) {
-        auto copy = json;
-        if (value.is_discarded()) {
-            copy.erase(key);
-        } else {
-            copy[key] = value;
-        }
-        std::string text = copy.dump();
-        return ZNVBytes(text.begin(), text.end());
-    };
     auto bytes = [](const std::string& text) { return ZNVBytes(text.begin(), text.end()); };
-    const nlohmann::json erase = nlohmann::json::value_t::discarded;
+    // The valid bookmark with members replaced; a null member is removed.
+    auto with = [&](const nlohmann::json& patch) {
+        auto copy = json;
+        copy.merge_patch(patch);
+        return bytes(copy.dump());
+    };
     std::vector<std::pair<std::string, ZNVBytes>> cases = {
         {"empty", {}},
         {"not JSON", bytes("bookmark")},
         {"truncated", ZNVBytes(valid->begin(), valid->begin() + valid->size() / 2)},
         {"array", bytes("[]")},
         {"an archive, not a bookmark", bytes(R"({"$archiver":"ZNVKeyedArchiver"})")},
-        {"future version", with("version", 2)},
-        {"no inode", with("inode", erase)},
-        {"negative inode", with("inode", -1)},
-        {"device as text", with("device", "2049")},
-        {"no size", with("size", erase)},
-        {"no modification time", with("modificationTimeNanoseconds", erase)},
-        {"no path", with("path", erase)},
-        {"relative path", with("path", "a/b/file.txt")},
-        {"path data not base64",
-         [&] {
-             auto copy = json;
-             copy.erase("path");
-             copy["pathData"] = "*";
-             std::string t = copy.dump();
-             return ZNVBytes(t.begin(), t.end());
-         }()},
+        {"future version", with({{"version", 2}})},
+        {"no inode", with({{"inode", nullptr}})},
+        {"negative inode", with({{"inode", -1}})},
+        {"device as text", with({{"device", "2049"}})},
+        {"no size", with({{"size", nullptr}})},
+        {"no modification time", with({{"modificationTimeNanoseconds", nullptr}})},
+        {"no path", with({{"path", nullptr}})},
+        {"relative path", with({{"path", "a/b/file.txt"}})},
+        {"path data not base64", with({{"path", nullptr}, {"pathData", "*"}})},
         {"huge", ZNVBytes(1 << 20, ' ')},
         {"deep", bytes(std::string(100000, '[') + std::string(100000, ']'))},
     };

@@ -61,15 +61,13 @@ TEST(NetworkState, RoundTripRestoresEveryTaskInOrderWithoutRewritingTheFile) {
     auto reader = ZNVNetwork::create(offlineConfiguration("roundtrip"));
     reader->readState();
     auto restored = reader->tasks();
-    ASSERT_EQ(restored.size(), 3u);
-    EXPECT_EQ(restored[0]->className(), "ZNVNetworkDownload");
-    EXPECT_EQ(restored[1]->className(), "ZNVNetworkTask");
-    EXPECT_EQ(restored[2]->className(), "ZNVNetworkDownload");
-    EXPECT_EQ(restored[0]->sourceURL(), first->sourceURL());
-    EXPECT_EQ(restored[1]->sourceURL(), plain->sourceURL());
-    EXPECT_EQ(restored[2]->sourceURL(), second->sourceURL());
-    for (const auto& task : restored)
-        EXPECT_TRUE(task->wasDecoded());
+    const std::vector<ZNVNetworkTaskRef> saved{first, plain, second};
+    ASSERT_EQ(restored.size(), saved.size());
+    for (size_t i = 0; i < saved.size(); ++i) {
+        EXPECT_EQ(restored[i]->className(), saved[i]->className()) << i;
+        EXPECT_EQ(restored[i]->sourceURL(), saved[i]->sourceURL()) << i;
+        EXPECT_TRUE(restored[i]->wasDecoded()) << i;
+    }
     ASSERT_EQ(reader->downloads().size(), 2u);
     EXPECT_EQ(reader->downloads()[1], restored[2]);
     EXPECT_FALSE(reader->isReadingState());

@@ -290,24 +290,19 @@ TEST_F(LaunchedNetwork, TaskStateChangesAreRepostedUnderTheManagersNames) {
         });
 
     auto task = FakeTask::make(session_, "observed");
-    auto post = [&](uint64_t previous, uint64_t current) {
+    auto post = [&](uint64_t previous, uint64_t current, const void* sender) {
         ZNVNotificationCenter::defaultCenter().post(
-            ZNVNetworkTask_DidChangeStateNotification, session_.get(),
+            ZNVNetworkTask_DidChangeStateNotification, sender,
             {{ZNVNetworkTask_TaskKey, std::any(ZNVNetworkTaskRef(task))},
              {ZNVNetworkTask_PreviousStateKey, std::any(previous)},
              {ZNVNetworkTask_NewStateKey, std::any(current)}});
     };
-    post(0, 1);
-    post(1, 1);  // running to running still counts as a resume
-    post(1, 0);
-    post(1, 2);
-    post(2, 7);  // no such state: nothing is posted
-    // Another sender's notifications are not the manager's business.
-    ZNVNotificationCenter::defaultCenter().post(
-        ZNVNetworkTask_DidChangeStateNotification, this,
-        {{ZNVNetworkTask_TaskKey, std::any(ZNVNetworkTaskRef(task))},
-         {ZNVNetworkTask_PreviousStateKey, std::any(uint64_t{0})},
-         {ZNVNetworkTask_NewStateKey, std::any(uint64_t{1})}});
+    post(0, 1, session_.get());
+    post(1, 1, session_.get());  // running to running still counts as a resume
+    post(1, 0, session_.get());
+    post(1, 2, session_.get());
+    post(2, 7, session_.get());  // no such state: nothing is posted
+    post(0, 1, this);            // another sender's are not the manager's business
     // A real change of a task is forwarded too, on the main queue.
     auto real = FakeTask::make(session_, "real");
     real->setState(ZNVNetworkTaskStateRunning);

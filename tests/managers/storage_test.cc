@@ -116,36 +116,27 @@ TEST_F(StorageTest, UploadsCollectionFromAdditionToInvalidation) {
     EXPECT_EQ(storage->tasks().size(), 3u);
 
     // "uploads" brackets the inherited "tasks" announcements.
+    const auto bracketed = [](ZNVKeyValueChange change, std::vector<uint64_t> at) {
+        return std::vector<test::Announcement>{{"uploads", change, at, true},
+                                               {"tasks", change, at, true},
+                                               {"tasks", change, at, false},
+                                               {"uploads", change, at, false}};
+    };
     auto records = recorder.records();
     ASSERT_GE(records.size(), 4u);
-    EXPECT_EQ(records[0], (test::Announcement{"uploads", ZNVKeyValueChange::Insertion, {0}, true}));
-    EXPECT_EQ(records[1], (test::Announcement{"tasks", ZNVKeyValueChange::Insertion, {0}, true}));
-    EXPECT_EQ(records[2], (test::Announcement{"tasks", ZNVKeyValueChange::Insertion, {0}, false}));
-    EXPECT_EQ(records[3],
-              (test::Announcement{"uploads", ZNVKeyValueChange::Insertion, {0}, false}));
+    EXPECT_EQ(std::vector(records.begin(), records.begin() + 4),
+              bracketed(ZNVKeyValueChange::Insertion, {0}));
 
     recorder.clear();
     storage->finishTask(plain);
-    const std::vector<test::Announcement> expected{
-        {"uploads", ZNVKeyValueChange::Removal, {1}, true},
-        {"tasks", ZNVKeyValueChange::Removal, {1}, true},
-        {"tasks", ZNVKeyValueChange::Removal, {1}, false},
-        {"uploads", ZNVKeyValueChange::Removal, {1}, false},
-    };
-    EXPECT_EQ(recorder.records(), expected);
+    EXPECT_EQ(recorder.records(), bracketed(ZNVKeyValueChange::Removal, {1}));
     EXPECT_EQ(storage->uploads().size(), 2u);
     EXPECT_EQ(storage->tasks().size(), 2u);
 
     // Invalidation removes the two left with one announcement.
     recorder.clear();
     storage->invalidateClientAndCancelTasks();
-    const std::vector<test::Announcement> emptied{
-        {"uploads", ZNVKeyValueChange::Removal, {0, 1}, true},
-        {"tasks", ZNVKeyValueChange::Removal, {0, 1}, true},
-        {"tasks", ZNVKeyValueChange::Removal, {0, 1}, false},
-        {"uploads", ZNVKeyValueChange::Removal, {0, 1}, false},
-    };
-    EXPECT_EQ(recorder.records(), emptied);
+    EXPECT_EQ(recorder.records(), bracketed(ZNVKeyValueChange::Removal, {0, 1}));
     EXPECT_TRUE(storage->uploads().empty());
     EXPECT_TRUE(storage->tasks().empty());
 

@@ -450,27 +450,6 @@ TEST_F(NetworkTaskTest, RecoveriesArePacedHiddenFiveTimesInARowAndPublicTheSixth
     EXPECT_EQ(task->remainingAttemptsForAutomaticErrorRecovery(), 4u);
 }
 
-TEST_F(NetworkTaskTest, ArchivedErrorsDecideTheDecodedState) {
-    auto fatal = makeTask();
-    fatal->setRawError(fatalError());
-    auto decodedFatal = roundTrip(*fatal);
-    EXPECT_EQ(decodedFatal->state(), ZNVNetworkTaskStateCompleted);
-    EXPECT_NE(decodedFatal->error(), nullptr);
-
-    auto hidden = makeTask();
-    hidden->setRawError(recoverableError());
-    hidden->automaticallyRecoverFromError();
-    hidden->setRawError(recoverableError());
-    ASSERT_EQ(hidden->remainingAttemptsForAutomaticErrorRecovery(), 4u);
-    auto decodedHidden = roundTrip(*hidden);
-    EXPECT_EQ(decodedHidden->state(), ZNVNetworkTaskStateSuspended);
-    ASSERT_NE(decodedHidden->rawError(), nullptr);
-    EXPECT_TRUE(ZNVError::equal(decodedHidden->rawError(), hidden->rawError()));
-    EXPECT_EQ(decodedHidden->error(), nullptr);
-    EXPECT_EQ(decodedHidden->remainingAttemptsForAutomaticErrorRecovery(), 5u)
-        << "the recovery budget is not archived";
-}
-
 // An archive as earlier versions wrote it: the error under "error".
 class LegacyTaskArchive : public ZNVCoding {
   public:
@@ -483,17 +462,36 @@ class LegacyTaskArchive : public ZNVCoding {
     }
 };
 
-TEST_F(NetworkTaskTest, DecodingReadsTheLegacyErrorKeyAndToleratesOddValues) {
-    LegacyTaskArchive legacy;
+// A public error decodes as a completed task; a hidden one as a suspended
+// task that keeps it, with a fresh recovery budget.
+TEST_F(NetworkTaskTest, ArchivedErrorsDecideTheDecodedStateAndTheLegacyKeyIsRead) {
+    auto fatal = makeTask();
+    fatal->setRawError(fatalError());
+    EXPECT_EQ(roundTrip(*fatal)->state(), ZNVNetworkTaskStateCompleted);
+    auto hidden = makeTask();
+    hidden->setRawError(recoverableError());
+    hidden->automaticallyRecoverFromError();
+    hidden->setRawError(recoverableError());
+    ASSERT_EQ(hidden->remainingAttemptsForAutomaticErrorRecovery(), 4u);
+    auto decodedHidden = roundTrip(*hidden);
+    EXPECT_EQ(decodedHidden->state(), ZNVNetworkTaskStateSuspended);
+    ASSERT_NE(decodedHidden->rawError(), nullptr);
+    EXPECT_TRUE(ZNVError::equal(decodedHidden->rawError(), hidden->rawError()));
+    EXPECT_EQ(decodedHidden->error(), nullptr);
+    EXPECT_EQ(decodedHidden->remainingAttemptsForAutomaticErrorRecovery(), 5u)
+        << "the recovery budget is not archived";
+
     ZNVErrorRef error;
-    auto object = ZNVKeyedUnarchiver::unarchivedObjectOfClasses(
-        {"ZNVNetworkTask"}, ZNVKeyedArchiver::archivedDataWithRootObject(legacy), &error);
-    auto task = std::dynamic_pointer_cast<ZNVNetworkTask>(object);
-    ASSERT_NE(task, nullptr) << (error ? error->description() : "");
-    ASSERT_NE(task->rawError(), nullptr);
-    EXPECT_EQ(task->rawError()->localizedDescription(), "old");
-    EXPECT_EQ(task->retryCount(), 0u);
-    EXPECT_EQ(task->taskIdentifier(), static_cast<uint64_t>(ZNVNotFound));
+    auto legacy =
+        std::dynamic_pointer_cast<ZNVNetworkTask>(ZNVKeyedUnarchiver::unarchivedObjectOfClasses(
+            {"ZNVNetworkTask"}, ZNVKeyedArchiver::archivedDataWithRootObject(LegacyTaskArchive()),
+            &error));
+    ASSERT_NE(legacy, nullptr) << (error ? error->description() : "");
+    ASSERT_NE(legacy->rawError(), nullptr);
+    EXPECT_EQ(legacy->rawError()->localizedDescription(), "old");
+    EXPECT_EQ(legacy->state(), ZNVNetworkTaskStateCompleted);
+    EXPECT_EQ(legacy->retryCount(), 0u);
+    EXPECT_EQ(legacy->taskIdentifier(), static_cast<uint64_t>(ZNVNotFound));
 }
 
 }  // namespace

@@ -32,9 +32,12 @@ class StorageUploadEmulatorTest : public ::testing::Test {
         test::writePatternFile(path, size, static_cast<uint32_t>(size % 9973));
         return path;
     }
+    std::shared_ptr<ZNVStorageUpload> make(const std::string& path) {
+        return ZNVStorageUpload::create(ZNVURL::fileURL(path), "", harness.account, "", "", false,
+                                        harness.session);
+    }
     std::shared_ptr<ZNVStorageUpload> start(const std::string& path, bool forceChunks) {
-        auto upload = ZNVStorageUpload::create(ZNVURL::fileURL(path), "", harness.account, "", "",
-                                               false, harness.session);
+        auto upload = make(path);
         upload->setForceChunkUploading(forceChunks);
         harness.router->add(upload);
         EXPECT_TRUE(upload->resume());
@@ -43,6 +46,18 @@ class StorageUploadEmulatorTest : public ::testing::Test {
     bool finished(const std::shared_ptr<ZNVStorageUpload>& upload) {
         return test::waitFor([&] { return upload->state() == ZNVNetworkTaskStateCompleted; },
                              std::chrono::seconds(120));
+    }
+    // The upload the next launch decodes from its archive.
+    static std::shared_ptr<ZNVStorageUpload> relaunched(const ZNVBytes& data) {
+        return std::dynamic_pointer_cast<ZNVStorageUpload>(
+            ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data));
+    }
+    // Reconnects a decoded upload and runs it on chunks to its end.
+    bool runRelaunched(const std::shared_ptr<ZNVStorageUpload>& restored) {
+        restored->connectToAccount(harness.account, harness.session, nullptr);
+        restored->setForceChunkUploading(true);
+        harness.router->add(restored);
+        return restored->resume() && finished(restored);
     }
     // Requests of the log whose method and path end match.
     static size_t count(const nlohmann::json& log, const std::string& method,
@@ -89,8 +104,7 @@ TEST_F(StorageUploadEmulatorTest,
     // next launch without turning it into a failure.
     ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*completed);
     fs::remove(second);
-    auto restored = std::dynamic_pointer_cast<ZNVStorageUpload>(
-        ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data));
+    auto restored = relaunched(data);
     ASSERT_NE(restored, nullptr);
     EXPECT_EQ(restored->state(), ZNVNetworkTaskStateCompleted);
     EXPECT_EQ(restored->rawError(), nullptr);
@@ -101,8 +115,7 @@ TEST_F(StorageUploadEmulatorTest,
 
 TEST_F(StorageUploadEmulatorTest, RestoredUploadWhoseSourceWasRenamedStillUploads) {
     const std::string source = writeSource("original name.bin", 6 * MiB);
-    auto upload = ZNVStorageUpload::create(ZNVURL::fileURL(source), "", harness.account, "", "",
-                                           false, harness.session);
+    auto upload = make(source);
     // Archived (as at the end of a session), then the file is renamed and moved
     // into a subdirectory before the next launch restores the upload.
     ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*upload);
@@ -110,17 +123,12 @@ TEST_F(StorageUploadEmulatorTest, RestoredUploadWhoseSourceWasRenamedStillUpload
     fs::create_directories(fs::path(renamed).parent_path());
     fs::rename(source, renamed);
 
-    auto restored = std::dynamic_pointer_cast<ZNVStorageUpload>(
-        ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data));
+    auto restored = relaunched(data);
     ASSERT_NE(restored, nullptr);
     ASSERT_EQ(restored->error(), nullptr) << restored->rawError()->description();
     EXPECT_EQ(restored->sourceURL()->path(), ZNVRealPath(renamed));
     EXPECT_EQ(restored->remoteFilename(), "originalname.bin");
-    restored->connectToAccount(harness.account, harness.session, nullptr);
-    restored->setForceChunkUploading(true);
-    harness.router->add(restored);
-    ASSERT_TRUE(restored->resume());
-    ASSERT_TRUE(finished(restored));
+    ASSERT_TRUE(runRelaunched(restored));
     ASSERT_EQ(restored->error(), nullptr) << restored->rawError()->description();
     EXPECT_TRUE(test::filesEqual(harness.storedContentPath(restored->remoteFileID()), renamed));
 }
@@ -151,8 +159,7 @@ TEST_F(StorageUploadEmulatorTest, ASourceChangedBetweenStepsFailsTheUpload) {
         harness.emulator.clearRequestLog();
         const std::string source = writeSource("changing.bin", 32 * MiB + 1000);  // 9 chunks
         harness.router->setReachable(false);
-        auto upload = ZNVStorageUpload::create(ZNVURL::fileURL(source), "", harness.account, "", "",
-                                               false, harness.session);
+        auto upload = make(source);
         upload->setForceChunkUploading(c.chunks);
         harness.router->add(upload);
         // Chunks: an early create leaves every chunk to send; whole: a create
@@ -233,19 +240,13 @@ TEST_F(StorageUploadEmulatorTest, AWholeFileGrownWhileInFlightFails) {
 // rewritten in place (same size) fails at its next step.
 TEST_F(StorageUploadEmulatorTest, ARestoredUploadNoticesASourceRewrittenWhileItWasAway) {
     const std::string source = writeSource("away.bin", 3 * MiB);
-    auto upload = ZNVStorageUpload::create(ZNVURL::fileURL(source), "", harness.account, "", "",
-                                           false, harness.session);
+    auto upload = make(source);
     ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*upload);
     test::writePatternFile(source, 3 * MiB, 99);
-    auto restored = std::dynamic_pointer_cast<ZNVStorageUpload>(
-        ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data));
+    auto restored = relaunched(data);
     ASSERT_NE(restored, nullptr);
     ASSERT_EQ(restored->rawError(), nullptr) << "same size: only the next step can tell";
-    restored->connectToAccount(harness.account, harness.session, nullptr);
-    harness.router->add(restored);
-    restored->setForceChunkUploading(true);
-    ASSERT_TRUE(restored->resume());
-    ASSERT_TRUE(finished(restored));
+    ASSERT_TRUE(runRelaunched(restored));
     ASSERT_NE(restored->error(), nullptr);
     EXPECT_EQ(restored->error()->localizedDescription(),
               "The source of the upload has changed or moved.");

@@ -343,10 +343,7 @@ TEST_F(StorageUploadTest, ValidationNamesTheFirstMissingPiece) {
     fs::remove(inBundle);
 
     // A name that sanitises to nothing cannot be created remotely.
-    const std::string unnamed = test::makeTempDir("src") + "/***.bin";
-    test::writePatternFile(unnamed, 10);
-    auto nameless = ZNVStorageUpload::create(ZNVURL::fileURL(unnamed), "", harness.account, "", "",
-                                             false, harness.session);
+    auto nameless = makeUpload(10, false, "***.bin");
     EXPECT_TRUE(nameless->resume());
     ASSERT_NE(nameless->error(), nullptr);
     EXPECT_EQ(nameless->error()->localizedDescription(), "failed to formulate a file name");

@@ -93,6 +93,22 @@ class URLSessionTest : public ::testing::Test {
         return found;
     }
 
+    // Starts a task and waits for its completion: 0, the error's code, or 1
+    // if it never completed.
+    int64_t run(const std::shared_ptr<ZNVURLSessionTask>& task) {
+        task->resume();
+        return errorCode(delegate_->waitForCompletion(task->taskIdentifier()));
+    }
+
+    // What a download handed over: the content of the file of the callback
+    // just before its completion.
+    std::string downloadedBody(uint64_t task) {
+        auto events = delegate_->eventsFor(task);
+        if (events.size() < 2 || events[events.size() - 2].kind != Kind::Finished)
+            return "<no file handed over right before the completion>";
+        return readFile(events[events.size() - 2].text);
+    }
+
     std::string loggedHeader(const json& entry, const std::string& name) {
         for (const auto& [key, value] : entry.at("headers").items()) {
             if (strcasecmp(key.c_str(), name.c_str()) == 0) return value.get<std::string>();
@@ -270,31 +286,24 @@ TEST_F(URLSessionTest, DownloadReportsProgressAndHandsOverAPrivateFileAlsoOfAnEr
     std::string source = putFileOnEmulator(emulator_, content);
 
     auto task = session->downloadTaskWithURL(url(source));
-    task->resume();
-    auto completion = delegate_->waitForCompletion(task->taskIdentifier());
-    ASSERT_EQ(errorCode(completion), 0);
+    ASSERT_EQ(run(task), 0);
 
-    auto events = delegate_->eventsFor(task->taskIdentifier());
     int64_t last = 0;
-    for (const auto& event : events) {
+    for (const auto& event : delegate_->eventsFor(task->taskIdentifier())) {
         if (event.kind != Kind::Written) continue;
         EXPECT_EQ(event.b - last, event.a);
         EXPECT_EQ(event.c, static_cast<int64_t>(content.size()));
         last = event.b;
     }
     EXPECT_EQ(last, static_cast<int64_t>(content.size()));
-    ASSERT_GE(events.size(), 3u);
-    EXPECT_EQ(events[events.size() - 2].kind, Kind::Finished);
-    EXPECT_TRUE(readFile(events[events.size() - 2].text) == content);
+    EXPECT_TRUE(downloadedBody(task->taskIdentifier()) == content);
     EXPECT_TRUE(delegate_->lastLocationWasPrivate());
     EXPECT_EQ(ZNVURL::fileURL(delegate_->lastLocation()).deletingLastPathComponent().path(),
               ZNVPrivateTemporaryDirectory());
 
     // A file the delegate leaves in place is removed once the callback returns.
     delegate_->setMovesDownloads(false);
-    auto again = session->downloadTaskWithURL(url(source));
-    again->resume();
-    ASSERT_EQ(errorCode(delegate_->waitForCompletion(again->taskIdentifier())), 0);
+    ASSERT_EQ(run(session->downloadTaskWithURL(url(source))), 0);
     std::string left = delegate_->lastLocation();
     EXPECT_NE(left, "");
     struct stat info {};
@@ -303,14 +312,10 @@ TEST_F(URLSessionTest, DownloadReportsProgressAndHandsOverAPrivateFileAlsoOfAnEr
     // An HTTP error status is an answer, not a failure: the error page is the file.
     delegate_->setMovesDownloads(true);
     auto missing = session->downloadTaskWithURL(url(emulator_.rootURL() + "content/nothing"));
-    missing->resume();
-    ASSERT_EQ(errorCode(delegate_->waitForCompletion(missing->taskIdentifier())), 0);
+    ASSERT_EQ(run(missing), 0);
     EXPECT_EQ(missing->response()->statusCode(), 404);
     EXPECT_EQ(ZNVHTTPURLResponse::localizedStringForStatusCode(409), "conflict");
-    events = delegate_->eventsFor(missing->taskIdentifier());
-    ASSERT_GE(events.size(), 2u);
-    EXPECT_EQ(events[events.size() - 2].kind, Kind::Finished);
-    EXPECT_NE(readFile(events[events.size() - 2].text).find("no content"), std::string::npos);
+    EXPECT_NE(downloadedBody(missing->taskIdentifier()).find("no content"), std::string::npos);
 }
 
 // A download kept in memory never touches the private directory: its body
@@ -356,12 +361,8 @@ TEST_F(URLSessionTest, DownloadKeptInMemoryHandsOverItsBodyWithoutAFile) {
     auto session = makeSession();
     auto task = session->downloadTaskWithURL(url(source));
     task->keepBodyInMemory(uint64_t{1} << 20);
-    task->resume();
-    ASSERT_EQ(errorCode(delegate_->waitForCompletion(task->taskIdentifier())), 0);
-    auto events = delegate_->eventsFor(task->taskIdentifier());
-    ASSERT_GE(events.size(), 2u);
-    EXPECT_EQ(events[events.size() - 2].kind, Kind::Finished);
-    EXPECT_TRUE(readFile(events[events.size() - 2].text) == content);
+    ASSERT_EQ(run(task), 0);
+    EXPECT_TRUE(downloadedBody(task->taskIdentifier()) == content);
 }
 
 class ResumeTest : public URLSessionTest {
@@ -426,8 +427,7 @@ TEST_F(ResumeTest, CancelledDownloadResumesWithARangeOrStartsOverWhenTheFileChan
         auto resumed = session_->downloadTaskWithResumeData(resumeData);
         ASSERT_TRUE(resumed);
         EXPECT_EQ(resumed->originalRequest().URL().absoluteString(), source);
-        resumed->resume();
-        ASSERT_EQ(errorCode(delegate_->waitForCompletion(resumed->taskIdentifier())), 0);
+        ASSERT_EQ(run(resumed), 0);
         EXPECT_EQ(resumed->response()->statusCode(), changed ? 200 : 206);
 
         auto events = delegate_->eventsFor(resumed->taskIdentifier());
