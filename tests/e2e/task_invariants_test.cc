@@ -139,8 +139,10 @@ TEST_F(TaskInvariants, ARestoredUploadNeverTakesTheAnswerOfANewOne) {
     const std::string statePath = std::string(std::getenv("HOME")) + "/Library/Network/" +
                                   configuration_->accountConfigurationIdentifier() + ".state";
     std::string saved;
+    std::weak_ptr<ZNVStorage> firstManager;
     {
         auto first = makeStorage();
+        firstManager = first;
         auto old = first->uploadFromFile(ZNVURL::fileURL(oldSource), false);
         ASSERT_NE(old, nullptr);
         ASSERT_TRUE(test::waitFor([&] {
@@ -168,6 +170,16 @@ TEST_F(TaskInvariants, ARestoredUploadNeverTakesTheAnswerOfANewOne) {
         ASSERT_TRUE(first->waitUntilStateIsWritten());
         storages_.clear();
     }
+    // A block still running on the account's or the main queue may hold the
+    // first manager a moment longer; it is gone, and so is any save of its own,
+    // before the saved file is put back.
+    ASSERT_TRUE(test::waitFor([&] {
+        account_->waitUntilIdle();
+        ZNVMainQueue::waitUntilDrained();
+        return firstManager.expired();
+    }));
+    account_->waitUntilIdle();
+    ZNVMainQueue::waitUntilDrained();
     emulator_->clearFaults();
 
     // Relaunch with that file; the old source has changed, so the restored
