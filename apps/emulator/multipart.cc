@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
-#include <functional>
 #include <vector>
 
 namespace znv::emulator {
@@ -64,18 +63,9 @@ std::string parameterValue(std::string_view raw) {
 
 }  // namespace
 
-struct MultipartParser::Searcher {
-    explicit Searcher(const std::string& needle)
-        : text(needle), search(text.data(), text.data() + text.size()) {}
-    const std::string text;
-    const std::boyer_moore_horspool_searcher<const char*> search;
-};
-
-MultipartParser::~MultipartParser() = default;
-
 MultipartParser::MultipartParser(std::string boundary, Callbacks callbacks)
     : delimiter_("\r\n--" + boundary),
-      searcher_(std::make_unique<const Searcher>(delimiter_)),
+      searcher_(delimiter_.data(), delimiter_.data() + delimiter_.size()),
       callbacks_(std::move(callbacks)) {
     // The first delimiter may start the body without the CRLF that precedes
     // every other one; a virtual CRLF in front makes both forms look alike.
@@ -150,7 +140,7 @@ size_t MultipartParser::findDelimiter() const {
 // each step.
 size_t MultipartParser::findDelimiter(const char* text, size_t n) const {
     const char* end = text + n;
-    const char* hit = searcher_->search(text, end).first;
+    const char* hit = searcher_(text, end).first;
     return hit == end ? std::string::npos : static_cast<size_t>(hit - text);
 }
 

@@ -14,7 +14,6 @@
 
 #include <cstddef>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -36,7 +35,7 @@ class MultipartParser {
     };
 
     MultipartParser(std::string boundary, Callbacks callbacks);
-    ~MultipartParser();
+    // The search points into the parser's own delimiter: no copies.
     MultipartParser(const MultipartParser&) = delete;
     MultipartParser& operator=(const MultipartParser&) = delete;
 
@@ -62,12 +61,11 @@ class MultipartParser {
     // could begin one; `data` and `size` are left at what remains.
     bool feedContent(const char*& data, size_t& size);
 
-    std::string delimiter_;  // CRLF "--" boundary
+    const std::string delimiter_;  // CRLF "--" boundary
     // Skip table of the delimiter, made once: a body is searched in pieces of
     // a few KiB, and a search that sets itself up on every piece costs more
     // than the scan.
-    struct Searcher;
-    std::unique_ptr<const Searcher> searcher_;
+    const std::boyer_moore_horspool_searcher<const char*> searcher_;
     Callbacks callbacks_;
     State state_ = State::Preamble;
     std::string buffer_;
