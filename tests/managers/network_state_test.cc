@@ -316,6 +316,36 @@ TEST(NetworkState, ConcurrentSavesNeverLeaveAnOlderCollection) {
     EXPECT_TRUE(network->waitUntilStateIsWritten());
 }
 
+// A manager made right after another one of its queue was released restores
+// what the released one saved last, though that save was still on its way:
+// the launch waits for it instead of reading the file before it lands.
+TEST(NetworkState, ALaunchRightAfterAReleaseRestoresTheLastSaveOfTheReleasedManager) {
+    auto first = ZNVNetwork::create(offlineConfiguration("relaunch"));
+    first->launch();
+    first->addTask(FakeTask::make(nullptr, "saved"));
+    ASSERT_TRUE(first->waitUntilStateIsWritten());
+    auto release = test::blockBackgroundQueue(first->sessionManager());
+    first->addTask(FakeTask::make(nullptr, "on-its-way"));
+    first.reset();
+
+    std::atomic<bool> launched{false};
+    std::shared_ptr<ZNVNetwork> second;
+    std::thread relaunch([&] {
+        second = ZNVNetwork::create(offlineConfiguration("relaunch"));
+        second->launch();
+        launched = true;
+    });
+    EXPECT_FALSE(test::waitFor([&] { return launched.load(); }, std::chrono::milliseconds(300)))
+        << "the launch read the file while a save of the released manager was pending";
+    release();
+    relaunch.join();
+    ASSERT_EQ(second->tasks().size(), 2u);
+    EXPECT_EQ(second->tasks()[1]->sourceURL(),
+              ZNVURL::fromString("https://example.invalid/on-its-way"));
+    second->invalidateClientAndCancelTasks();
+    EXPECT_TRUE(second->waitUntilStateIsWritten());
+}
+
 // A child process that holds a queue's lock until it is destroyed; the lock
 // file names it, as a process holding the queue writes its ID there.
 class LockHolder {

@@ -146,8 +146,13 @@ TEST(StateWriter, ConcurrentSavesEndWithTheNewestSnapshot) {
                 // Snapshot and number are taken together, as the manager does.
                 std::lock_guard<std::mutex> lock(listMutex);
                 list.append(task);
-                ZNVStateWriter::Save save{identifier, list.snapshot(), stateURL,
-                                          tempURL,    generation,      ++*generation};
+                ZNVStateWriter::Save save{identifier,
+                                          list.snapshot(),
+                                          stateURL,
+                                          tempURL,
+                                          generation,
+                                          ++*generation,
+                                          ZNVStateWriter::ticketForSave(stateURL.path())};
                 if (i % 10 == 9) {
                     writer->writeNow(save);
                 } else {

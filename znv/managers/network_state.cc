@@ -81,6 +81,11 @@ std::optional<ZNVURL> _fileURLForNetworkStateWithConfiguration(
     return ZNVNetworkUtilities_libraryURLWithFileName(identifier + ".state");
 }
 
+// How long a launch waits for the saves of a manager released before it.
+// Saves of a long queue are paced up to a second apart; a save that takes
+// longer than this has stalled on the disk.
+constexpr auto kEarlierSavesTimeout = std::chrono::seconds(10);
+
 // Larger state files are not loaded: no queue of ours comes near it.
 constexpr off_t kMaximumStateFileSize = off_t{256} << 20;
 
@@ -269,7 +274,13 @@ void ZNVNetwork::writeState() {
         snapshot = mutableTasks_.snapshot();
         mine = ++*generation;
     }
-    ZNVStateWriter::Save save{identifier, std::move(snapshot), stateURL, tempURL, generation, mine};
+    ZNVStateWriter::Save save{identifier,
+                              std::move(snapshot),
+                              stateURL,
+                              tempURL,
+                              generation,
+                              mine,
+                              ZNVStateWriter::ticketForSave(stateURL.path())};
     auto writer = stateWriter_;
 
     if (auto session = sessionManager()) {
@@ -300,6 +311,13 @@ void ZNVNetwork::readState() {
     const auto stateURL = _fileURLForNetworkStateWithConfiguration(accountConfiguration_);
     if (!stateURL) return;
     if (!acquireStateLock()) return;  // another process's queue
+    // A manager of this queue released just before this one may still have
+    // saves on their way: the file is read once they are on it.
+    if (!ZNVStateWriter::waitForEarlierSaves(stateURL->path(), kEarlierSavesTimeout)) {
+        ZNVLogError(
+            "network task state {} is still being saved by an earlier manager; reading it as it is",
+            stateURL->path());
+    }
     struct stat info {};
     if (::stat(stateURL->path().c_str(), &info) != 0) return;  // first launch
 

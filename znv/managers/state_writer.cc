@@ -10,7 +10,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <optional>
+#include <set>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -180,7 +182,63 @@ void logSummary(const ZNVTaskList<ZNVNetworkTask>::Snapshot& tasks) {
     if (suspended != 0) ZNVLogInfo("   stored state for {} suspended tasks", suspended);
 }
 
+// The saves of this process not yet written, skipped or dropped, by state
+// file: numbers drawn from one counter, so "drawn before" is a comparison.
+struct PendingSaves {
+    std::mutex mutex;
+    std::condition_variable changed;
+    uint64_t next = 1;                                      // guarded by mutex
+    std::map<std::string, std::set<uint64_t>> outstanding;  // guarded by mutex
+};
+PendingSaves& pendingSaves() {
+    static auto* pending = new PendingSaves;  // outlives every writer
+    return *pending;
+}
+
 }  // namespace
+
+class ZNVStateWriter::Ticket {
+  public:
+    Ticket(std::string path, uint64_t number) : path_(std::move(path)), number_(number) {}
+    ~Ticket() {
+        auto& pending = pendingSaves();
+        {
+            std::lock_guard<std::mutex> lock(pending.mutex);
+            auto found = pending.outstanding.find(path_);
+            if (found != pending.outstanding.end()) {
+                found->second.erase(number_);
+                if (found->second.empty()) pending.outstanding.erase(found);
+            }
+        }
+        pending.changed.notify_all();
+    }
+    Ticket(const Ticket&) = delete;
+    Ticket& operator=(const Ticket&) = delete;
+
+  private:
+    const std::string path_;
+    const uint64_t number_;
+};
+
+std::shared_ptr<ZNVStateWriter::Ticket> ZNVStateWriter::ticketForSave(
+    const std::string& statePath) {
+    auto& pending = pendingSaves();
+    std::lock_guard<std::mutex> lock(pending.mutex);
+    const uint64_t number = pending.next++;
+    pending.outstanding[statePath].insert(number);
+    return std::make_shared<Ticket>(statePath, number);
+}
+
+bool ZNVStateWriter::waitForEarlierSaves(const std::string& statePath,
+                                         std::chrono::milliseconds timeout) {
+    auto& pending = pendingSaves();
+    std::unique_lock<std::mutex> lock(pending.mutex);
+    const uint64_t before = pending.next;
+    return pending.changed.wait_for(lock, timeout, [&] {
+        auto found = pending.outstanding.find(statePath);
+        return found == pending.outstanding.end() || *found->second.begin() >= before;
+    });
+}
 
 std::shared_ptr<ZNVStateWriter> ZNVStateWriter::create() {
     return std::shared_ptr<ZNVStateWriter>(new ZNVStateWriter());

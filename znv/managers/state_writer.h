@@ -28,6 +28,13 @@
 //   duration (at most a second) after it ended, so a long queue that changes
 //   fast keeps the writer busy a quarter of the time at most; saves asked
 //   for meanwhile give way to the newest.
+// - Relaunch: from the moment a manager asks for a save until that save has
+//   been written, skipped for a newer one or dropped, it holds a ticket
+//   registered process-wide under its state file. A manager about to read
+//   the file first waits for the tickets drawn before it
+//   (`waitForEarlierSaves`), so a manager made right after another one was
+//   released restores what that one saved last, and no late save of the old
+//   one lands on the file after the new one has read it.
 // - Log: after a save, "saving task state:" and its summary (one line per
 //   running task, then counts of completed and suspended tasks); on failure
 //   "failed to save task state: <error>" instead.
@@ -62,6 +69,9 @@ class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
     static const char* const kConfigurationTypeKey;  // "configuration type"
     static const char* const kTasksKey;              // "tasks"
 
+    // A save on its way to a state file; see ticketForSave.
+    class Ticket;
+
     struct Save {
         std::string identifier;                       // the "configuration type" value
         ZNVTaskList<ZNVNetworkTask>::Snapshot tasks;  // what the save writes
@@ -70,7 +80,18 @@ class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
         // The manager's save counter and this save's number in it.
         std::shared_ptr<std::atomic<uint64_t>> generation;
         uint64_t mine = 0;
+        // Registered until the last copy of the save is gone (written,
+        // skipped or dropped with the queue that held it).
+        std::shared_ptr<Ticket> ticket;
     };
+
+    // Any thread. A ticket for a save of the state file at `statePath`.
+    static std::shared_ptr<Ticket> ticketForSave(const std::string& statePath);
+    // Any thread but a queue that carries saves. Blocks until every ticket
+    // for `statePath` drawn before the call is gone; false when `timeout`
+    // passed first.
+    static bool waitForEarlierSaves(const std::string& statePath,
+                                    std::chrono::milliseconds timeout);
 
     static std::shared_ptr<ZNVStateWriter> create();
     ~ZNVStateWriter();
