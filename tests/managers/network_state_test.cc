@@ -80,6 +80,8 @@ TEST(NetworkState, RoundTripRestoresEveryTaskInOrderWithoutRewritingTheFile) {
 }
 
 TEST(NetworkState, ConfigurationsWithoutIdentifierShareTheLiveFileAndNoFileIsNoState) {
+    // Also when the test runs again in the same process.
+    std::filesystem::remove(statePath("live"));
     {
         LogCapture log;
         auto first = ZNVNetwork::create(nullptr);
@@ -99,6 +101,7 @@ TEST(NetworkState, ConfigurationsWithoutIdentifierShareTheLiveFileAndNoFileIsNoS
 // A batch holds every save back; its commit writes once, with a summary that
 // lists running tasks and counts the others.
 TEST(NetworkState, BatchSuppressesSavesAndCommitWritesOnceWithASummary) {
+    std::filesystem::remove(statePath("batch"));
     LogCapture log;
     auto network = ZNVNetwork::create(offlineConfiguration("batch"));
     network->beginBatch();
