@@ -29,7 +29,10 @@
 //   are encoded and written by the manager's state writer on its own queue;
 //   `waitUntilStateIsWritten` waits for the saves asked for so far.
 //   The snapshot and its place in the order of saves are taken together, so
-//   the file never goes back to an older collection.
+//   the file never goes back to an older collection. Reading the file
+//   (`launch`) first waits, up to 10 s, for the saves that managers of this
+//   process asked for before it, so a manager made right after another one
+//   was released restores what that one saved last.
 // - One process per queue: the first read or write of the state file (normally
 //   `launch`) takes an exclusive `flock` on "<name>.state.lock" beside it and
 //   holds it until the manager is destroyed (managers of one process share
