@@ -4,6 +4,7 @@
 
 #include <array>
 #include <optional>
+#include <random>
 
 namespace znv {
 namespace {
@@ -38,6 +39,33 @@ TEST(URL, FileURLsRoundTripPathsWithSpecialCharacters) {
     auto reparsed = ZNVURL::fromString(url.absoluteString());
     ASSERT_TRUE(reparsed);
     EXPECT_EQ(reparsed->path(), url.path());
+}
+
+// A file URL is made without the parser: whatever the path, it must be the
+// URL the parser makes of the same text.
+TEST(URL, FileURLsAreWhatTheParserMakesOfTheirText) {
+    std::mt19937 random(20261124);
+    const std::string alphabet = "/./../a-Z_~!$&'()*+,;=:@%?# \t\x01\x7f\xc3\xa9\xff";
+    for (int round = 0; round < 2000; ++round) {
+        std::string path = round % 3 == 0 ? "" : "/";
+        const int length = static_cast<int>(random() % 24);
+        for (int i = 0; i < length; ++i)
+            path.push_back(alphabet[random() % alphabet.size()]);
+        for (bool isDirectory : {false, true}) {
+            const ZNVURL made = ZNVURL::fileURL(path, isDirectory);
+            const auto parsed = ZNVURL::fromString(made.absoluteString());
+            ASSERT_TRUE(parsed) << made.absoluteString();
+            EXPECT_EQ(made, *parsed);
+            EXPECT_EQ(made.scheme(), parsed->scheme());
+            EXPECT_EQ(made.host(), parsed->host()) << made.absoluteString();
+            EXPECT_EQ(made.port(), parsed->port());
+            EXPECT_EQ(made.query(), parsed->query());
+            EXPECT_EQ(made.path(), parsed->path());
+            EXPECT_EQ(made.pathComponents(), parsed->pathComponents());
+            EXPECT_EQ(made.hasDirectoryPath(), parsed->hasDirectoryPath());
+            EXPECT_TRUE(made.isFileURL());
+        }
+    }
 }
 
 TEST(URL, ExtensionRules) {
