@@ -4,7 +4,10 @@
 #include "znv/managers/state_writer.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <random>
@@ -39,6 +42,29 @@ ZNVErrorRef someError(std::mt19937& random) {
         default:
             return ZNVError::withMessage(NSURLErrorDomain, NSURLErrorCancelled, "cancelled");
     }
+}
+
+// What a launch waits for before it reads a state file: the saves of that
+// file asked for before it, until they are gone, and none that a forked child
+// inherited from threads it does not have.
+TEST(StateWriter, AReaderWaitsForEarlierSavesOfItsFileOnlyAndAForkedChildForNone) {
+    using std::chrono::milliseconds;
+    const std::string path = statePath("tickets");
+    auto ticket = ZNVStateWriter::ticketForSave(path);
+    EXPECT_TRUE(ZNVStateWriter::waitForEarlierSaves(statePath("other"), milliseconds(0)));
+    EXPECT_FALSE(ZNVStateWriter::waitForEarlierSaves(path, milliseconds(20)));
+
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(ZNVStateWriter::waitForEarlierSaves(path, milliseconds(2000)) ? 0 : 1);
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        << "the child waited for a save of its parent";
+
+    std::thread release([&] { ticket.reset(); });
+    EXPECT_TRUE(ZNVStateWriter::waitForEarlierSaves(path, milliseconds(5000)));
+    release.join();
+    EXPECT_TRUE(ZNVStateWriter::waitForEarlierSaves(path, milliseconds(0)));
 }
 
 TEST(StateWriter, EverySaveIsTheWholeArchiveOfTheCollectionAfterRandomChanges) {

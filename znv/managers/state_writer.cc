@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -190,8 +191,20 @@ struct PendingSaves {
     uint64_t next = 1;                                      // guarded by mutex
     std::map<std::string, std::set<uint64_t>> outstanding;  // guarded by mutex
 };
+PendingSaves* gPendingSaves = nullptr;  // set once, by pendingSaves
+
 PendingSaves& pendingSaves() {
-    static auto* pending = new PendingSaves;  // outlives every writer
+    static PendingSaves* const pending = [] {
+        gPendingSaves = new PendingSaves;  // outlives every writer
+        // A child made by fork has none of the threads that would finish the
+        // parent's saves: it starts with none pending, and with the lock free.
+        pthread_atfork([] { gPendingSaves->mutex.lock(); }, [] { gPendingSaves->mutex.unlock(); },
+                       [] {
+                           gPendingSaves->outstanding.clear();
+                           gPendingSaves->mutex.unlock();
+                       });
+        return gPendingSaves;
+    }();
     return *pending;
 }
 
