@@ -191,21 +191,18 @@ struct PendingSaves {
     uint64_t next = 1;                                      // guarded by mutex
     std::map<std::string, std::set<uint64_t>> outstanding;  // guarded by mutex
 };
-PendingSaves* gPendingSaves = nullptr;  // set once, by pendingSaves
-
 PendingSaves& pendingSaves() {
-    static PendingSaves* const pending = [] {
-        gPendingSaves = new PendingSaves;  // outlives every writer
+    static PendingSaves& pending = *[] {
         // A child made by fork has none of the threads that would finish the
         // parent's saves: it starts with none pending, and with the lock free.
-        pthread_atfork([] { gPendingSaves->mutex.lock(); }, [] { gPendingSaves->mutex.unlock(); },
+        pthread_atfork([] { pendingSaves().mutex.lock(); }, [] { pendingSaves().mutex.unlock(); },
                        [] {
-                           gPendingSaves->outstanding.clear();
-                           gPendingSaves->mutex.unlock();
+                           pendingSaves().outstanding.clear();
+                           pendingSaves().mutex.unlock();
                        });
-        return gPendingSaves;
+        return new PendingSaves;  // outlives every writer
     }();
-    return *pending;
+    return pending;
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstring>
 #include <memory>
 
 namespace znv {
@@ -146,12 +145,13 @@ ZNVURL ZNVURL::fileURL(const std::string& path, bool isDirectory) {
     // query or fragment. Its parts are known without handing it to the parser,
     // which costs more than the rest of this (sources are looked up at every
     // step of an upload).
+    static constexpr std::string_view kPrefix = "file://";
     ZNVURL url;
-    url.absolute_ = "file://" + encoded;
+    url.absolute_ = std::string(kPrefix) + encoded;
     if (url.absolute_.size() > UINT32_MAX / 2) return ZNVURL();
     url.parts_ = "file";
     url.schemeEnd_ = url.hostEnd_ = url.portEnd_ = static_cast<uint32_t>(url.parts_.size());
-    url.authorityEnd_ = static_cast<uint32_t>(std::strlen("file://"));
+    url.authorityEnd_ = static_cast<uint32_t>(kPrefix.size());
     url.pathEnd_ = static_cast<uint32_t>(url.absolute_.size());
     return url;
 }
