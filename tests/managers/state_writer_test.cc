@@ -67,6 +67,32 @@ TEST(StateWriter, AReaderWaitsForEarlierSavesOfItsFileOnlyAndAForkedChildForNone
     EXPECT_TRUE(ZNVStateWriter::waitForEarlierSaves(path, milliseconds(0)));
 }
 
+// Queued saves rest three times as long as the last write took, but not
+// while someone waits for them: a shutdown saves at once.
+TEST(StateWriter, AWaitedForSaveDoesNotWaitForTheRest) {
+    const std::string identifier = "writer-hurried";
+    auto writer = ZNVStateWriter::create();
+    auto generation = std::make_shared<std::atomic<uint64_t>>(0);
+    const ZNVURL stateURL = ZNVURL::fileURL(statePath(identifier));
+    ZNVTaskList<ZNVNetworkTask> list;
+    const auto saveAndWait = [&] {
+        writer->write({identifier, list.snapshot(), stateURL,
+                       ZNVURL::fileURL(statePath(identifier) + ".tmp"), generation, ++*generation,
+                       ZNVStateWriter::ticketForSave(stateURL.path())});
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_TRUE(writer->waitUntilWritten(generation->load(), std::chrono::seconds(30)));
+        return std::chrono::steady_clock::now() - start;
+    };
+    // Enough tasks that the first write takes long next to a thread hop.
+    for (int i = 0; i < 20000; ++i)
+        list.append(test::FakeTask::make(nullptr, "hurried-" + std::to_string(i)));
+    const auto first = saveAndWait();
+    list.append(test::FakeTask::make(nullptr, "one-more"));
+    const auto second = saveAndWait();
+    EXPECT_LT(second, 2 * first) << "the second save rested after the first";
+    EXPECT_EQ(test::readFile(statePath(identifier)), wholeArchive(identifier, list.toVector()));
+}
+
 TEST(StateWriter, EverySaveIsTheWholeArchiveOfTheCollectionAfterRandomChanges) {
     const std::string identifier = "writer-random";
     const std::string directory = test::scratchRoot() + "/writer-random";

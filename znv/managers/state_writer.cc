@@ -15,7 +15,6 @@
 #include <optional>
 #include <set>
 #include <string_view>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -185,11 +184,14 @@ void logSummary(const ZNVTaskList<ZNVNetworkTask>::Snapshot& tasks) {
 
 // The saves of this process not yet written, skipped or dropped, by state
 // file: numbers drawn from one counter, so "drawn before" is a comparison.
+// Also whether anyone waits for saves: resting writers then write at once.
 struct PendingSaves {
     std::mutex mutex;
     std::condition_variable changed;
+    std::condition_variable hurried;                        // `waiting` became non-zero
     uint64_t next = 1;                                      // guarded by mutex
     std::map<std::string, std::set<uint64_t>> outstanding;  // guarded by mutex
+    int waiting = 0;  // threads in waitUntilWritten or waitForEarlierSaves; guarded by mutex
 };
 PendingSaves& pendingSaves() {
     static PendingSaves& pending = *[] {
@@ -198,12 +200,28 @@ PendingSaves& pendingSaves() {
         pthread_atfork([] { pendingSaves().mutex.lock(); }, [] { pendingSaves().mutex.unlock(); },
                        [] {
                            pendingSaves().outstanding.clear();
+                           pendingSaves().waiting = 0;
                            pendingSaves().mutex.unlock();
                        });
         return new PendingSaves;  // outlives every writer
     }();
     return pending;
 }
+
+// Counts the calling thread as waiting for saves while it lives; the caller
+// holds the registry's lock when it makes and when it ends one.
+class WaitingForSaves {
+  public:
+    explicit WaitingForSaves(PendingSaves& pending) : pending_(pending) {
+        if (pending_.waiting++ == 0) pending_.hurried.notify_all();
+    }
+    ~WaitingForSaves() { --pending_.waiting; }
+    WaitingForSaves(const WaitingForSaves&) = delete;
+    WaitingForSaves& operator=(const WaitingForSaves&) = delete;
+
+  private:
+    PendingSaves& pending_;
+};
 
 }  // namespace
 
@@ -244,6 +262,7 @@ bool ZNVStateWriter::waitForEarlierSaves(const std::string& statePath,
     auto& pending = pendingSaves();
     std::unique_lock<std::mutex> lock(pending.mutex);
     const uint64_t before = pending.next;
+    WaitingForSaves waiting(pending);
     return pending.changed.wait_for(lock, timeout, [&] {
         auto found = pending.outstanding.find(statePath);
         return found == pending.outstanding.end() || *found->second.begin() >= before;
@@ -290,8 +309,20 @@ void ZNVStateWriter::writeNow(const Save& save) {
 }
 
 bool ZNVStateWriter::waitUntilWritten(uint64_t generation, std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(writtenMutex_);
-    return writtenChanged_.wait_for(lock, timeout, [&] { return written_ >= generation; });
+    auto& pending = pendingSaves();
+    std::optional<WaitingForSaves> waiting;
+    {
+        std::lock_guard<std::mutex> lock(pending.mutex);
+        waiting.emplace(pending);
+    }
+    bool written;
+    {
+        std::unique_lock<std::mutex> lock(writtenMutex_);
+        written = writtenChanged_.wait_for(lock, timeout, [&] { return written_ >= generation; });
+    }
+    std::lock_guard<std::mutex> lock(pending.mutex);
+    waiting.reset();
+    return written;
 }
 
 void ZNVStateWriter::markWritten(uint64_t generation) {
@@ -402,8 +433,12 @@ void ZNVStateWriter::runPaced(const Save& save) {
     // has rested three times as long as the last write took (at most a
     // second), so that a long queue changing fast costs a bounded share of
     // a core and of the disk; the saves asked for meanwhile give way to the
-    // newest.
-    std::this_thread::sleep_until(nextWrite_);
+    // newest. Someone waiting for saves (a shutdown, a launch) ends the rest.
+    {
+        auto& pending = pendingSaves();
+        std::unique_lock<std::mutex> lock(pending.mutex);
+        pending.hurried.wait_until(lock, nextWrite_, [&] { return pending.waiting > 0; });
+    }
     const auto start = std::chrono::steady_clock::now();
     if (!run(save)) return;
     const auto end = std::chrono::steady_clock::now();

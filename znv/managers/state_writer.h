@@ -27,7 +27,9 @@
 //   by `write` start no sooner than three times the previous write's
 //   duration (at most a second) after it ended, so a long queue that changes
 //   fast keeps the writer busy a quarter of the time at most; saves asked
-//   for meanwhile give way to the newest.
+//   for meanwhile give way to the newest. While any thread of the process
+//   waits for saves (`waitUntilWritten`, `waitForEarlierSaves`), writers do
+//   not rest: a shutdown or a launch does not wait for the pacing.
 // - Relaunch: from the moment a manager asks for a save until that save has
 //   been written, skipped for a newer one or dropped, it holds a ticket
 //   registered process-wide under its state file. A manager about to read
@@ -119,7 +121,8 @@ class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
 
   private:
     ZNVStateWriter() = default;
-    // Runs a save queued by `write`, no sooner than `nextWrite_`.
+    // Runs a save queued by `write`, no sooner than `nextWrite_` unless
+    // someone waits for saves.
     void runPaced(const Save& save);
     // False when the save was skipped for a newer one.
     bool run(const Save& save);
