@@ -71,6 +71,7 @@ std::optional<T> await(std::future<T>& future, int* signal) {
         if (future.wait_for(std::chrono::seconds(0)) == std::future_status::ready) {
             return future.get();
         }
+        // The answer's callback wakes the wait.
         *signal = waitForTerminationSignal(std::chrono::milliseconds(50));
         if (*signal != 0) return std::nullopt;
     }
@@ -286,8 +287,10 @@ int runInfo(const GlobalOptions& global, const std::string& fileID) {
     if (!session) return status;
     auto promise = std::make_shared<std::promise<std::optional<ZNVURL>>>();
     auto future = promise->get_future();
-    session->storage().URLForRemoteFile(
-        fileID, [promise](const std::optional<ZNVURL>& url) { promise->set_value(url); });
+    session->storage().URLForRemoteFile(fileID, [promise](const std::optional<ZNVURL>& url) {
+        promise->set_value(url);
+        wakeTerminationWait();
+    });
     int signal = 0;
     auto answer = await(future, &signal);
     if (!answer) return exitStatusForSignal(signal);
@@ -313,8 +316,10 @@ int runDelete(const GlobalOptions& global, const std::string& fileID) {
     if (!session) return status;
     auto promise = std::make_shared<std::promise<bool>>();
     auto future = promise->get_future();
-    session->storage().deleteRemoteFile(fileID,
-                                        [promise](bool deleted) { promise->set_value(deleted); });
+    session->storage().deleteRemoteFile(fileID, [promise](bool deleted) {
+        promise->set_value(deleted);
+        wakeTerminationWait();
+    });
     int signal = 0;
     auto answer = await(future, &signal);
     if (!answer) return exitStatusForSignal(signal);

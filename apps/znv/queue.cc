@@ -89,6 +89,11 @@ std::string parentOf(const std::string& path) {
     return parent.empty() ? std::string("/") : parent;
 }
 
+bool unfinished(const ZNVNetworkTaskRef& task) {
+    // A completed task with an error it will still retry is not finished.
+    return task->state() != ZNVNetworkTaskStateCompleted || (!task->error() && task->rawError());
+}
+
 }  // namespace
 
 void routeLibraryLog(int verbosity) {
@@ -325,7 +330,7 @@ void QueueFile::save() {
 // --- TransferSession ---------------------------------------------------------
 
 // What observers saw between two turns of the run loop: every state a task
-// went through.
+// went through, and which tasks have finished.
 struct TransferSession::Observed {
     std::mutex mutex;
     struct Step {
@@ -333,6 +338,21 @@ struct TransferSession::Observed {
         std::string retryError;  // the error the task will retry after; empty: none
     };
     std::map<const ZNVNetworkTask*, std::vector<Step>> states;  // guarded by mutex
+    // The tasks of the run, and those of them whose last state was final;
+    // guarded by mutex. When the two match, the run loop is woken at once.
+    std::unordered_set<const ZNVNetworkTask*> running, finished;
+
+    // Called with mutex held.
+    void noteState(const ZNVNetworkTask* task, bool isFinished) {
+        if (!running.count(task)) return;
+        const bool wasComplete = finished.size() == running.size();
+        if (isFinished) {
+            finished.insert(task);
+        } else {
+            finished.erase(task);
+        }
+        if (!wasComplete && finished.size() == running.size()) wakeTerminationWait();
+    }
 };
 
 TransferSession::TransferSession(GlobalOptions global)
@@ -351,8 +371,10 @@ void TransferSession::observe(const ZNVNetworkTaskRef& task) {
         if (auto raw = strong->rawError(); raw && !strong->error()) {
             retryError = raw->localizedDescription();
         }
+        const bool isFinished = !unfinished(strong);
         std::lock_guard lock(observed->mutex);
         observed->states[strong.get()].push_back({state, std::move(retryError)});
+        observed->noteState(strong.get(), isFinished);
     };
     observations_.emplace(task.get(), std::pair(task, task->addObserver("state", remember)));
 }
@@ -364,6 +386,8 @@ void TransferSession::stopObserving(const ZNVNetworkTaskRef& task) {
     observations_.erase(it);
     std::lock_guard lock(observed_->mutex);
     observed_->states.erase(task.get());
+    observed_->running.erase(task.get());
+    observed_->finished.erase(task.get());
 }
 
 TransferSession::~TransferSession() = default;
@@ -529,11 +553,6 @@ struct Lookups {
     std::map<std::string, std::optional<std::string>> urls;  // guarded by mutex; file ID -> URL
 };
 
-bool unfinished(const ZNVNetworkTaskRef& task) {
-    // A completed task with an error it will still retry is not finished.
-    return task->state() != ZNVNetworkTaskStateCompleted || (!task->error() && task->rawError());
-}
-
 }  // namespace
 
 RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkTaskRef>& tasks,
@@ -575,6 +594,15 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             }
             observe(task);
             tracked.push_back(std::move(t));
+        }
+        // Read before the lock: observers take it while their task is locked.
+        std::vector<std::pair<const ZNVNetworkTask*, bool>> finishedAlready;
+        for (const auto& t : tracked)
+            finishedAlready.emplace_back(t.entry.task.get(), !unfinished(t.entry.task));
+        std::lock_guard lock(observed->mutex);
+        for (const auto& [task, isFinished] : finishedAlready) {
+            observed->running.insert(task);
+            if (isFinished) observed->finished.insert(task);
         }
     }
 
@@ -674,6 +702,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
 
     auto lastActivity = Clock::now();
     for (;;) {
+        // Observers wake the wait when the last task of the run finishes.
         int signal = waitForTerminationSignal(std::chrono::milliseconds(100));
         if (signal != 0) {
             reporter.close();

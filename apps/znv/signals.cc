@@ -1,8 +1,13 @@
 #include "apps/znv/signals.h"
 
+#include <poll.h>
 #include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
 
 namespace znv::cli {
@@ -16,17 +21,12 @@ sigset_t terminationSignals() {
     return set;
 }
 
-}  // namespace
+// Made by blockTerminationSignals before any thread exists, never closed;
+// -1 when the kernel refused (the wait then only sleeps and cannot be woken).
+int gSignals = -1;
+int gWake = -1;
 
-void blockTerminationSignals() {
-    sigset_t set = terminationSignals();
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    // A reader that goes away (znv ... | head) must not kill the process
-    // before it saves; writes then fail with EPIPE instead.
-    signal(SIGPIPE, SIG_IGN);
-}
-
-int waitForTerminationSignal(std::chrono::milliseconds timeout) {
+int waitWithSigtimedwait(std::chrono::milliseconds timeout) {
     sigset_t set = terminationSignals();
     auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
@@ -40,6 +40,51 @@ int waitForTerminationSignal(std::chrono::milliseconds timeout) {
         if (errno == EINTR && std::chrono::steady_clock::now() < deadline) continue;
         return 0;
     }
+}
+
+}  // namespace
+
+void blockTerminationSignals() {
+    sigset_t set = terminationSignals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    // A reader that goes away (znv ... | head) must not kill the process
+    // before it saves; writes then fail with EPIPE instead.
+    signal(SIGPIPE, SIG_IGN);
+    if (gSignals < 0) {
+        gSignals = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+        gWake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    }
+}
+
+int waitForTerminationSignal(std::chrono::milliseconds timeout) {
+    if (gSignals < 0 || gWake < 0) return waitWithSigtimedwait(timeout);
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        // A signal that is already pending is taken before any wake-up.
+        signalfd_siginfo info{};
+        if (::read(gSignals, &info, sizeof info) == static_cast<ssize_t>(sizeof info))
+            return static_cast<int>(info.ssi_signo);
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline -
+                                                                 std::chrono::steady_clock::now());
+        if (left.count() <= 0) return 0;
+        pollfd fds[2] = {{gSignals, POLLIN, 0}, {gWake, POLLIN, 0}};
+        int ready = ::poll(fds, 2, static_cast<int>(left.count()));
+        if (ready < 0 && errno != EINTR) return waitWithSigtimedwait(left);
+        if (ready > 0 && (fds[1].revents & POLLIN)) {
+            uint64_t count = 0;
+            (void)!::read(gWake, &count, sizeof count);
+            // A signal that came with the wake-up is still taken first.
+            if (::read(gSignals, &info, sizeof info) == static_cast<ssize_t>(sizeof info))
+                return static_cast<int>(info.ssi_signo);
+            return 0;
+        }
+    }
+}
+
+void wakeTerminationWait() {
+    if (gWake < 0) return;
+    const uint64_t one = 1;
+    (void)!::write(gWake, &one, sizeof one);
 }
 
 int exitStatusForSignal(int signal) {

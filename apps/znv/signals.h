@@ -5,6 +5,8 @@
 // afterwards inherits the mask, so the signals stay pending until the main
 // loop collects them with `waitForTerminationSignal` (which doubles as the
 // loop's clock). No handler runs at an arbitrary point of library code.
+// `wakeTerminationWait`, from any thread, ends the current (or the next) wait
+// early, so the loop need not sleep out its clock when there is news.
 #pragma once
 
 #include <chrono>
@@ -14,6 +16,7 @@ namespace znv::cli {
 void blockTerminationSignals();
 // Waits up to `timeout`; returns SIGINT or SIGTERM if one arrived, else 0.
 int waitForTerminationSignal(std::chrono::milliseconds timeout);
+void wakeTerminationWait();
 // The conventional exit status for a program ended by `signal` (130, 143).
 int exitStatusForSignal(int signal);
 
