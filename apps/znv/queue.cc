@@ -481,7 +481,11 @@ std::shared_ptr<ZNVStorageUpload> TransferSession::addUpload(const std::string& 
                                                              const std::string& name, bool video,
                                                              bool forceChunks, std::string* error) {
     auto upload = storage_->uploadFromFile(ZNVURL::fileURL(path), name, "", "", video, forceChunks);
-    if (!upload) *error = "cannot upload " + path + " (see " + logFilePath() + ")";
+    if (!upload) {
+        *error = "cannot upload " + path + " (see " + logFilePath() + ")";
+        return nullptr;
+    }
+    added_.insert(upload.get());
     return upload;
 }
 
@@ -495,6 +499,7 @@ std::shared_ptr<ZNVNetworkDownload> TransferSession::addDownload(const std::stri
         return nullptr;
     }
     observe(download);
+    added_.insert(download.get());
     destinations_.set(fullTaskHash(identityOf(download)), destination);
     return download;
 }
@@ -678,7 +683,9 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
 
     for (auto& t : tracked) {
         TaskView view = viewFor(t);
-        t.startBytes = view.completedBytes;
+        // A task this process added moved all its bytes here, also those it
+        // moved before the loop began (it starts as soon as it is added).
+        t.startBytes = added_.count(t.entry.task.get()) ? 0 : view.completedBytes;
         reporter.taskAdded(view);
         t.reportedState = "queued";
         if (stateName(view) == "running") {

@@ -18,6 +18,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "apps/znv/commands.h"
@@ -167,6 +168,9 @@ class TransferSession {
     DownloadDestinations destinations_;
     struct Observed;
     std::shared_ptr<Observed> observed_;
+    // The tasks this session added (main thread only): the run counts all
+    // of their bytes as its own.
+    std::unordered_set<const ZNVNetworkTask*> added_;
     // The observed tasks and their tokens (main thread only).
     std::unordered_map<const ZNVNetworkTask*, std::pair<ZNVNetworkTaskRef, ZNVObserverToken>>
         observations_;

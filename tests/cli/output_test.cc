@@ -121,6 +121,17 @@ TEST_F(ZnvOutputTest, ResultsGoToStdoutAndEverythingElseToStderr) {
 
     ZnvRun debug = user.run({"--server", server_, "-vv", "status"});
     EXPECT_EQ(debug.status, 0);
+
+    // Uploads start as they are added, so the first of many finish before the
+    // run's loop begins: the summary still counts every byte the run sent.
+    std::vector<std::string> many = {"--json", "--profile", "many", "--server", server_, "upload"};
+    for (int i = 0; i < 400; ++i)
+        many.push_back(file("many-" + std::to_string(i) + ".bin", 1000));
+    ZnvRun lots = user.run(many);
+    ASSERT_EQ(lots.status, 0) << lots.err;
+    auto summary = lots.events("summary");
+    ASSERT_EQ(summary.size(), 1u) << lots.out;
+    EXPECT_EQ(summary[0].value("completed", int64_t{0}), 400 * 1000);
 }
 
 TEST_F(ZnvOutputTest, LiveViewFitsSixtyColumnsAndDumbTerminalsGetNoCursorCodes) {
