@@ -189,6 +189,7 @@ TEST_F(URLSessionTest, DataTasksCarryRequestsAndDeliverResponseAndWholeBody) {
     // The log keeps four characters of the token; the 201 says it matched.
     EXPECT_EQ(loggedHeader(posts[0], "Authorization"), "Bearer dev-...");
     EXPECT_EQ(loggedHeader(posts[0], "Content-Type"), "application/json");
+    EXPECT_EQ(loggedHeader(posts[0], "Accept"), "application/json");
     EXPECT_EQ(delegate_->totalSent(create->taskIdentifier()),
               static_cast<int64_t>(parameters.size()));
     EXPECT_EQ(create->countOfBytesSent(), static_cast<int64_t>(parameters.size()));
@@ -451,6 +452,8 @@ TEST_F(ResumeTest, CancelledDownloadResumesWithARangeOrStartsOverWhenTheFileChan
             EXPECT_FALSE(loggedHeader(requests[0], "If-Range").empty());
         }
         EXPECT_EQ(requests[0].at("status"), changed ? 200 : 206);
+        // Only the headers the request asked for: no "Accept" of libcurl's.
+        EXPECT_FALSE(requests[0].at("headers").contains("Accept")) << requests[0].dump();
     }
 }
 

@@ -798,7 +798,12 @@ ZNVErrorRef ZNVURLSession::Core::setUp(Transfer& t) {
     ZNVHTTPHeaderFields headers = configuration.HTTPAdditionalHeaders;
     for (const auto& [name, value] : request.allHTTPHeaderFields())
         headers[name] = value;
-    if (headers.find("Expect") == headers.end()) headers["Expect"] = "";
+    // libcurl adds "Expect: 100-continue" to large uploads and "Accept: */*"
+    // to every request: only what the request asks for goes on the wire.
+    std::vector<std::string> withoutDefault;
+    for (const char* name : {"Expect", "Accept"}) {
+        if (headers.find(name) == headers.end()) withoutDefault.emplace_back(name);
+    }
 
     // The body source.
     const std::string& method = request.HTTPMethod();
@@ -927,11 +932,14 @@ ZNVErrorRef ZNVURLSession::Core::setUp(Transfer& t) {
         curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, method.c_str());
     }
 
-    for (const auto& [name, value] : headers) {
-        // "Name;" sends a header with an empty value; "Name:" removes one of
-        // libcurl's own (used for "Expect").
-        std::string line =
-            value.empty() ? (name == "Expect" ? name + ":" : name + ";") : name + ": " + value;
+    std::vector<std::string> lines;
+    // "Name;" sends a header with an empty value; "Name:" removes one of
+    // libcurl's own.
+    for (const auto& [name, value] : headers)
+        lines.push_back(value.empty() ? name + ";" : name + ": " + value);
+    for (const auto& name : withoutDefault)
+        lines.push_back(name + ":");
+    for (const auto& line : lines) {
         curl_slist* list = curl_slist_append(t.headerList, line.c_str());
         if (list == nullptr) {
             return makeURLError(NSURLErrorUnknown, "the transfer could not be set up", t.url);
