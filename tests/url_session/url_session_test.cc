@@ -492,6 +492,8 @@ TEST_F(URLSessionTest, TransportFailuresBecomeURLErrorsWithTheFailingURL) {
     auto stalled = session->dataTaskWithRequest(request("GET", "files/stalled"));
     auto oversized = plain(server.url("/payload"));
     auto unsupported = plain("ftp://127.0.0.1/x");
+    ZNVURLRequest injecting = request("GET", "files/" + id);
+    injecting.setValue("Bearer dev-token\r\nX-Injected: yes", "Authorization");
     const std::vector<std::pair<std::shared_ptr<ZNVURLSessionTask>, int64_t>> expected = {
         {refused, NSURLErrorCannotConnectToHost},
         {stalled, NSURLErrorTimedOut},
@@ -499,6 +501,7 @@ TEST_F(URLSessionTest, TransportFailuresBecomeURLErrorsWithTheFailingURL) {
                                         ZNVURL::fileURL(source)),
          NSURLErrorNetworkConnectionLost},
         {unsupported, NSURLErrorUnsupportedURL},
+        {session->dataTaskWithRequest(injecting), NSURLErrorBadURL},
         {plain(server.url("/to-file")), NSURLErrorUnsupportedURL},
         {session->uploadTaskWithRequest(request("PUT", "files/" + id + "/fullfile"),
                                         ZNVURL::fileURL(source + ".missing")),

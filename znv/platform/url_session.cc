@@ -935,8 +935,14 @@ ZNVErrorRef ZNVURLSession::Core::setUp(Transfer& t) {
     std::vector<std::string> lines;
     // "Name;" sends a header with an empty value; "Name:" removes one of
     // libcurl's own.
-    for (const auto& [name, value] : headers)
+    for (const auto& [name, value] : headers) {
+        // A line break would end the header and start another: refused.
+        if ((name + value).find_first_of(std::string("\r\n\0", 3)) != std::string::npos) {
+            return makeURLError(NSURLErrorBadURL, "a header of the request has a line break",
+                                t.url);
+        }
         lines.push_back(value.empty() ? name + ";" : name + ": " + value);
+    }
     for (const auto& name : withoutDefault)
         lines.push_back(name + ":");
     for (const auto& line : lines) {
