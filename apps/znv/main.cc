@@ -140,6 +140,13 @@ void chooseDestination(const std::string& output, DownloadOptions* download, std
     download->output = path;
 }
 
+bool hasControlCharacter(const std::string& text) {
+    for (unsigned char c : text) {
+        if (c < 0x20 || c == 0x7f) return true;
+    }
+    return false;
+}
+
 int usageError(const std::string& message) {
     printError(message);
     return kExitUsage;
@@ -252,6 +259,10 @@ int run(int argc, char** argv) {
     }
     global.verbosity = quiet ? -1 : verbose;
     if (global.token.empty()) return usageError("the access token is empty");
+    // It goes into a header line: a line break would add headers of its own.
+    if (hasControlCharacter(global.token)) {
+        return usageError("the access token has control characters");
+    }
     for (char c : global.profile) {
         if (c == '/' || c == '\0') return usageError("bad profile name: " + global.profile);
     }
@@ -282,7 +293,9 @@ int run(int argc, char** argv) {
     if (cancelCommand->parsed()) return runCancel(global, taskID);
     if (finishCommand->parsed()) return runFinish(global, taskID, finishCompleted);
     if (infoCommand->parsed() || deleteCommand->parsed()) {
-        if (fileID.find_first_of("/?#% ") != std::string::npos) {
+        // One path segment of the service's URL, and nothing else.
+        if (fileID.empty() || fileID == "." || fileID == ".." ||
+            fileID.find_first_of("/?#% \\") != std::string::npos || hasControlCharacter(fileID)) {
             return usageError("bad file ID: " + fileID);
         }
         return infoCommand->parsed() ? runInfo(global, fileID) : runDelete(global, fileID);

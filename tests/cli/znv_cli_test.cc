@@ -58,6 +58,11 @@ TEST_F(ZnvCliTest, BadInputEndsWithOneLineNamingTheProblemAndStatus2) {
         {{"finish"}, ""},
         {{"frobnicate"}, "frobnicate"},
         {{"-q", "-v", "status"}, "--verbose"},
+        {{"--token", "t0ken\r\nX-Injected: yes", "status"}, "control characters"},
+        {{"info", ".."}, "bad file ID"},
+        {{"delete", "."}, "bad file ID"},
+        {{"info", ""}, "bad file ID"},
+        {{"delete", "a\x1b[2Jb"}, "bad file ID: a\\x1b[2Jb"},
         {{}, ""},
     };
     cases.push_back({{"retry", "abcdef"}, "no task with ID abcdef"});
