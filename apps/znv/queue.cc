@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -137,10 +138,37 @@ TaskIdentity identityOf(const ZNVNetworkTaskRef& task) {
 
 DownloadDestinations::DownloadDestinations(const std::string& profile)
     : path_(stateDirectory() + "/" + profileIdentifier(profile) + ".downloads.json") {
-    std::ifstream in(path_);
-    if (!in) return;
-    auto j = nlohmann::json::parse(in, nullptr, false);
-    if (!j.is_object()) return;
+    std::error_code ec;
+    const auto status = std::filesystem::symlink_status(path_, ec);
+    if (ec || !std::filesystem::exists(status)) return;
+    nlohmann::json j;
+    if (std::filesystem::is_regular_file(status)) {
+        try {
+            std::ifstream in(path_);
+            j = nlohmann::json::parse(in, nullptr, false);
+        } catch (const std::exception&) {  // the stream's own read errors
+            j = nullptr;
+        }
+    }
+    if (!j.is_object()) {
+        // Kept aside for the user, never read or written over again.
+        std::time_t now = std::time(nullptr);
+        std::tm utc{};
+        gmtime_r(&now, &utc);
+        char stamp[32];
+        std::strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", &utc);
+        std::string kept = path_ + ".damaged-" + stamp;
+        for (int n = 2; std::filesystem::exists(std::filesystem::symlink_status(kept, ec)); ++n)
+            kept = path_ + ".damaged-" + stamp + "-" + std::to_string(n);
+        std::filesystem::rename(path_, kept, ec);
+        std::fprintf(
+            stderr,
+            "znv: the file of pending download destinations (%s) was damaged; %s; the "
+            "downloads it named cannot be delivered\n",
+            escapeControls(path_).c_str(),
+            ec ? "it could not be set aside" : ("it is kept as " + escapeControls(kept)).c_str());
+        return;
+    }
     for (auto& [hash, value] : j.items()) {
         if (value.is_string()) {
             // Written by earlier releases: a file path, replaced when it exists.

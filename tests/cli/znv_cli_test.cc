@@ -395,6 +395,17 @@ TEST_F(ZnvCliTest, ABusyQueueIsRefusedOrAwaitedAndADamagedOneIsKept) {
     ZnvRun next = user.run({"--profile", "p", "status"});
     EXPECT_EQ(next.status, 0) << next.err;
     EXPECT_NE(next.out.find("no tasks"), std::string::npos) << next.out;
+
+    // So is the file of download destinations, whatever is in its place.
+    const std::string destinations = user.home() + "/.local/state/znv/p.downloads.json";
+    std::filesystem::create_directories(destinations);
+    writeFile(destinations + "/inside", "x");
+    ZnvRun noDestinations = user.run({"--profile", "p", "status"});
+    EXPECT_EQ(noDestinations.status, 0) << noDestinations.err;
+    EXPECT_NE(noDestinations.err.find("p.downloads.json.damaged-"), std::string::npos)
+        << noDestinations.err;
+    EXPECT_FALSE(std::filesystem::exists(destinations));
+    EXPECT_EQ(user.run({"--profile", "p", "status"}).err, "");
 }
 
 TEST_F(ZnvCliTest, EmulatorCommandListensOnAKernelChosenPortUntilTerminated) {
