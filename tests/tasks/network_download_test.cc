@@ -456,6 +456,19 @@ TEST_F(NetworkDownloadTest, BytesAfterAFailureRestoreTheRecoveryAttempts) {
         download->handleProgress(2 * step);
         EXPECT_EQ(download->remainingAttemptsForAutomaticErrorRecovery(), 5u);
         EXPECT_GE(download->progress()->completedUnitCount(), 0);
+
+        // A transfer that starts over counts as progress only past the point
+        // where the one before it broke off: a body cut short at the same
+        // place every time runs out of attempts.
+        download->setRawError(
+            ZNVError::withMessage(NSURLErrorDomain, NSURLErrorNetworkConnectionLost, "lost"));
+        download->automaticallyRecoverFromError();
+        ASSERT_EQ(download->remainingAttemptsForAutomaticErrorRecovery(), 4u);
+        download->setRawError(nullptr);
+        download->handleProgress(1.5f * step);
+        EXPECT_EQ(download->remainingAttemptsForAutomaticErrorRecovery(), 4u) << "not past 2 steps";
+        download->handleProgress(3 * step);
+        EXPECT_EQ(download->remainingAttemptsForAutomaticErrorRecovery(), 5u);
     }
 }
 

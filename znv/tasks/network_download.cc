@@ -179,16 +179,20 @@ void ZNVNetworkDownload::handleProgress(float fraction) {
     {
         Lock lock(*this);
         current = progress();
+        // Without a Content-Length the fraction is bytes over -1: it moves
+        // down, not up.
+        const float reach = fraction < 0 ? -fraction : fraction;
         if (!transferStart_) {
             transferStart_ = fraction;
-        } else if (fraction != *transferStart_ && !rawError() &&
+        } else if (fraction != *transferStart_ && reach > farthest_ && !rawError() &&
                    remainingAttemptsForAutomaticErrorRecovery() <
                        ZNVNetworkTaskAutomaticRecoveryAttempts) {
-            // Bytes arrived since the last failure: that failure is behind us.
-            // (Without a Content-Length the fraction is bytes over -1: it
-            // moves down, not up.)
+            // Bytes beyond anything an earlier attempt received: the failure
+            // is behind us. A transfer that starts over and breaks off at the
+            // same place again keeps counting its failures.
             restoreRecoveryAttempts();
         }
+        farthest_ = std::max(farthest_, reach);
     }
     // The progress announces its change to observers: not under the task's lock.
     if (!current) return;

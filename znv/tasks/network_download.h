@@ -84,6 +84,9 @@ class ZNVNetworkDownload : public ZNVNetworkTask {
     // Where the progress of the current transfer started (a resumed one hears
     // its offset first); unset until known.
     std::optional<float> transferStart_;
+    // The farthest any transfer got (a fraction, or bytes when the length is
+    // unknown); bytes short of it restore no recovery attempts.
+    float farthest_ = 0.0f;
 };
 
 }  // namespace znv
