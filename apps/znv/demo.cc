@@ -173,6 +173,7 @@ int runDemo(const GlobalOptions& globalOptions, const DemoOptions& options) {
         std::filesystem::remove(stateFile->path());
         // The demo's profile is its own: nobody else waits on its lock.
         std::filesystem::remove(stateFile->path() + ".lock");
+        std::filesystem::remove(stateFile->path() + ".journal");
     }
     std::filesystem::remove(bindingFilePath(global.profile));
     session->emulator().stop();

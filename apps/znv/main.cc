@@ -71,6 +71,8 @@ Exit status:
 Files (PROFILE is "live" unless --profile NAME is given):
   queue      ~/Library/Network/PROFILE.state
   lock       ~/Library/Network/PROFILE.state.lock
+  journal    ~/Library/Network/PROFILE.state.journal (remote files created
+             since the last save of the queue)
   server     ~/Library/Network/PROFILE.server (the server PROFILE is bound to)
   log        $XDG_STATE_HOME/znv/znv.log (default ~/.local/state/znv/znv.log)
   downloads  $XDG_STATE_HOME/znv/PROFILE.downloads.json (pending destinations)

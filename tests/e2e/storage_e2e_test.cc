@@ -343,5 +343,48 @@ TEST_F(StorageEndToEnd, AnAnswerOfASupersededSessionTaskIsIgnored) {
     EXPECT_TRUE(test::filesEqual(remoteContentPath(upload->remoteFileID()), source));
 }
 
+// The service's answer to a creation is recorded before the upload sends
+// anything that uses it: a queue whose saves after that answer never reached
+// the disk (as when the process is killed right after it) still knows the
+// remote file when it is launched again, and does not create it twice.
+TEST_F(StorageEndToEnd, ARelaunchAfterUnsavedAnswersCreatesNoRemoteFileTwice) {
+    const std::string state = test::statePath(configuration_->accountConfigurationIdentifier());
+    const auto source = writeSource("unsaved.bin", 300000, 43);
+    {
+        auto storage = makeStorage();
+        auto reachability = test::manualReachability(storage);
+        ASSERT_NE(reachability, nullptr);
+        reachability->setReachable(false);
+        auto upload = storage->uploadFromFile(ZNVURL::fileURL(source), false);
+        ASSERT_TRUE(storage->waitUntilStateIsWritten());
+        // From here on no save lands: a directory stands where it would go.
+        std::filesystem::rename(state, state + ".kept");
+        std::filesystem::create_directories(state + "/in-the-way");
+        reachability->setReachable(true);
+        ASSERT_TRUE(waitForCompletion({upload}));
+        ASSERT_EQ(upload->error(), nullptr);
+        storage->invalidateClientAndCancelTasks();
+        ASSERT_TRUE(storage->waitUntilStateIsWritten());
+        storages_.clear();
+    }
+    ZNVMainQueue::waitUntilDrained();
+    std::filesystem::remove_all(state);
+    std::filesystem::rename(state + ".kept", state);
+    ASSERT_EQ(requests("POST", "/api/files").size(), 1u);
+
+    auto relaunched = makeStorage();
+    const auto tasks = relaunched->tasks();
+    ASSERT_EQ(tasks.size(), 1u) << "the file holds the upload as it was added";
+    auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(tasks[0]);
+    ASSERT_NE(upload, nullptr);
+    ASSERT_TRUE(waitForCompletion({upload}));
+    EXPECT_EQ(upload->error(), nullptr);
+    EXPECT_EQ(requests("POST", "/api/files").size(), 1u) << "the remote file was created again";
+    EXPECT_TRUE(test::filesEqual(remoteContentPath(upload->remoteFileID()), source));
+    // Once a save holds the ID, the record of it goes.
+    ASSERT_TRUE(relaunched->waitUntilStateIsWritten());
+    EXPECT_TRUE(test::waitFor([&] { return std::filesystem::file_size(state + ".journal") == 0; }));
+}
+
 }  // namespace
 }  // namespace znv

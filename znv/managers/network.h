@@ -33,6 +33,11 @@
 //   (`launch`) first waits, up to 10 s, for the saves that managers of this
 //   process asked for before it, so a manager made right after another one
 //   was released restores what that one saved last.
+// - Remote file IDs that the service handed out after the last save are kept
+//   in a journal beside the state file ("<name>.state.journal") until a save
+//   holds them; reading the state gives them back to the restored uploads
+//   that lack them (`applyRecordedRemoteFileIDs`), so a process killed in
+//   between does not create those remote files again.
 // - One process per queue: the first read or write of the state file (normally
 //   `launch`) takes an exclusive `flock` on "<name>.state.lock" beside it and
 //   holds it until the manager is destroyed (managers of one process share
@@ -69,6 +74,7 @@
 
 #include "znv/account/account_configuration.h"
 #include "znv/account/reachability_manager.h"
+#include "znv/managers/remote_file_journal.h"
 #include "znv/managers/state_writer.h"
 #include "znv/managers/task_list.h"
 #include "znv/platform/notification_center.h"
@@ -260,6 +266,21 @@ class ZNVNetwork : public ZNVObservable,
 
     // Schedules `refreshAndSave` on the main queue through a weak reference.
     void scheduleRefreshAndSave();
+
+    // Remote file IDs between the service's answer and the save that holds
+    // them (remote_file_journal.h): `recordRemoteFileID` before the task acts
+    // on the answer (0 when nothing was recorded: no state file of this
+    // process's, or the line could not be written), then
+    // `forgetRemoteFileIDsAfterNextSave` with what it returned once the task
+    // holds the ID. Any thread.
+    uint64_t recordRemoteFileID(const ZNVRemoteFileJournal::Entry& entry);
+    void forgetRemoteFileIDsAfterNextSave(uint64_t count);
+    // While the state is read: gives the restored tasks the IDs recorded for
+    // them that the file does not hold yet. Nothing here; uploads are the
+    // storage manager's.
+    virtual void applyRecordedRemoteFileIDs(
+        const std::vector<ZNVNetworkTaskRef>& restored,
+        const std::vector<ZNVRemoteFileJournal::Entry>& entries);
     // Asks for a refresh when the earliest planned recovery of `tasks` is due,
     // so that a task waiting out its recovery delay restarts without any
     // other event.
@@ -340,6 +361,11 @@ class ZNVNetwork : public ZNVObservable,
     mutable StateFilePaths stateFilePaths_;  // written once under stateFilePathsOnce_
     // Encodes and writes the saves; shared with the saves queued for it.
     const std::shared_ptr<ZNVStateWriter> stateWriter_ = ZNVStateWriter::create();
+    // Beside the state file; made with the state file paths, none without a
+    // file URL. Shared with the work that empties it after saves.
+    std::shared_ptr<ZNVRemoteFileJournal> remoteFileJournal() const;
+    mutable std::once_flag remoteFileJournalOnce_;
+    mutable std::shared_ptr<ZNVRemoteFileJournal> remoteFileJournal_;  // written once
 };
 
 }  // namespace znv

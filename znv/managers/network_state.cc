@@ -252,6 +252,41 @@ const ZNVNetwork::StateFilePaths& ZNVNetwork::stateFilePaths() const {
     return stateFilePaths_;
 }
 
+std::shared_ptr<ZNVRemoteFileJournal> ZNVNetwork::remoteFileJournal() const {
+    std::call_once(remoteFileJournalOnce_, [this] {
+        const auto& stateURL = stateFilePaths().stateURL;
+        if (stateURL && stateURL->isFileURL()) {
+            remoteFileJournal_ =
+                std::make_shared<ZNVRemoteFileJournal>(stateURL->path() + ".journal");
+        }
+    });
+    return remoteFileJournal_;
+}
+
+uint64_t ZNVNetwork::recordRemoteFileID(const ZNVRemoteFileJournal::Entry& entry) {
+    auto journal = remoteFileJournal();
+    // Another process's queue: its files are not ours to write.
+    if (!journal || !acquireStateLock()) return 0;
+    return journal->record(entry);
+}
+
+void ZNVNetwork::forgetRemoteFileIDsAfterNextSave(uint64_t count) {
+    auto journal = remoteFileJournal();
+    if (!journal) return;
+    // A save asked for from now on encodes the tasks as they are now, IDs
+    // included. The writer also runs this work when it is destroyed, with
+    // nothing saved: the journal is emptied only if that save is on disk.
+    const uint64_t target = saveGeneration_->load() + 1;
+    std::weak_ptr<ZNVStateWriter> weakWriter = stateWriter_;
+    stateWriter_->afterWritten(target, [journal, count, target, weakWriter] {
+        auto writer = weakWriter.lock();
+        if (writer && writer->savedGeneration() >= target) journal->truncateIfUnchangedSince(count);
+    });
+}
+
+void ZNVNetwork::applyRecordedRemoteFileIDs(const std::vector<ZNVNetworkTaskRef>&,
+                                            const std::vector<ZNVRemoteFileJournal::Entry>&) {}
+
 void ZNVNetwork::writeState() {
     if (isReadingState() || isBatchingSave()) return;
     const StateFilePaths& paths = stateFilePaths();
@@ -403,14 +438,29 @@ void ZNVNetwork::readState() {
     }
     ZNVLogInfo("restoring task state:");
     const bool logEach = ZNVLog().should_log(spdlog::level::info);
+    std::vector<ZNVNetworkTaskRef> restored;
+    restored.reserve(decoded->size());
     for (auto& object : *decoded) {
         auto task = std::dynamic_pointer_cast<ZNVNetworkTask>(object);
         object.reset();
         if (!task) continue;
+        restored.push_back(task);
+    }
+    decoded.reset();
+    unarchiver->finishDecoding();
+    // IDs the service gave after the last save, before a kill: without them
+    // the uploads would create their remote files again.
+    if (auto journal = remoteFileJournal()) {
+        const auto entries = journal->read();
+        if (!entries.empty()) {
+            applyRecordedRemoteFileIDs(restored, entries);
+            forgetRemoteFileIDsAfterNextSave(0);
+        }
+    }
+    for (const auto& task : restored) {
         addTask(task);
         if (logEach) ZNVLogInfo("   restored state for {}", task->description());
     }
-    unarchiver->finishDecoding();
 }
 
 }  // namespace znv

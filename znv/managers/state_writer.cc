@@ -521,6 +521,9 @@ bool ZNVStateWriter::run(const Save& save) {
                     error ? error->description() : std::string("(null)"));
     } else {
         logSummary(save.tasks);
+        uint64_t saved = saved_.load();
+        while (saved < save.mine && !saved_.compare_exchange_weak(saved, save.mine)) {
+        }
     }
     markWritten(save.mine);
     return true;

@@ -103,6 +103,10 @@ class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
     void write(Save save);
     void writeNow(const Save& save);
 
+    // The newest generation whose save reached the disk (failed saves do not
+    // count). Any thread.
+    uint64_t savedGeneration() const { return saved_.load(); }
+
     // Blocks until a save of `generation` or a newer one has been written (or
     // has failed). False when the timeout passed first.
     bool waitUntilWritten(uint64_t generation, std::chrono::milliseconds timeout);
@@ -160,6 +164,7 @@ class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
     std::mutex writtenMutex_;
     std::condition_variable writtenChanged_;
     uint64_t written_ = 0;  // newest generation written or failed; guarded by writtenMutex_
+    std::atomic<uint64_t> saved_{0};  // newest generation written
     // Work waiting for a save, by the save's generation; guarded by writtenMutex_.
     std::multimap<uint64_t, std::function<void()>> afterWritten_;
 };

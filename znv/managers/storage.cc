@@ -1,5 +1,7 @@
 #include "znv/managers/storage.h"
 
+#include <chrono>
+#include <cstdlib>
 #include <utility>
 
 #include "znv/foundation/device.h"
@@ -11,6 +13,13 @@
 #include "znv/session/storage_path_manager.h"
 
 namespace znv {
+namespace {
+
+int64_t microsecondsSinceEpoch(const ZNVDate& date) {
+    return std::chrono::duration_cast<std::chrono::microseconds>(date.time_since_epoch()).count();
+}
+
+}  // namespace
 
 namespace {
 
@@ -342,7 +351,19 @@ void ZNVStorage::didCompleteWithData(const std::shared_ptr<ZNVNetworkSessionMana
         return;
     }
     upload->connectToAccount(account_, manager, task);
+    // A new remote file is recorded before the upload sends anything that
+    // uses it: killed before the next save, a relaunch still knows it.
+    uint64_t recorded = 0;
+    if (response->type() == ZNVStorageResponseTypeNewRemoteFile && !response->error() &&
+        !response->remoteFileID().empty() && upload->remoteFileID().empty()) {
+        if (const std::optional<ZNVURL> source = upload->sourceURL()) {
+            recorded = recordRemoteFileID(
+                {source->absoluteString(), microsecondsSinceEpoch(upload->startDate()),
+                 response->remoteFileID(), response->maximumFullFileUploadSize()});
+        }
+    }
     upload->handleStorageResponse(*response, isReachableEvenInBackground());
+    if (recorded != 0) forgetRemoteFileIDsAfterNextSave(recorded);
     const auto type = response->type();
     if (type >= ZNVStorageResponseTypeNewRemoteFile &&
         type <= ZNVStorageResponseTypePostProcessedRemoteVideoFile) {
@@ -351,6 +372,29 @@ void ZNVStorage::didCompleteWithData(const std::shared_ptr<ZNVNetworkSessionMana
         account_->dispatchAuthenticatedBlock([weak](ZNVAuthenticationRef, ZNVErrorRef) {
             if (auto self = weak.lock()) self->writeState();
         });
+    }
+}
+
+void ZNVStorage::applyRecordedRemoteFileIDs(
+    const std::vector<ZNVNetworkTaskRef>& restored,
+    const std::vector<ZNVRemoteFileJournal::Entry>& entries) {
+    for (const auto& task : restored) {
+        auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(task);
+        if (!upload || !upload->remoteFileID().empty()) continue;
+        const std::optional<ZNVURL> source = upload->sourceURL();
+        if (!source) continue;
+        const std::string text = source->absoluteString();
+        const int64_t start = microsecondsSinceEpoch(upload->startDate());
+        // The last record of the upload is the one its last creation gave.
+        for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
+            if (entry->sourceURL != text || std::llabs(entry->startMicroseconds - start) > 2)
+                continue;
+            upload->setRemoteFileID(entry->remoteFileID);
+            upload->setMaximumFullFileUploadSize(entry->maximumFullFileUploadSize);
+            ZNVLogInfo("   remote file {} recorded for {} after the last save", entry->remoteFileID,
+                       upload->description());
+            break;
+        }
     }
 }
 

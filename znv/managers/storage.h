@@ -66,6 +66,13 @@ class ZNVStorage : public ZNVNetwork {
                                        bool applyVideoPostProcessing, bool forceChunkUploading);
     void addTask(const ZNVNetworkTaskRef& task) override;
     void finishTask(const ZNVNetworkTaskRef& task) override;
+    // Gives a restored upload without a remote file ID the one recorded for
+    // it (same source URL text, start dates within 2 microseconds: the state
+    // file keeps them to the microsecond), with the full-file limit that came
+    // with it.
+    void applyRecordedRemoteFileIDs(
+        const std::vector<ZNVNetworkTaskRef>& restored,
+        const std::vector<ZNVRemoteFileJournal::Entry>& entries) override;
 
     // One-shot remote-file operations (file ID of the service).
     void URLForRemoteFile(const std::string& remoteFile, URLCompletion completion);

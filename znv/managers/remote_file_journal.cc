@@ -1,0 +1,141 @@
+#include "znv/managers/remote_file_journal.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <limits>
+
+#include <nlohmann/json.hpp>
+
+#include "znv/foundation/log.h"
+
+namespace znv {
+namespace {
+
+constexpr off_t kMaximumJournalSize = off_t{16} << 20;
+// A line longer than this is not one of ours (a file ID and a path at most).
+constexpr size_t kMaximumLineLength = 64 * 1024;
+
+bool writeAll(int fd, const std::string& text) {
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+ZNVRemoteFileJournal::ZNVRemoteFileJournal(std::string path) : path_(std::move(path)) {}
+
+ZNVRemoteFileJournal::~ZNVRemoteFileJournal() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+std::string ZNVRemoteFileJournal::line(const Entry& entry) {
+    nlohmann::json line = {{"source", entry.sourceURL},
+                           {"start", entry.startMicroseconds},
+                           {"fileId", entry.remoteFileID},
+                           {"maxFullFile", entry.maximumFullFileUploadSize}};
+    // A path that is not UTF-8 gets U+FFFD in its line: it then matches no
+    // upload, which costs a second creation, never a wrong file ID.
+    return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+}
+
+uint64_t ZNVRemoteFileJournal::record(const Entry& entry) {
+    const std::string text = line(entry);
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (fd_ < 0) {
+        do {
+            fd_ =
+                ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+        } while (fd_ < 0 && errno == EINTR);
+    }
+    // One write per line: a kill leaves whole lines, at most a torn last one.
+    if (fd_ < 0 || !writeAll(fd_, text)) {
+        ZNVLogError("failed to record remote file {} in {}: {}", entry.remoteFileID, path_,
+                    std::strerror(errno));
+        return 0;
+    }
+    dirty_ = true;
+    return ++records_;
+}
+
+void ZNVRemoteFileJournal::truncateIfUnchangedSince(uint64_t count) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!dirty_ || count != records_) return;
+    while (fd_ < 0) {  // only read so far: what an earlier process recorded
+        fd_ = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW);
+        if (fd_ < 0 && errno != EINTR) return;
+    }
+    if (::ftruncate(fd_, 0) != 0) {
+        ZNVLogError("failed to empty {}: {}", path_, std::strerror(errno));
+        return;
+    }
+    dirty_ = false;
+}
+
+std::vector<ZNVRemoteFileJournal::Entry> ZNVRemoteFileJournal::read() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    int fd = -1;
+    do {
+        fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) return {};
+    struct stat info {};
+    std::string text;
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size <= kMaximumJournalSize) {
+        text.resize(static_cast<size_t>(info.st_size));
+        size_t done = 0;
+        while (done < text.size()) {
+            const ssize_t n = ::read(fd, text.data() + done, text.size() - done);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            done += static_cast<size_t>(n);
+        }
+        text.resize(done);
+    } else {
+        ZNVLogError("ignoring {}: not a regular file of at most 16 MiB", path_);
+    }
+    ::close(fd);
+    // What was there before this process counts as recorded: the next save
+    // may empty it.
+    if (!text.empty()) dirty_ = true;
+    return parse(text);
+}
+
+std::vector<ZNVRemoteFileJournal::Entry> ZNVRemoteFileJournal::parse(std::string_view text) {
+    std::vector<Entry> entries;
+    while (!text.empty()) {
+        const size_t end = text.find('\n');
+        // A last line without its newline was cut short by a kill.
+        if (end == std::string_view::npos) break;
+        const std::string_view line = text.substr(0, end);
+        text.remove_prefix(end + 1);
+        if (line.size() > kMaximumLineLength) continue;
+        const auto json = nlohmann::json::parse(line, nullptr, false);
+        if (!json.is_object()) continue;
+        const auto source = json.find("source");
+        const auto start = json.find("start");
+        const auto fileID = json.find("fileId");
+        const auto maximum = json.find("maxFullFile");
+        if (source == json.end() || !source->is_string() || start == json.end() ||
+            !start->is_number_integer() || fileID == json.end() || !fileID->is_string() ||
+            maximum == json.end() || !maximum->is_number_unsigned()) {
+            continue;
+        }
+        Entry entry{source->get<std::string>(), start->get<int64_t>(), fileID->get<std::string>(),
+                    maximum->get<uint64_t>()};
+        if (entry.remoteFileID.empty()) continue;
+        entries.push_back(std::move(entry));
+    }
+    return entries;
+}
+
+}  // namespace znv

@@ -1,0 +1,69 @@
+// ZNVRemoteFileJournal: the remote file IDs the service handed out since the
+// state file last recorded them, so that a process killed in between does not
+// create the same remote file again when it is relaunched.
+//
+// Contract
+// - One journal per state file, at "<name>.state.journal" beside it (mode
+//   0600, never followed through a symbolic link). Each `record` appends one
+//   line of JSON with a plain write: it survives the process being killed the
+//   moment the call returns (not a crash of the machine; the state file's own
+//   saves, flushed to disk, cover that).
+// - A line names the upload by its source URL text and start date (in
+//   microseconds since the epoch) and carries the remote file ID and the
+//   largest file the service accepts in one request, as the creation answered.
+// - `truncateIfUnchangedSince(count)` empties the file when nothing was recorded
+//   since `record` returned `count`: the caller does it once a save taken after
+//   that record is on disk. Lines that outlive their save (a kill between the
+//   two) are harmless: they are only ever used to fill in an ID that a restored
+//   upload lacks.
+// - `read` returns the well-formed lines of the file in order and skips any
+//   other line; a file larger than 16 MiB is not read. `parse` does the same
+//   for text in memory.
+// - Any thread; one mutex guards the file.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace znv {
+
+class ZNVRemoteFileJournal {
+  public:
+    struct Entry {
+        std::string sourceURL;  // the upload's source URL text
+        int64_t startMicroseconds = 0;
+        std::string remoteFileID;
+        uint64_t maximumFullFileUploadSize = 0;
+        bool operator==(const Entry&) const = default;
+    };
+
+    explicit ZNVRemoteFileJournal(std::string path);
+    ~ZNVRemoteFileJournal();
+    ZNVRemoteFileJournal(const ZNVRemoteFileJournal&) = delete;
+    ZNVRemoteFileJournal& operator=(const ZNVRemoteFileJournal&) = delete;
+
+    const std::string& path() const { return path_; }
+
+    // The number of records made so far by this object; 0 when the line
+    // could not be written (logged).
+    uint64_t record(const Entry& entry);
+    void truncateIfUnchangedSince(uint64_t count);
+
+    std::vector<Entry> read();
+    static std::vector<Entry> parse(std::string_view text);
+    // The line `record` appends for `entry`, newline included.
+    static std::string line(const Entry& entry);
+
+  private:
+    const std::string path_;
+    std::mutex mutex_;
+    int fd_ = -1;           // opened on the first record; guarded by mutex_
+    uint64_t records_ = 0;  // guarded by mutex_
+    bool dirty_ = false;    // something was written since the last truncation; guarded by mutex_
+};
+
+}  // namespace znv
