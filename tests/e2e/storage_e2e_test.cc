@@ -349,20 +349,36 @@ TEST_F(StorageEndToEnd, AnAnswerOfASupersededSessionTaskIsIgnored) {
 // remote file when it is launched again, and does not create it twice.
 TEST_F(StorageEndToEnd, ARelaunchAfterUnsavedAnswersCreatesNoRemoteFileTwice) {
     const std::string state = test::statePath(configuration_->accountConfigurationIdentifier());
-    const auto source = writeSource("unsaved.bin", 300000, 43);
+    const auto creates = [&] {
+        const auto log = emulator_->requestLog();
+        return std::count_if(log.begin(), log.end(), [](const auto& entry) {
+            return entry.value("method", "") == "POST" && entry.value("path", "") == "/api/files";
+        });
+    };
+    // One upload goes whole, the other in chunks (forced).
+    const std::vector<std::string> sources = {writeSource("whole.bin", 300000, 43),
+                                              writeSource("chunks.bin", 300000, 44)};
     {
         auto storage = makeStorage();
         auto reachability = test::manualReachability(storage);
         ASSERT_NE(reachability, nullptr);
         reachability->setReachable(false);
-        auto upload = storage->uploadFromFile(ZNVURL::fileURL(source), false);
+        std::vector<ZNVNetworkTaskRef> uploads;
+        for (size_t i = 0; i < sources.size(); ++i) {
+            uploads.push_back(
+                storage->uploadFromFile(ZNVURL::fileURL(sources[i]), "", "", "", false, i == 1));
+        }
         ASSERT_TRUE(storage->waitUntilStateIsWritten());
         // From here on no save lands: a directory stands where it would go.
         std::filesystem::rename(state, state + ".kept");
         std::filesystem::create_directories(state + "/in-the-way");
+        // The whole file goes through; the chunk is held on the wire.
+        ASSERT_TRUE(emulator_->addFault(
+            {{"method", "PUT"}, {"path", "/api/files/*"}, {"action", "stall"}, {"times", 1}}));
         reachability->setReachable(true);
-        ASSERT_TRUE(waitForCompletion({upload}));
-        ASSERT_EQ(upload->error(), nullptr);
+        ASSERT_TRUE(waitForCompletion({uploads[0]}));
+        ASSERT_EQ(uploads[0]->error(), nullptr);
+        ASSERT_TRUE(test::waitFor([&] { return requests("PUT", "/api/files/").size() == 2; }));
         storage->invalidateClientAndCancelTasks();
         ASSERT_TRUE(storage->waitUntilStateIsWritten());
         storages_.clear();
@@ -370,18 +386,26 @@ TEST_F(StorageEndToEnd, ARelaunchAfterUnsavedAnswersCreatesNoRemoteFileTwice) {
     ZNVMainQueue::waitUntilDrained();
     std::filesystem::remove_all(state);
     std::filesystem::rename(state + ".kept", state);
-    ASSERT_EQ(requests("POST", "/api/files").size(), 1u);
+    ASSERT_EQ(creates(), 2);
+    emulator_->clearFaults();
+    emulator_->clearRequestLog();
 
+    // Relaunched, each upload carries on with its remote file: the whole one
+    // is sent again (and found complete), the chunked one sends its chunk,
+    // then asks once for the assembly.
     auto relaunched = makeStorage();
     const auto tasks = relaunched->tasks();
-    ASSERT_EQ(tasks.size(), 1u) << "the file holds the upload as it was added";
-    auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(tasks[0]);
-    ASSERT_NE(upload, nullptr);
-    ASSERT_TRUE(waitForCompletion({upload}));
-    EXPECT_EQ(upload->error(), nullptr);
-    EXPECT_EQ(requests("POST", "/api/files").size(), 1u) << "the remote file was created again";
-    EXPECT_TRUE(test::filesEqual(remoteContentPath(upload->remoteFileID()), source));
-    // Once a save holds the ID, the record of it goes.
+    ASSERT_EQ(tasks.size(), 2u) << "the file holds the uploads as they were added";
+    ASSERT_TRUE(waitForCompletion(tasks));
+    EXPECT_EQ(creates(), 0) << "a remote file was created again";
+    EXPECT_EQ(requests("POST", "/api/files/", "/complete").size(), 1u);
+    for (size_t i = 0; i < tasks.size(); ++i) {
+        auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(tasks[i]);
+        ASSERT_NE(upload, nullptr);
+        EXPECT_EQ(upload->error(), nullptr);
+        EXPECT_TRUE(test::filesEqual(remoteContentPath(upload->remoteFileID()), sources[i]));
+    }
+    // Once a save holds the IDs, their records go.
     ASSERT_TRUE(relaunched->waitUntilStateIsWritten());
     EXPECT_TRUE(test::waitFor([&] { return std::filesystem::file_size(state + ".journal") == 0; }));
 }

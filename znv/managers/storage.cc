@@ -389,8 +389,7 @@ void ZNVStorage::applyRecordedRemoteFileIDs(
         for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
             if (entry->sourceURL != text || std::llabs(entry->startMicroseconds - start) > 2)
                 continue;
-            upload->setRemoteFileID(entry->remoteFileID);
-            upload->setMaximumFullFileUploadSize(entry->maximumFullFileUploadSize);
+            upload->adoptRemoteFileID(entry->remoteFileID, entry->maximumFullFileUploadSize);
             ZNVLogInfo("   remote file {} recorded for {} after the last save", entry->remoteFileID,
                        upload->description());
             break;

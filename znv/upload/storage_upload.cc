@@ -208,6 +208,18 @@ void ZNVStorageUpload::setRemoteFileID(const std::string& remoteFileID) {
     remoteFileID_ = remoteFileID;
 }
 
+void ZNVStorageUpload::adoptRemoteFileID(const std::string& remoteFileID,
+                                         uint64_t maximumFullFileUploadSize) {
+    Lock lock(*this);
+    if (!remoteFileID_.empty()) return;
+    remoteFileID_ = remoteFileID;
+    maximumFullFileUploadSize_ = maximumFullFileUploadSize;
+    if ((uploadsChunks_ || forceChunkUploading()) && chunkIndicesToUpload_.empty() &&
+        state() != ZNVNetworkTaskStateCompleted) {
+        chunkIndicesToUpload_ = allChunkIndices();
+    }
+}
+
 std::string ZNVStorageUpload::remoteFilename() const {
     Lock lock(*this);
     return remoteFilename_;

@@ -92,6 +92,11 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     void setAccount(std::shared_ptr<ZNVAccount> account);
     std::string remoteFileID() const;
     void setRemoteFileID(const std::string& remoteFileID);
+    // For a restored upload whose saved state predates its remote file (the
+    // ID came from the journal of the storage manager): takes the ID and the
+    // full-file limit the creation answered. Nothing was acknowledged before
+    // that, so an upload already in chunks has every chunk still to send.
+    void adoptRemoteFileID(const std::string& remoteFileID, uint64_t maximumFullFileUploadSize);
     // Where the service serves the file's content, as its completing answer
     // (whole file or assembly) gave it; none before that, and after a
     // relaunch (it is not archived: ask the storage manager's
