@@ -7,6 +7,7 @@
 
 #include "tests/e2e/e2e_support.h"
 #include "znv/platform/progress.h"
+#include "znv/protocol/internal/chunk_size_testing.h"
 #include "znv/protocol/storage_response.h"
 #include "znv/session/network_session_manager.h"
 
@@ -343,12 +344,18 @@ TEST_F(StorageEndToEnd, AnAnswerOfASupersededSessionTaskIsIgnored) {
     EXPECT_TRUE(test::filesEqual(remoteContentPath(upload->remoteFileID()), source));
 }
 
-// The service's answer to a creation is recorded before the upload sends
-// anything that uses it: a queue whose saves after that answer never reached
-// the disk (as when the process is killed right after it) still knows the
-// remote file when it is launched again, and does not create it twice.
-TEST_F(StorageEndToEnd, ARelaunchAfterUnsavedAnswersCreatesNoRemoteFileTwice) {
+// The service's answers are recorded before the upload acts on them: a queue
+// whose saves after them never reached the disk (as when the process is
+// killed right then) still knows, when it is launched again, the remote files
+// it created and the chunks the service acknowledged. It neither creates a
+// remote file twice nor sends more than the batch that was in flight again.
+TEST_F(StorageEndToEnd, ARelaunchAfterUnsavedAnswersCreatesNothingTwiceAndResendsOnlyTheBatchInFlight) {
     const std::string state = test::statePath(configuration_->accountConfigurationIdentifier());
+    // Chunks of 4 KiB: the chunked file takes ten batches.
+    internal::setMaximumChunkSizeForTesting(4096);
+    struct RealChunkSize {
+        ~RealChunkSize() { internal::setMaximumChunkSizeForTesting(0); }
+    } realChunkSize;
     const auto creates = [&] {
         const auto log = emulator_->requestLog();
         return std::count_if(log.begin(), log.end(), [](const auto& entry) {
@@ -358,8 +365,10 @@ TEST_F(StorageEndToEnd, ARelaunchAfterUnsavedAnswersCreatesNoRemoteFileTwice) {
     // One upload goes whole, the other in chunks (forced).
     const std::vector<std::string> sources = {writeSource("whole.bin", 300000, 43),
                                               writeSource("chunks.bin", 300000, 44)};
+    std::weak_ptr<ZNVStorage> ended;
     {
         auto storage = makeStorage();
+        ended = storage;
         auto reachability = test::manualReachability(storage);
         ASSERT_NE(reachability, nullptr);
         reachability->setReachable(false);
@@ -372,18 +381,27 @@ TEST_F(StorageEndToEnd, ARelaunchAfterUnsavedAnswersCreatesNoRemoteFileTwice) {
         // From here on no save lands: a directory stands where it would go.
         std::filesystem::rename(state, state + ".kept");
         std::filesystem::create_directories(state + "/in-the-way");
-        // The whole file goes through; the chunk is held on the wire.
-        ASSERT_TRUE(emulator_->addFault(
-            {{"method", "PUT"}, {"path", "/api/files/*"}, {"action", "stall"}, {"times", 1}}));
+        // The whole file goes through; the first batch is acknowledged, the
+        // second is held on the wire.
+        ASSERT_TRUE(emulator_->addFault({{"method", "PUT"},
+                                         {"path", "/api/files/*"},
+                                         {"action", "stall"},
+                                         {"skip", 1},
+                                         {"times", 1}}));
         reachability->setReachable(true);
         ASSERT_TRUE(waitForCompletion({uploads[0]}));
         ASSERT_EQ(uploads[0]->error(), nullptr);
-        ASSERT_TRUE(test::waitFor([&] { return requests("PUT", "/api/files/").size() == 2; }));
+        ASSERT_TRUE(test::waitFor([&] { return requests("PUT", "/api/files/").size() == 3; }));
         storage->invalidateClientAndCancelTasks();
         ASSERT_TRUE(storage->waitUntilStateIsWritten());
         storages_.clear();
     }
-    ZNVMainQueue::waitUntilDrained();
+    // Whatever the ended manager still saves fails too, before the file is back.
+    ASSERT_TRUE(test::waitFor([&] {
+        ZNVMainQueue::waitUntilDrained();
+        return ended.expired();
+    }));
+    ASSERT_TRUE(ZNVStateWriter::waitForEarlierSaves(state, std::chrono::seconds(10)));
     std::filesystem::remove_all(state);
     std::filesystem::rename(state + ".kept", state);
     ASSERT_EQ(creates(), 2);
@@ -391,14 +409,19 @@ TEST_F(StorageEndToEnd, ARelaunchAfterUnsavedAnswersCreatesNoRemoteFileTwice) {
     emulator_->clearRequestLog();
 
     // Relaunched, each upload carries on with its remote file: the whole one
-    // is sent again (and found complete), the chunked one sends its chunk,
-    // then asks once for the assembly.
+    // is sent again (and found complete), the chunked one sends the nine
+    // batches from the one that was in flight, then asks once for the
+    // assembly.
     auto relaunched = makeStorage();
     const auto tasks = relaunched->tasks();
     ASSERT_EQ(tasks.size(), 2u) << "the file holds the uploads as they were added";
     ASSERT_TRUE(waitForCompletion(tasks));
     EXPECT_EQ(creates(), 0) << "a remote file was created again";
     EXPECT_EQ(requests("POST", "/api/files/", "/complete").size(), 1u);
+    auto chunked = std::dynamic_pointer_cast<ZNVStorageUpload>(tasks[1]);
+    ASSERT_NE(chunked, nullptr);
+    EXPECT_EQ(requests("PUT", "/api/files/" + chunked->remoteFileID()).size(), 9u)
+        << "an acknowledged batch was sent again";
     for (size_t i = 0; i < tasks.size(); ++i) {
         auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(tasks[i]);
         ASSERT_NE(upload, nullptr);

@@ -43,6 +43,7 @@ std::string ZNVRemoteFileJournal::line(const Entry& entry) {
                            {"start", entry.startMicroseconds},
                            {"fileId", entry.remoteFileID},
                            {"maxFullFile", entry.maximumFullFileUploadSize}};
+    if (!entry.acknowledgedChunks.empty()) line["acked"] = entry.acknowledgedChunks;
     // A path that is not UTF-8 gets U+FFFD in its line: it then matches no
     // upload, which costs a second creation, never a wrong file ID.
     return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
@@ -130,9 +131,24 @@ std::vector<ZNVRemoteFileJournal::Entry> ZNVRemoteFileJournal::parse(std::string
             maximum == json.end() || !maximum->is_number_unsigned()) {
             continue;
         }
-        Entry entry{source->get<std::string>(), start->get<int64_t>(), fileID->get<std::string>(),
-                    maximum->get<uint64_t>()};
+        Entry entry{source->get<std::string>(),
+                    start->get<int64_t>(),
+                    fileID->get<std::string>(),
+                    maximum->get<uint64_t>(),
+                    {}};
         if (entry.remoteFileID.empty()) continue;
+        if (const auto acked = json.find("acked"); acked != json.end()) {
+            if (!acked->is_array() || acked->empty()) continue;
+            bool numbers = true;
+            for (const auto& index : *acked) {
+                if (!index.is_number_unsigned()) {
+                    numbers = false;
+                    break;
+                }
+                entry.acknowledgedChunks.push_back(index.get<uint64_t>());
+            }
+            if (!numbers) continue;
+        }
         entries.push_back(std::move(entry));
     }
     return entries;

@@ -1,6 +1,7 @@
-// ZNVRemoteFileJournal: the remote file IDs the service handed out since the
-// state file last recorded them, so that a process killed in between does not
-// create the same remote file again when it is relaunched.
+// ZNVRemoteFileJournal: the remote file IDs the service handed out, and the
+// chunks it acknowledged, since the state file last recorded them, so that a
+// process killed in between neither creates the same remote file again nor
+// sends acknowledged chunks again when it is relaunched.
 //
 // Contract
 // - One journal per state file, at "<name>.state.journal" beside it (mode
@@ -10,7 +11,10 @@
 //   saves, flushed to disk, cover that).
 // - A line names the upload by its source URL text and start date (in
 //   microseconds since the epoch) and carries the remote file ID and the
-//   largest file the service accepts in one request, as the creation answered.
+//   largest file the service accepts in one request, as the creation answered;
+//   a line recorded when a batch of chunks was acknowledged also lists the
+//   batch's chunk indices ("acked"), so that a relaunch does not send them
+//   again.
 // - `truncateIfUnchangedSince(count)` empties the file when nothing was recorded
 //   since `record` returned `count`: the caller does it once a save taken after
 //   that record is on disk. Lines that outlive their save (a kill between the
@@ -38,6 +42,9 @@ class ZNVRemoteFileJournal {
         int64_t startMicroseconds = 0;
         std::string remoteFileID;
         uint64_t maximumFullFileUploadSize = 0;
+        // Chunks the service acknowledged for that remote file; empty for
+        // the record of a creation.
+        std::vector<uint64_t> acknowledgedChunks;
         bool operator==(const Entry&) const = default;
     };
 

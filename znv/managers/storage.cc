@@ -6,6 +6,7 @@
 
 #include "znv/foundation/device.h"
 #include "znv/foundation/log.h"
+#include "znv/foundation/network_utilities.h"
 #include "znv/managers/task_activity.h"
 #include "znv/platform/main_queue.h"
 #include "znv/platform/url_session.h"
@@ -353,13 +354,24 @@ void ZNVStorage::didCompleteWithData(const std::shared_ptr<ZNVNetworkSessionMana
     upload->connectToAccount(account_, manager, task);
     // A new remote file is recorded before the upload sends anything that
     // uses it: killed before the next save, a relaunch still knows it.
+    // So is a batch of chunks the service acknowledged: a relaunch before the
+    // next save does not send it again while the next batch is on its way.
     uint64_t recorded = 0;
-    if (response->type() == ZNVStorageResponseTypeNewRemoteFile && !response->error() &&
-        !response->remoteFileID().empty() && upload->remoteFileID().empty()) {
-        if (const std::optional<ZNVURL> source = upload->sourceURL()) {
-            recorded = recordRemoteFileID(
-                {source->absoluteString(), microsecondsSinceEpoch(upload->startDate()),
-                 response->remoteFileID(), response->maximumFullFileUploadSize()});
+    const std::optional<ZNVURL> source = upload->sourceURL();
+    if (source && !response->error() && !response->remoteFileID().empty()) {
+        const std::string current = upload->remoteFileID();
+        const int64_t start = microsecondsSinceEpoch(upload->startDate());
+        const auto& sent = response->localChunkIndicesToUpload();
+        if (response->type() == ZNVStorageResponseTypeNewRemoteFile && current.empty()) {
+            recorded = recordRemoteFileID({source->absoluteString(),
+                                           start,
+                                           response->remoteFileID(),
+                                           response->maximumFullFileUploadSize(),
+                                           {}});
+        } else if (response->type() == ZNVStorageResponseTypeUploadedChunk &&
+                   current == response->remoteFileID() && sent && !sent->empty()) {
+            recorded = recordRemoteFileID({source->absoluteString(), start, current,
+                                           upload->maximumFullFileUploadSize(), sent->indices()});
         }
     }
     upload->handleStorageResponse(*response, isReachableEvenInBackground());
@@ -380,19 +392,35 @@ void ZNVStorage::applyRecordedRemoteFileIDs(
     const std::vector<ZNVRemoteFileJournal::Entry>& entries) {
     for (const auto& task : restored) {
         auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(task);
-        if (!upload || !upload->remoteFileID().empty()) continue;
+        if (!upload) continue;
         const std::optional<ZNVURL> source = upload->sourceURL();
         if (!source) continue;
         const std::string text = source->absoluteString();
         const int64_t start = microsecondsSinceEpoch(upload->startDate());
-        // The last record of the upload is the one its last creation gave.
-        for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
-            if (entry->sourceURL != text || std::llabs(entry->startMicroseconds - start) > 2)
-                continue;
-            upload->adoptRemoteFileID(entry->remoteFileID, entry->maximumFullFileUploadSize);
-            ZNVLogInfo("   remote file {} recorded for {} after the last save", entry->remoteFileID,
-                       upload->description());
-            break;
+        const auto isFor = [&](const ZNVRemoteFileJournal::Entry& entry) {
+            return entry.sourceURL == text && std::llabs(entry.startMicroseconds - start) <= 2;
+        };
+        // The last creation recorded for the upload is the remote file it went on with.
+        if (upload->remoteFileID().empty()) {
+            for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
+                if (!isFor(*entry) || !entry->acknowledgedChunks.empty()) continue;
+                upload->adoptRemoteFileID(entry->remoteFileID, entry->maximumFullFileUploadSize);
+                ZNVLogInfo("   remote file {} recorded for {} after the last save",
+                           entry->remoteFileID, upload->description());
+                break;
+            }
+        }
+        // Then the batches acknowledged for that remote file.
+        for (const auto& entry : entries) {
+            if (!isFor(entry) || entry.acknowledgedChunks.empty()) continue;
+            ZNVIndexSet indices;
+            for (uint64_t index : entry.acknowledgedChunks)
+                indices.add(index);
+            if (upload->forgetAcknowledgedChunks(entry.remoteFileID, indices)) {
+                ZNVLogInfo("   chunks {} acknowledged for {} after the last save",
+                           ZNVNetworkUtilities_stringFromIndices(indices).value_or(""),
+                           upload->description());
+            }
         }
     }
 }

@@ -220,6 +220,16 @@ void ZNVStorageUpload::adoptRemoteFileID(const std::string& remoteFileID,
     }
 }
 
+bool ZNVStorageUpload::forgetAcknowledgedChunks(const std::string& remoteFileID,
+                                                const ZNVIndexSet& indices) {
+    Lock lock(*this);
+    if (remoteFileID.empty() || remoteFileID != remoteFileID_ || chunkIndicesToUpload_.empty())
+        return false;
+    const uint64_t before = chunkIndicesToUpload_.count();
+    chunkIndicesToUpload_.remove(indices);
+    return chunkIndicesToUpload_.count() != before;
+}
+
 std::string ZNVStorageUpload::remoteFilename() const {
     Lock lock(*this);
     return remoteFilename_;

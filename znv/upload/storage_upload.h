@@ -97,6 +97,10 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     // full-file limit the creation answered. Nothing was acknowledged before
     // that, so an upload already in chunks has every chunk still to send.
     void adoptRemoteFileID(const std::string& remoteFileID, uint64_t maximumFullFileUploadSize);
+    // For a restored upload: chunks that the service acknowledged for
+    // `remoteFileID` after the last save are no longer to be sent. Nothing
+    // for another remote file; false when nothing changed.
+    bool forgetAcknowledgedChunks(const std::string& remoteFileID, const ZNVIndexSet& indices);
     // Where the service serves the file's content, as its completing answer
     // (whole file or assembly) gave it; none before that, and after a
     // relaunch (it is not archived: ask the storage manager's
