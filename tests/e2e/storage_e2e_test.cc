@@ -344,93 +344,130 @@ TEST_F(StorageEndToEnd, AnAnswerOfASupersededSessionTaskIsIgnored) {
     EXPECT_TRUE(test::filesEqual(remoteContentPath(upload->remoteFileID()), source));
 }
 
-// The service's answers are recorded before the upload acts on them: a queue
-// whose saves after them never reached the disk (as when the process is
-// killed right then) still knows, when it is launched again, the remote files
-// it created and the chunks the service acknowledged. It neither creates a
-// remote file twice nor sends more than the batch that was in flight again.
-TEST_F(StorageEndToEnd, ARelaunchAfterUnsavedAnswersCreatesNothingTwiceAndResendsOnlyTheBatchInFlight) {
-    const std::string state = test::statePath(configuration_->accountConfigurationIdentifier());
-    // Chunks of 4 KiB: the chunked file takes ten batches.
-    internal::setMaximumChunkSizeForTesting(4096);
-    struct RealChunkSize {
-        ~RealChunkSize() { internal::setMaximumChunkSizeForTesting(0); }
-    } realChunkSize;
-    const auto creates = [&] {
-        const auto log = emulator_->requestLog();
-        return std::count_if(log.begin(), log.end(), [](const auto& entry) {
-            return entry.value("method", "") == "POST" && entry.value("path", "") == "/api/files";
-        });
-    };
-    // One upload goes whole, the other in chunks (forced).
+// A queue whose saves never reach the disk once its uploads are under way,
+// as when the process is killed before the next save: the service's answers
+// are recorded beside the state file before the uploads act on them, so a
+// relaunch knows the remote files created, the chunks acknowledged and the
+// whole files refused. Chunks are 4 KiB here: a 300,000-byte file in chunks
+// takes ten batches.
+class UnsavedRelaunch : public test::EmulatorTest {
+  protected:
+    void SetUp() override {
+        test::EmulatorTest::SetUp();
+        internal::setMaximumChunkSizeForTesting(4096);
+        state_ = test::statePath(configuration_->accountConfigurationIdentifier());
+    }
+    void TearDown() override {
+        test::EmulatorTest::TearDown();
+        internal::setMaximumChunkSizeForTesting(0);
+    }
+
+    // Adds the uploads (forced to chunks where asked) with their state
+    // saved, lets them run without any later save landing until `until`,
+    // ends the manager, and puts the saved file back. The request log then
+    // starts empty, for the relaunch.
+    void runUnsaved(const std::vector<std::pair<std::string, bool>>& uploads,
+                    const std::function<bool()>& until) {
+        std::weak_ptr<ZNVStorage> ended;
+        {
+            auto storage = makeStorage();
+            ended = storage;
+            auto reachability = test::manualReachability(storage);
+            ASSERT_NE(reachability, nullptr);
+            reachability->setReachable(false);
+            for (const auto& [source, chunks] : uploads)
+                storage->uploadFromFile(ZNVURL::fileURL(source), "", "", "", false, chunks);
+            ASSERT_TRUE(storage->waitUntilStateIsWritten());
+            // From here on no save lands: a directory stands where it would go.
+            std::filesystem::rename(state_, state_ + ".kept");
+            std::filesystem::create_directories(state_ + "/in-the-way");
+            reachability->setReachable(true);
+            ASSERT_TRUE(test::waitFor(until, std::chrono::seconds(60)));
+            storage->invalidateClientAndCancelTasks();
+            ASSERT_TRUE(storage->waitUntilStateIsWritten());
+            storages_.clear();
+        }
+        // Whatever the ended manager still saves fails too, before the file is back.
+        ASSERT_TRUE(test::waitFor([&] {
+            ZNVMainQueue::waitUntilDrained();
+            return ended.expired();
+        }));
+        ASSERT_TRUE(ZNVStateWriter::waitForEarlierSaves(state_, std::chrono::seconds(10)));
+        std::filesystem::remove_all(state_);
+        std::filesystem::rename(state_ + ".kept", state_);
+        emulator_->clearFaults();
+        emulator_->clearRequestLog();
+    }
+
+    size_t creates() const { return requests("POST", "/api/files", "/api/files").size(); }
+
+    // Relaunches, waits for every restored upload and checks each remote
+    // file against its source; the uploads, in queue order.
+    std::vector<std::shared_ptr<ZNVStorageUpload>> relaunch(
+        const std::vector<std::string>& sources) {
+        auto relaunched = makeStorage();
+        std::vector<std::shared_ptr<ZNVStorageUpload>> uploads;
+        for (const auto& task : relaunched->tasks())
+            uploads.push_back(std::dynamic_pointer_cast<ZNVStorageUpload>(task));
+        EXPECT_EQ(uploads.size(), sources.size())
+            << "the file holds the uploads as they were added";
+        if (uploads.size() != sources.size()) return {};
+        EXPECT_TRUE(waitForCompletion(relaunched->tasks()));
+        EXPECT_EQ(creates(), 0u) << "a remote file was created again";
+        for (size_t i = 0; i < uploads.size(); ++i) {
+            EXPECT_EQ(uploads[i]->error(), nullptr);
+            EXPECT_TRUE(
+                test::filesEqual(remoteContentPath(uploads[i]->remoteFileID()), sources[i]));
+        }
+        // Once a save holds what was recorded, the record goes.
+        EXPECT_TRUE(relaunched->waitUntilStateIsWritten());
+        EXPECT_TRUE(
+            test::waitFor([&] { return std::filesystem::file_size(state_ + ".journal") == 0; }));
+        return uploads;
+    }
+
+    std::string state_;
+};
+
+TEST_F(UnsavedRelaunch, CreatesNothingTwiceAndResendsOnlyTheBatchInFlight) {
+    // One upload goes whole; the other, in chunks, has its first batch
+    // acknowledged and its second held on the wire.
     const std::vector<std::string> sources = {writeSource("whole.bin", 300000, 43),
                                               writeSource("chunks.bin", 300000, 44)};
-    std::weak_ptr<ZNVStorage> ended;
-    {
-        auto storage = makeStorage();
-        ended = storage;
-        auto reachability = test::manualReachability(storage);
-        ASSERT_NE(reachability, nullptr);
-        reachability->setReachable(false);
-        std::vector<ZNVNetworkTaskRef> uploads;
-        for (size_t i = 0; i < sources.size(); ++i) {
-            uploads.push_back(
-                storage->uploadFromFile(ZNVURL::fileURL(sources[i]), "", "", "", false, i == 1));
-        }
-        ASSERT_TRUE(storage->waitUntilStateIsWritten());
-        // From here on no save lands: a directory stands where it would go.
-        std::filesystem::rename(state, state + ".kept");
-        std::filesystem::create_directories(state + "/in-the-way");
-        // The whole file goes through; the first batch is acknowledged, the
-        // second is held on the wire.
-        ASSERT_TRUE(emulator_->addFault({{"method", "PUT"},
-                                         {"path", "/api/files/*"},
-                                         {"action", "stall"},
-                                         {"skip", 1},
-                                         {"times", 1}}));
-        reachability->setReachable(true);
-        ASSERT_TRUE(waitForCompletion({uploads[0]}));
-        ASSERT_EQ(uploads[0]->error(), nullptr);
-        ASSERT_TRUE(test::waitFor([&] { return requests("PUT", "/api/files/").size() == 3; }));
-        storage->invalidateClientAndCancelTasks();
-        ASSERT_TRUE(storage->waitUntilStateIsWritten());
-        storages_.clear();
-    }
-    // Whatever the ended manager still saves fails too, before the file is back.
-    ASSERT_TRUE(test::waitFor([&] {
-        ZNVMainQueue::waitUntilDrained();
-        return ended.expired();
-    }));
-    ASSERT_TRUE(ZNVStateWriter::waitForEarlierSaves(state, std::chrono::seconds(10)));
-    std::filesystem::remove_all(state);
-    std::filesystem::rename(state + ".kept", state);
-    ASSERT_EQ(creates(), 2);
-    emulator_->clearFaults();
-    emulator_->clearRequestLog();
+    ASSERT_TRUE(emulator_->addFault({{"method", "PUT"},
+                                     {"path", "/api/files/*"},
+                                     {"action", "stall"},
+                                     {"skip", 1},
+                                     {"times", 1}}));
+    runUnsaved({{sources[0], false}, {sources[1], true}}, [&] {
+        return requests("PUT", "/api/files/", "/fullfile").size() == 1 &&
+               requests("PUT", "/api/files/").size() == 3;
+    });
 
-    // Relaunched, each upload carries on with its remote file: the whole one
-    // is sent again (and found complete), the chunked one sends the nine
-    // batches from the one that was in flight, then asks once for the
-    // assembly.
-    auto relaunched = makeStorage();
-    const auto tasks = relaunched->tasks();
-    ASSERT_EQ(tasks.size(), 2u) << "the file holds the uploads as they were added";
-    ASSERT_TRUE(waitForCompletion(tasks));
-    EXPECT_EQ(creates(), 0) << "a remote file was created again";
+    // The whole one is sent again (and found complete); the chunked one sends
+    // the nine batches from the one that was in flight, then asks once for
+    // the assembly.
+    const auto uploads = relaunch(sources);
+    ASSERT_EQ(uploads.size(), 2u);
     EXPECT_EQ(requests("POST", "/api/files/", "/complete").size(), 1u);
-    auto chunked = std::dynamic_pointer_cast<ZNVStorageUpload>(tasks[1]);
-    ASSERT_NE(chunked, nullptr);
-    EXPECT_EQ(requests("PUT", "/api/files/" + chunked->remoteFileID()).size(), 9u)
+    EXPECT_EQ(requests("PUT", "/api/files/" + uploads[1]->remoteFileID()).size(), 9u)
         << "an acknowledged batch was sent again";
-    for (size_t i = 0; i < tasks.size(); ++i) {
-        auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(tasks[i]);
-        ASSERT_NE(upload, nullptr);
-        EXPECT_EQ(upload->error(), nullptr);
-        EXPECT_TRUE(test::filesEqual(remoteContentPath(upload->remoteFileID()), sources[i]));
-    }
-    // Once a save holds the IDs, their records go.
-    ASSERT_TRUE(relaunched->waitUntilStateIsWritten());
-    EXPECT_TRUE(test::waitFor([&] { return std::filesystem::file_size(state + ".journal") == 0; }));
+}
+
+TEST_F(UnsavedRelaunch, AWholeFileRefusedIsNotSentWholeAgain) {
+    // The whole file is refused; the upload goes on in chunks, the first
+    // batch held on the wire.
+    const std::vector<std::string> sources = {writeSource("refused.bin", 300000, 45)};
+    ASSERT_TRUE(emulator_->addFault(
+        {{"method", "PUT"}, {"path", "/api/files/*/fullfile"}, {"status", 413}, {"times", 1}}));
+    ASSERT_TRUE(emulator_->addFault(
+        {{"method", "PUT"}, {"path", "/api/files/*"}, {"action", "stall"}, {"times", 1}}));
+    runUnsaved({{sources[0], false}}, [&] { return requests("PUT", "/api/files/").size() == 2; });
+
+    const auto uploads = relaunch(sources);
+    ASSERT_EQ(uploads.size(), 1u);
+    EXPECT_TRUE(requests("PUT", "/api/files/", "/fullfile").empty());
+    EXPECT_EQ(requests("PUT", "/api/files/" + uploads[0]->remoteFileID()).size(), 10u);
 }
 
 }  // namespace

@@ -44,6 +44,7 @@ std::string ZNVRemoteFileJournal::line(const Entry& entry) {
                            {"fileId", entry.remoteFileID},
                            {"maxFullFile", entry.maximumFullFileUploadSize}};
     if (!entry.acknowledgedChunks.empty()) line["acked"] = entry.acknowledgedChunks;
+    if (entry.chunks) line["chunks"] = true;
     // A path that is not UTF-8 gets U+FFFD in its line: it then matches no
     // upload, which costs a second creation, never a wrong file ID.
     return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
@@ -135,7 +136,8 @@ std::vector<ZNVRemoteFileJournal::Entry> ZNVRemoteFileJournal::parse(std::string
                     start->get<int64_t>(),
                     fileID->get<std::string>(),
                     maximum->get<uint64_t>(),
-                    {}};
+                    {},
+                    false};
         if (entry.remoteFileID.empty()) continue;
         if (const auto acked = json.find("acked"); acked != json.end()) {
             if (!acked->is_array() || acked->empty()) continue;
@@ -148,6 +150,10 @@ std::vector<ZNVRemoteFileJournal::Entry> ZNVRemoteFileJournal::parse(std::string
                 entry.acknowledgedChunks.push_back(index.get<uint64_t>());
             }
             if (!numbers) continue;
+        }
+        if (const auto chunks = json.find("chunks"); chunks != json.end()) {
+            if (!chunks->is_boolean() || !chunks->get<bool>()) continue;
+            entry.chunks = true;
         }
         entries.push_back(std::move(entry));
     }

@@ -14,7 +14,8 @@
 //   largest file the service accepts in one request, as the creation answered;
 //   a line recorded when a batch of chunks was acknowledged also lists the
 //   batch's chunk indices ("acked"), so that a relaunch does not send them
-//   again.
+//   again; one recorded when the service refused the whole file says so
+//   ("chunks": true), so that a relaunch goes on in chunks.
 // - `truncateIfUnchangedSince(count)` empties the file when nothing was recorded
 //   since `record` returned `count`: the caller does it once a save taken after
 //   that record is on disk. Lines that outlive their save (a kill between the
@@ -45,6 +46,8 @@ class ZNVRemoteFileJournal {
         // Chunks the service acknowledged for that remote file; empty for
         // the record of a creation.
         std::vector<uint64_t> acknowledgedChunks;
+        // The service refused the whole file: the upload goes on in chunks.
+        bool chunks = false;
         bool operator==(const Entry&) const = default;
     };
 

@@ -367,14 +367,29 @@ void ZNVStorage::didCompleteWithData(const std::shared_ptr<ZNVNetworkSessionMana
                                            start,
                                            response->remoteFileID(),
                                            response->maximumFullFileUploadSize(),
-                                           {}});
+                                           {},
+                                           false});
         } else if (response->type() == ZNVStorageResponseTypeUploadedChunk &&
                    current == response->remoteFileID() && sent && !sent->empty()) {
-            recorded = recordRemoteFileID({source->absoluteString(), start, current,
-                                           upload->maximumFullFileUploadSize(), sent->indices()});
+            recorded =
+                recordRemoteFileID({source->absoluteString(), start, current,
+                                    upload->maximumFullFileUploadSize(), sent->indices(), false});
         }
     }
-    upload->handleStorageResponse(*response, isReachableEvenInBackground());
+    // And the whole file refused while the network is up: the upload goes on
+    // in chunks, and a relaunch must not send the whole file again.
+    const bool reachable = isReachableEvenInBackground();
+    if (source && response->error() && reachable &&
+        response->type() == ZNVStorageResponseTypeUploadedFullFile && !upload->uploadsChunks() &&
+        !upload->remoteFileID().empty()) {
+        recorded = recordRemoteFileID({source->absoluteString(),
+                                       microsecondsSinceEpoch(upload->startDate()),
+                                       upload->remoteFileID(),
+                                       upload->maximumFullFileUploadSize(),
+                                       {},
+                                       true});
+    }
+    upload->handleStorageResponse(*response, reachable);
     if (recorded != 0) forgetRemoteFileIDsAfterNextSave(recorded);
     const auto type = response->type();
     if (type >= ZNVStorageResponseTypeNewRemoteFile &&
@@ -403,14 +418,19 @@ void ZNVStorage::applyRecordedRemoteFileIDs(
         // The last creation recorded for the upload is the remote file it went on with.
         if (upload->remoteFileID().empty()) {
             for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
-                if (!isFor(*entry) || !entry->acknowledgedChunks.empty()) continue;
+                if (!isFor(*entry) || !entry->acknowledgedChunks.empty() || entry->chunks) continue;
                 upload->adoptRemoteFileID(entry->remoteFileID, entry->maximumFullFileUploadSize);
                 ZNVLogInfo("   remote file {} recorded for {} after the last save",
                            entry->remoteFileID, upload->description());
                 break;
             }
         }
-        // Then the batches acknowledged for that remote file.
+        // Then whether it went on in chunks, and the batches acknowledged.
+        for (const auto& entry : entries) {
+            if (isFor(entry) && entry.chunks && upload->moveToChunks(entry.remoteFileID)) {
+                ZNVLogInfo("   {} went on in chunks after the last save", upload->description());
+            }
+        }
         for (const auto& entry : entries) {
             if (!isFor(entry) || entry.acknowledgedChunks.empty()) continue;
             ZNVIndexSet indices;

@@ -230,6 +230,17 @@ bool ZNVStorageUpload::forgetAcknowledgedChunks(const std::string& remoteFileID,
     return chunkIndicesToUpload_.count() != before;
 }
 
+bool ZNVStorageUpload::moveToChunks(const std::string& remoteFileID) {
+    Lock lock(*this);
+    if (remoteFileID.empty() || remoteFileID != remoteFileID_ || uploadsChunks_ ||
+        state() == ZNVNetworkTaskStateCompleted) {
+        return false;
+    }
+    uploadsChunks_ = true;
+    if (chunkIndicesToUpload_.empty()) chunkIndicesToUpload_ = allChunkIndices();
+    return true;
+}
+
 std::string ZNVStorageUpload::remoteFilename() const {
     Lock lock(*this);
     return remoteFilename_;

@@ -101,6 +101,10 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     // `remoteFileID` after the last save are no longer to be sent. Nothing
     // for another remote file; false when nothing changed.
     bool forgetAcknowledgedChunks(const std::string& remoteFileID, const ZNVIndexSet& indices);
+    // For a restored upload of `remoteFileID` whose whole file the service
+    // refused after the last save: it goes on in chunks, all still to send.
+    // False when it already was in chunks (or names another remote file).
+    bool moveToChunks(const std::string& remoteFileID);
     // Where the service serves the file's content, as its completing answer
     // (whole file or assembly) gave it; none before that, and after a
     // relaunch (it is not archived: ask the storage manager's
