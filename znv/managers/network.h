@@ -272,7 +272,8 @@ class ZNVNetwork : public ZNVObservable,
     // on the answer (0 when nothing was recorded: no state file of this
     // process's, or the line could not be written), then
     // `forgetRemoteFileIDsAfterNextSave` with what it returned once the task
-    // holds the ID. Any thread.
+    // holds it (records up to that one go once a later save is on disk).
+    // Any thread.
     uint64_t recordRemoteFileID(const ZNVRemoteFileJournal::Entry& entry);
     void forgetRemoteFileIDsAfterNextSave(uint64_t count);
     // While the state is read: gives the restored tasks the IDs recorded for

@@ -280,7 +280,7 @@ void ZNVNetwork::forgetRemoteFileIDsAfterNextSave(uint64_t count) {
     std::weak_ptr<ZNVStateWriter> weakWriter = stateWriter_;
     stateWriter_->afterWritten(target, [journal, count, target, weakWriter] {
         auto writer = weakWriter.lock();
-        if (writer && writer->savedGeneration() >= target) journal->truncateIfUnchangedSince(count);
+        if (writer && writer->savedGeneration() >= target) journal->forgetUpTo(count);
     });
 }
 

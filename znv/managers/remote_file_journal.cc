@@ -58,6 +58,7 @@ uint64_t ZNVRemoteFileJournal::record(const Entry& entry) {
             fd_ =
                 ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
         } while (fd_ < 0 && errno == EINTR);
+        if (fd_ >= 0) ::fchmod(fd_, 0600);  // also when an older file was there
     }
     // One write per line: a kill leaves whole lines, at most a torn last one.
     if (fd_ < 0 || !writeAll(fd_, text)) {
@@ -66,21 +67,48 @@ uint64_t ZNVRemoteFileJournal::record(const Entry& entry) {
         return 0;
     }
     dirty_ = true;
-    return ++records_;
+    ++records_;
+    uncovered_.emplace_back(records_, text);
+    return records_;
 }
 
-void ZNVRemoteFileJournal::truncateIfUnchangedSince(uint64_t count) {
+void ZNVRemoteFileJournal::forgetUpTo(uint64_t count) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (!dirty_ || count != records_) return;
-    while (fd_ < 0) {  // only read so far: what an earlier process recorded
-        fd_ = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW);
-        if (fd_ < 0 && errno != EINTR) return;
-    }
-    if (::ftruncate(fd_, 0) != 0) {
-        ZNVLogError("failed to empty {}: {}", path_, std::strerror(errno));
+    if (!dirty_) return;
+    while (!uncovered_.empty() && uncovered_.front().first <= count)
+        uncovered_.pop_front();
+    if (uncovered_.empty()) {
+        while (fd_ < 0) {  // only read so far: what an earlier process recorded
+            fd_ = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW);
+            if (fd_ < 0 && errno != EINTR) return;
+        }
+        if (::ftruncate(fd_, 0) != 0) {
+            ZNVLogError("failed to empty {}: {}", path_, std::strerror(errno));
+            return;
+        }
+        dirty_ = false;
         return;
     }
-    dirty_ = false;
+    // Records made since are not in a save yet: they move to a new file that
+    // replaces this one whole, so a kill leaves one or the other.
+    std::string text;
+    for (const auto& record : uncovered_)
+        text += record.second;
+    const std::string temporary = path_ + ".tmp";
+    int fd = -1;
+    do {
+        fd = ::open(temporary.c_str(),
+                    O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
+    } while (fd < 0 && errno == EINTR);
+    if (fd >= 0) ::fchmod(fd, 0600);
+    if (fd < 0 || !writeAll(fd, text) || ::rename(temporary.c_str(), path_.c_str()) != 0) {
+        ZNVLogError("failed to shorten {}: {}", path_, std::strerror(errno));
+        if (fd >= 0) ::close(fd);
+        ::unlink(temporary.c_str());
+        return;
+    }
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = fd;  // appends go on in the new file
 }
 
 std::vector<ZNVRemoteFileJournal::Entry> ZNVRemoteFileJournal::read() {

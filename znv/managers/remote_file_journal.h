@@ -16,11 +16,15 @@
 //   batch's chunk indices ("acked"), so that a relaunch does not send them
 //   again; one recorded when the service refused the whole file says so
 //   ("chunks": true), so that a relaunch goes on in chunks.
-// - `truncateIfUnchangedSince(count)` empties the file when nothing was recorded
-//   since `record` returned `count`: the caller does it once a save taken after
-//   that record is on disk. Lines that outlive their save (a kill between the
-//   two) are harmless: they are only ever used to fill in an ID that a restored
-//   upload lacks.
+// - `forgetUpTo(count)` drops the records up to the one `record` numbered
+//   `count` (and what the file held before this object's first record): the
+//   caller does it once a save taken after that record is on disk. The file
+//   is emptied, or replaced whole by one holding the later records. Lines
+//   that outlive their save (a kill in between) are used again at the next
+//   launch: an ID only fills in one that a restored upload lacks, a refused
+//   whole file only moves an upload of that remote file to chunks, and
+//   acknowledged chunks only leave the chunks to send (should the service
+//   later miss them, the assembly names them and they are sent again).
 // - `read` returns the well-formed lines of the file in order and skips any
 //   other line; a file larger than 16 MiB is not read. `parse` does the same
 //   for text in memory.
@@ -28,10 +32,12 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace znv {
@@ -61,7 +67,7 @@ class ZNVRemoteFileJournal {
     // The number of records made so far by this object; 0 when the line
     // could not be written (logged).
     uint64_t record(const Entry& entry);
-    void truncateIfUnchangedSince(uint64_t count);
+    void forgetUpTo(uint64_t count);
 
     std::vector<Entry> read();
     static std::vector<Entry> parse(std::string_view text);
@@ -73,7 +79,10 @@ class ZNVRemoteFileJournal {
     std::mutex mutex_;
     int fd_ = -1;           // opened on the first record; guarded by mutex_
     uint64_t records_ = 0;  // guarded by mutex_
-    bool dirty_ = false;    // something was written since the last truncation; guarded by mutex_
+    // The lines recorded by this object that no save holds yet, by number;
+    // guarded by mutex_.
+    std::deque<std::pair<uint64_t, std::string>> uncovered_;
+    bool dirty_ = false;  // something was written since the last truncation; guarded by mutex_
 };
 
 }  // namespace znv

@@ -1,0 +1,49 @@
+// The journal of remote file IDs: what no save holds yet survives every
+// shortening of the file, and what a save holds goes.
+#include "znv/managers/remote_file_journal.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <string>
+
+#include "tests/support/test_support.h"
+
+namespace znv {
+namespace {
+
+using Entry = ZNVRemoteFileJournal::Entry;
+
+TEST(RemoteFileJournal, RecordsNoSaveHoldsSurviveAndThoseOfAnEarlierProcessGo) {
+    const std::string path = test::makeTempDir("journal") + "/q.state.journal";
+    // What an earlier process recorded, its last line cut short by a kill.
+    const Entry earlier{"file:///old", 1, "OLD", 7, {}, false};
+    test::writeFile(path, ZNVRemoteFileJournal::line(earlier) + R"({"source":"file:///cut)");
+
+    ZNVRemoteFileJournal journal(path);
+    EXPECT_EQ(journal.read(), std::vector<Entry>{earlier});
+    const std::vector<Entry> made = {{"file:///a", 10, "A", 100, {}, false},
+                                     {"file:///a", 10, "A", 100, {0, 1, 2}, false},
+                                     {"file:///b", 11, "B", 0, {}, true}};
+    for (size_t i = 0; i < made.size(); ++i)
+        EXPECT_EQ(journal.record(made[i]), i + 1);
+    struct stat info {};
+    ASSERT_EQ(::stat(path.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+
+    // A save holds the first two: the third stays, and the earlier
+    // process's line goes (the first save after a launch holds what it said).
+    journal.forgetUpTo(2);
+    EXPECT_EQ(journal.read(), std::vector<Entry>{made[2]});
+    const Entry later{"file:///c", 12, "C", 0, {3}, false};
+    EXPECT_EQ(journal.record(later), 4u);
+    EXPECT_EQ(journal.read(), (std::vector<Entry>{made[2], later}));
+    journal.forgetUpTo(4);
+    EXPECT_TRUE(journal.read().empty());
+    EXPECT_EQ(std::filesystem::file_size(path), 0u);
+    EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
+}
+
+}  // namespace
+}  // namespace znv
