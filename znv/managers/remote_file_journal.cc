@@ -18,6 +18,9 @@ namespace {
 constexpr off_t kMaximumJournalSize = off_t{16} << 20;
 // A line longer than this is not one of ours (a file ID and a path at most).
 constexpr size_t kMaximumLineLength = 64 * 1024;
+// A journal that still has records no save holds is rewritten without the
+// others only from this size on.
+constexpr uint64_t kRewriteSize = 256 * 1024;
 
 bool writeAll(int fd, const std::string& text) {
     size_t done = 0;
@@ -68,6 +71,7 @@ uint64_t ZNVRemoteFileJournal::record(const Entry& entry) {
     }
     dirty_ = true;
     ++records_;
+    size_ += text.size();
     uncovered_.emplace_back(records_, text);
     return records_;
 }
@@ -77,6 +81,10 @@ void ZNVRemoteFileJournal::forgetUpTo(uint64_t count) {
     if (!dirty_) return;
     while (!uncovered_.empty() && uncovered_.front().first <= count)
         uncovered_.pop_front();
+    // Covered lines are harmless in the file (see the header): it is only
+    // rewritten once it has grown, so a stream of records costs no more than
+    // their appends.
+    if (!uncovered_.empty() && size_ < kRewriteSize) return;
     if (uncovered_.empty()) {
         while (fd_ < 0) {  // only read so far: what an earlier process recorded
             fd_ = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW);
@@ -87,6 +95,7 @@ void ZNVRemoteFileJournal::forgetUpTo(uint64_t count) {
             return;
         }
         dirty_ = false;
+        size_ = 0;
         return;
     }
     // Records made since are not in a save yet: they move to a new file that
@@ -109,6 +118,7 @@ void ZNVRemoteFileJournal::forgetUpTo(uint64_t count) {
     }
     if (fd_ >= 0) ::close(fd_);
     fd_ = fd;  // appends go on in the new file
+    size_ = text.size();
 }
 
 std::vector<ZNVRemoteFileJournal::Entry> ZNVRemoteFileJournal::read() {

@@ -19,7 +19,8 @@
 // - `forgetUpTo(count)` drops the records up to the one `record` numbered
 //   `count` (and what the file held before this object's first record): the
 //   caller does it once a save taken after that record is on disk. The file
-//   is emptied, or replaced whole by one holding the later records. Lines
+//   is emptied when no later record remains; otherwise, once it has grown
+//   past 256 KiB, it is replaced whole by one holding the later records. Lines
 //   that outlive their save (a kill in between) are used again at the next
 //   launch: an ID only fills in one that a restored upload lacks, a refused
 //   whole file only moves an upload of that remote file to chunks, and
@@ -82,6 +83,7 @@ class ZNVRemoteFileJournal {
     // The lines recorded by this object that no save holds yet, by number;
     // guarded by mutex_.
     std::deque<std::pair<uint64_t, std::string>> uncovered_;
+    uint64_t size_ = 0;   // bytes this object wrote to the file as it is now; guarded by mutex_
     bool dirty_ = false;  // something was written since the last truncation; guarded by mutex_
 };
 
