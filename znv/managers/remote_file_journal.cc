@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "znv/foundation/log.h"
+#include "znv/platform/filesystem.h"
 
 namespace znv {
 namespace {
@@ -21,17 +22,6 @@ constexpr size_t kMaximumLineLength = 64 * 1024;
 // A journal that still has records no save holds is rewritten without the
 // others only from this size on.
 constexpr uint64_t kRewriteSize = 256 * 1024;
-
-bool writeAll(int fd, const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -64,7 +54,7 @@ uint64_t ZNVRemoteFileJournal::record(const Entry& entry) {
         if (fd_ >= 0) ::fchmod(fd_, 0600);  // also when an older file was there
     }
     // One write per line: a kill leaves whole lines, at most a torn last one.
-    if (fd_ < 0 || !writeAll(fd_, text)) {
+    if (fd_ < 0 || !ZNVWriteAll(fd_, text.data(), text.size())) {
         ZNVLogError("failed to record remote file {} in {}: {}", entry.remoteFileID, path_,
                     std::strerror(errno));
         return 0;
@@ -110,7 +100,8 @@ void ZNVRemoteFileJournal::forgetUpTo(uint64_t count) {
                     O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
     } while (fd < 0 && errno == EINTR);
     if (fd >= 0) ::fchmod(fd, 0600);
-    if (fd < 0 || !writeAll(fd, text) || ::rename(temporary.c_str(), path_.c_str()) != 0) {
+    if (fd < 0 || !ZNVWriteAll(fd, text.data(), text.size()) ||
+        ::rename(temporary.c_str(), path_.c_str()) != 0) {
         ZNVLogError("failed to shorten {}: {}", path_, std::strerror(errno));
         if (fd >= 0) ::close(fd);
         ::unlink(temporary.c_str());

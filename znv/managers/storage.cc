@@ -20,9 +20,39 @@ int64_t microsecondsSinceEpoch(const ZNVDate& date) {
     return std::chrono::duration_cast<std::chrono::microseconds>(date.time_since_epoch()).count();
 }
 
-}  // namespace
-
-namespace {
+// What the journal must hold before `upload` acts on `response`, if anything:
+// a new remote file, a batch of chunks acknowledged, or the whole file refused
+// while the network is up (the upload then goes on in chunks). The source is
+// resolved only then: most answers need no record.
+std::optional<ZNVRemoteFileJournal::Entry> journalEntryFor(const ZNVStorageUpload& upload,
+                                                           const ZNVStorageResponse& response,
+                                                           bool reachable) {
+    const std::string current = upload.remoteFileID();
+    ZNVRemoteFileJournal::Entry entry;
+    entry.remoteFileID = current;
+    entry.maximumFullFileUploadSize = upload.maximumFullFileUploadSize();
+    const auto& sent = response.localChunkIndicesToUpload();
+    if (response.error()) {
+        if (response.type() != ZNVStorageResponseTypeUploadedFullFile || !reachable ||
+            upload.uploadsChunks() || current.empty())
+            return std::nullopt;
+        entry.chunks = true;
+    } else if (response.type() == ZNVStorageResponseTypeNewRemoteFile && current.empty() &&
+               !response.remoteFileID().empty()) {
+        entry.remoteFileID = response.remoteFileID();
+        entry.maximumFullFileUploadSize = response.maximumFullFileUploadSize();
+    } else if (response.type() == ZNVStorageResponseTypeUploadedChunk && !current.empty() &&
+               current == response.remoteFileID() && sent && !sent->empty()) {
+        entry.acknowledgedChunks = sent->indices();
+    } else {
+        return std::nullopt;
+    }
+    const std::optional<ZNVURL> source = upload.sourceURL();
+    if (!source) return std::nullopt;
+    entry.sourceURL = source->absoluteString();
+    entry.startMicroseconds = microsecondsSinceEpoch(upload.startDate());
+    return entry;
+}
 
 constexpr uint64_t kUploadCapacity = 2;
 
@@ -352,42 +382,14 @@ void ZNVStorage::didCompleteWithData(const std::shared_ptr<ZNVNetworkSessionMana
         return;
     }
     upload->connectToAccount(account_, manager, task);
-    // A new remote file is recorded before the upload sends anything that
-    // uses it: killed before the next save, a relaunch still knows it.
-    // So is a batch of chunks the service acknowledged: a relaunch before the
-    // next save does not send it again while the next batch is on its way.
-    uint64_t recorded = 0;
-    const std::optional<ZNVURL> source = upload->sourceURL();
-    if (source && !response->error() && !response->remoteFileID().empty()) {
-        const std::string current = upload->remoteFileID();
-        const int64_t start = microsecondsSinceEpoch(upload->startDate());
-        const auto& sent = response->localChunkIndicesToUpload();
-        if (response->type() == ZNVStorageResponseTypeNewRemoteFile && current.empty()) {
-            recorded = recordRemoteFileID({source->absoluteString(),
-                                           start,
-                                           response->remoteFileID(),
-                                           response->maximumFullFileUploadSize(),
-                                           {},
-                                           false});
-        } else if (response->type() == ZNVStorageResponseTypeUploadedChunk &&
-                   current == response->remoteFileID() && sent && !sent->empty()) {
-            recorded =
-                recordRemoteFileID({source->absoluteString(), start, current,
-                                    upload->maximumFullFileUploadSize(), sent->indices(), false});
-        }
-    }
-    // And the whole file refused while the network is up: the upload goes on
-    // in chunks, and a relaunch must not send the whole file again.
+    // What the answer tells is recorded before the upload acts on it (sends
+    // the next request): killed before the next save, a relaunch neither
+    // creates the remote file again, nor sends an acknowledged batch again,
+    // nor sends a refused file whole again.
     const bool reachable = isReachableEvenInBackground();
-    if (source && response->error() && reachable &&
-        response->type() == ZNVStorageResponseTypeUploadedFullFile && !upload->uploadsChunks() &&
-        !upload->remoteFileID().empty()) {
-        recorded = recordRemoteFileID({source->absoluteString(),
-                                       microsecondsSinceEpoch(upload->startDate()),
-                                       upload->remoteFileID(),
-                                       upload->maximumFullFileUploadSize(),
-                                       {},
-                                       true});
+    uint64_t recorded = 0;
+    if (auto entry = journalEntryFor(*upload, *response, reachable)) {
+        recorded = recordRemoteFileID(*entry);
     }
     upload->handleStorageResponse(*response, reachable);
     if (recorded != 0) forgetRemoteFileIDsAfterNextSave(recorded);
@@ -425,14 +427,16 @@ void ZNVStorage::applyRecordedRemoteFileIDs(
                 break;
             }
         }
-        // Then whether it went on in chunks, and the batches acknowledged.
+        // Then, in order, whether it went on in chunks and the batches acknowledged.
         for (const auto& entry : entries) {
-            if (isFor(entry) && entry.chunks && upload->moveToChunks(entry.remoteFileID)) {
-                ZNVLogInfo("   {} went on in chunks after the last save", upload->description());
+            if (!isFor(entry)) continue;
+            if (entry.chunks) {
+                if (upload->moveToChunks(entry.remoteFileID))
+                    ZNVLogInfo("   {} went on in chunks after the last save",
+                               upload->description());
+                continue;
             }
-        }
-        for (const auto& entry : entries) {
-            if (!isFor(entry) || entry.acknowledgedChunks.empty()) continue;
+            if (entry.acknowledgedChunks.empty()) continue;
             ZNVIndexSet indices;
             for (uint64_t index : entry.acknowledgedChunks)
                 indices.add(index);
