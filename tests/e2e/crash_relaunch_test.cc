@@ -1,14 +1,18 @@
-// Killed and relaunched: a child process uploads a large file by chunks
-// through a throttled emulator and is killed with SIGKILL at a chosen point;
-// this process then launches a storage manager on the same home directory,
-// restores the upload and completes it. The remote file must equal the source
-// and no batch whose acknowledgement had been saved may be sent again.
+// Killed and relaunched: a child process uploads a large file by chunks, or
+// downloads one, through a throttled emulator and is killed with SIGKILL at a
+// chosen point; a second child launches a storage manager on the same home
+// directory, restores the task and completes it. The remote file must equal
+// the source and no batch whose acknowledgement had been saved may be sent
+// again; a download continues from the bytes its partial file holds.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <sys/stat.h>
+
 #include <cstdlib>
+#include <filesystem>
 #include <set>
 
 #include "tests/e2e/e2e_support.h"
@@ -27,9 +31,10 @@ ZNVAccountConfigurationRef crashConfiguration(const std::string& baseURL) {
 
 // The child processes' side. It only runs when the parent test starts this
 // executable with the variables below; a plain run of the suite skips it.
-// "upload" starts the upload and keeps going until the parent kills the
-// process; "relaunch" restores the upload, completes it and writes its remote
-// file ID to ZNV_CRASH_RESULT.
+// "upload" starts the upload (and "download" a download of the remote URL in
+// ZNV_CRASH_SOURCE) and keeps going until the parent kills the process;
+// "relaunch" restores the task and completes it, then writes an upload's
+// remote file ID to ZNV_CRASH_RESULT or copies a download's file there.
 TEST(CrashHelper, Run) {
     const char* mode = std::getenv("ZNV_CRASH_MODE");
     const char* baseURL = std::getenv("ZNV_CRASH_BASE_URL");
@@ -40,20 +45,41 @@ TEST(CrashHelper, Run) {
         GTEST_SKIP() << "runs only as a child of the crash tests";
     }
     setenv("HOME", home, 1);
+    // Partial downloads go to a directory the parent can look into.
+    const std::string tmp = std::string(home) + "/tmp";
+    ::mkdir(tmp.c_str(), 0700);
+    setenv("TMPDIR", tmp.c_str(), 1);
     test::installManualReachability();
     test::LogCapture log;
     auto account = ZNVTokenAccount::createWithToken(crashConfiguration(baseURL), "dev-token");
     auto storage = ZNVStorage::storageForAccount(account);
     ASSERT_NE(storage, nullptr);
 
-    if (std::string(mode) == "upload") {
-        ASSERT_TRUE(storage->uploads().empty());
-        ASSERT_NE(storage->uploadFromFile(ZNVURL::fileURL(source), "", "", "", false, true),
-                  nullptr);
+    if (std::string(mode) == "upload" || std::string(mode) == "download") {
+        ASSERT_TRUE(storage->tasks().empty());
+        if (std::string(mode) == "upload") {
+            ASSERT_NE(storage->uploadFromFile(ZNVURL::fileURL(source), "", "", "", false, true),
+                      nullptr);
+        } else {
+            ASSERT_NE(storage->downloadFromRemoteFile(ZNVURL::fromString(source).value()), nullptr);
+        }
         test::waitFor([] { return false; }, std::chrono::minutes(5));
         FAIL() << "the parent never killed the helper";
     }
 
+    if (auto downloads = storage->downloads(); !downloads.empty()) {
+        ASSERT_EQ(downloads.size(), 1u);
+        auto download = downloads[0];
+        ASSERT_TRUE(test::waitFor([&] { return download->state() == ZNVNetworkTaskStateCompleted; },
+                                  std::chrono::minutes(3)))
+            << download->description();
+        ASSERT_EQ(download->error(), nullptr) << download->error()->description();
+        ASSERT_TRUE(download->localFileURL().has_value());
+        std::filesystem::copy_file(download->localFileURL()->path(), result);
+        storage->finishTask(download);
+        storage->invalidateClientAndCancelTasks();
+        return;
+    }
     auto uploads = storage->uploads();
     ASSERT_EQ(uploads.size(), 1u) << "the upload was not restored";
     auto upload = uploads[0];
@@ -288,6 +314,76 @@ TEST_F(CrashRelaunch, KilledDuringAssembly) {
     EXPECT_TRUE(afterKill_[0].value("path", "").ends_with("/complete")) << sent[0];
     EXPECT_EQ(afterKill_[0].value("status", 0), 200) << sent[0];
     EXPECT_LT(afterKill_[0].value("bodySize", uint64_t{0}), 4096u) << sent[0];
+}
+
+// A download killed mid-transfer continues, after the relaunch, from the bytes
+// its partial file holds: the saved queue names that file.
+TEST_F(CrashRelaunch, KilledDuringADownloadLosesNoReceivedBytes) {
+    // The remote file, uploaded by this process.
+    auto uploader = makeStorage();
+    auto upload = std::static_pointer_cast<ZNVStorageUpload>(
+        uploader->uploadFromFile(ZNVURL::fileURL(source_), false));
+    ASSERT_NE(upload, nullptr);
+    ASSERT_TRUE(test::waitFor([&] { return upload->state() == ZNVNetworkTaskStateCompleted; },
+                              std::chrono::minutes(2)));
+    ASSERT_EQ(upload->error(), nullptr);
+    const uint64_t size = std::filesystem::file_size(source_);
+    ASSERT_TRUE(emulator_->addFault({{"method", "GET"},
+                                     {"path", "/content/*"},
+                                     {"action", "throttle"},
+                                     {"bytesPerSecond", 16 * kMiB}}));
+
+    const std::string partialDir = home_ + "/tmp/znv-" + std::to_string(::geteuid());
+    auto partialBytes = [&] {
+        uint64_t bytes = 0;
+        std::error_code error;
+        for (const auto& entry : std::filesystem::directory_iterator(partialDir, error)) {
+            if (entry.path().filename().string().starts_with("ZNVDownload-"))
+                bytes += entry.file_size();
+        }
+        return bytes;
+    };
+    source_ = emulator_->rootURL() + "content/" + upload->remoteFileID();
+    const size_t requestsBefore = emulator_->requestLog().size();
+    child_ = startChild("download");
+    ASSERT_GT(child_, 0);
+    // Killed once the queue on disk knows the transfer and a good part of the
+    // body has arrived.
+    ASSERT_TRUE(test::waitFor(
+        [&] {
+            const auto saved = savedUpload();
+            return saved.contains("resumeData") && partialBytes() > 8 * kMiB;
+        },
+        std::chrono::seconds(60)))
+        << "kill point never reached";
+    killChild();
+    const uint64_t kept = partialBytes();
+    ASSERT_LT(kept, size);
+    emulator_->clearFaults();
+
+    pid_t relaunch = startChild("relaunch");
+    ASSERT_GT(relaunch, 0);
+    const int status = waitForExit(relaunch, std::chrono::seconds(120));
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        << "the relaunched process failed (status " << status << ")";
+    EXPECT_TRUE(test::filesEqual(resultPath_, remoteContentPath(upload->remoteFileID())));
+
+    // Two body requests: the first, cut by the kill, and one for the rest.
+    std::vector<nlohmann::json> gets;
+    const auto log = emulator_->requestLog();
+    for (size_t i = requestsBefore; i < log.size(); ++i) {
+        if (log[i].value("method", "") == "GET" &&
+            log[i].value("path", "").starts_with("/content/")) {
+            gets.push_back(log[i]);
+        }
+    }
+    ASSERT_EQ(gets.size(), 2u) << nlohmann::json(gets).dump();
+    EXPECT_FALSE(gets[0]["headers"].contains("Range"));
+    EXPECT_EQ(gets[1]["headers"].value("Range", ""), "bytes=" + std::to_string(kept) + "-");
+    EXPECT_TRUE(gets[1]["headers"].contains("If-Range"));
+    EXPECT_EQ(gets[1].value("status", 0), 206);
+    // The partial file went into the finished download.
+    EXPECT_EQ(partialBytes(), 0u);
 }
 
 }  // namespace

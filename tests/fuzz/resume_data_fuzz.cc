@@ -13,7 +13,7 @@ bool same(const znv::ZNVURLSessionResumeData::Info& a,
     return a.url == b.url && a.method == b.method && a.headers == b.headers &&
            a.partialFile == b.partialFile && a.bytesReceived == b.bytesReceived &&
            a.etag == b.etag && a.lastModified == b.lastModified &&
-           a.expectedTotalBytes == b.expectedTotalBytes;
+           a.expectedTotalBytes == b.expectedTotalBytes && a.growing == b.growing;
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <thread>
 #include <tuple>
 
@@ -455,6 +456,91 @@ TEST_F(ResumeTest, CancelledDownloadResumesWithARangeOrStartsOverWhenTheFileChan
         // Only the headers the request asked for: no "Accept" of libcurl's.
         EXPECT_FALSE(requests[0].at("headers").contains("Accept")) << requests[0].dump();
     }
+}
+
+// The partial files in the session's private temporary directory.
+std::set<std::string> partialFiles() {
+    std::set<std::string> files;
+    std::error_code error;
+    for (const auto& entry :
+         std::filesystem::directory_iterator(ZNVPrivateTemporaryDirectory(), error)) {
+        if (entry.path().filename().string().starts_with("ZNVDownload-"))
+            files.insert(entry.path().string());
+    }
+    return files;
+}
+
+// Resume data taken from a running transfer describes a file that keeps
+// filling. Used while that transfer still writes, it starts a file of its own;
+// the session, invalidated under the transfer, leaves that file for it (a
+// transfer whose data nobody took loses its file); used later, it continues
+// from all the file holds.
+TEST_F(ResumeTest, RunningResumeDataOutlivesTheSessionAndContinuesFromTheWholeFile) {
+    makeSession();
+    std::string content = patternBytes(2 << 20, 8);
+    std::string source = putFileOnEmulator(emulator_, content);
+    const std::set<std::string> before = partialFiles();
+    emulator_.addFault({{"method", "GET"},
+                        {"path", "/content/*"},
+                        {"action", "throttle"},
+                        {"bytesPerSecond", 1 << 20},
+                        {"times", 2}});
+    auto kept = session_->downloadTaskWithURL(url(source));
+    auto dropped = session_->downloadTaskWithURL(url(source));
+    kept->resume();
+    dropped->resume();
+    ASSERT_TRUE(waitFor([&] {
+        return delegate_->totalWritten(kept->taskIdentifier()) > 0 &&
+               delegate_->totalWritten(dropped->taskIdentifier()) > 0;
+    }));
+    const ZNVBytes running = kept->takeRunningResumeData();
+    auto info = ZNVURLSessionResumeData::decode(running);
+    ASSERT_TRUE(info.has_value());
+    EXPECT_TRUE(info->growing);
+    EXPECT_EQ(info->bytesReceived, 0);
+    EXPECT_EQ(info->expectedTotalBytes, static_cast<int64_t>(content.size()));
+    ASSERT_EQ(partialFiles().size(), before.size() + 2);
+
+    // A second writer on the running transfer's file would interleave two
+    // bodies: the copy goes to a fresh file and asks for everything.
+    emulator_.clearRequestLog();
+    auto early = session_->downloadTaskWithResumeData(running);
+    ASSERT_EQ(run(early), 0);
+    EXPECT_TRUE(readFile(downloads_ + "/task-" + std::to_string(early->taskIdentifier())) ==
+                content);
+    auto requests = logged("GET", "/content/");
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(loggedHeader(requests[0], "Range"), "");
+
+    session_->invalidateAndCancel();
+    ASSERT_TRUE(delegate_->waitForInvalid());
+    std::set<std::string> left = partialFiles();
+    for (const auto& file : before)
+        left.erase(file);
+    ASSERT_EQ(left, std::set<std::string>{info->partialFile});
+    const auto held = static_cast<int64_t>(std::filesystem::file_size(info->partialFile));
+    ASSERT_GT(held, 0);
+    ASSERT_LT(held, static_cast<int64_t>(content.size()));
+
+    // A new session numbers its tasks from the start again: it gets a
+    // delegate of its own.
+    delegate_ = std::make_shared<RecordingDelegate>(downloads_);
+    delegate_->setQueue(queue_);
+    makeSession();
+    emulator_.clearRequestLog();
+    auto resumed = session_->downloadTaskWithResumeData(running);
+    ASSERT_EQ(run(resumed), 0);
+    EXPECT_EQ(resumed->response()->statusCode(), 206);
+    auto events = delegate_->eventsFor(resumed->taskIdentifier());
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(events.front().kind, Kind::Resumed);
+    EXPECT_EQ(events.front().a, held);
+    EXPECT_TRUE(readFile(downloads_ + "/task-" + std::to_string(resumed->taskIdentifier())) ==
+                content);
+    requests = logged("GET", "/content/");
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(loggedHeader(requests[0], "Range"), "bytes=" + std::to_string(held) + "-");
+    EXPECT_EQ(partialFiles(), before);
 }
 
 // Each way a transfer can fail becomes its own URL error: an emulator that

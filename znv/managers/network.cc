@@ -597,7 +597,10 @@ void ZNVNetwork::didCompleteWithData(const std::shared_ptr<ZNVNetworkSessionMana
 
 void ZNVNetwork::didUpdateProgress(const std::shared_ptr<ZNVNetworkSessionManager>& /*manager*/,
                                    const std::shared_ptr<ZNVURLSessionTask>& task, float progress) {
-    if (auto download = downloadForTask(task)) download->handleProgress(progress);
+    auto download = downloadForTask(task);
+    // A download whose archive just gained the resume data of its running
+    // transfer is saved, so that a kill from here on loses none of its bytes.
+    if (download && download->handleProgress(progress)) writeState();
 }
 
 void ZNVNetwork::sessionManagerDidFinishBackgroundSessionEvents(

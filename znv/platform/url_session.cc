@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <strings.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -93,7 +94,11 @@ int createDownloadFile(std::string* path) {
     std::vector<char> buffer(pattern.begin(), pattern.end());
     buffer.push_back('\0');
     int fd = mkostemp(buffer.data(), O_CLOEXEC);
-    if (fd >= 0) *path = buffer.data();
+    if (fd < 0) return -1;
+    // The transfer writing a file holds a lock on it, so that resume data read
+    // back while it still runs never starts a second writer on the same file.
+    flock(fd, LOCK_EX | LOCK_NB);
+    *path = buffer.data();
     return fd;
 }
 
@@ -260,6 +265,12 @@ ZNVURLSessionDownloadTask::ZNVURLSessionDownloadTask(uint64_t identifier, ZNVURL
     : ZNVURLSessionTask(Kind::Download, identifier, std::move(request), std::move(session)),
       resumeData_(std::move(resumeData)) {}
 
+ZNVBytes ZNVURLSessionDownloadTask::takeRunningResumeData() {
+    std::lock_guard guard(runningMutex_);
+    if (!runningResumeData_.empty()) runningResumeDataTaken_.store(true);
+    return runningResumeData_;
+}
+
 void ZNVURLSessionDownloadTask::cancelByProducingResumeData(ResumeDataHandler completionHandler) {
     bool cancelling = requestCancel();
     auto session = owningSession();
@@ -418,7 +429,8 @@ struct ZNVURLSession::Core {
     void startTransfer(Entry& entry);
     ZNVErrorRef setUp(Transfer& transfer);
     void transferDone(uint64_t identifier, CURLcode code);
-    void cancelEntry(uint64_t identifier, ZNVURLSessionDownloadTask::ResumeDataHandler handler);
+    void cancelEntry(uint64_t identifier, ZNVURLSessionDownloadTask::ResumeDataHandler handler,
+                     bool invalidating = false);
     void failEntry(uint64_t identifier, ZNVErrorRef error);
     void tick();
     void deliverCompletion(const std::shared_ptr<ZNVURLSessionTask>& task, ZNVErrorRef error);
@@ -436,6 +448,7 @@ struct ZNVURLSession::Core {
     std::string failingURL(const Transfer& transfer) const;
     ZNVErrorRef errorFor(Transfer& transfer, CURLcode code) const;
     ZNVBytes resumeDataFor(Transfer& transfer);
+    ZNVBytes describeFile(const Transfer& transfer, bool growing);
     static bool writePending(Transfer& transfer);
 };
 
@@ -661,7 +674,7 @@ void ZNVURLSession::Core::run() {
             for (const auto& [identifier, entry] : entries)
                 identifiers.push_back(identifier);
             for (uint64_t identifier : identifiers)
-                cancelEntry(identifier, nullptr);
+                cancelEntry(identifier, nullptr, true);
             break;
         }
         if (ending == Ending::WhenIdle && entries.empty()) break;
@@ -832,10 +845,14 @@ ZNVErrorRef ZNVURLSession::Core::setUp(Transfer& t) {
                 int fd = open(info->partialFile.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
                 struct stat st {};
                 if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
-                    st.st_uid == getuid()) {
+                    st.st_uid == getuid() && flock(fd, LOCK_EX | LOCK_NB) == 0) {
                     t.outFd = fd;
                     t.outPath = info->partialFile;
-                    int64_t offset = std::min<int64_t>(st.st_size, info->bytesReceived);
+                    // Data taken while the file was filling names where that
+                    // transfer began; the file holds all it wrote since.
+                    int64_t offset = info->growing
+                                         ? st.st_size
+                                         : std::min<int64_t>(st.st_size, info->bytesReceived);
                     if (offset < st.st_size && ftruncate(fd, offset) != 0) offset = 0;
                     std::string validator =
                         isStrongValidator(info->etag) ? info->etag : info->lastModified;
@@ -1095,6 +1112,10 @@ bool ZNVURLSession::Core::beginBody(Transfer& t) {
         t.expectedTotal = contentLength;
     }
     t.postedWritten = t.fileSize;
+    if (ZNVBytes running = describeFile(t, true); !running.empty()) {
+        std::lock_guard guard(download->runningMutex_);
+        download->runningResumeData_ = std::move(running);
+    }
     return true;
 }
 
@@ -1316,9 +1337,18 @@ ZNVBytes ZNVURLSession::Core::resumeDataFor(Transfer& t) {
         t.outPath.clear();
         return t.resumedFrom;
     }
+    if (t.fileSize <= 0) return {};
+    ZNVBytes data = describeFile(t, false);
+    if (!data.empty()) t.outPath.clear();  // the resume data owns the file now
+    return data;
+}
+
+// Resume data naming the download's file as it stands, or empty when the
+// answer gives no way to ask for the rest later.
+ZNVBytes ZNVURLSession::Core::describeFile(const Transfer& t, bool growing) {
     const ZNVURLRequest& request = t.task->originalRequest();
     bool validator = isStrongValidator(t.etag) || !t.lastModified.empty();
-    if (!t.bodyBegun || t.badRange || t.writeFailed || t.outFd < 0 || t.fileSize <= 0 ||
+    if (!t.bodyBegun || t.badRange || t.writeFailed || t.outFd < 0 ||
         !(t.status == 200 || t.status == 206) || !t.acceptsRanges || !validator ||
         request.HTTPMethod() != "GET") {
         return {};
@@ -1336,9 +1366,8 @@ ZNVBytes ZNVURLSession::Core::resumeDataFor(Transfer& t) {
     info.etag = t.etag;
     info.lastModified = t.lastModified;
     info.expectedTotalBytes = t.expectedTotal;
-    ZNVBytes data = ZNVURLSessionResumeData::encode(info);
-    if (!data.empty()) t.outPath.clear();  // the resume data owns the file now
-    return data;
+    info.growing = growing;
+    return ZNVURLSessionResumeData::encode(info);
 }
 
 void ZNVURLSession::Core::deliverCompletion(const std::shared_ptr<ZNVURLSessionTask>& task,
@@ -1373,7 +1402,8 @@ void ZNVURLSession::Core::failEntry(uint64_t identifier, ZNVErrorRef error) {
 }
 
 void ZNVURLSession::Core::cancelEntry(uint64_t identifier,
-                                      ZNVURLSessionDownloadTask::ResumeDataHandler handler) {
+                                      ZNVURLSessionDownloadTask::ResumeDataHandler handler,
+                                      bool invalidating) {
     auto it = entries.find(identifier);
     if (it == entries.end()) {
         // Completed meanwhile: nothing to resume from.
@@ -1392,6 +1422,13 @@ void ZNVURLSession::Core::cancelEntry(uint64_t identifier,
         if (t.easy != nullptr) curl_multi_remove_handle(multi, t.easy);
         url = failingURL(t);
         if (handler) resumeData = resumeDataFor(t);
+        if (invalidating && t.task->kind() == ZNVURLSessionTask::Kind::Download &&
+            static_cast<ZNVURLSessionDownloadTask&>(*t.task).runningResumeDataTaken_.load()) {
+            // Someone keeps the running resume data for a later process: the
+            // file stays for it, as it would after a kill.
+            writePending(t);
+            t.outPath.clear();
+        }
     }
     if (handler) {
         post([handler = std::move(handler), resumeData](const std::shared_ptr<ZNVURLSession>&,

@@ -30,6 +30,7 @@ ZNVBytes ZNVURLSessionResumeData::encode(const Info& info) {
         {"Last-Modified", info.lastModified},
         {"expectedTotalBytes", info.expectedTotalBytes},
     };
+    if (info.growing) document["growing"] = true;
     std::string text = document.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     return ZNVBytes(text.begin(), text.end());
 }
@@ -58,6 +59,10 @@ std::optional<ZNVURLSessionResumeData::Info> ZNVURLSessionResumeData::decode(con
         if (auto total = document.find("expectedTotalBytes"); total != document.end()) {
             if (!total->is_number_integer()) return std::nullopt;
             info.expectedTotalBytes = total->get<int64_t>();
+        }
+        if (auto growing = document.find("growing"); growing != document.end()) {
+            if (!growing->is_boolean()) return std::nullopt;
+            info.growing = growing->get<bool>();
         }
         if (info.url.empty() || info.method.empty() || info.bytesReceived < 0) return std::nullopt;
         return info;

@@ -4,7 +4,8 @@
 // - Resume data is opaque to everyone but the URL session: UTF-8 JSON naming
 //   the request (URL, method, header fields), the partial file, how many bytes
 //   it holds and the validators ("ETag", "Last-Modified") that the resumed
-//   request sends in "If-Range".
+//   request sends in "If-Range". Data taken from a running transfer is
+//   marked as growing: the file it names holds at least `bytesReceived` bytes.
 // - `decode` accepts only what `encode` writes (a version member and the
 //   required members with the right types); anything else gives std::nullopt.
 // - Callable from any thread; only `removePartialFile` touches the disk.
@@ -29,6 +30,10 @@ class ZNVURLSessionResumeData {
         std::string etag;
         std::string lastModified;
         int64_t expectedTotalBytes = -1;
+        // Set in the resume data of a transfer that is still writing the
+        // file: `bytesReceived` is where it began, and whatever the file holds
+        // when the data is used continues it.
+        bool growing = false;
     };
 
     static ZNVBytes encode(const Info& info);

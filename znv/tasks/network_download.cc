@@ -79,7 +79,14 @@ void ZNVNetworkDownload::encodeWithCoder(ZNVCoder& coder) const {
     ZNVKeyedArchiver* archiver = coder.asKeyedArchiver();
     Lock lock(*this);
     if (localFileURL_) archiver->encodeURL(*localFileURL_, "localFileURL");
-    if (resumeData_) archiver->encodeData(*resumeData_, "resumeData");
+    if (resumeData_) {
+        archiver->encodeData(*resumeData_, "resumeData");
+    } else if (runningResumeData_) {
+        // Only while the transfer it describes is still the task's.
+        std::shared_ptr<ZNVURLSessionTask> current = task();
+        std::shared_ptr<ZNVURLSessionTask> of = runningResumeDataOf_.lock();
+        if (current && current == of) archiver->encodeData(*runningResumeData_, "resumeData");
+    }
 }
 
 void ZNVNetworkDownload::finishDownloadInit() {
@@ -172,13 +179,27 @@ bool ZNVNetworkDownload::validateParameters() {
     return !rawError();
 }
 
-void ZNVNetworkDownload::handleProgress(float fraction) {
+bool ZNVNetworkDownload::handleProgress(float fraction) {
     // 0 of 0 bytes gives NaN, which no integer can hold.
-    if (!std::isfinite(fraction)) return;
+    if (!std::isfinite(fraction)) return false;
     std::shared_ptr<ZNVProgress> current;
+    bool gainedResumeData = false;
     {
         Lock lock(*this);
         current = progress();
+        // The first report of a transfer whose answer can be continued later
+        // brings its resume data into the archive.
+        std::shared_ptr<ZNVURLSessionTask> running = task();
+        if (running && running->kind() == ZNVURLSessionTask::Kind::Download &&
+            running != runningResumeDataOf_.lock()) {
+            ZNVBytes data = std::static_pointer_cast<ZNVURLSessionDownloadTask>(running)
+                                ->takeRunningResumeData();
+            if (!data.empty()) {
+                runningResumeData_ = std::move(data);
+                runningResumeDataOf_ = running;
+                gainedResumeData = true;
+            }
+        }
         // Without a Content-Length the fraction is bytes over -1: it moves
         // down, not up.
         const float reach = fraction < 0 ? -fraction : fraction;
@@ -195,10 +216,12 @@ void ZNVNetworkDownload::handleProgress(float fraction) {
         farthest_ = std::max(farthest_, reach);
     }
     // The progress announces its change to observers: not under the task's lock.
-    if (!current) return;
-    fraction = std::clamp(fraction, 0.0f, 1.0f);
-    const float total = static_cast<float>(current->totalUnitCount());
-    current->setCompletedUnitCount(static_cast<int64_t>(total * fraction));
+    if (current) {
+        fraction = std::clamp(fraction, 0.0f, 1.0f);
+        const float total = static_cast<float>(current->totalUnitCount());
+        current->setCompletedUnitCount(static_cast<int64_t>(total * fraction));
+    }
+    return gainedResumeData;
 }
 
 void ZNVNetworkDownload::handleDownloadedFile(const ZNVURL& temporaryURL) {

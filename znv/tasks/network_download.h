@@ -15,9 +15,13 @@
 //   data back. Resume data that arrives after a retry, is replaced, or belongs
 //   to a finished task has its partial file deleted. Non-finite progress
 //   fractions are ignored.
-// - Bytes that arrive restore the recovery attempts: a transfer whose progress
-//   moves past where it started counts as a step that went through, so only
-//   failures in a row with nothing received in between use the attempts up.
+// - While a transfer runs whose answer allows continuing it later, the
+//   archive carries that transfer's resume data (marked as growing), so that a
+//   process killed or stopped mid-transfer continues from the partial file
+//   instead of losing what arrived.
+// - Bytes beyond the farthest point an earlier transfer reached restore the
+//   recovery attempts, so only failures in a row with nothing new received in
+//   between use them up.
 // - `response()` is the response head of the last transfer that got one; it
 //   stays after the transfer ends (not archived), so a client can read the
 //   headers of a finished download (its Content-Disposition, say).
@@ -51,7 +55,10 @@ class ZNVNetworkDownload : public ZNVNetworkTask {
     std::shared_ptr<const ZNVHTTPURLResponse> response() const;
 
     bool resume() override;
-    void handleProgress(float fraction);
+    // True when the transfer under way has just handed over resume data that
+    // the archive now carries: the caller saves, so that a process killed
+    // from here on continues the download from its partial file.
+    bool handleProgress(float fraction);
     void handleDownloadedFile(const ZNVURL& temporaryURL);
     void handleCompletionWithError(const ZNVErrorRef& error);
 
@@ -78,6 +85,10 @@ class ZNVNetworkDownload : public ZNVNetworkTask {
     // Guarded by the base task's lock.
     std::optional<ZNVURL> localFileURL_;
     std::optional<ZNVBytes> resumeData_;
+    // Resume data of the running transfer, archived as "resumeData" while
+    // `runningResumeDataOf_` is still the task's URL session task.
+    std::optional<ZNVBytes> runningResumeData_;
+    std::weak_ptr<ZNVURLSessionTask> runningResumeDataOf_;
     // The moved file and its directory until a save has flushed them.
     std::vector<std::string> pathsToFlush_;
     std::shared_ptr<const ZNVHTTPURLResponse> response_;
