@@ -265,9 +265,8 @@ ZNVURLSessionDownloadTask::ZNVURLSessionDownloadTask(uint64_t identifier, ZNVURL
     : ZNVURLSessionTask(Kind::Download, identifier, std::move(request), std::move(session)),
       resumeData_(std::move(resumeData)) {}
 
-ZNVBytes ZNVURLSessionDownloadTask::takeRunningResumeData() {
+ZNVBytes ZNVURLSessionDownloadTask::runningResumeData() {
     std::lock_guard guard(runningMutex_);
-    if (!runningResumeData_.empty()) runningResumeDataTaken_.store(true);
     return runningResumeData_;
 }
 
@@ -429,8 +428,7 @@ struct ZNVURLSession::Core {
     void startTransfer(Entry& entry);
     ZNVErrorRef setUp(Transfer& transfer);
     void transferDone(uint64_t identifier, CURLcode code);
-    void cancelEntry(uint64_t identifier, ZNVURLSessionDownloadTask::ResumeDataHandler handler,
-                     bool invalidating = false);
+    void cancelEntry(uint64_t identifier, ZNVURLSessionDownloadTask::ResumeDataHandler handler);
     void failEntry(uint64_t identifier, ZNVErrorRef error);
     void tick();
     void deliverCompletion(const std::shared_ptr<ZNVURLSessionTask>& task, ZNVErrorRef error);
@@ -674,7 +672,7 @@ void ZNVURLSession::Core::run() {
             for (const auto& [identifier, entry] : entries)
                 identifiers.push_back(identifier);
             for (uint64_t identifier : identifiers)
-                cancelEntry(identifier, nullptr, true);
+                cancelEntry(identifier, nullptr);
             break;
         }
         if (ending == Ending::WhenIdle && entries.empty()) break;
@@ -1402,8 +1400,7 @@ void ZNVURLSession::Core::failEntry(uint64_t identifier, ZNVErrorRef error) {
 }
 
 void ZNVURLSession::Core::cancelEntry(uint64_t identifier,
-                                      ZNVURLSessionDownloadTask::ResumeDataHandler handler,
-                                      bool invalidating) {
+                                      ZNVURLSessionDownloadTask::ResumeDataHandler handler) {
     auto it = entries.find(identifier);
     if (it == entries.end()) {
         // Completed meanwhile: nothing to resume from.
@@ -1422,13 +1419,6 @@ void ZNVURLSession::Core::cancelEntry(uint64_t identifier,
         if (t.easy != nullptr) curl_multi_remove_handle(multi, t.easy);
         url = failingURL(t);
         if (handler) resumeData = resumeDataFor(t);
-        if (invalidating && t.task->kind() == ZNVURLSessionTask::Kind::Download &&
-            static_cast<ZNVURLSessionDownloadTask&>(*t.task).runningResumeDataTaken_.load()) {
-            // Someone keeps the running resume data for a later process: the
-            // file stays for it, as it would after a kill.
-            writePending(t);
-            t.outPath.clear();
-        }
     }
     if (handler) {
         post([handler = std::move(handler), resumeData](const std::shared_ptr<ZNVURLSession>&,

@@ -230,10 +230,10 @@ class ZNVURLSessionDownloadTask : public ZNVURLSessionTask {
     // allows asking for the rest later (a GET answered 200 or 206 with byte
     // ranges and a validator); empty before that and for in-memory bodies.
     // It is marked as growing: the partial file keeps filling after it was
-    // taken. Whoever keeps it for a later process must save it; in exchange,
-    // a task whose data was taken keeps its partial file when the session is
-    // invalidated under it (as after a kill, where nothing removes it).
-    ZNVBytes takeRunningResumeData();
+    // read, and a task made from it continues from all the file then holds.
+    // A process killed mid-transfer leaves the file behind; that data, saved
+    // before, continues it at the next launch. Any thread.
+    ZNVBytes runningResumeData();
     // True once the server answered this task's ranged request with 416 for a
     // partial file that already held the whole body: that file is the
     // download, although `response()` carries the 416.
@@ -256,9 +256,8 @@ class ZNVURLSessionDownloadTask : public ZNVURLSessionTask {
   private:
     const ZNVBytes resumeData_;
     std::mutex runningMutex_;
-    ZNVBytes runningResumeData_;  // guarded by runningMutex_; set on the I/O thread
-    std::atomic<bool> runningResumeDataTaken_{false};
-    std::atomic<uint64_t> inMemoryLimit_{0};        // read by the session's transfer thread
+    ZNVBytes runningResumeData_;              // guarded by runningMutex_; set on the I/O thread
+    std::atomic<uint64_t> inMemoryLimit_{0};  // read by the session's transfer thread
     std::atomic<bool> partialFileWasWhole_{false};  // set on the I/O thread
 };
 

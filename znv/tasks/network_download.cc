@@ -193,7 +193,7 @@ bool ZNVNetworkDownload::handleProgress(float fraction) {
         if (running && running->kind() == ZNVURLSessionTask::Kind::Download &&
             running != runningResumeDataOf_.lock()) {
             ZNVBytes data = std::static_pointer_cast<ZNVURLSessionDownloadTask>(running)
-                                ->takeRunningResumeData();
+                                ->runningResumeData();
             if (!data.empty()) {
                 runningResumeData_ = std::move(data);
                 runningResumeDataOf_ = running;
