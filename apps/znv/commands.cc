@@ -232,7 +232,10 @@ int runCancel(const GlobalOptions& global, const std::string& id) {
         return kExitUsage;
     }
     entry->task->cancel();
-    queue.save();
+    if (std::string problem = queue.save(); !problem.empty()) {
+        printError(problem);
+        return kExitFailed;
+    }
     if (global.json) {
         std::printf("%s\n", dumpJson(taskEventJson("cancelled", viewOf(*entry))).c_str());
     } else {
@@ -268,9 +271,21 @@ int runFinish(const GlobalOptions& global, const std::string& id, bool completed
         }
         chosen.push_back(*entry);
     }
+    // One save for all of them: a save per task would rewrite the queue once
+    // for every task it still holds.
+    queue.network().beginBatch();
+    std::vector<std::string> hashes;
     for (const auto& entry : chosen) {
         queue.network().finishTask(entry.task);
-        destinations.erase(entry.hash);
+        hashes.push_back(entry.hash);
+    }
+    if (std::string problem = queue.save(); !problem.empty()) {
+        // The queue on disk still holds the tasks, and so their destinations stay.
+        printError(problem);
+        return kExitFailed;
+    }
+    destinations.erase(hashes);
+    for (const auto& entry : chosen) {
         if (global.json) {
             std::printf("%s\n", dumpJson(taskEventJson("finished", viewOf(entry))).c_str());
         } else {

@@ -62,8 +62,8 @@ Uploads:
 
 Exit status:
   0    every task the command ran completed
-  1    a task the command ran failed (its error is printed), or a remote
-       operation did not succeed
+  1    a task the command ran failed (its error is printed), a remote
+       operation did not succeed, or the queue could not be saved
   2    bad command line or input, or a server the profile is not bound to
   130  interrupted by Ctrl-C (SIGINT); 143: by SIGTERM. The queue is saved
        and the printed command continues it

@@ -196,6 +196,13 @@ void DownloadDestinations::erase(const std::string& hash) {
     if (entries_.erase(hash) != 0) save();
 }
 
+void DownloadDestinations::erase(const std::vector<std::string>& hashes) {
+    size_t erased = 0;
+    for (const auto& hash : hashes)
+        erased += entries_.erase(hash);
+    if (erased != 0) save();
+}
+
 void DownloadDestinations::save() const {
     if (!ensureDirectory(stateDirectory()).empty()) return;
     nlohmann::json j = nlohmann::json::object();
@@ -349,10 +356,20 @@ void waitForQueue(const std::string& profile) {
     ::close(fd);
 }
 
-void QueueFile::save() {
+namespace {
+
+std::string saveProblem(const ZNVNetwork& network) {
+    ZNVErrorRef error = network.stateSaveError();
+    return error ? "the queue could not be saved: " + error->localizedDescription() : "";
+}
+
+}  // namespace
+
+std::string QueueFile::save() {
     // No session manager: the save runs here and now.
     network_->beginBatch();
     network_->commitBatch();
+    return saveProblem(*network_);
 }
 
 // --- TransferSession ---------------------------------------------------------
@@ -539,11 +556,13 @@ std::string TransferSession::resumeCommand() const {
     return command + " resume";
 }
 
-void TransferSession::save() {
+std::string TransferSession::save() {
     storage_->beginBatch();
     storage_->commitBatch();
     // The save is encoded and written on the library's own queues.
-    storage_->waitUntilStateIsWritten(std::chrono::seconds(20));
+    if (!storage_->waitUntilStateIsWritten(std::chrono::seconds(20)))
+        return "the queue could not be saved: its file was not written within 20 s";
+    return saveProblem(*storage_);
 }
 
 namespace {
@@ -723,7 +742,13 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
     }
 
     if (global_.offline) {
-        save();
+        // Queued tasks exist only in the saved queue: a save that failed
+        // loses them, and the command says so.
+        if (std::string problem = save(); !problem.empty()) {
+            printError(problem);
+            result.exitStatus = kExitFailed;
+            return result;
+        }
         std::vector<TaskView> views;
         for (auto& t : tracked)
             views.push_back(viewFor(t));
@@ -741,9 +766,10 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         int signal = waitForTerminationSignal(std::chrono::milliseconds(100));
         if (signal != 0) {
             reporter.close();
-            save();
+            const std::string problem = save();
             reporter.interrupted(std::string(signal == SIGINT ? "interrupted" : "terminated") +
-                                     "; the queue is saved. Continue with:",
+                                     (problem.empty() ? "; the queue is saved" : "; " + problem) +
+                                     ". Continue with:",
                                  resumeCommand());
             result.exitStatus = exitStatusForSignal(signal);
             for (auto& t : tracked)
@@ -879,7 +905,10 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
 
     result.seconds = std::chrono::duration<double>(Clock::now() - started).count();
     if (result.exitStatus == kExitOK) {
-        save();
+        if (std::string problem = save(); !problem.empty()) {
+            printError(problem);
+            result.exitStatus = kExitFailed;
+        }
         RunTotals totals;
         totals.seconds = result.seconds;
         for (size_t i = 0; i < tracked.size() && i < result.tasks.size(); ++i) {

@@ -56,6 +56,8 @@ class DownloadDestinations {
     std::optional<Destination> get(const std::string& hash) const;
     void set(const std::string& hash, const Destination& destination);
     void erase(const std::string& hash);
+    // Forgets several at once, with one write of the file.
+    void erase(const std::vector<std::string>& hashes);
 
   private:
     void save() const;
@@ -96,7 +98,8 @@ class QueueFile {
     const std::string& problem() const { return problem_; }
     std::vector<QueueEntry> entries() const { return queueEntries(network_->tasks()); }
     ZNVNetwork& network() { return *network_; }
-    void save();
+    // Saves the queue; "" once it is on disk, else why it is not.
+    std::string save();
 
   private:
     std::shared_ptr<ZNVNetwork> network_;
@@ -149,8 +152,9 @@ class TransferSession {
     // "znv [--profile P] [--server URL] resume", quoted for a shell.
     std::string resumeCommand() const;
 
-    // Saves the queue and waits until the state file is written.
-    void save();
+    // Saves the queue and waits until the state file is written; "" once it
+    // is on disk, else why it is not (a full disk, say).
+    std::string save();
 
   private:
     explicit TransferSession(GlobalOptions global);

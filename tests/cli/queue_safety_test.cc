@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -210,6 +211,31 @@ TEST_F(ZnvQueueSafetyTest, StatusAndExitStatusSayWhatHappenedToEachTask) {
     ZnvRun resumed = user.run({"--server", server_, "resume"});
     EXPECT_EQ(resumed.status, 1) << resumed.err;
     EXPECT_NE(resumed.err.find("gone.bin failed"), std::string::npos) << resumed.err;
+
+    // Queued offline, tasks exist only in the saved queue: a save that does
+    // not reach the disk (here: files may not grow past 32 KiB) fails the
+    // command and names why: the queue on disk lacks some of them.
+    std::vector<std::string> full = {"--profile", "full",      "--server",
+                                     server_,     "--offline", "upload"};
+    ASSERT_EQ(user.run(with(full, {file("first.bin", 100)})).status, 0);
+    for (int i = 0; i < 80; ++i)
+        full.push_back(file("many" + std::to_string(i), 100));
+    struct rlimit unlimited {};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &unlimited), 0);
+    struct rlimit small = unlimited;
+    small.rlim_cur = 32 * 1024;
+    auto previous = ::signal(SIGXFSZ, SIG_IGN);  // the write fails instead
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    pid_t pid = user.start(full);
+    ::setrlimit(RLIMIT_FSIZE, &unlimited);
+    ::signal(SIGXFSZ, previous);
+    ZnvRun unsaved = user.finish(pid);
+    EXPECT_EQ(unsaved.status, 1) << unsaved.err;
+    EXPECT_NE(unsaved.err.find("znv: the queue could not be saved: "), std::string::npos)
+        << unsaved.err;
+    EXPECT_EQ(unsaved.err.find("task(s) queued"), std::string::npos) << unsaved.err;
+    ZnvRun after = user.run({"--profile", "full", "--server", server_, "--json", "status"});
+    EXPECT_LT(after.events("status").at(0)["tasks"].size(), 81u) << after.out;
 }
 
 }  // namespace

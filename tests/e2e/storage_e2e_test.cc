@@ -378,6 +378,7 @@ class UnsavedRelaunch : public test::EmulatorTest {
             for (const auto& [source, chunks] : uploads)
                 storage->uploadFromFile(ZNVURL::fileURL(source), "", "", "", false, chunks);
             ASSERT_TRUE(storage->waitUntilStateIsWritten());
+            EXPECT_EQ(storage->stateSaveError(), nullptr);
             // From here on no save lands: a directory stands where it would go.
             std::filesystem::rename(state_, state_ + ".kept");
             std::filesystem::create_directories(state_ + "/in-the-way");
@@ -385,6 +386,10 @@ class UnsavedRelaunch : public test::EmulatorTest {
             ASSERT_TRUE(test::waitFor(until, std::chrono::seconds(60)));
             storage->invalidateClientAndCancelTasks();
             ASSERT_TRUE(storage->waitUntilStateIsWritten());
+            // The manager knows that the queue on disk is not the one it held,
+            // and no half-written file is left to fill the disk.
+            EXPECT_NE(storage->stateSaveError(), nullptr);
+            EXPECT_FALSE(std::filesystem::exists(state_ + ".tmp"));
             storages_.clear();
         }
         // Whatever the ended manager still saves fails too, before the file is back.

@@ -322,7 +322,11 @@ void ZNVNetwork::finishTask(const ZNVNetworkTaskRef& task) {
     std::function<void()> removeFiles = task->takeFilesToRemoveOnFinish();
     task->taskDidFinish();
     if (!removeFiles) return;
-    if (save == savesBefore) {
+    if (isBatchingSave()) {
+        // The batch's save is the one without the task.
+        std::lock_guard<std::mutex> lock(batchMutex_);
+        batchRemovals_.push_back(std::move(removeFiles));
+    } else if (save == savesBefore) {
         removeFiles();
     } else {
         stateWriter_->afterWritten(save, std::move(removeFiles));
@@ -345,7 +349,21 @@ void ZNVNetwork::beginBatch() {
 
 void ZNVNetwork::commitBatch() {
     batchingSave_ = false;
+    std::vector<std::function<void()>> removals;
+    {
+        std::lock_guard<std::mutex> lock(batchMutex_);
+        removals.swap(batchRemovals_);
+    }
+    const uint64_t savesBefore = saveGeneration_->load();
     writeState();
+    const uint64_t save = saveGeneration_->load();
+    for (auto& removeFiles : removals) {
+        if (save == savesBefore) {
+            removeFiles();
+        } else {
+            stateWriter_->afterWritten(save, std::move(removeFiles));
+        }
+    }
 }
 
 // ---------------------------------------------------------------------------

@@ -197,6 +197,10 @@ class ZNVNetwork : public ZNVObservable,
     // failed, or was dropped for a newer one that has). Not on the session's
     // queue while it holds a save back. False when the timeout passed first.
     bool waitUntilStateIsWritten(std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    // Why the newest save asked for so far did not reach the disk (a full
+    // disk, say), or null when it did or is still on its way: a caller that
+    // waited for it learns whether the queue on disk is the one it holds.
+    ZNVErrorRef stateSaveError() const;
 
     // Session manager delegate (runs on the session's callback queue).
     void didFinishDownloadingToURL(const std::shared_ptr<ZNVNetworkSessionManager>& manager,
@@ -311,6 +315,10 @@ class ZNVNetwork : public ZNVObservable,
   private:
     std::atomic<bool> readingState_{false};
     std::atomic<bool> batchingSave_{false};
+    // Files of tasks finished during a batch: they go once the batch's save
+    // is on disk. Guarded by batchMutex_.
+    std::mutex batchMutex_;
+    std::vector<std::function<void()>> batchRemovals_;
     std::atomic<bool> networkIsLaunched_{false};
     const ZNVAccountConfigurationRef accountConfiguration_;
     std::shared_ptr<ZNVReachabilityManager> reachabilityManager_;

@@ -336,6 +336,10 @@ bool ZNVNetwork::waitUntilStateIsWritten(std::chrono::milliseconds timeout) {
     return stateWriter_->waitUntilWritten(saveGeneration_->load(), timeout);
 }
 
+ZNVErrorRef ZNVNetwork::stateSaveError() const {
+    return stateWriter_->failureSince(saveGeneration_->load());
+}
+
 void ZNVNetwork::readState() {
     readingState_ = true;
     struct ClearFlag {

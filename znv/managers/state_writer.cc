@@ -304,6 +304,12 @@ void ZNVStateWriter::write(Save save) {
         [self = shared_from_this(), save = std::move(save)] { self->runPaced(save); });
 }
 
+ZNVErrorRef ZNVStateWriter::failureSince(uint64_t generation) const {
+    std::lock_guard<std::mutex> lock(writtenMutex_);
+    if (saved_.load() >= generation || failed_ < generation) return nullptr;
+    return failure_;
+}
+
 void ZNVStateWriter::writeNow(const Save& save) {
     run(save);
 }
@@ -514,11 +520,21 @@ bool ZNVStateWriter::run(const Save& save) {
         lastFile_ = -1;
     }
     if (fd >= 0) ::close(fd);
+    // A file that did not replace the state is of no use; on a full disk it
+    // would hold the room the next save needs.
+    if (!replaced) ZNVNetworkUtilities_removeFileAtURL(save.tempURL);
     locations_.clear();
     locations_.shrink_to_fit();
     if (!replaced) {
         ZNVLogError("failed to save task state: {}",
                     error ? error->description() : std::string("(null)"));
+        std::lock_guard<std::mutex> written(writtenMutex_);
+        if (save.mine > failed_) {
+            failed_ = save.mine;
+            failure_ = error ? error
+                             : ZNVError::withMessage(NSCocoaErrorDomain, NSFileWriteUnknownError,
+                                                     "the task state file was not written");
+        }
     } else {
         logSummary(save.tasks);
         uint64_t saved = saved_.load();

@@ -107,6 +107,12 @@ class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
     // count). Any thread.
     uint64_t savedGeneration() const { return saved_.load(); }
 
+    // Why the save of `generation` did not reach the disk: the error of the
+    // newest failed save when it is that save or a later one and no save
+    // since has been written; null otherwise (also while it is on its way).
+    // Any thread.
+    ZNVErrorRef failureSince(uint64_t generation) const;
+
     // Blocks until a save of `generation` or a newer one has been written (or
     // has failed). False when the timeout passed first.
     bool waitUntilWritten(uint64_t generation, std::chrono::milliseconds timeout);
@@ -161,10 +167,12 @@ class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
     std::chrono::steady_clock::time_point nextWrite_{};
     uint64_t saves_ = 0;
 
-    std::mutex writtenMutex_;
+    mutable std::mutex writtenMutex_;
     std::condition_variable writtenChanged_;
     uint64_t written_ = 0;  // newest generation written or failed; guarded by writtenMutex_
     std::atomic<uint64_t> saved_{0};  // newest generation written
+    uint64_t failed_ = 0;             // newest generation that failed; guarded by writtenMutex_
+    ZNVErrorRef failure_;             // its error; guarded by writtenMutex_
     // Work waiting for a save, by the save's generation; guarded by writtenMutex_.
     std::multimap<uint64_t, std::function<void()>> afterWritten_;
 };
