@@ -648,9 +648,14 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             tracked.push_back(std::move(t));
         }
         // Read before the lock: observers take it while their task is locked.
+        // Only the tasks the command counts end the run: an old task of the
+        // queue that cannot finish (a server that never answers) does not
+        // hold up a later command.
         std::vector<std::pair<const ZNVNetworkTask*, bool>> finishedAlready;
-        for (const auto& t : tracked)
-            finishedAlready.emplace_back(t.entry.task.get(), !unfinished(t.entry.task));
+        for (const auto& t : tracked) {
+            if (t.counted)
+                finishedAlready.emplace_back(t.entry.task.get(), !unfinished(t.entry.task));
+        }
         std::lock_guard lock(observed->mutex);
         for (const auto& [task, isFinished] : finishedAlready) {
             observed->running.insert(task);
@@ -883,7 +888,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
                        !t.wholeAnnounced) {
                 report(t, view);
             }
-            if (!t.final) allFinal = false;
+            if (!t.final && t.counted) allFinal = false;
             if (t.final && t.reportedState == name && t.reportedBytes == view.completedBytes)
                 t.settledView = view;
             views.push_back(std::move(view));
@@ -911,10 +916,25 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         }
         RunTotals totals;
         totals.seconds = result.seconds;
+        // The summary is about the tasks the command counts; the others of
+        // the queue reported their steps as they went.
+        std::vector<TaskView> counted;
+        size_t left = 0;
         for (size_t i = 0; i < tracked.size() && i < result.tasks.size(); ++i) {
+            if (!tracked[i].counted) {
+                if (!tracked[i].final) ++left;
+                continue;
+            }
             totals.bytes +=
                 std::max<int64_t>(0, result.tasks[i].completedBytes - tracked[i].startBytes);
-            if (tracked[i].counted && !result.tasks[i].succeeded()) result.exitStatus = kExitFailed;
+            if (!result.tasks[i].succeeded()) result.exitStatus = kExitFailed;
+            counted.push_back(result.tasks[i]);
+        }
+        result.tasks = std::move(counted);
+        if (left > 0) {
+            reporter.note(std::to_string(left) +
+                          " other task(s) of the queue did not finish; continue them with: " +
+                          resumeCommand());
         }
         reporter.summary(result.tasks, totals);
     }

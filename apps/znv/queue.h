@@ -140,12 +140,14 @@ class TransferSession {
                                                     const Destination& destination,
                                                     std::string* error);
 
-    // Runs until none of `tasks` (and no other unfinished task of the queue)
-    // is queued or running, reporting as it goes; on SIGINT/SIGTERM saves the
-    // queue, prints the command that continues and returns 130/143. With
-    // --offline it only saves and reports. The exit status counts `tasks`
-    // only, or every task of the run with `countAll` (resume): an unrelated
-    // task of the queue does not change the outcome of a command.
+    // Runs `tasks`, and alongside them every other unfinished task of the
+    // queue, until none of the counted tasks is queued or running, reporting
+    // as it goes; on SIGINT/SIGTERM saves the queue, prints the command that
+    // continues and returns 130/143. With --offline it only saves and
+    // reports. Counted are `tasks` only, or every task of the run with
+    // `countAll` (resume): an unrelated task of the queue neither changes the
+    // outcome of a command nor keeps it running (what it has not finished
+    // stays queued, and a note says so).
     RunResult run(Reporter& reporter, const std::vector<ZNVNetworkTaskRef>& tasks,
                   bool countAll = false);
 

@@ -234,8 +234,43 @@ TEST_F(ZnvQueueSafetyTest, StatusAndExitStatusSayWhatHappenedToEachTask) {
     EXPECT_NE(unsaved.err.find("znv: the queue could not be saved: "), std::string::npos)
         << unsaved.err;
     EXPECT_EQ(unsaved.err.find("task(s) queued"), std::string::npos) << unsaved.err;
+    // No half-written file is left to keep the disk full.
+    EXPECT_FALSE(fs::exists(user.home() + "/Library/Network/full.state.tmp"));
     ZnvRun after = user.run({"--profile", "full", "--server", server_, "--json", "status"});
     EXPECT_LT(after.events("status").at(0)["tasks"].size(), 81u) << after.out;
+}
+
+// A command ends when its own tasks do: an old task of the queue whose server
+// never answers runs alongside, stays queued, and is named in a note.
+TEST_F(ZnvQueueSafetyTest, AnOldTaskThatCannotFinishDoesNotHoldUpALaterCommand) {
+    ZnvUser user;
+    ASSERT_TRUE(emulator_.addFault({{"method", "GET"}, {"path", "/stuck"}, {"action", "stall"}}));
+    const std::string out = user.home() + "/out";
+    fs::create_directories(out);
+    ASSERT_EQ(user.run({"--server", server_, "--offline", "download", emulator_.rootURL() + "stuck",
+                        "-o", out + "/"})
+                  .status,
+              0);
+    const auto started = std::chrono::steady_clock::now();
+    ZnvRun later = user.run({"--server", server_, "--json", "upload", file("later.bin", 100)},
+                            std::chrono::seconds(60));
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(20));
+    EXPECT_EQ(later.status, 0) << later.err;
+    auto summary = later.events("summary");
+    ASSERT_EQ(summary.size(), 1u) << later.out;
+    ASSERT_EQ(summary[0]["tasks"].size(), 1u) << later.out;
+    EXPECT_EQ(summary[0]["tasks"][0].value("kind", ""), "upload");
+    EXPECT_TRUE(summary[0].value("ok", false)) << later.out;
+    bool named = false;
+    for (const auto& note : later.events("note"))
+        named = named || note.dump().find("1 other task(s)") != std::string::npos;
+    EXPECT_TRUE(named) << later.out;
+    ZnvRun status = user.run({"--server", server_, "--json", "status"});
+    const auto listed = status.events("status").at(0)["tasks"];
+    size_t downloads = 0;
+    for (const auto& task : listed)
+        downloads += task.value("kind", "") == "download" && task.value("state", "") != "completed";
+    EXPECT_EQ(downloads, 1u) << status.out;
 }
 
 }  // namespace

@@ -197,9 +197,9 @@ class ZNVNetwork : public ZNVObservable,
     // failed, or was dropped for a newer one that has). Not on the session's
     // queue while it holds a save back. False when the timeout passed first.
     bool waitUntilStateIsWritten(std::chrono::milliseconds timeout = std::chrono::seconds(30));
-    // Why the newest save asked for so far did not reach the disk (a full
-    // disk, say), or null when it did or is still on its way: a caller that
-    // waited for it learns whether the queue on disk is the one it holds.
+    // Why the newest save that ran did not reach the disk (a full disk, say),
+    // or null when it did: after `waitUntilStateIsWritten`, whether the queue
+    // on disk is the one the manager holds.
     ZNVErrorRef stateSaveError() const;
 
     // Session manager delegate (runs on the session's callback queue).

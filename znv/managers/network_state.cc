@@ -337,7 +337,7 @@ bool ZNVNetwork::waitUntilStateIsWritten(std::chrono::milliseconds timeout) {
 }
 
 ZNVErrorRef ZNVNetwork::stateSaveError() const {
-    return stateWriter_->failureSince(saveGeneration_->load());
+    return stateWriter_->lastFailure();
 }
 
 void ZNVNetwork::readState() {

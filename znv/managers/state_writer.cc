@@ -304,10 +304,9 @@ void ZNVStateWriter::write(Save save) {
         [self = shared_from_this(), save = std::move(save)] { self->runPaced(save); });
 }
 
-ZNVErrorRef ZNVStateWriter::failureSince(uint64_t generation) const {
+ZNVErrorRef ZNVStateWriter::lastFailure() const {
     std::lock_guard<std::mutex> lock(writtenMutex_);
-    if (saved_.load() >= generation || failed_ < generation) return nullptr;
-    return failure_;
+    return failed_ > saved_.load() ? failure_ : nullptr;
 }
 
 void ZNVStateWriter::writeNow(const Save& save) {

@@ -107,11 +107,9 @@ class ZNVStateWriter : public std::enable_shared_from_this<ZNVStateWriter> {
     // count). Any thread.
     uint64_t savedGeneration() const { return saved_.load(); }
 
-    // Why the save of `generation` did not reach the disk: the error of the
-    // newest failed save when it is that save or a later one and no save
-    // since has been written; null otherwise (also while it is on its way).
-    // Any thread.
-    ZNVErrorRef failureSince(uint64_t generation) const;
+    // Why the newest save that ran did not reach the disk, or null when it
+    // did (or none ran yet). Any thread.
+    ZNVErrorRef lastFailure() const;
 
     // Blocks until a save of `generation` or a newer one has been written (or
     // has failed). False when the timeout passed first.
