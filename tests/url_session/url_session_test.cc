@@ -196,6 +196,29 @@ TEST_F(URLSessionTest, DataTasksCarryRequestsAndDeliverResponseAndWholeBody) {
     EXPECT_EQ(create->countOfBytesSent(), static_cast<int64_t>(parameters.size()));
 }
 
+// A request goes out once per task: a kept-alive connection that the server
+// drops after reading a create is a lost connection for the caller, not a
+// second create that libcurl sends by itself on a new connection.
+TEST_F(URLSessionTest, ARequestIsNeverSentTwiceByOneTask) {
+    auto session = makeSession();
+    std::string id = createRemoteFile(emulator_, "first.bin");
+    ASSERT_EQ(run(session->dataTaskWithRequest(apiRequest("GET", "files/" + id))), 0);
+    emulator_.clearRequestLog();
+    ASSERT_TRUE(emulator_.addFault(
+        {{"method", "POST"}, {"path", "/api/files"}, {"action", "reset"}, {"times", 1}}));
+    auto create = [&] {
+        ZNVURLRequest post = apiRequest("POST", "files");
+        post.setHTTPBody(bytes(json{{"fileName", "second.bin"}}.dump()));
+        post.setValue("application/json", "Content-Type");
+        return session->dataTaskWithRequest(post);
+    };
+    EXPECT_EQ(run(create()), NSURLErrorNetworkConnectionLost);
+    EXPECT_EQ(logged("POST", "/api/files").size(), 1u);
+    // The next task goes out on a connection that works.
+    EXPECT_EQ(run(create()), 0);
+    EXPECT_EQ(logged("POST", "/api/files").size(), 2u);
+}
+
 TEST_F(URLSessionTest, UploadStreamsFileWithThrottledProgress) {
     auto session = makeSession();
     const uint64_t size = 8 << 20;

@@ -350,6 +350,11 @@ struct ZNVURLSession::Core {
         std::string lastModified;
         bool acceptsRanges = false;
 
+        // Redirects followed when the request last went out (-1: not yet),
+        // and whether libcurl was stopped from sending it again by itself.
+        long requestedAtRedirect = -1;
+        bool resendRefused = false;
+
         // Progress and inactivity.
         Clock::time_point lastActivity = Clock::now();
         Clock::duration idleTimeout = Clock::duration::max();
@@ -439,6 +444,8 @@ struct ZNVURLSession::Core {
     static int onSeek(void* userdata, curl_off_t offset, int origin);
     static int onProgress(void* userdata, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
                           curl_off_t ulnow);
+    static int onRequest(void* userdata, char* primaryIP, char* localIP, int primaryPort,
+                         int localPort);
 
     bool beginBody(Transfer& transfer);
     void postSentProgress(Transfer& transfer, bool final);
@@ -920,6 +927,8 @@ ZNVErrorRef ZNVURLSession::Core::setUp(Transfer& t) {
     curl_easy_setopt(e, CURLOPT_WRITEDATA, &t);
     curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, &Core::onProgress);
     curl_easy_setopt(e, CURLOPT_XFERINFODATA, &t);
+    curl_easy_setopt(e, CURLOPT_PREREQFUNCTION, &Core::onRequest);
+    curl_easy_setopt(e, CURLOPT_PREREQDATA, &t);
     curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
 
     if (t.inFd >= 0) {
@@ -1188,6 +1197,24 @@ int ZNVURLSession::Core::onSeek(void* userdata, curl_off_t offset, int origin) {
     return CURL_SEEKFUNC_OK;
 }
 
+// Called each time the request goes out. libcurl sends a request again by
+// itself, at once and on a new connection, when a reused connection died
+// before any answer; the server may have acted on the first one (a create),
+// and the retry would skip the caller's recovery pacing and fallbacks. So a
+// second sending of the same request (not a redirect's) ends the transfer as
+// a lost connection, and the caller decides.
+int ZNVURLSession::Core::onRequest(void* userdata, char*, char*, int, int) {
+    auto& t = *static_cast<Transfer*>(userdata);
+    long redirects = 0;
+    curl_easy_getinfo(t.easy, CURLINFO_REDIRECT_COUNT, &redirects);
+    if (redirects == t.requestedAtRedirect) {
+        t.resendRefused = true;
+        return CURL_PREREQFUNC_ABORT;
+    }
+    t.requestedAtRedirect = redirects;
+    return CURL_PREREQFUNC_OK;
+}
+
 int ZNVURLSession::Core::onProgress(void* userdata, curl_off_t, curl_off_t dlnow, curl_off_t,
                                     curl_off_t ulnow) {
     auto& t = *static_cast<Transfer*>(userdata);
@@ -1248,6 +1275,10 @@ ZNVErrorRef ZNVURLSession::Core::errorFor(Transfer& t, CURLcode code) const {
     if (t.writeFailed) {
         return makeURLError(NSURLErrorCannotWriteToFile,
                             "the downloaded data could not be written to its file", url);
+    }
+    if (t.resendRefused) {
+        return makeURLError(NSURLErrorNetworkConnectionLost, "The network connection was lost.",
+                            url);
     }
     if (t.badRange) {
         return makeURLError(NSURLErrorBadServerResponse,
