@@ -185,6 +185,16 @@ Delivered deliverDownload(const std::string& from, const std::string& directory,
     };
     std::string target;
     int placeholder = -1;
+    struct stat existing {};
+    if (force && ::fstatat(dirfd, name.c_str(), &existing, AT_SYMLINK_NOFOLLOW) == 0 &&
+        !S_ISREG(existing.st_mode) && !S_ISLNK(existing.st_mode)) {
+        // What took the name since the command was given is no file to replace.
+        result.error = "not a regular file, so no download replaces it: " + directory +
+                       (directory.ends_with('/') ? "" : "/") + name;
+        ::close(source);
+        ::close(dirfd);
+        return result;
+    }
     if (force) {
         // A fresh name beside the target, renamed over it at the end: an
         // existing symbolic link is replaced, never followed.

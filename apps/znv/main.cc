@@ -133,6 +133,13 @@ void chooseDestination(const std::string& output, DownloadOptions* download, std
             *problem = "not a file name for the download: " + output;
             return;
         }
+        // Only a regular file (or a link, replaced, never followed) gives way
+        // to a download: a device, a pipe or a socket keeps its name.
+        struct stat info {};
+        if (::lstat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode) && !S_ISLNK(info.st_mode)) {
+            *problem = "not a regular file, so no download replaces it: " + output;
+            return;
+        }
     }
     if (!std::filesystem::is_directory(directory, ec)) {
         *problem = "no such directory for the download: " + directory;
@@ -265,8 +272,10 @@ int run(int argc, char** argv) {
     if (hasControlCharacter(global.token)) {
         return usageError("the access token has control characters");
     }
-    for (char c : global.profile) {
-        if (c == '/' || c == '\0') return usageError("bad profile name: " + global.profile);
+    // The name becomes part of file names and of printed commands.
+    if (global.profile.find('/') != std::string::npos || hasControlCharacter(global.profile) ||
+        global.profile == "." || global.profile == "..") {
+        return usageError("bad profile name: " + global.profile);
     }
 
     if (uploadCommand->parsed()) {
@@ -314,12 +323,37 @@ int run(int argc, char** argv) {
 }  // namespace znv::cli
 
 int main(int argc, char** argv) {
+    // A standard stream that is closed gets /dev/null: else the next file
+    // opened (the queue, the log) would take its number, and the results
+    // would be written into it.
+    bool closed[3] = {false, false, false};
+    for (int fd = 0; fd < 3; ++fd) {
+        if (::fcntl(fd, F_GETFD) < 0 && errno == EBADF) {
+            closed[fd] = true;
+            int null = ::open("/dev/null", O_RDWR);
+            if (null >= 0 && null != fd) {
+                ::dup2(null, fd);
+                ::close(null);
+            }
+        }
+    }
     znv::cli::blockTerminationSignals();
     znv::cli::rememberUmask();
     int status = znv::cli::run(argc, argv);
+    // Results that could not be written are no success (a full disk, a
+    // closed standard output).
+    errno = 0;
+    const bool flushed = std::fflush(stdout) == 0;
+    const int flushError = errno;
+    if ((!flushed || std::ferror(stdout) || closed[1]) && status == znv::cli::kExitOK) {
+        znv::cli::printError(std::string("cannot write the results: ") +
+                             (closed[1]    ? "standard output is closed"
+                              : flushError ? std::strerror(flushError)
+                                           : "write error"));
+        status = znv::cli::kExitFailed;
+    }
     // Leave without static destructors: library threads may still be at work,
     // and nothing on the way out may touch the saved queue.
-    std::fflush(stdout);
     std::fflush(stderr);
     znv::ZNVLog().flush();
     ::_exit(status);

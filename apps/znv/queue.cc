@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -351,7 +352,15 @@ void waitForQueue(const std::string& profile) {
     std::fprintf(stderr, "znv: waiting for the queue of profile %s ...\n",
                  profileIdentifier(profile).c_str());
     // Taken and given back at once: the library takes it on its own file.
-    while (::flock(fd, LOCK_SH) != 0 && errno == EINTR) {
+    // Ctrl-C ends the wait: this process holds nothing that needs saving.
+    while (::flock(fd, LOCK_SH | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) break;
+        if (int signal = waitForTerminationSignal(std::chrono::milliseconds(100)); signal != 0) {
+            std::fprintf(stderr, "znv: interrupted while waiting for the queue of profile %s\n",
+                         profileIdentifier(profile).c_str());
+            std::fflush(stderr);
+            std::_Exit(exitStatusForSignal(signal));
+        }
     }
     ::close(fd);
 }
@@ -556,6 +565,17 @@ std::string TransferSession::resumeCommand() const {
     return command + " resume";
 }
 
+std::string TransferSession::continueWith() const {
+    // A token given on the command line is not printed (it is a secret), but
+    // the command that continues needs it as much.
+    const char* fromEnvironment = std::getenv("ZNV_TOKEN");
+    if (global_.token == kDefaultToken ||
+        (fromEnvironment != nullptr && global_.token == fromEnvironment)) {
+        return "";
+    }
+    return " (and the same --token, or ZNV_TOKEN set)";
+}
+
 std::string TransferSession::save() {
     storage_->beginBatch();
     storage_->commitBatch();
@@ -758,7 +778,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         for (auto& t : tracked)
             views.push_back(viewFor(t));
         reporter.note("offline: " + std::to_string(tracked.size()) +
-                      " task(s) queued; start them with: " + resumeCommand());
+                      " task(s) queued; start them with" + continueWith() + ": " + resumeCommand());
         result.tasks = views;
         result.exitStatus = kExitOK;
         return result;
@@ -774,7 +794,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             const std::string problem = save();
             reporter.interrupted(std::string(signal == SIGINT ? "interrupted" : "terminated") +
                                      (problem.empty() ? "; the queue is saved" : "; " + problem) +
-                                     ". Continue with:",
+                                     ". Continue with" + continueWith() + ":",
                                  resumeCommand());
             result.exitStatus = exitStatusForSignal(signal);
             for (auto& t : tracked)
@@ -933,8 +953,8 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         result.tasks = std::move(counted);
         if (left > 0) {
             reporter.note(std::to_string(left) +
-                          " other task(s) of the queue did not finish; continue them with: " +
-                          resumeCommand());
+                          " other task(s) of the queue did not finish; continue them with" +
+                          continueWith() + ": " + resumeCommand());
         }
         reporter.summary(result.tasks, totals);
     }

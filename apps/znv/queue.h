@@ -84,7 +84,8 @@ TaskView viewOf(const QueueEntry& entry);
 // another process, or damaged (then kept aside). With --wait, `open` waits
 // for the other process instead.
 std::string queueProblem(const ZNVNetwork& network, const std::string& profile);
-// Blocks until no other process holds the profile's queue.
+// Blocks until no other process holds the profile's queue; SIGINT or
+// SIGTERM ends the process meanwhile (status 130 or 143).
 void waitForQueue(const std::string& profile);
 
 // The profile's queue read from its state file, with nothing started: for
@@ -153,6 +154,9 @@ class TransferSession {
 
     // "znv [--profile P] [--server URL] resume", quoted for a shell.
     std::string resumeCommand() const;
+    // What the continuing command needs beyond what it shows (the access
+    // token given on the command line): "" or a parenthesised remark.
+    std::string continueWith() const;
 
     // Saves the queue and waits until the state file is written; "" once it
     // is on disk, else why it is not (a full disk, say).

@@ -63,6 +63,9 @@ TEST_F(ZnvCliTest, BadInputEndsWithOneLineNamingTheProblemAndStatus2) {
         {{"delete", "."}, "bad file ID"},
         {{"info", ""}, "bad file ID"},
         {{"delete", "a\x1b[2Jb"}, "bad file ID: a\\x1b[2Jb"},
+        {{"--profile", "w\x1b]0;x\x07", "status"}, "bad profile name: w\\x1b]0;x\\x07"},
+        {{"download", "http://127.0.0.1:9/content/x", "-o", "/dev/null", "-f"},
+         "not a regular file"},
         {{}, ""},
     };
     cases.push_back({{"retry", "abcdef"}, "no task with ID abcdef"});
@@ -373,6 +376,12 @@ TEST_F(ZnvCliTest, ABusyQueueIsRefusedOrAwaitedAndADamagedOneIsKept) {
     }
     EXPECT_EQ(readFile(state), saved);
 
+    // Ctrl-C ends a wait; a wait that is not interrupted ends with the holder.
+    pid_t given = user.start({"--wait", "--profile", "p", "status"});
+    ASSERT_TRUE(waitFor([&] { return user.errSoFar().find("waiting") != std::string::npos; }));
+    ::kill(given, SIGINT);
+    ZnvRun gaveUp = user.finish(given, std::chrono::seconds(10));
+    EXPECT_EQ(gaveUp.status, 130) << gaveUp.err;
     pid_t waiting = user.start({"--wait", "--profile", "p", "--json", "status"});
     ASSERT_TRUE(waitFor([&] { return user.errSoFar().find("waiting") != std::string::npos; }));
     ::close(fd);
