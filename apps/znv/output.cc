@@ -103,7 +103,7 @@ nlohmann::json taskEventJson(const std::string& event, const TaskView& task) {
         if (!task.output.empty()) j["file"] = task.output;
     } else {
         j["file"] = task.subject;
-        j["mode"] = task.whole ? "whole" : "chunks";
+        j["mode"] = !task.modeKnown ? nlohmann::json() : task.whole ? "whole" : "chunks";
     }
     if (!task.error.empty()) {
         j["error"] = task.error;

@@ -40,7 +40,8 @@ struct TaskView {
     int64_t totalBytes = -1;  // -1: not known yet
     std::string remoteFileID;
     std::string contentURL;
-    bool whole = false;  // an upload sent in one request: an interruption restarts it
+    bool whole = false;      // an upload sent in one request: an interruption restarts it
+    bool modeKnown = false;  // whether `whole` is decided (the service answered the create)
 
     bool failed() const { return state != 1 && !error.empty(); }
     bool retrying() const { return state != 1 && error.empty() && !retryError.empty(); }

@@ -277,6 +277,8 @@ TaskView viewOf(const QueueEntry& entry) {
         view.subject = source ? source->path() : upload->remoteFilename();
         view.remoteFileID = upload->remoteFileID();
         view.whole = !upload->forceChunkUploading() && upload->canUploadFullFile();
+        // Until the service has answered the create, its whole-file limit is unknown.
+        view.modeKnown = upload->forceChunkUploading() || !view.remoteFileID.empty();
         auto size = static_cast<int64_t>(upload->sourceFileSize());
         view.totalBytes = size;
         view.completedBytes = std::llround(fraction * static_cast<double>(size));

@@ -137,8 +137,15 @@ void expectOrderlyTaskEvents(const ZnvRun& run, const std::string& file, int64_t
     std::vector<std::string> states;
     int64_t last = -1;
     bool sawCompletedState = false;
+    std::string mode;  // an upload's, once known; it never changes after
     for (const auto& e : events) {
         std::string name = e.value("event", "");
+        if (e.contains("mode") && e["mode"].is_string()) {
+            if (!mode.empty()) {
+                EXPECT_EQ(e["mode"].get<std::string>(), mode) << e.dump();
+            }
+            mode = e["mode"].get<std::string>();
+        }
         if (name == "state") {
             EXPECT_EQ(e.value("task", ""), id);
             states.push_back(e.value("state", ""));
@@ -157,6 +164,9 @@ void expectOrderlyTaskEvents(const ZnvRun& run, const std::string& file, int64_t
         }
     }
     EXPECT_EQ(last, size) << "the last progress step reports the whole file";
+    if (events.front().contains("mode")) {
+        EXPECT_FALSE(mode.empty()) << "the mode became known";
+    }
     ASSERT_FALSE(states.empty());
     EXPECT_EQ(states.front(), "running");
     EXPECT_EQ(states.back(), "completed");
@@ -195,6 +205,14 @@ TEST_F(ZnvCliTest, UploadAndDownloadReportEachStepAsJsonLines) {
     auto downSummary = down.events("summary")[0]["tasks"][0];
     EXPECT_EQ(downSummary.value("file", ""), copy);
     EXPECT_EQ(downSummary.value("url", ""), contentURL);
+
+    // Whole or in chunks is the service's to say: unknown until it answered.
+    const std::string small = file("small.bin", 1000);
+    ZnvRun whole = user.run({"--server", server, "--json", "upload", small});
+    ASSERT_EQ(whole.status, 0) << whole.out << whole.err;
+    expectOrderlyTaskEvents(whole, small, 1000);
+    EXPECT_TRUE(whole.events("queued").at(0)["mode"].is_null()) << whole.out;
+    EXPECT_EQ(whole.events("summary").at(0)["tasks"].at(0).value("mode", ""), "whole");
 }
 
 // One command with many files: each gets exactly one remote file, however
