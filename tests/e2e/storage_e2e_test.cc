@@ -473,5 +473,33 @@ TEST_F(UnsavedRelaunch, AWholeFileRefusedIsNotSentWholeAgain) {
     EXPECT_EQ(requests("PUT", "/api/files/" + uploads[0]->remoteFileID()).size(), 10u);
 }
 
+TEST_F(UnsavedRelaunch, ChunksReportedMissingAreSentAgainAfterTheirAcknowledgement) {
+    // Two batches acknowledged, then the assembly reports chunk 1 missing;
+    // its second sending is held on the wire.
+    const std::vector<std::string> sources = {writeSource("missing.bin", 40000, 46)};
+    ASSERT_TRUE(emulator_->addFault({{"method", "POST"},
+                                     {"path", "/api/files/*/complete"},
+                                     {"action", "missingChunks"},
+                                     {"chunks", {1}},
+                                     {"times", 1}}));
+    ASSERT_TRUE(emulator_->addFault({{"method", "PUT"},
+                                     {"path", "/api/files/*"},
+                                     {"action", "stall"},
+                                     {"skip", 2},
+                                     {"times", 1}}));
+    runUnsaved({{sources[0], true}}, [&] { return requests("PUT", "/api/files/").size() == 3; });
+
+    // The acknowledgement of chunk 1 comes before the report that it is
+    // missing: the relaunch sends it, then asks once for the assembly.
+    const auto uploads = relaunch(sources);
+    ASSERT_EQ(uploads.size(), 1u);
+    const auto sent = requests("PUT", "/api/files/" + uploads[0]->remoteFileID());
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].value("parts", nlohmann::json::array()),
+              nlohmann::json::array({"chunkData.1"}))
+        << sent[0].dump();
+    EXPECT_EQ(requests("POST", "/api/files/", "/complete").size(), 1u);
+}
+
 }  // namespace
 }  // namespace znv

@@ -38,6 +38,7 @@ std::string ZNVRemoteFileJournal::line(const Entry& entry) {
                            {"maxFullFile", entry.maximumFullFileUploadSize}};
     if (!entry.acknowledgedChunks.empty()) line["acked"] = entry.acknowledgedChunks;
     if (entry.chunks) line["chunks"] = true;
+    if (!entry.missingChunks.empty()) line["missing"] = entry.missingChunks;
     // A path that is not UTF-8 gets U+FFFD in its line: it then matches no
     // upload, which costs a second creation, never a wrong file ID.
     return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
@@ -166,19 +167,23 @@ std::vector<ZNVRemoteFileJournal::Entry> ZNVRemoteFileJournal::parse(std::string
                     fileID->get<std::string>(),
                     maximum->get<uint64_t>(),
                     {},
-                    false};
+                    false,
+                    {}};
         if (entry.remoteFileID.empty()) continue;
-        if (const auto acked = json.find("acked"); acked != json.end()) {
-            if (!acked->is_array() || acked->empty()) continue;
-            bool numbers = true;
-            for (const auto& index : *acked) {
-                if (!index.is_number_unsigned()) {
-                    numbers = false;
-                    break;
-                }
-                entry.acknowledgedChunks.push_back(index.get<uint64_t>());
+        // A list of chunk indices, when present, is a non-empty array of them.
+        const auto indices = [&](const char* key, std::vector<uint64_t>* out) {
+            const auto list = json.find(key);
+            if (list == json.end()) return true;
+            if (!list->is_array() || list->empty()) return false;
+            for (const auto& index : *list) {
+                if (!index.is_number_unsigned()) return false;
+                out->push_back(index.get<uint64_t>());
             }
-            if (!numbers) continue;
+            return true;
+        };
+        if (!indices("acked", &entry.acknowledgedChunks) ||
+            !indices("missing", &entry.missingChunks)) {
+            continue;
         }
         if (const auto chunks = json.find("chunks"); chunks != json.end()) {
             if (!chunks->is_boolean() || !chunks->get<bool>()) continue;

@@ -55,6 +55,9 @@ class ZNVRemoteFileJournal {
         std::vector<uint64_t> acknowledgedChunks;
         // The service refused the whole file: the upload goes on in chunks.
         bool chunks = false;
+        // Chunks the service reported missing at assembly: they are sent
+        // again (a record after earlier acknowledgements of the same chunks).
+        std::vector<uint64_t> missingChunks;
         bool operator==(const Entry&) const = default;
     };
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "znv/foundation/device.h"
+#include "znv/foundation/error_handler.h"
 #include "znv/foundation/log.h"
 #include "znv/foundation/network_utilities.h"
 #include "znv/managers/task_activity.h"
@@ -32,7 +33,17 @@ std::optional<ZNVRemoteFileJournal::Entry> journalEntryFor(const ZNVStorageUploa
     entry.remoteFileID = current;
     entry.maximumFullFileUploadSize = upload.maximumFullFileUploadSize();
     const auto& sent = response.localChunkIndicesToUpload();
-    if (response.error()) {
+    const auto& missing = response.missingRemoteChunkIndices();
+    if (response.error() && response.type() == ZNVStorageResponseTypeAssembledRemoteFile) {
+        // Chunks to send again: recorded after the acknowledgements that an
+        // earlier line may hold for them, so a replay ends with them to send.
+        if (!reachable || current.empty() || current != response.remoteFileID() || !missing ||
+            missing->empty() ||
+            !ZNVStorageErrorHandler_canAutomaticallyRecoverFromFileCompletionConflict(
+                response.error()))
+            return std::nullopt;
+        entry.missingChunks = missing->indices();
+    } else if (response.error()) {
         if (response.type() != ZNVStorageResponseTypeUploadedFullFile || !reachable ||
             upload.uploadsChunks() || current.empty())
             return std::nullopt;
@@ -420,20 +431,34 @@ void ZNVStorage::applyRecordedRemoteFileIDs(
         // The last creation recorded for the upload is the remote file it went on with.
         if (upload->remoteFileID().empty()) {
             for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
-                if (!isFor(*entry) || !entry->acknowledgedChunks.empty() || entry->chunks) continue;
+                if (!isFor(*entry) || !entry->acknowledgedChunks.empty() || entry->chunks ||
+                    !entry->missingChunks.empty())
+                    continue;
                 upload->adoptRemoteFileID(entry->remoteFileID, entry->maximumFullFileUploadSize);
                 ZNVLogInfo("   remote file {} recorded for {} after the last save",
                            entry->remoteFileID, upload->description());
                 break;
             }
         }
-        // Then, in order, whether it went on in chunks and the batches acknowledged.
+        // Then, in order, whether it went on in chunks, the batches
+        // acknowledged and the chunks reported missing.
         for (const auto& entry : entries) {
             if (!isFor(entry)) continue;
             if (entry.chunks) {
                 if (upload->moveToChunks(entry.remoteFileID))
                     ZNVLogInfo("   {} went on in chunks after the last save",
                                upload->description());
+                continue;
+            }
+            if (!entry.missingChunks.empty()) {
+                ZNVIndexSet indices;
+                for (uint64_t index : entry.missingChunks)
+                    indices.add(index);
+                if (upload->resendMissingChunks(entry.remoteFileID, indices)) {
+                    ZNVLogInfo("   chunks {} reported missing for {} after the last save",
+                               ZNVNetworkUtilities_stringFromIndices(indices).value_or(""),
+                               upload->description());
+                }
                 continue;
             }
             if (entry.acknowledgedChunks.empty()) continue;

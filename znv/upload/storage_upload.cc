@@ -230,6 +230,18 @@ bool ZNVStorageUpload::forgetAcknowledgedChunks(const std::string& remoteFileID,
     return chunkIndicesToUpload_.count() != before;
 }
 
+bool ZNVStorageUpload::resendMissingChunks(const std::string& remoteFileID,
+                                           const ZNVIndexSet& indices) {
+    Lock lock(*this);
+    if (remoteFileID.empty() || remoteFileID != remoteFileID_ ||
+        !(uploadsChunks_ || forceChunkUploading()) || state() == ZNVNetworkTaskStateCompleted) {
+        return false;
+    }
+    const uint64_t before = chunkIndicesToUpload_.count();
+    chunkIndicesToUpload_.add(indices);
+    return chunkIndicesToUpload_.count() != before;
+}
+
 bool ZNVStorageUpload::moveToChunks(const std::string& remoteFileID) {
     Lock lock(*this);
     if (remoteFileID.empty() || remoteFileID != remoteFileID_ || uploadsChunks_ ||

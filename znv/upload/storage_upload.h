@@ -101,6 +101,10 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     // `remoteFileID` after the last save are no longer to be sent. Nothing
     // for another remote file; false when nothing changed.
     bool forgetAcknowledgedChunks(const std::string& remoteFileID, const ZNVIndexSet& indices);
+    // For a restored upload in chunks of `remoteFileID`: chunks the service
+    // reported missing at an assembly after the last save are to be sent
+    // again. False when nothing changed.
+    bool resendMissingChunks(const std::string& remoteFileID, const ZNVIndexSet& indices);
     // For a restored upload of `remoteFileID` whose whole file the service
     // refused after the last save: it goes on in chunks, all still to send.
     // False when it already was in chunks (or names another remote file).
