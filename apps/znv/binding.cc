@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -61,14 +62,23 @@ std::string bindProfile(const std::string& profile, const std::string& server) {
         !ZNVCreateDirectories(std::filesystem::path(path).parent_path().string(), 0700, &error)) {
         return "cannot remember the server of profile \"" + name + "\"";
     }
-    std::string temporary = path + ".tmp";
+    // Written under a name of this process's own, then linked into place only
+    // if no binding appeared meanwhile: of two first uses at once, one binds
+    // and the other sees that binding (and is refused if it names another
+    // server), instead of both going on with the one queue.
+    std::string temporary = path + ".tmp-" + std::to_string(::getpid());
     int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
     std::string line = server + "\n";
     bool ok = fd >= 0 && ::write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
     ok = ok && ::fsync(fd) == 0;
     if (fd >= 0) ::close(fd);
-    if (!ok || std::rename(temporary.c_str(), path.c_str()) != 0) {
-        ::unlink(temporary.c_str());
+    const bool linked = ok && ::link(temporary.c_str(), path.c_str()) == 0;
+    const int linkError = errno;
+    ::unlink(temporary.c_str());
+    if (!linked) {
+        // Bound meanwhile: that binding decides (read again, once).
+        if (ok && linkError == EEXIST && !boundServer(profile).empty())
+            return bindProfile(profile, server);
         return "cannot write " + path;
     }
     return {};
