@@ -326,10 +326,8 @@ void ZNVNetwork::finishTask(const ZNVNetworkTaskRef& task) {
         // The batch's save is the one without the task.
         std::lock_guard<std::mutex> lock(batchMutex_);
         batchRemovals_.push_back(std::move(removeFiles));
-    } else if (save == savesBefore) {
-        removeFiles();
     } else {
-        stateWriter_->afterWritten(save, std::move(removeFiles));
+        removeOnceSaved(savesBefore, save, std::move(removeFiles));
     }
 }
 
@@ -357,12 +355,18 @@ void ZNVNetwork::commitBatch() {
     const uint64_t savesBefore = saveGeneration_->load();
     writeState();
     const uint64_t save = saveGeneration_->load();
-    for (auto& removeFiles : removals) {
-        if (save == savesBefore) {
-            removeFiles();
-        } else {
-            stateWriter_->afterWritten(save, std::move(removeFiles));
-        }
+    for (auto& removeFiles : removals)
+        removeOnceSaved(savesBefore, save, std::move(removeFiles));
+}
+
+// Runs `removeFiles` once the save numbered `save` is on disk; at once when
+// none was asked for since `savesBefore`.
+void ZNVNetwork::removeOnceSaved(uint64_t savesBefore, uint64_t save,
+                                 std::function<void()> removeFiles) {
+    if (save == savesBefore) {
+        removeFiles();
+    } else {
+        stateWriter_->afterWritten(save, std::move(removeFiles));
     }
 }
 

@@ -314,6 +314,7 @@ class ZNVNetwork : public ZNVObservable,
 
   private:
     std::atomic<bool> readingState_{false};
+    void removeOnceSaved(uint64_t savesBefore, uint64_t save, std::function<void()> removeFiles);
     std::atomic<bool> batchingSave_{false};
     // Files of tasks finished during a batch: they go once the batch's save
     // is on disk. Guarded by batchMutex_.

@@ -450,25 +450,18 @@ void ZNVStorage::applyRecordedRemoteFileIDs(
                                upload->description());
                 continue;
             }
-            if (!entry.missingChunks.empty()) {
-                ZNVIndexSet indices;
-                for (uint64_t index : entry.missingChunks)
-                    indices.add(index);
-                if (upload->resendMissingChunks(entry.remoteFileID, indices)) {
-                    ZNVLogInfo("   chunks {} reported missing for {} after the last save",
-                               ZNVNetworkUtilities_stringFromIndices(indices).value_or(""),
-                               upload->description());
-                }
-                continue;
-            }
-            if (entry.acknowledgedChunks.empty()) continue;
+            const bool missing = !entry.missingChunks.empty();
+            if (!missing && entry.acknowledgedChunks.empty()) continue;
             ZNVIndexSet indices;
-            for (uint64_t index : entry.acknowledgedChunks)
+            for (uint64_t index : missing ? entry.missingChunks : entry.acknowledgedChunks)
                 indices.add(index);
-            if (upload->forgetAcknowledgedChunks(entry.remoteFileID, indices)) {
-                ZNVLogInfo("   chunks {} acknowledged for {} after the last save",
+            const bool changed =
+                missing ? upload->resendMissingChunks(entry.remoteFileID, indices)
+                        : upload->forgetAcknowledgedChunks(entry.remoteFileID, indices);
+            if (changed) {
+                ZNVLogInfo("   chunks {} {} for {} after the last save",
                            ZNVNetworkUtilities_stringFromIndices(indices).value_or(""),
-                           upload->description());
+                           missing ? "reported missing" : "acknowledged", upload->description());
             }
         }
     }
