@@ -1,5 +1,6 @@
 #include "apps/emulator/emulator.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -10,6 +11,7 @@
 
 #include <httplib.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -17,6 +19,7 @@
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -84,6 +87,111 @@ std::string contentTypeOf(const httplib::Request& req) {
     return req.get_header_value("Content-Type");
 }
 
+// A connection's byte stream for httplib, read through a large buffer.
+// httplib's own stream polls before every receive and asks for 16 KiB at a
+// time, so a gigabyte of body costs well over a hundred thousand system calls
+// that compete with the client for the CPU. This one tries the socket first
+// and waits (up to the timeout) only when nothing is there, and receives up to
+// kBufferSize at once. Reads and writes keep httplib's contract: -1 on error
+// or timeout, 0 at end of stream.
+class ConnectionStream final : public httplib::Stream {
+  public:
+    ConnectionStream(int sock, std::chrono::microseconds readTimeout,
+                     std::chrono::microseconds writeTimeout)
+        : sock_(sock), readTimeout_(readTimeout), writeTimeout_(writeTimeout) {}
+
+    bool is_readable() const override { return begin_ < end_ || wait(POLLIN, readTimeout_); }
+    bool is_writable() const override { return wait(POLLOUT, writeTimeout_); }
+
+    ssize_t read(char* ptr, size_t size) override {
+        if (begin_ == end_) {
+            // A large request goes straight to the caller's memory.
+            if (size >= kBufferSize) return receive(ptr, size);
+            ssize_t n = receive(buffer_.get(), kBufferSize);
+            if (n <= 0) return n;
+            begin_ = 0;
+            end_ = static_cast<size_t>(n);
+        }
+        size_t n = std::min(size, end_ - begin_);
+        std::memcpy(ptr, buffer_.get() + begin_, n);
+        begin_ += n;
+        return static_cast<ssize_t>(n);
+    }
+
+    ssize_t write(const char* ptr, size_t size) override {
+        while (true) {
+            ssize_t n = ::send(sock_, ptr, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (n >= 0) return n;
+            if (errno == EINTR) continue;
+            if ((errno != EAGAIN && errno != EWOULDBLOCK) || !wait(POLLOUT, writeTimeout_)) {
+                return -1;
+            }
+        }
+    }
+
+    void get_remote_ip_and_port(std::string& ip, int& port) const override {
+        address(::getpeername, ip, port);
+    }
+    void get_local_ip_and_port(std::string& ip, int& port) const override {
+        address(::getsockname, ip, port);
+    }
+    int socket() const override { return sock_; }
+    bool hasBuffered() const { return begin_ < end_; }
+
+  private:
+    static constexpr size_t kBufferSize = 64 * 1024;
+
+    ssize_t receive(char* into, size_t size) const {
+        while (true) {
+            ssize_t n = ::recv(sock_, into, size, MSG_DONTWAIT);
+            if (n >= 0) return n;
+            if (errno == EINTR) continue;
+            if ((errno != EAGAIN && errno != EWOULDBLOCK) || !wait(POLLIN, readTimeout_)) {
+                return -1;
+            }
+        }
+    }
+
+    // Whether the socket became ready for `events` within `timeout`.
+    bool wait(short events, std::chrono::microseconds timeout) const {
+        const auto deadline = Clock::now() + timeout;
+        while (true) {
+            const auto left =
+                std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+            pollfd p{sock_, events, 0};
+            int ready = ::poll(&p, 1, static_cast<int>(std::max<long long>(left, 0)));
+            if (ready > 0) return true;
+            if (ready == 0 || errno != EINTR) return false;
+        }
+    }
+
+    void address(int (*get)(int, sockaddr*, socklen_t*), std::string& ip, int& port) const {
+        sockaddr_storage storage{};
+        socklen_t length = sizeof storage;
+        if (get(sock_, reinterpret_cast<sockaddr*>(&storage), &length) != 0) return;
+        char text[INET6_ADDRSTRLEN] = {};
+        if (storage.ss_family == AF_INET) {
+            auto* in = reinterpret_cast<sockaddr_in*>(&storage);
+            ::inet_ntop(AF_INET, &in->sin_addr, text, sizeof text);
+            port = ntohs(in->sin_port);
+        } else if (storage.ss_family == AF_INET6) {
+            auto* in = reinterpret_cast<sockaddr_in6*>(&storage);
+            ::inet_ntop(AF_INET6, &in->sin6_addr, text, sizeof text);
+            port = ntohs(in->sin6_port);
+        }
+        ip = text;
+    }
+
+    int sock_;
+    std::chrono::microseconds readTimeout_;
+    std::chrono::microseconds writeTimeout_;
+    // Received bytes not yet handed out: [begin_, end_) of buffer_. Used only
+    // by the worker thread that serves the connection.
+    std::unique_ptr<char[]> buffer_ = std::make_unique<char[]>(kBufferSize);
+    size_t begin_ = 0;
+    size_t end_ = 0;
+};
+
 // httplib's server with its per-connection loop taken over, for two reasons:
 // the faults that act on a connection itself (reset, stall) need the socket of
 // the request they serve, which httplib does not hand to handlers; and stop()
@@ -112,14 +220,17 @@ class ConnectionServer final : public httplib::Server {
         }
         tCurrentSocket = sock;
         bool ret = false;
-        for (size_t left = keep_alive_max_count_; left > 0 && awaitRequest(sock); --left) {
+        using std::chrono::microseconds;
+        using std::chrono::seconds;
+        // One stream for the whole connection: bytes of a pipelined next
+        // request that arrived with this one stay in its buffer.
+        ConnectionStream stream(sock, seconds(read_timeout_sec_) + microseconds(read_timeout_usec_),
+                                seconds(write_timeout_sec_) + microseconds(write_timeout_usec_));
+        for (size_t left = keep_alive_max_count_;
+             left > 0 && (stream.hasBuffered() || awaitRequest(sock)); --left) {
             bool closeConnection = left == 1;
             bool connectionClosed = false;
-            ret = httplib::detail::process_client_socket(
-                sock, read_timeout_sec_, read_timeout_usec_, write_timeout_sec_,
-                write_timeout_usec_, [&](httplib::Stream& strm) {
-                    return process_request(strm, closeConnection, connectionClosed, nullptr);
-                });
+            ret = process_request(stream, closeConnection, connectionClosed, nullptr);
             if (!ret || connectionClosed) break;
         }
         tCurrentSocket = -1;
