@@ -33,6 +33,7 @@
 #include "znv/foundation/network_utilities.h"
 #include "znv/platform/progress.h"
 #include "znv/platform/url_session.h"
+#include "znv/platform/url_session_resume_data.h"
 
 namespace znv::cli {
 namespace {
@@ -301,6 +302,22 @@ TaskView viewOf(const QueueEntry& entry) {
             if (expected > 0) {
                 view.totalBytes = expected;
                 view.completedBytes = std::llround(fraction * static_cast<double>(expected));
+            }
+        } else if (auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task)) {
+            // A download waiting to continue holds what its partial file
+            // holds: a run that resumes it moves only the rest.
+            auto data = download->resumeData();
+            auto info = data ? ZNVURLSessionResumeData::decode(*data) : std::nullopt;
+            if (info && info->expectedTotalBytes > 0) {
+                int64_t held = info->bytesReceived;
+                if (info->growing &&
+                    ZNVURLSessionResumeData::isPartialFilePath(info->partialFile)) {
+                    std::error_code error;
+                    auto size = std::filesystem::file_size(info->partialFile, error);
+                    if (!error) held = static_cast<int64_t>(size);
+                }
+                view.totalBytes = info->expectedTotalBytes;
+                view.completedBytes = std::clamp<int64_t>(held, 0, info->expectedTotalBytes);
             }
         }
     }

@@ -245,15 +245,46 @@ TEST_F(ZnvOutputTest, InterruptionInEveryModeNamesTheCommandThatResumes) {
     ASSERT_EQ(summary.size(), 1u);
     EXPECT_EQ(summary[0]["tasks"].size(), 3u);
     EXPECT_EQ(summary[0].value("state", ""), "completed");
+    std::string contentURL;
     for (const auto& task : summary[0]["tasks"]) {
         if (task.value("task", "") != jsonTask) continue;
+        contentURL = task.value("contentURL", "");
         const std::string copy = files_ + "/json.copy";
-        ZnvRun down = user.run(args({"download", task.value("contentURL", ""), "-o", copy}));
+        ZnvRun down = user.run(args({"download", contentURL, "-o", copy}));
         ASSERT_EQ(down.status, 0) << down.err;
         EXPECT_TRUE(filesEqual(files_ + "/json.bin", copy));
         queued.erase(jsonTask);
     }
     EXPECT_EQ(queued.size(), 2u) << "the interrupted task completed under its ID";
+
+    // An interrupted download: the run that resumes it moves, and reports,
+    // only what its partial file lacks.
+    ASSERT_TRUE(emulator_.addFault({{"method", "GET"},
+                                    {"path", "/content/*"},
+                                    {"action", "throttle"},
+                                    {"bytesPerSecond", 2000000}}));
+    const std::string partialCopy = files_ + "/interrupted.copy";
+    pid = user.start(args({"--json", "download", contentURL, "-o", partialCopy}));
+    ASSERT_TRUE(waitFor(
+        [&] {
+            std::string lines = user.outSoFar();
+            lines.erase(lines.rfind('\n') + 1);  // complete lines only
+            for (const auto& line : ZnvRun{0, lines, ""}.events("progress"))
+                if (line.value("completed", 0) > 1000000) return true;
+            return false;
+        },
+        std::chrono::seconds(30)));
+    kill(pid, SIGINT);
+    ASSERT_EQ(user.finish(pid).status, 130);
+    emulator_.clearFaults();
+    ZnvRun rest = user.run(command);
+    ASSERT_EQ(rest.status, 0) << rest.out << rest.err;
+    ASSERT_EQ(rest.events("summary").size(), 1u) << rest.out;
+    const nlohmann::json restSummary = rest.events("summary")[0];
+    EXPECT_EQ(restSummary.value("total", 0), 3 * kChunk);
+    EXPECT_GT(restSummary.value("completed", 0), 0) << restSummary.dump();
+    EXPECT_LT(restSummary.value("completed", 0), 3 * kChunk - 1000000) << restSummary.dump();
+    EXPECT_TRUE(filesEqual(files_ + "/json.bin", partialCopy));
 }
 
 }  // namespace
