@@ -21,6 +21,7 @@
 #include "apps/znv/commands.h"
 #include "apps/znv/delivery.h"
 #include "apps/znv/names.h"
+#include "apps/znv/output.h"
 #include "apps/znv/signals.h"
 #include "znv/foundation/log.h"
 #include "znv/platform/url.h"
@@ -345,9 +346,12 @@ int main(int argc, char** argv) {
     errno = 0;
     const bool flushed = std::fflush(stdout) == 0;
     const int flushError = errno;
-    if ((!flushed || std::ferror(stdout) || closed[1]) && status == znv::cli::kExitOK) {
+    const int lineError = znv::cli::resultsWriteError();
+    if ((!flushed || std::ferror(stdout) || lineError || closed[1]) &&
+        status == znv::cli::kExitOK) {
         znv::cli::printError(std::string("cannot write the results: ") +
                              (closed[1]    ? "standard output is closed"
+                              : lineError  ? std::strerror(lineError)
                               : flushError ? std::strerror(flushError)
                                            : "write error"));
         status = znv::cli::kExitFailed;

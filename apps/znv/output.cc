@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <ctime>
@@ -127,10 +128,18 @@ bool terminalCanRedraw(FILE* stream) {
 
 namespace {
 
+// The error of the first results line that standard output refused, 0 while
+// none was. A later flush can succeed with nothing left to write, so the
+// reason is kept from the write that failed. Set from the command's main
+// thread only.
+int firstResultsError = 0;
+
 void writeLine(FILE* stream, const std::string& line) {
-    std::fwrite(line.data(), 1, line.size(), stream);
-    std::fputc('\n', stream);
-    std::fflush(stream);
+    errno = 0;
+    bool written = std::fwrite(line.data(), 1, line.size(), stream) == line.size();
+    written = std::fputc('\n', stream) != EOF && written;
+    written = std::fflush(stream) == 0 && written;
+    if (!written && stream == stdout && firstResultsError == 0) firstResultsError = errno;
 }
 
 std::string baseName(const std::string& path) {
@@ -440,6 +449,10 @@ class TerminalReporter : public Reporter {
 };
 
 }  // namespace
+
+int resultsWriteError() {
+    return firstResultsError;
+}
 
 std::unique_ptr<Reporter> makeReporter(const ReporterOptions& options) {
     if (options.json) return std::make_unique<JsonReporter>(options.results);

@@ -118,6 +118,9 @@ struct ReporterOptions {
 // log would tear it); plain lines otherwise.
 std::unique_ptr<Reporter> makeReporter(const ReporterOptions& options);
 bool terminalCanRedraw(FILE* stream);
+// Why standard output first refused a results line (an errno value), 0 when
+// it never did.
+int resultsWriteError();
 
 // Every JSON event has these members (null when they do not apply): event,
 // task, kind, state, completed, total, time.

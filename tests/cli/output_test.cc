@@ -98,6 +98,13 @@ TEST_F(ZnvOutputTest, ResultsGoToStdoutAndEverythingElseToStderr) {
     EXPECT_EQ(quiet.status, 0);
     EXPECT_EQ(quiet.err, "");
     EXPECT_EQ(splitLines(quiet.out).size(), 1u);
+    // Results that cannot be written fail the command, with the reason of the
+    // write that failed.
+    user.sendOutputTo("/dev/full");
+    ZnvRun full = user.run({"--server", server_, "-q", "upload", file("full.bin", 100)});
+    user.sendOutputTo("");
+    EXPECT_EQ(full.status, 1);
+    EXPECT_EQ(full.err, "znv: cannot write the results: No space left on device\n");
 
     ZnvRun verbose = user.run({"--server", server_, "-v", "upload", file("v.bin", 100)});
     EXPECT_EQ(verbose.status, 0);

@@ -181,7 +181,8 @@ pid_t ZnvUser::start(const std::vector<std::string>& args) {
     auto environment = this->environment();
     pid_t pid = fork();
     if (pid == 0) {
-        int out = ::open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        int out = outTarget_.empty() ? ::open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)
+                                     : ::open(outTarget_.c_str(), O_WRONLY);
         int err = ::open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         dup2(out, 1);
         dup2(err, 2);

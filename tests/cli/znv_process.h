@@ -40,6 +40,9 @@ class ZnvUser {
     const std::string& home() const { return home_; }
     // Environment entries for the child beyond the defaults (empty value: unset).
     void setEnv(const std::string& name, const std::string& value) { env_[name] = value; }
+    // Standard output of later runs goes to `path` (a device such as
+    // /dev/full, say) instead of being kept; empty: kept again.
+    void sendOutputTo(const std::string& path) { outTarget_ = path; }
 
     ZnvRun run(const std::vector<std::string>& args,
                std::chrono::seconds timeout = std::chrono::seconds(180));
@@ -61,6 +64,7 @@ class ZnvUser {
     std::vector<std::string> environment() const;
     std::string home_;
     std::string outPath_;
+    std::string outTarget_;
     std::string errPath_;
     std::map<std::string, std::string> env_;
 };
