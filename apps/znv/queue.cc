@@ -297,27 +297,39 @@ TaskView viewOf(const QueueEntry& entry) {
         view.subject = source ? source->absoluteString() : std::string();
         view.completedBytes = 0;
         view.totalBytes = -1;
-        if (auto sessionTask = task->task()) {
+        // Data to continue from: the task's own while it waits, or the data
+        // its running transfer was made from. A transfer that continues is
+        // answered with the rest only, so its whole size and what its file
+        // already held come from that data.
+        std::optional<ZNVURLSessionResumeData::Info> resumed;
+        auto sessionTask = task->task();
+        if (auto transfer = std::dynamic_pointer_cast<ZNVURLSessionDownloadTask>(sessionTask)) {
+            if (!transfer->resumeDataUsed().empty())
+                resumed = ZNVURLSessionResumeData::decode(transfer->resumeDataUsed());
+        } else if (auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task);
+                   download && !sessionTask) {
+            if (auto data = download->resumeData())
+                resumed = ZNVURLSessionResumeData::decode(*data);
+        }
+        if (resumed && resumed->expectedTotalBytes > 0) {
+            // Growing data names a file that holds everything written so far.
+            int64_t held = resumed->bytesReceived;
+            if (resumed->growing &&
+                ZNVURLSessionResumeData::isPartialFilePath(resumed->partialFile)) {
+                std::error_code error;
+                auto size = std::filesystem::file_size(resumed->partialFile, error);
+                if (!error) held = static_cast<int64_t>(size);
+            }
+            const int64_t whole = resumed->expectedTotalBytes;
+            view.totalBytes = whole;
+            view.completedBytes = std::clamp<int64_t>(
+                std::max<int64_t>(held, std::llround(fraction * static_cast<double>(whole))), 0,
+                whole);
+        } else if (sessionTask) {
             int64_t expected = sessionTask->countOfBytesExpectedToReceive();
             if (expected > 0) {
                 view.totalBytes = expected;
                 view.completedBytes = std::llround(fraction * static_cast<double>(expected));
-            }
-        } else if (auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task)) {
-            // A download waiting to continue holds what its partial file
-            // holds: a run that resumes it moves only the rest.
-            auto data = download->resumeData();
-            auto info = data ? ZNVURLSessionResumeData::decode(*data) : std::nullopt;
-            if (info && info->expectedTotalBytes > 0) {
-                int64_t held = info->bytesReceived;
-                if (info->growing &&
-                    ZNVURLSessionResumeData::isPartialFilePath(info->partialFile)) {
-                    std::error_code error;
-                    auto size = std::filesystem::file_size(info->partialFile, error);
-                    if (!error) held = static_cast<int64_t>(size);
-                }
-                view.totalBytes = info->expectedTotalBytes;
-                view.completedBytes = std::clamp<int64_t>(held, 0, info->expectedTotalBytes);
             }
         }
     }
