@@ -435,10 +435,12 @@ bool ZNVStateWriter::assemble(const Save& save, int fd, const std::string& head,
 void ZNVStateWriter::runPaced(const Save& save) {
     if (save.generation && save.generation->load() != save.mine) return;
     // Every save rewrites the whole file: queued saves wait until the writer
-    // has rested three times as long as the last write took (at most a
-    // second), so that a long queue changing fast costs a bounded share of
-    // a core and of the disk; the saves asked for meanwhile give way to the
-    // newest. Someone waiting for saves (a shutdown, a launch) ends the rest.
+    // has rested nine times as long as the last write took (at most a
+    // second), so that a long queue changing fast costs a tenth of a core and
+    // of the disk at most; the saves asked for meanwhile give way to the
+    // newest. (At 10,000 queued tasks a save is about 9 MB: resting three
+    // times as long wrote nearly as many bytes of state as the uploads sent.)
+    // Someone waiting for saves (a shutdown, a launch) ends the rest.
     {
         auto& pending = pendingSaves();
         std::unique_lock<std::mutex> lock(pending.mutex);
@@ -447,7 +449,7 @@ void ZNVStateWriter::runPaced(const Save& save) {
     const auto start = std::chrono::steady_clock::now();
     if (!run(save)) return;
     const auto end = std::chrono::steady_clock::now();
-    nextWrite_ = end + std::min<std::chrono::steady_clock::duration>(3 * (end - start),
+    nextWrite_ = end + std::min<std::chrono::steady_clock::duration>(9 * (end - start),
                                                                      std::chrono::seconds(1));
 }
 

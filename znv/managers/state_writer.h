@@ -24,9 +24,9 @@
 //   unchanged tasks are copied, by the kernel where it can, from the last
 //   file this writer wrote (kept open for that), so the writer holds no text
 //   between saves and the file is never assembled in memory. Saves queued
-//   by `write` start no sooner than three times the previous write's
+//   by `write` start no sooner than nine times the previous write's
 //   duration (at most a second) after it ended, so a long queue that changes
-//   fast keeps the writer busy a quarter of the time at most; saves asked
+//   fast keeps the writer busy a tenth of the time at most; saves asked
 //   for meanwhile give way to the newest. While any thread of the process
 //   waits for saves (`waitUntilWritten`, `waitForEarlierSaves`), writers do
 //   not rest: a shutdown or a launch does not wait for the pacing.
