@@ -312,13 +312,18 @@ TaskView viewOf(const QueueEntry& entry) {
                 resumed = ZNVURLSessionResumeData::decode(*data);
         }
         if (resumed && resumed->expectedTotalBytes > 0) {
-            // Growing data names a file that holds everything written so far.
-            int64_t held = resumed->bytesReceived;
-            if (resumed->growing &&
-                ZNVURLSessionResumeData::isPartialFilePath(resumed->partialFile)) {
+            // What a transfer continues from: all the file holds for data
+            // taken while it was filling, else up to the count recorded; a
+            // file that is gone holds nothing.
+            int64_t held = 0;
+            if (ZNVURLSessionResumeData::isPartialFilePath(resumed->partialFile)) {
                 std::error_code error;
                 auto size = std::filesystem::file_size(resumed->partialFile, error);
-                if (!error) held = static_cast<int64_t>(size);
+                if (!error) {
+                    held = resumed->growing ? static_cast<int64_t>(size)
+                                            : std::min<int64_t>(static_cast<int64_t>(size),
+                                                                resumed->bytesReceived);
+                }
             }
             const int64_t whole = resumed->expectedTotalBytes;
             view.totalBytes = whole;
