@@ -439,8 +439,8 @@ int main(int argc, char** argv) {
         for (int i = 0; i < options.runs; ++i) {
             // The two go first in turn, so that neither always runs right
             // after the other has written and removed a gigabyte: on this
-            // disk, the library's download then took up to 3.7 times as long,
-            // with a second more of CPU (curl's did not change).
+            // disk, the library's download then took up to five times as long,
+            // with more CPU (curl's did not change).
             double curlSeconds = -1;
             double librarySeconds = -1;
             if (i % 2 == 0) {
