@@ -79,24 +79,6 @@ double processCpuSeconds() {
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-// Processor time of another process, from /proc; 0 when it cannot be read.
-double processCpuSeconds(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    const std::string text((std::istreambuf_iterator<char>(file)),
-                           std::istreambuf_iterator<char>());
-    // The command name is in parentheses and may hold spaces: fields are
-    // counted from after its closing one, which ends field 2.
-    const size_t close = text.rfind(')');
-    if (close == std::string::npos) return 0;
-    std::istringstream fields(text.substr(close + 1));
-    std::string field;
-    double ticks = 0;
-    for (int number = 3; number <= 15 && fields >> field; ++number) {
-        if (number >= 14) ticks += std::strtod(field.c_str(), nullptr);  // utime, stime
-    }
-    return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
 struct Round {
     double seconds = -1;          // wall time; negative when the round failed
     double cpuSeconds = 0;        // client processor time
@@ -419,9 +401,9 @@ int main(int argc, char** argv) {
                 std::fprintf(stderr, "znv-emulator did not start\n");
                 measured = false;
             } else {
-                const double serverCpu = processCpuSeconds(emulator.pid());
+                const double serverCpu = emulator.cpuSeconds();
                 round = body(emulator.baseURL());
-                round.serverCpuSeconds = processCpuSeconds(emulator.pid()) - serverCpu;
+                round.serverCpuSeconds = emulator.cpuSeconds() - serverCpu;
             }
         }
         if (round.seconds < 0) measured = false;

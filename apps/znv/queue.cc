@@ -312,17 +312,15 @@ TaskView viewOf(const QueueEntry& entry) {
                 resumed = ZNVURLSessionResumeData::decode(*data);
         }
         if (resumed && resumed->expectedTotalBytes > 0) {
-            // What a transfer continues from: all the file holds for data
-            // taken while it was filling, else up to the count recorded; a
+            // What the transfer continues from, as the session reckons it; a
             // file that is gone holds nothing.
             int64_t held = 0;
             if (ZNVURLSessionResumeData::isPartialFilePath(resumed->partialFile)) {
                 std::error_code error;
                 auto size = std::filesystem::file_size(resumed->partialFile, error);
                 if (!error) {
-                    held = resumed->growing ? static_cast<int64_t>(size)
-                                            : std::min<int64_t>(static_cast<int64_t>(size),
-                                                                resumed->bytesReceived);
+                    held = ZNVURLSessionResumeData::continuationOffset(*resumed,
+                                                                       static_cast<int64_t>(size));
                 }
             }
             const int64_t whole = resumed->expectedTotalBytes;

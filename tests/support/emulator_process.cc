@@ -10,6 +10,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -96,6 +99,23 @@ uint64_t EmulatorProcess::peakRSS() const {
         if (line.rfind("VmHWM:", 0) == 0) return std::stoull(line.substr(6)) * 1024;
     }
     return 0;
+}
+
+double EmulatorProcess::cpuSeconds() const {
+    std::ifstream file("/proc/" + std::to_string(pid_) + "/stat");
+    const std::string text((std::istreambuf_iterator<char>(file)),
+                           std::istreambuf_iterator<char>());
+    // The command name is in parentheses and may hold spaces: fields are
+    // counted from after its closing one, which ends field 2.
+    const size_t close = text.rfind(')');
+    if (close == std::string::npos) return 0;
+    std::istringstream fields(text.substr(close + 1));
+    std::string field;
+    double ticks = 0;
+    for (int number = 3; number <= 15 && fields >> field; ++number) {
+        if (number >= 14) ticks += std::strtod(field.c_str(), nullptr);  // utime, stime
+    }
+    return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 std::string EmulatorProcess::baseURL() const {

@@ -40,6 +40,9 @@ class EmulatorProcess {
     int stop(int signal, std::chrono::milliseconds timeout);
     // Peak resident memory of the emulator (VmHWM), in bytes; 0 if unknown.
     uint64_t peakRSS() const;
+    // Processor time the emulator has used so far (user and system), in
+    // seconds; 0 if unknown.
+    double cpuSeconds() const;
 
   private:
     pid_t pid_ = -1;

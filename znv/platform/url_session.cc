@@ -855,9 +855,8 @@ ZNVErrorRef ZNVURLSession::Core::setUp(Transfer& t) {
                     t.outPath = info->partialFile;
                     // Data taken while the file was filling names where that
                     // transfer began; the file holds all it wrote since.
-                    int64_t offset = info->growing
-                                         ? st.st_size
-                                         : std::min<int64_t>(st.st_size, info->bytesReceived);
+                    int64_t offset = ZNVURLSessionResumeData::continuationOffset(
+                        *info, static_cast<int64_t>(st.st_size));
                     if (offset < st.st_size && ftruncate(fd, offset) != 0) offset = 0;
                     std::string validator =
                         isStrongValidator(info->etag) ? info->etag : info->lastModified;

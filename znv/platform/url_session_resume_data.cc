@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cctype>
 #include <string_view>
 
@@ -69,6 +70,10 @@ std::optional<ZNVURLSessionResumeData::Info> ZNVURLSessionResumeData::decode(con
     } catch (const nlohmann::json::exception&) {
         return std::nullopt;
     }
+}
+
+int64_t ZNVURLSessionResumeData::continuationOffset(const Info& info, int64_t fileSize) {
+    return info.growing ? fileSize : std::min(fileSize, info.bytesReceived);
 }
 
 bool ZNVURLSessionResumeData::isPartialFilePath(const std::string& path) {

@@ -44,6 +44,10 @@ class ZNVURLSessionResumeData {
     // data naming anything else (read back from a state file, say) is never
     // written to or deleted.
     static bool isPartialFilePath(const std::string& path);
+    // Where a transfer made from this data continues in a partial file of
+    // `fileSize` bytes: all the file holds for growing data, else at most the
+    // count recorded.
+    static int64_t continuationOffset(const Info& info, int64_t fileSize);
     // Deletes the partial file that resume data names, if it is one of ours
     // (resume data that is dropped would otherwise leave it behind).
     static void removePartialFile(const ZNVBytes& data);
