@@ -270,6 +270,9 @@ TEST_F(StorageTest, AnswersNamingAHeldUploadAreIgnoredEvenAfterInvalidation) {
     auto forOther = session->getInformationForRemoteFile("other-file", authentication);
     ASSERT_NE(forHeld, nullptr);
     ASSERT_NE(forOther, nullptr);
+    // A refresh still queued would walk the session's tasks and log the same
+    // line for the held upload's request: it runs before the log is watched.
+    settle(storage);
     const std::string body = R"({"fileId":"held-file","contentUri":"http://x/y"})";
     const ZNVBytes bytes(body.begin(), body.end());
     const std::string ignoredLine = "ignoring response for old session task " +
@@ -288,6 +291,12 @@ TEST_F(StorageTest, AnswersNamingAHeldUploadAreIgnoredEvenAfterInvalidation) {
     // The file-ID lookup outlives the collection: after invalidation an
     // answer for the upload's file is still recognised as stale.
     storage->invalidateClientAndCancelTasks();
+    // The cancelled requests' own answers are logged before the log is watched.
+    ASSERT_TRUE(test::waitFor([&] {
+        return forHeld->state() == ZNVURLSessionTaskStateCompleted &&
+               forOther->state() == ZNVURLSessionTaskStateCompleted;
+    }));
+    ASSERT_TRUE(test::drainBackgroundQueue(session));
     LogCapture log;
     bool ignored = false;
     EXPECT_EQ(storage->uploadForTask(forHeld, &ignored), nullptr);
