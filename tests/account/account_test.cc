@@ -73,6 +73,32 @@ TEST(Account, RunsAuthenticatedBlocksInOrderOnItsOwnThreadWithAFreshTokenEachTim
     EXPECT_EQ(refreshes.load(), 5);
 }
 
+// A fixed token needs no refresh: its blocks run before the dispatch returns,
+// on the caller's thread, until a provider takes over.
+TEST(Account, AFixedTokenRunsBlocksOnTheCallersThreadUntilAProviderIsSet) {
+    auto account = ZNVTokenAccount::createWithToken(testConfiguration(), "fixed");
+    Outcome outcome;
+    account->dispatchAuthenticatedBlock(recorder(outcome, account));
+    {
+        std::lock_guard lock(outcome.mutex);
+        ASSERT_EQ(outcome.tokens, std::vector<std::string>{"fixed"});
+        EXPECT_EQ(outcome.threads[0], std::this_thread::get_id());
+    }
+    account->setStatus(ZNVAccountStatusNeedsReauthentication);
+    account->dispatchAuthenticatedBlock(recorder(outcome, account));
+    account->setStatus(ZNVAccountStatusSignedIn);
+    account->setTokenProvider([](ZNVErrorRef*) { return std::string("refreshed"); });
+    account->dispatchAuthenticatedBlock(recorder(outcome, account));
+    account->waitUntilIdle();
+    std::lock_guard lock(outcome.mutex);
+    ASSERT_EQ(outcome.tokens, (std::vector<std::string>{"fixed", "", "refreshed"}));
+    ASSERT_NE(outcome.errors[1], nullptr);
+    EXPECT_EQ(outcome.errors[1]->code(), NSURLErrorUserAuthenticationRequired);
+    EXPECT_EQ(outcome.threads[1], std::this_thread::get_id());
+    EXPECT_TRUE(outcome.onCallbackThread[2]);
+    EXPECT_NE(outcome.threads[2], std::this_thread::get_id());
+}
+
 TEST(Account, ProviderErrorsAndMissingTokensReachTheBlockWithoutAnAuthentication) {
     int call = 0;
     auto failure = ZNVError::withMessage(NSURLErrorDomain, NSURLErrorNotConnectedToInternet,

@@ -31,9 +31,12 @@ std::shared_ptr<ZNVTokenAccount> ZNVTokenAccount::create(ZNVAccountConfiguration
 
 std::shared_ptr<ZNVTokenAccount> ZNVTokenAccount::createWithToken(
     ZNVAccountConfigurationRef configuration, std::string token, int64_t status) {
-    return create(
+    auto account = create(
         std::move(configuration), [token = std::move(token)](ZNVErrorRef*) { return token; },
         status);
+    std::lock_guard lock(account->mutex_);
+    account->fixedToken_ = true;
+    return account;
 }
 
 ZNVTokenAccount::ZNVTokenAccount(Private, ZNVAccountConfigurationRef configuration,
@@ -55,10 +58,20 @@ void ZNVTokenAccount::setStatus(int64_t status) {
 void ZNVTokenAccount::setTokenProvider(TokenProvider tokenProvider) {
     std::lock_guard lock(mutex_);
     tokenProvider_ = std::move(tokenProvider);
+    fixedToken_ = false;
 }
 
 void ZNVTokenAccount::dispatchAuthenticatedBlock(ZNVAuthenticatedBlock block) {
     if (!block) return;
+    bool fixedToken = false;
+    {
+        std::lock_guard lock(mutex_);
+        fixedToken = fixedToken_;
+    }
+    if (fixedToken) {
+        runBlock(block);
+        return;
+    }
     auto pending = std::make_shared<PendingBlock>();
     pending->block = std::move(block);
     callbackQueue_->addOperation([weakSelf = weak_from_this(), pending]() {
