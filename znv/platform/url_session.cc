@@ -402,6 +402,8 @@ struct ZNVURLSession::Core {
     // I/O thread only.
     std::shared_ptr<ZNVURLSession> self;  // keeps the session alive until invalid
     std::map<uint64_t, Entry> entries;    // tasks the I/O thread has not finished
+    std::vector<std::function<void(const std::shared_ptr<ZNVURLSession>&, ZNVURLSessionDelegate*)>>
+        outbox;  // callbacks of this turn of the loop, in order; see post()
     Ending ending = Ending::None;
 
     // --- called from any thread
@@ -416,15 +418,27 @@ struct ZNVURLSession::Core {
     using Callback = std::function<void(const std::shared_ptr<ZNVURLSession>& session,
                                         ZNVURLSessionDelegate* delegate)>;
 
-    void post(Callback callback) {
+    // Callbacks are kept until the end of the loop's turn and handed to the
+    // delegate queue as one operation: a finished request gives three or four
+    // of them, and one hand-over wakes the queue's thread once, not each time.
+    void post(Callback callback) { outbox.push_back(std::move(callback)); }
+
+    void flushOutbox() {
+        if (outbox.empty()) return;
+        std::vector<Callback> callbacks;
+        callbacks.swap(outbox);
         auto session = self;
-        owner->delegateQueue_->addOperation([session, callback = std::move(callback)] {
-            std::shared_ptr<ZNVURLSessionDelegate> delegate;
-            {
-                std::lock_guard guard(session->core_->mutex);
-                delegate = session->core_->delegate;
+        owner->delegateQueue_->addOperation([session, callbacks = std::move(callbacks)] {
+            for (const Callback& callback : callbacks) {
+                // Read for each callback: the last one of a session lets go of
+                // the delegate.
+                std::shared_ptr<ZNVURLSessionDelegate> delegate;
+                {
+                    std::lock_guard guard(session->core_->mutex);
+                    delegate = session->core_->delegate;
+                }
+                callback(session, delegate.get());
             }
-            callback(session, delegate.get());
         });
     }
 
@@ -703,6 +717,7 @@ void ZNVURLSession::Core::run() {
         curl_multi_timeout(multi, &curlTimeout);
         int timeoutMs = active ? 100 : 60000;
         if (curlTimeout >= 0) timeoutMs = static_cast<int>(std::min<long>(timeoutMs, curlTimeout));
+        flushOutbox();
         curl_multi_poll(multi, nullptr, 0, timeoutMs, nullptr);
     }
 
@@ -736,6 +751,7 @@ void ZNVURLSession::Core::run() {
             released.swap(session->core_->delegate);
         }
     });
+    flushOutbox();
     // May destroy the session, whose destructor then detaches this thread.
     std::shared_ptr<ZNVURLSession> last = std::move(self);
     last.reset();
