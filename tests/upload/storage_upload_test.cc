@@ -340,6 +340,15 @@ TEST_F(StorageUploadTest, ValidationNamesTheFirstMissingPiece) {
     EXPECT_FALSE(bundled->validateParameters());
     EXPECT_EQ(bundled->error()->localizedDescription(),
               "file must be in the data container (not the bundle)");
+    // Named through a link from outside, it is still the bundle's file.
+    const fs::path link = fs::path(path).parent_path() / "link-into-bundle.bin";
+    fs::create_symlink(inBundle, link);
+    auto linked = ZNVStorageUpload::create(ZNVURL::fileURL(link.string()), "", harness.account, "",
+                                           "", false, harness.session);
+    EXPECT_FALSE(linked->validateParameters());
+    ASSERT_NE(linked->rawError(), nullptr);
+    EXPECT_EQ(linked->rawError()->code(), NSURLErrorBadURL);
+    fs::remove(link);
     fs::remove(inBundle);
 
     // A name that sanitises to nothing cannot be created remotely.

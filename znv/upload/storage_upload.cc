@@ -371,10 +371,22 @@ std::optional<ZNVURL> ZNVStorageUpload::resolvedSourceFileReference() const {
     const std::string real = ZNVRealPath(path);
     if (real.empty()) return resolved;
     if (::stat(real.c_str(), &info) == 0) {
+        const std::string& bundle = ZNVMainBundlePath();
         realPathMemo_ = RealPathMemo{path, real, static_cast<uint64_t>(info.st_dev),
-                                     static_cast<uint64_t>(info.st_ino)};
+                                     static_cast<uint64_t>(info.st_ino),
+                                     real.compare(0, bundle.size(), bundle) == 0};
     }
     return ZNVURL::fileURL(real);
+}
+
+bool ZNVStorageUpload::sourceIsInAppBundle(const ZNVURL& source) const {
+    Lock lock(*this);
+    // A path that sourceURL() has just checked against the memo is already
+    // free of links: its answer was worked out when the memo was made.
+    if (realPathMemo_ && source.isFileURL() && source.path() == realPathMemo_->real) {
+        return realPathMemo_->inAppBundle;
+    }
+    return ZNVNetworkUtilities_fileAtURLIsInAppBundle(source);
 }
 
 std::optional<ZNVURL> ZNVStorageUpload::sourceFileReferenceURL() const {
@@ -400,7 +412,7 @@ bool ZNVStorageUpload::validateParameters() {
         if (!source || !source->isFileURL()) {
             failure = ZNVNetworkErrorHandler_createURLError(NSURLErrorFileDoesNotExist,
                                                             "a file URL is required");
-        } else if (ZNVNetworkUtilities_fileAtURLIsInAppBundle(*source)) {
+        } else if (sourceIsInAppBundle(*source)) {
             failure = ZNVNetworkErrorHandler_createURLError(
                 NSURLErrorBadURL, "file must be in the data container (not the bundle)");
         } else if (!account_) {

@@ -221,6 +221,8 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     // The file-reference URL resolved to the file's current path, symbolic
     // links resolved; none when the file cannot be found.
     std::optional<ZNVURL> resolvedSourceFileReference() const;
+    // Whether `source` (as sourceURL() gave it) lies in the application's bundle.
+    bool sourceIsInAppBundle(const ZNVURL& source) const;
 
     // Guarded by the base task's lock.
     std::shared_ptr<ZNVAccount> account_;
@@ -236,11 +238,14 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     // The last path the reference resolved to, its real path and the file's
     // identity there: resolving runs several times a step, and while the real
     // path still names that file the walk through its directories is skipped.
+    // Whether that real path lies in the application's bundle is worked out
+    // with it, for the same reason.
     struct RealPathMemo {
         std::string path;
         std::string real;
         uint64_t device = 0;
         uint64_t inode = 0;
+        bool inAppBundle = false;
     };
     mutable std::optional<RealPathMemo> realPathMemo_;
     ZNVIndexSet chunkIndicesToUpload_;
