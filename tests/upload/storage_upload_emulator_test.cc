@@ -121,7 +121,11 @@ TEST_F(StorageUploadEmulatorTest, RestoredUploadWhoseSourceWasRenamedStillUpload
     ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*upload);
     const std::string renamed = fs::path(source).parent_path() / "moved" / "renamed.bin";
     fs::create_directories(fs::path(renamed).parent_path());
+    ASSERT_EQ(upload->sourceURL()->path(), ZNVRealPath(source));
     fs::rename(source, renamed);
+    // The live upload follows the file too, past what it remembered of the
+    // old path.
+    EXPECT_EQ(upload->sourceURL()->path(), ZNVRealPath(renamed));
 
     auto restored = relaunched(data);
     ASSERT_NE(restored, nullptr);

@@ -356,6 +356,12 @@ ZNVIndexSet ZNVStorageUpload::allChunkIndices() const {
 std::optional<ZNVURL> ZNVStorageUpload::resolvedSourceFileReference() const {
     Lock lock(*this);
     if (!sourceFileReferenceURL_) return std::nullopt;
+    if (realPathMemo_ && realPathMemo_->reference && realPathMemo_->real == realPathMemo_->path &&
+        realPathMemo_->referenceURL == *sourceFileReferenceURL_ &&
+        realPathMemo_->reference->lastKnownPath() == realPathMemo_->path &&
+        realPathMemo_->reference->isAt(realPathMemo_->path)) {
+        return realPathMemo_->realURL;
+    }
     std::optional<ZNVURL> resolved = ZNVFilePathURL(*sourceFileReferenceURL_);
     if (!resolved || !resolved->isFileURL()) return resolved;
     const std::string path = resolved->path();
@@ -366,17 +372,23 @@ std::optional<ZNVURL> ZNVStorageUpload::resolvedSourceFileReference() const {
         (realPathMemo_->real == path ||
          (::stat(realPathMemo_->real.c_str(), &info) == 0 && info.st_dev == realPathMemo_->device &&
           info.st_ino == realPathMemo_->inode))) {
-        return ZNVURL::fileURL(realPathMemo_->real);
+        return realPathMemo_->realURL;
     }
     const std::string real = ZNVRealPath(path);
     if (real.empty()) return resolved;
+    ZNVURL realURL = ZNVURL::fileURL(real);
     if (::stat(real.c_str(), &info) == 0) {
         const std::string& bundle = ZNVMainBundlePath();
-        realPathMemo_ = RealPathMemo{path, real, static_cast<uint64_t>(info.st_dev),
+        realPathMemo_ = RealPathMemo{path,
+                                     real,
+                                     static_cast<uint64_t>(info.st_dev),
                                      static_cast<uint64_t>(info.st_ino),
-                                     real.compare(0, bundle.size(), bundle) == 0};
+                                     real.compare(0, bundle.size(), bundle) == 0,
+                                     *sourceFileReferenceURL_,
+                                     ZNVFileReference::fromReferenceURL(*sourceFileReferenceURL_),
+                                     realURL};
     }
-    return ZNVURL::fileURL(real);
+    return realURL;
 }
 
 bool ZNVStorageUpload::sourceIsInAppBundle(const ZNVURL& source) const {
