@@ -188,8 +188,13 @@ std::optional<ZNVFileReference> ZNVFileReference::createFromURL(const ZNVURL& fi
 }
 
 bool ZNVFileReference::isAt(const std::string& path) const {
+    return isFileAt(path, device_, inode_, birthNanoseconds_);
+}
+
+bool ZNVFileReference::isFileAt(const std::string& path, uint64_t device, uint64_t inode,
+                                int64_t birthNanoseconds) {
     Identity id;
-    return identify(AT_FDCWD, path.c_str(), &id) && matches(id, device_, inode_, birthNanoseconds_);
+    return identify(AT_FDCWD, path.c_str(), &id) && matches(id, device, inode, birthNanoseconds);
 }
 
 std::optional<std::string> ZNVFileReference::resolvePath(const SearchLimits& limits) const {

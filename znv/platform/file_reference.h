@@ -66,6 +66,9 @@ class ZNVFileReference {
     // True when the entry at `path` (not following a final symbolic link) is
     // the referenced file.
     bool isAt(const std::string& path) const;
+    // The same for a file known by its identity alone.
+    static bool isFileAt(const std::string& path, uint64_t device, uint64_t inode,
+                         int64_t birthNanoseconds);
 
     // The file's current path, or nullopt when it cannot be found.
     std::optional<std::string> resolvePath() const { return resolvePath(SearchLimits{}); }

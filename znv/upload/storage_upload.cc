@@ -356,11 +356,11 @@ ZNVIndexSet ZNVStorageUpload::allChunkIndices() const {
 std::optional<ZNVURL> ZNVStorageUpload::resolvedSourceFileReference() const {
     Lock lock(*this);
     if (!sourceFileReferenceURL_) return std::nullopt;
-    if (realPathMemo_ && realPathMemo_->reference && realPathMemo_->real == realPathMemo_->path &&
-        realPathMemo_->referenceURL == *sourceFileReferenceURL_ &&
-        realPathMemo_->reference->lastKnownPath() == realPathMemo_->path &&
-        realPathMemo_->reference->isAt(realPathMemo_->path)) {
-        return realPathMemo_->realURL;
+    if (realPathMemo_ && realPathMemo_->atReferencePath &&
+        realPathMemo_->real == realPathMemo_->path &&
+        ZNVFileReference::isFileAt(realPathMemo_->path, realPathMemo_->device, realPathMemo_->inode,
+                                   realPathMemo_->birthNanoseconds)) {
+        return ZNVURL::fileURL(realPathMemo_->real);
     }
     std::optional<ZNVURL> resolved = ZNVFilePathURL(*sourceFileReferenceURL_);
     if (!resolved || !resolved->isFileURL()) return resolved;
@@ -372,23 +372,25 @@ std::optional<ZNVURL> ZNVStorageUpload::resolvedSourceFileReference() const {
         (realPathMemo_->real == path ||
          (::stat(realPathMemo_->real.c_str(), &info) == 0 && info.st_dev == realPathMemo_->device &&
           info.st_ino == realPathMemo_->inode))) {
-        return realPathMemo_->realURL;
+        return ZNVURL::fileURL(realPathMemo_->real);
     }
     const std::string real = ZNVRealPath(path);
     if (real.empty()) return resolved;
-    ZNVURL realURL = ZNVURL::fileURL(real);
     if (::stat(real.c_str(), &info) == 0) {
         const std::string& bundle = ZNVMainBundlePath();
+        const std::optional<ZNVFileReference> reference =
+            ZNVFileReference::fromReferenceURL(*sourceFileReferenceURL_);
         realPathMemo_ = RealPathMemo{path,
                                      real,
                                      static_cast<uint64_t>(info.st_dev),
                                      static_cast<uint64_t>(info.st_ino),
-                                     real.compare(0, bundle.size(), bundle) == 0,
-                                     *sourceFileReferenceURL_,
-                                     ZNVFileReference::fromReferenceURL(*sourceFileReferenceURL_),
-                                     realURL};
+                                     reference ? reference->birthNanoseconds() : 0,
+                                     reference && reference->lastKnownPath() == path &&
+                                         reference->device() == info.st_dev &&
+                                         reference->inode() == info.st_ino,
+                                     real.compare(0, bundle.size(), bundle) == 0};
     }
-    return realURL;
+    return ZNVURL::fileURL(real);
 }
 
 bool ZNVStorageUpload::sourceIsInAppBundle(const ZNVURL& source) const {

@@ -239,18 +239,18 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     // identity there: resolving runs several times a step, and while the real
     // path still names that file the walk through its directories is skipped.
     // Whether that real path lies in the application's bundle is worked out
-    // with it, for the same reason. While the reference is unchanged and the
-    // file is still at a path that was already real, one statx confirms the
-    // memo and its URL is handed out as it is.
+    // with it, for the same reason. (The reference itself never changes once
+    // the upload is made.) While the file is still at the reference's own
+    // path, and that path was already real, one statx confirms the memo.
+    // It is kept small: every queued upload has one.
     struct RealPathMemo {
         std::string path;
         std::string real;
         uint64_t device = 0;
         uint64_t inode = 0;
+        int64_t birthNanoseconds = 0;  // the reference's
+        bool atReferencePath = false;  // `path` is the reference's last known path
         bool inAppBundle = false;
-        ZNVURL referenceURL;                        // the reference it was made for
-        std::optional<ZNVFileReference> reference;  // that reference, parsed
-        ZNVURL realURL;                             // ZNVURL::fileURL(real)
     };
     mutable std::optional<RealPathMemo> realPathMemo_;
     ZNVIndexSet chunkIndicesToUpload_;
