@@ -329,7 +329,7 @@ UploadFigures measureUploads(const std::shared_ptr<znv::ZNVStorage>& storage,
     // The three go first in turn, so that none always runs right after the
     // others have written, read back and removed two gigabytes: on this disk
     // one gigabyte in chunks took 0.96 s to a quiet emulator and 3.4 s right
-    // after other uploads, with three times the emulator's processor time.
+    // after other uploads, with five times the emulator's processor time.
     for (int i = 0; i < runs; ++i) {
         for (int way = 0; way < 3; ++way)
             ways[(i + way) % 3]();
