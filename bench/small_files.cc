@@ -18,9 +18,9 @@
 //              default 1000)
 // Client CPU is the processor time of this process (or of the znv child)
 // during the round; "server" is the emulator's, read from /proc, so that a
-// way that makes the server work harder per file shows as such. Bars: the library at least 0.5x the
-// baseline's throughput at every count, with at most 2 ms of client CPU per file; znv at least
-// 0.4x.
+// way that makes the server work harder per file shows as such. Bars: the
+// library at least 0.5x the baseline's throughput at every count, with at
+// most 2 ms of client CPU per file; znv at least 0.4x.
 // --quick runs 100 and 300 files once (the bars are still printed). Exits 1
 // when a bar is missed, 2 on bad usage or a failed measurement.
 #include <curl/curl.h>

@@ -278,6 +278,17 @@ void keepBest(double& best, double value) {
     if (value > 0 && (best == 0 || value < best)) best = value;
 }
 
+// Runs each way once, round `round` starting with way `round % n`, so that no
+// way always runs right after the others. On this disk a way that came right
+// after others had written, read back and removed gigabytes was slowed: one
+// gigabyte in chunks took 0.96 s to a quiet emulator and 3.4 s right after
+// other uploads, with five times the emulator's processor time; the library's
+// download took up to five times as long right after curl's.
+void runInTurn(int round, const std::vector<std::function<void()>>& ways) {
+    for (size_t way = 0; way < ways.size(); ++way)
+        ways[(static_cast<size_t>(round) + way) % ways.size()]();
+}
+
 // A storage manager of its own configuration for one emulator.
 std::shared_ptr<znv::ZNVStorage> storageFor(const EmulatorProcess& emulator,
                                             const std::string& identifier) {
@@ -321,18 +332,12 @@ UploadFigures measureUploads(const std::shared_ptr<znv::ZNVStorage>& storage,
         keepBest(best.curl, seconds);
         keepBest(best.curlCPU, cpu);
     };
-    const std::function<void()> ways[] = {
-        timeCurl,
-        [&] { timeLibrary(false, best.full, best.fullCPU); },
-        [&] { timeLibrary(true, best.chunks, best.chunksCPU); },
-    };
-    // The three go first in turn, so that none always runs right after the
-    // others have written, read back and removed two gigabytes: on this disk
-    // one gigabyte in chunks took 0.96 s to a quiet emulator and 3.4 s right
-    // after other uploads, with five times the emulator's processor time.
     for (int i = 0; i < runs; ++i) {
-        for (int way = 0; way < 3; ++way)
-            ways[(i + way) % 3]();
+        runInTurn(i, {
+                         timeCurl,
+                         [&] { timeLibrary(false, best.full, best.fullCPU); },
+                         [&] { timeLibrary(true, best.chunks, best.chunksCPU); },
+                     });
     }
     return best;
 }
@@ -449,19 +454,13 @@ int main(int argc, char** argv) {
         measured = false;
     } else {
         for (int i = 0; i < options.runs; ++i) {
-            // The two go first in turn, so that neither always runs right
-            // after the other has written and removed a gigabyte: on this
-            // disk, the library's download then took up to five times as long,
-            // with more CPU (curl's did not change).
             double curlSeconds = -1;
             double librarySeconds = -1;
-            if (i % 2 == 0) {
-                curlSeconds = curlDownload(contentURL, root + "/curl-download.bin");
-                librarySeconds = libraryDownload(storage, contentURL, source);
-            } else {
-                librarySeconds = libraryDownload(storage, contentURL, source);
-                curlSeconds = curlDownload(contentURL, root + "/curl-download.bin");
-            }
+            runInTurn(
+                i, {
+                       [&] { curlSeconds = curlDownload(contentURL, root + "/curl-download.bin"); },
+                       [&] { librarySeconds = libraryDownload(storage, contentURL, source); },
+                   });
             if (curlSeconds < 0 || librarySeconds < 0) measured = false;
             keepBest(curlGetBest, curlSeconds);
             keepBest(downloadBest, librarySeconds);

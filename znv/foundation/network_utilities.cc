@@ -226,10 +226,13 @@ std::string ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(
 
 bool ZNVNetworkUtilities_fileAtURLIsInAppBundle(const ZNVURL& url) {
     if (!url.isFileURL()) return false;
-    const std::string file = resolvingSymlinks(url.path());
+    return ZNVNetworkUtilities_realPathIsInAppBundle(resolvingSymlinks(url.path()));
+}
+
+bool ZNVNetworkUtilities_realPathIsInAppBundle(const std::string& realPath) {
     // Resolved once, from the executable's real path: no link left to follow.
     const std::string& bundle = ZNVMainBundlePath();
-    return file.compare(0, bundle.size(), bundle) == 0;
+    return realPath.compare(0, bundle.size(), bundle) == 0;
 }
 
 std::optional<ZNVURL> ZNVNetworkUtilities_libraryURLWithFileName(const std::string& name) {

@@ -57,6 +57,8 @@ std::string ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(
 // the application directory's path. A plain text-prefix test: a sibling
 // directory whose name starts with the application directory's name matches too.
 bool ZNVNetworkUtilities_fileAtURLIsInAppBundle(const ZNVURL& url);
+// The same test for a path whose symbolic links are already resolved.
+bool ZNVNetworkUtilities_realPathIsInAppBundle(const std::string& realPath);
 
 // file://<home>/Library/Network/<name>; nullopt for an empty name.
 std::optional<ZNVURL> ZNVNetworkUtilities_libraryURLWithFileName(const std::string& name);

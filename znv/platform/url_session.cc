@@ -399,11 +399,13 @@ struct ZNVURLSession::Core {
 
     std::thread thread;
 
+    using Callback = std::function<void(const std::shared_ptr<ZNVURLSession>& session,
+                                        ZNVURLSessionDelegate* delegate)>;
+
     // I/O thread only.
     std::shared_ptr<ZNVURLSession> self;  // keeps the session alive until invalid
     std::map<uint64_t, Entry> entries;    // tasks the I/O thread has not finished
-    std::vector<std::function<void(const std::shared_ptr<ZNVURLSession>&, ZNVURLSessionDelegate*)>>
-        outbox;  // callbacks of this turn of the loop, in order; see post()
+    std::vector<Callback> outbox;         // callbacks of this turn of the loop, in order
     Ending ending = Ending::None;
 
     // --- called from any thread
@@ -415,9 +417,6 @@ struct ZNVURLSession::Core {
     }
 
     // --- I/O thread
-    using Callback = std::function<void(const std::shared_ptr<ZNVURLSession>& session,
-                                        ZNVURLSessionDelegate* delegate)>;
-
     // Callbacks are kept until the end of the loop's turn and handed to the
     // delegate queue as one operation: a finished request gives three or four
     // of them, and one hand-over wakes the queue's thread once, not each time.

@@ -356,8 +356,7 @@ ZNVIndexSet ZNVStorageUpload::allChunkIndices() const {
 std::optional<ZNVURL> ZNVStorageUpload::resolvedSourceFileReference() const {
     Lock lock(*this);
     if (!sourceFileReferenceURL_) return std::nullopt;
-    if (realPathMemo_ && realPathMemo_->atReferencePath &&
-        realPathMemo_->real == realPathMemo_->path &&
+    if (realPathMemo_ && realPathMemo_->realAtReferencePath &&
         ZNVFileReference::isFileAt(realPathMemo_->path, realPathMemo_->device, realPathMemo_->inode,
                                    realPathMemo_->birthNanoseconds)) {
         return ZNVURL::fileURL(realPathMemo_->real);
@@ -377,7 +376,6 @@ std::optional<ZNVURL> ZNVStorageUpload::resolvedSourceFileReference() const {
     const std::string real = ZNVRealPath(path);
     if (real.empty()) return resolved;
     if (::stat(real.c_str(), &info) == 0) {
-        const std::string& bundle = ZNVMainBundlePath();
         const std::optional<ZNVFileReference> reference =
             ZNVFileReference::fromReferenceURL(*sourceFileReferenceURL_);
         realPathMemo_ = RealPathMemo{path,
@@ -386,9 +384,9 @@ std::optional<ZNVURL> ZNVStorageUpload::resolvedSourceFileReference() const {
                                      static_cast<uint64_t>(info.st_ino),
                                      reference ? reference->birthNanoseconds() : 0,
                                      reference && reference->lastKnownPath() == path &&
-                                         reference->device() == info.st_dev &&
+                                         real == path && reference->device() == info.st_dev &&
                                          reference->inode() == info.st_ino,
-                                     real.compare(0, bundle.size(), bundle) == 0};
+                                     ZNVNetworkUtilities_realPathIsInAppBundle(real)};
     }
     return ZNVURL::fileURL(real);
 }

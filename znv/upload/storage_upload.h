@@ -248,8 +248,8 @@ class ZNVStorageUpload : public ZNVNetworkTask {
         std::string real;
         uint64_t device = 0;
         uint64_t inode = 0;
-        int64_t birthNanoseconds = 0;  // the reference's
-        bool atReferencePath = false;  // `path` is the reference's last known path
+        int64_t birthNanoseconds = 0;      // the reference's
+        bool realAtReferencePath = false;  // `path` is real, the reference's and its file's
         bool inAppBundle = false;
     };
     mutable std::optional<RealPathMemo> realPathMemo_;
