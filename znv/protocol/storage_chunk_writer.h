@@ -11,11 +11,12 @@
 //   bytes; then CRLF "--" boundary "--" CRLF. The closing delimiter is
 //   written also when a chunk could not be read, so a failed body is still
 //   well terminated; the call then reports the read error.
-// - Where the output is a regular file, a chunk's bytes are copied
-//   kernel-side (`copy_file_range`) where the kernel allows it, otherwise
-//   read and written through one reused 1 MiB buffer; other outputs get one
-//   chunk at a time read whole into memory and written. The output is byte
-//   for byte the same either way.
+// - Where the output is a regular file written at its end, the whole body's
+//   space is allocated first (given back if the body ends short), and a
+//   chunk's bytes are spliced kernel-side through a pipe where the kernel
+//   allows it, otherwise read and written through one reused 1 MiB buffer;
+//   other outputs get one chunk at a time read whole into memory and
+//   written. The output is byte for byte the same either way.
 // - The output descriptor is written at its current offset and is neither
 //   flushed nor closed: the caller owns it.
 // - Failures are reported through the error out-parameter: validation
