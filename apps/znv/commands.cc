@@ -166,7 +166,14 @@ int runStatus(const GlobalOptions& global) {
     std::string server = boundServer(global.profile);
     auto viewWithOutput = [&](const QueueEntry& entry) {
         TaskView view = viewOf(entry);
-        if (auto destination = destinations.get(entry.hash)) view.output = destination->path;
+        auto destination = destinations.get(entry.hash);
+        if (!destination) return view;
+        view.output = destination->path;
+        // A delivered download's task keeps no size; its file's was noted.
+        if (destination->delivered && destination->size >= 0 && view.succeeded() &&
+            view.totalBytes < 0) {
+            view.totalBytes = view.completedBytes = destination->size;
+        }
         return view;
     };
     if (global.json) {

@@ -176,9 +176,15 @@ DownloadDestinations::DownloadDestinations(const std::string& profile)
             // Written by earlier releases: a file path, replaced when it exists.
             entries_[hash] = Destination{value.get<std::string>(), false, true};
         } else if (value.is_object() && value.contains("path") && value["path"].is_string()) {
-            entries_[hash] =
-                Destination{value["path"].get<std::string>(), value.value("directory", false),
-                            value.value("force", false)};
+            Destination destination{value["path"].get<std::string>(),
+                                    value.value("directory", false), value.value("force", false)};
+            if (value.value("delivered", false)) {
+                auto size = value.find("size");
+                destination.delivered = true;
+                destination.size =
+                    size != value.end() && size->is_number_unsigned() ? size->get<int64_t>() : -1;
+            }
+            entries_[hash] = destination;
         }
     }
 }
@@ -212,6 +218,10 @@ void DownloadDestinations::save() const {
         j[hash] = {{"path", destination.path},
                    {"directory", destination.directory},
                    {"force", destination.force}};
+        if (destination.delivered) {
+            j[hash]["delivered"] = true;
+            j[hash]["size"] = destination.size;
+        }
     }
     std::string temporary = path_ + ".tmp";
     {
@@ -754,6 +764,9 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         auto local = download->localFileURL();
         if (!local) return std::string("the download finished without a file");
         if (!t.destination) return std::string("no destination recorded for this download");
+        if (t.destination->delivered) {
+            return std::string("the download was already delivered to ") + t.destination->path;
+        }
         std::string directory = t.destination->path, name;
         if (t.destination->directory) {
             auto source = download->sourceURL();
@@ -777,6 +790,13 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         Delivered delivered = deliverDownload(local->path(), directory, name, t.destination->force);
         if (!delivered.error.empty()) return delivered.error;
         t.output = delivered.path;
+        // `status` names the file and its size after this run.
+        Destination done = *t.destination;
+        done.path = delivered.path;
+        done.directory = false;
+        done.delivered = true;
+        done.size = fileSize(delivered.path);
+        destinations_.set(t.entry.hash, done);
         return std::string();
     };
 
@@ -879,9 +899,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
                 t.finalizingSince = now;
                 if (view.kind == "download" && view.succeeded()) {
                     t.extraError = deliver(t);
-                    if (t.extraError.empty()) {
-                        destinations_.erase(t.entry.hash);
-                    } else {
+                    if (!t.extraError.empty()) {
                         // The library saw a finished transfer; the queue must
                         // say it failed, or `status` and later runs would
                         // call it completed.

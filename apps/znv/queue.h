@@ -45,11 +45,15 @@ struct Destination {
     std::string path;        // absolute
     bool directory = false;  // `path` is the directory to write into
     bool force = false;      // replace an existing file instead of numbering the new one
+    // Once the file was delivered: `path` is the file written, `size` its size.
+    bool delivered = false;
+    int64_t size = -1;
 };
 
-// Where pending downloads of a profile are delivered (task hash ->
-// destination), kept beside the log because the library's download task has
-// no such field.
+// Where the downloads of a profile are delivered (task hash -> destination),
+// kept beside the log because the library's download task has no such field.
+// A delivered download keeps its entry, naming the file written, until its
+// task is finished.
 class DownloadDestinations {
   public:
     explicit DownloadDestinations(const std::string& profile);

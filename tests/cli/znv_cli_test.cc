@@ -205,6 +205,16 @@ TEST_F(ZnvCliTest, UploadAndDownloadReportEachStepAsJsonLines) {
     auto downSummary = down.events("summary")[0]["tasks"][0];
     EXPECT_EQ(downSummary.value("file", ""), copy);
     EXPECT_EQ(downSummary.value("url", ""), contentURL);
+    // Later, the queue still names the delivered file and its size.
+    ZnvRun status = user.run({"--server", server, "--json", "status"});
+    ASSERT_EQ(status.status, 0) << status.err;
+    auto listed = status.events("status").at(0)["tasks"];
+    auto delivered = std::find_if(listed.begin(), listed.end(),
+                                  [](const auto& t) { return t.value("kind", "") == "download"; });
+    ASSERT_NE(delivered, listed.end()) << status.out;
+    EXPECT_EQ(delivered->value("file", ""), copy) << status.out;
+    EXPECT_EQ(delivered->value("completed", int64_t{-1}), size) << status.out;
+    EXPECT_EQ(delivered->value("total", int64_t{-1}), size) << status.out;
 
     // Whole or in chunks is the service's to say: unknown until it answered.
     const std::string small = file("small.bin", 1000);
