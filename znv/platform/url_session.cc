@@ -392,6 +392,9 @@ struct ZNVURLSession::Core {
     // Tasks created and whose completion has not been delivered yet.
     std::map<uint64_t, std::shared_ptr<ZNVURLSessionTask>> liveTasks;
     std::deque<Command> commands;
+    // A wake-up of the I/O thread is on its way: commands added meanwhile are
+    // taken by the same turn, so they send no wake-up of their own.
+    bool wakeUpPending = false;
     uint64_t nextTaskIdentifier = 1;
     bool invalidated = false;  // no new tasks
     bool ioRunning = false;    // the I/O thread accepts commands
@@ -412,7 +415,15 @@ struct ZNVURLSession::Core {
     void push(Command command) {
         std::lock_guard guard(mutex);
         if (!ioRunning) return;
+        queueCommand(std::move(command));
+    }
+
+    // Adds a command and wakes the I/O thread unless a wake-up is pending.
+    // Under `mutex`.
+    void queueCommand(Command command) {
         commands.push_back(std::move(command));
+        if (wakeUpPending) return;
+        wakeUpPending = true;
         curl_multi_wakeup(multi);
     }
 
@@ -551,8 +562,7 @@ template <class T>
 std::shared_ptr<T> ZNVURLSession::registerTask(std::shared_ptr<T> task) {
     // The caller made the task under `core_->mutex` with the identifier it took.
     core_->liveTasks.emplace(task->taskIdentifier(), task);
-    core_->commands.push_back(Command{Command::Type::Register, task, nullptr});
-    curl_multi_wakeup(core_->multi);
+    core_->queueCommand(Command{Command::Type::Register, task, nullptr});
     return task;
 }
 
@@ -667,9 +677,7 @@ void ZNVURLSession::taskCancelled(const std::shared_ptr<ZNVURLSessionTask>& task
     {
         std::lock_guard guard(core_->mutex);
         if (core_->ioRunning) {
-            core_->commands.push_back(
-                Command{Command::Type::Cancel, task, std::move(resumeDataHandler)});
-            curl_multi_wakeup(core_->multi);
+            core_->queueCommand(Command{Command::Type::Cancel, task, std::move(resumeDataHandler)});
             accepted = true;
         }
     }
@@ -761,6 +769,9 @@ void ZNVURLSession::Core::processCommands() {
     {
         std::lock_guard guard(mutex);
         batch.swap(commands);
+        // Commands from now on need a wake-up of their own: this turn may
+        // already be past them.
+        wakeUpPending = false;
     }
     for (auto& command : batch) {
         switch (command.type) {
