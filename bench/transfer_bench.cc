@@ -37,9 +37,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -84,25 +82,6 @@ double processCPUSeconds() {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
     return cpuSeconds(usage);
-}
-
-// CPU time of another process (the emulator) so far, from /proc; 0 when
-// it cannot be read.
-double processCPUSeconds(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    // The command name may hold spaces: the fields counted here follow it.
-    size_t close = text.rfind(')');
-    if (close == std::string::npos) return 0;
-    std::istringstream fields(text.substr(close + 2));
-    std::string field;
-    unsigned long long user = 0, system = 0;
-    // After the name: state is field 3; utime and stime are fields 14 and 15.
-    for (int i = 3; i <= 15 && fields >> field; ++i) {
-        if (i == 14) user = std::strtoull(field.c_str(), nullptr, 10);
-        if (i == 15) system = std::strtoull(field.c_str(), nullptr, 10);
-    }
-    return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 // Talks to the emulator's REST interface directly (creating and removing
@@ -305,10 +284,9 @@ void keepBest(double& best, double value) {
 
 // Keeps the emulator's CPU time of the run that is the best so far.
 void keepBest(double& best, double value, double& serverCPU, double server) {
-    if (value > 0 && (best == 0 || value < best)) {
-        best = value;
-        serverCPU = server;
-    }
+    const double before = best;
+    keepBest(best, value);
+    if (best != before) serverCPU = server;
 }
 
 // Runs each way once, round `round` starting with way `round % n`, so that no
@@ -341,9 +319,9 @@ UploadFigures measureUploads(const std::shared_ptr<znv::ZNVStorage>& storage,
                              bool& measured) {
     UploadFigures best;
     auto timeLibrary = [&](bool forceChunks, double& seconds, double& cpu, double& serverCPU) {
-        const double serverBefore = processCPUSeconds(emulator.pid());
+        const double serverBefore = emulator.cpuSeconds();
         LibraryRun run = libraryUpload(storage, source, forceChunks);
-        const double server = processCPUSeconds(emulator.pid()) - serverBefore;
+        const double server = emulator.cpuSeconds() - serverBefore;
         const std::string stored = storedContent(run.remoteFileID);
         const bool intact = stored.empty() ? client.storedSize(run.remoteFileID) == size
                                            : znv::test::filesEqual(stored, source);
@@ -359,9 +337,9 @@ UploadFigures measureUploads(const std::shared_ptr<znv::ZNVStorage>& storage,
     };
     auto timeCurl = [&] {
         double cpu = 0;
-        const double serverBefore = processCPUSeconds(emulator.pid());
+        const double serverBefore = emulator.cpuSeconds();
         double seconds = curlUpload(client, emulator.port(), source, &cpu);
-        const double server = processCPUSeconds(emulator.pid()) - serverBefore;
+        const double server = emulator.cpuSeconds() - serverBefore;
         if (seconds < 0) {
             std::fprintf(stderr, "curl -T failed\n");
             measured = false;
