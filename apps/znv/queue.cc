@@ -236,14 +236,15 @@ void DownloadDestinations::save() const {
 // --- Queue entries -----------------------------------------------------------
 
 std::vector<QueueEntry> queueEntries(const std::vector<ZNVNetworkTaskRef>& tasks) {
-    std::vector<TaskIdentity> identities;
-    identities.reserve(tasks.size());
+    std::vector<std::string> hashes;
+    hashes.reserve(tasks.size());
     for (const auto& task : tasks)
-        identities.push_back(identityOf(task));
-    auto ids = shortTaskIds(identities);
+        hashes.push_back(fullTaskHash(identityOf(task)));
+    auto ids = shortIdsOf(hashes);
     std::vector<QueueEntry> entries;
+    entries.reserve(tasks.size());
     for (size_t i = 0; i < tasks.size(); ++i) {
-        entries.push_back({tasks[i], ids[i], fullTaskHash(identities[i])});
+        entries.push_back({tasks[i], std::move(ids[i]), std::move(hashes[i])});
     }
     return entries;
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <numeric>
 
 #include <fmt/format.h>
 
@@ -35,20 +36,27 @@ std::string fullTaskHash(const TaskIdentity& identity) {
     return fmt::format("{:016x}", fnv1a(key));
 }
 
-std::vector<std::string> shortTaskIds(const std::vector<TaskIdentity>& identities) {
-    std::vector<std::string> hashes;
-    hashes.reserve(identities.size());
-    for (const auto& identity : identities)
-        hashes.push_back(fullTaskHash(identity));
-    std::vector<std::string> ids;
-    ids.reserve(hashes.size());
-    for (size_t i = 0; i < hashes.size(); ++i) {
+std::vector<std::string> shortIdsOf(const std::vector<std::string>& hashes) {
+    // In sorted order, the hash sharing the longest prefix with a given one is
+    // next to it, or next to the run of its duplicates; so one sort and a look
+    // at both neighbours replace a comparison of every pair.
+    std::vector<size_t> order(hashes.size());
+    std::iota(order.begin(), order.end(), size_t{0});
+    std::sort(order.begin(), order.end(),
+              [&](size_t a, size_t b) { return hashes[a] < hashes[b]; });
+    std::vector<std::string> ids(hashes.size());
+    for (size_t first = 0; first < order.size();) {
+        const std::string& hash = hashes[order[first]];
+        size_t end = first + 1;
+        while (end < order.size() && hashes[order[end]] == hash)
+            ++end;
         size_t length = kShortIdLength;
-        for (size_t j = 0; j < hashes.size(); ++j) {
-            if (j == i || hashes[j] == hashes[i]) continue;
-            length = std::max(length, commonPrefix(hashes[i], hashes[j]) + 1);
-        }
-        ids.push_back(hashes[i].substr(0, std::min(length, hashes[i].size())));
+        if (first > 0) length = std::max(length, commonPrefix(hash, hashes[order[first - 1]]) + 1);
+        if (end < order.size())
+            length = std::max(length, commonPrefix(hash, hashes[order[end]]) + 1);
+        for (size_t k = first; k < end; ++k)
+            ids[order[k]] = hash.substr(0, std::min(length, hash.size()));
+        first = end;
     }
     return ids;
 }

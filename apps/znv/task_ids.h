@@ -24,8 +24,9 @@ struct TaskIdentity {
 // 16 hex digits.
 std::string fullTaskHash(const TaskIdentity& identity);
 
-// The short ID of every identity, in order.
-std::vector<std::string> shortTaskIds(const std::vector<TaskIdentity>& identities);
+// The short ID of every full hash, in order: its first six digits, or one
+// more than it shares with any different hash; equal hashes get equal IDs.
+std::vector<std::string> shortIdsOf(const std::vector<std::string>& hashes);
 
 inline constexpr size_t kShortIdLength = 6;
 inline constexpr size_t kMinimumIdPrefix = 4;
