@@ -222,7 +222,7 @@ class JsonReporter : public Reporter {
     void progressed(const TaskView& task) override {
         writeLine(stream_, dumpJson(taskEventJson("progress", task)));
     }
-    void tick(const std::vector<TaskView>&) override {}
+    void tick(const LiveView&) override {}
     void note(const std::string& text) override {
         auto j = eventJson("note");
         j["message"] = text;
@@ -278,7 +278,7 @@ class PlainReporter : public Reporter {
         if (task.succeeded()) writeLine(results_, resultLine(task));
     }
     void progressed(const TaskView&) override {}
-    void tick(const std::vector<TaskView>&) override {}
+    void tick(const LiveView&) override {}
     void note(const std::string& text) override {
         if (!quiet_) writeLine(messages_, text);
     }
@@ -339,45 +339,40 @@ class TerminalReporter : public Reporter {
         note(text + " " + command);
     }
 
-    void tick(const std::vector<TaskView>& tasks) override {
+    void tick(const LiveView& live) override {
         auto now = RateMeter::Clock::now();
-        int64_t done = 0, total = 0;
-        for (const auto& t : tasks) {
-            meters_[t.id].add(now, t.completedBytes);
-            done += std::max<int64_t>(t.completedBytes, 0);
-            total += std::max<int64_t>(t.totalBytes, t.completedBytes);
-        }
-        totalMeter_.add(now, done);
+        for (const TaskView* t : live.running)
+            meters_[t->id].add(now, t->completedBytes);
+        totalMeter_.add(now, live.done);
         // At most ten draws a second; only the final one is forced.
         if (!forceDraw_ && now - lastDraw_ < std::chrono::milliseconds(100)) return;
         lastDraw_ = now;
         forceDraw_ = false;
 
         std::string out = eraseLive() + takePermanent();
-        size_t running = 0, queued = 0;
-        std::vector<std::string> live;
-        for (const auto& t : tasks) {
-            if (t.state == 0) ++queued;
-            if (t.state != 1) continue;
-            ++running;
-            std::string name = t.kind == "download" ? t.subject : baseName(t.subject);
-            live.push_back(barLine(t.id, escapeControls(name), t.completedBytes, t.totalBytes,
-                                   meters_[t.id].rate()));
+        std::vector<std::string> lines;
+        for (const TaskView* t : live.running) {
+            std::string name = t->kind == "download" ? t->subject : baseName(t->subject);
+            lines.push_back(barLine(t->id, escapeControls(name), t->completedBytes, t->totalBytes,
+                                    meters_[t->id].rate()));
         }
-        if (running + queued > 0 && tasks.size() > 1) {
-            std::string label = queued == 0 ? fmt::format("{} running", running)
-                                            : fmt::format("{} running, {} queued", running, queued);
-            live.push_back(barLine("total", label, done, total, totalMeter_.rate(), false));
+        const size_t running = live.running.size();
+        if (running + live.queued > 0 && live.tasks > 1) {
+            std::string label = live.queued == 0
+                                    ? fmt::format("{} running", running)
+                                    : fmt::format("{} running, {} queued", running, live.queued);
+            lines.push_back(
+                barLine("total", label, live.done, live.total, totalMeter_.rate(), false));
         }
-        for (const auto& line : live)
+        for (const auto& line : lines)
             out += line + "\n";
-        liveLines_ = live.size();
+        liveLines_ = lines.size();
         write(out);
     }
 
     void summary(const std::vector<TaskView>& tasks, const RunTotals& totals) override {
         forceDraw_ = true;
-        tick({});
+        tick(LiveView{});
         writeLine(messages_, summaryText(tasks, totals));
     }
     void close() override { flushPermanent(); }

@@ -83,6 +83,15 @@ struct RunTotals {
     int64_t bytes = 0;  // bytes transferred by this run
 };
 
+// The state of a run on one turn of its loop.
+struct LiveView {
+    std::vector<const TaskView*> running;  // the running tasks, in the run's order
+    int64_t done = 0;                      // bytes completed by all tasks of the run
+    int64_t total = 0;                     // their sizes, as far as known
+    size_t queued = 0;                     // tasks waiting for their turn
+    size_t tasks = 0;                      // tasks of the run
+};
+
 class Reporter {
   public:
     virtual ~Reporter() = default;
@@ -92,8 +101,8 @@ class Reporter {
     virtual void stateChanged(const TaskView& task) = 0;
     // The task's completed byte count moved.
     virtual void progressed(const TaskView& task) = 0;
-    // Called on every turn of the loop with every task of the run.
-    virtual void tick(const std::vector<TaskView>& tasks) = 0;
+    // Called on every turn of the loop.
+    virtual void tick(const LiveView& live) = 0;
     // A line for people (plain and terminal) or a "note" event (JSON).
     virtual void note(const std::string& text) = 0;
     // The run was interrupted: `text` and the command that continues it.

@@ -650,9 +650,9 @@ struct Tracked {
     std::string extraError;                  // a failure znv found (HTTP status, delivery)
     bool urlRequested = false;
     bool wholeAnnounced = false;  // a line said the upload goes whole
-    // The view once the task is final and reported: it changes no more, so
-    // later turns reuse it instead of asking the task again.
-    std::optional<TaskView> settledView;
+    // Final and reported: its view changes no more, so turns skip it.
+    bool settled = false;
+    bool countedFinal = false;  // its completion was taken off the run's open count
     // The library's view of a task that is not running, with the state and
     // errors it was made from: a queued task keeps it until one of them
     // changes, so a turn does not resolve the source of every queued upload.
@@ -808,6 +808,19 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         if (view.kind == "upload" && view.whole && view.state == 1) t.wholeAnnounced = true;
     };
 
+    // The run's view of every task, kept from turn to turn. A turn looks at
+    // the tasks that went through states since the last one, the running and
+    // the finishing ones, and, every two seconds, all that have not settled:
+    // its cost follows what changed, not the length of the queue.
+    std::vector<TaskView> views;
+    views.reserve(tracked.size());
+    LiveView live;
+    live.tasks = tracked.size();
+    const auto count = [&live](const TaskView& view, int sign) {
+        live.done += sign * std::max<int64_t>(view.completedBytes, 0);
+        live.total += sign * std::max<int64_t>(view.totalBytes, view.completedBytes);
+        if (view.state == 0) live.queued += static_cast<size_t>(sign);
+    };
     for (auto& t : tracked) {
         TaskView view = viewFor(t);
         // A task this process added moved all its bytes here, also those it
@@ -819,6 +832,8 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             report(t, view);
             t.reportedState = "running";
         }
+        count(view, 1);
+        views.push_back(std::move(view));
     }
 
     if (global_.offline) {
@@ -829,18 +844,129 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             result.exitStatus = kExitFailed;
             return result;
         }
-        std::vector<TaskView> views;
-        for (auto& t : tracked)
-            views.push_back(viewFor(t));
         reporter.note("offline: " + std::to_string(tracked.size()) +
                       " task(s) queued; start them with" + continueWith() + ": " + resumeCommand());
-        result.tasks = views;
+        result.tasks = std::move(views);
         result.exitStatus = kExitOK;
         return result;
     }
     storage_->refreshAndSave();
 
+    std::unordered_map<const ZNVNetworkTask*, size_t> indexOf;
+    for (size_t i = 0; i < tracked.size(); ++i)
+        indexOf.emplace(tracked[i].entry.task.get(), i);
+    size_t openCounted = 0;  // counted tasks whose completion is not reported yet
+    for (const auto& t : tracked)
+        openCounted += t.counted ? 1 : 0;
+    std::vector<size_t> active;  // running or finishing at the end of the last turn
     auto lastActivity = Clock::now();
+    auto nextSweep = lastActivity;  // the first turn looks at every task
+    bool anyRunning = false;
+
+    auto visit = [&](size_t index, const std::vector<Observed::Step>& passed,
+                     Clock::time_point now) {
+        Tracked& t = tracked[index];
+        // States passed through since the last turn, reported in order
+        // (completion is reported below, once it is final). A task that went
+        // through states may have learnt more (its remote file, say) than its
+        // state shows.
+        if (!passed.empty()) t.idle.view.reset();
+        for (const auto& passedStep : passed) {
+            // A task that stops with an error it will retry waits to
+            // retry; its final completion is reported below.
+            bool retrying = !passedStep.retryError.empty();
+            if (t.final || (passedStep.state == ZNVNetworkTaskStateCompleted && !retrying)) {
+                continue;
+            }
+            TaskView step = viewFor(t);
+            step.state = passedStep.state;
+            step.error.clear();
+            step.retryError = passedStep.retryError;
+            if (stateName(step) != t.reportedState) {
+                report(t, step);
+                t.reportedState = stateName(step);
+                lastActivity = now;
+            }
+        }
+        TaskView view = viewFor(t);
+        std::string name = stateName(view);
+        if (name == "running") anyRunning = true;
+
+        if (!t.final && (view.succeeded() || view.failed()) && !t.finalizing) {
+            t.finalizing = true;
+            t.finalizingSince = now;
+            if (view.kind == "download" && view.succeeded()) {
+                t.extraError = deliver(t);
+                if (!t.extraError.empty()) {
+                    // The library saw a finished transfer; the queue must
+                    // say it failed, or `status` and later runs would
+                    // call it completed.
+                    t.entry.task->setRawError(ZNVNetworkErrorHandler_createURLError(
+                        NSURLErrorCannotCreateFile, t.extraError));
+                }
+            }
+            auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(t.entry.task);
+            std::optional<ZNVURL> answered =
+                upload ? upload->remoteContentURL() : std::optional<ZNVURL>();
+            if (view.kind == "upload" && view.succeeded() && answered) {
+                // The completing answer named the content: no lookup.
+                t.contentURL = answered->absoluteString();
+            } else if (view.kind == "upload" && view.succeeded() && !view.remoteFileID.empty()) {
+                t.urlRequested = true;
+                std::string fileID = view.remoteFileID;
+                storage_->URLForRemoteFile(fileID, [lookups,
+                                                    fileID](const std::optional<ZNVURL>& url) {
+                    std::lock_guard lock(lookups->mutex);
+                    lookups->urls[fileID] = url ? std::optional<std::string>(url->absoluteString())
+                                                : std::optional<std::string>();
+                });
+            }
+        }
+        if (t.finalizing && !t.final) {
+            bool ready = true;
+            if (t.urlRequested) {
+                std::lock_guard lock(lookups->mutex);
+                auto it = lookups->urls.find(view.remoteFileID);
+                if (it != lookups->urls.end()) {
+                    t.contentURL = it->second.value_or("");
+                } else if (now - t.finalizingSince < std::chrono::seconds(10)) {
+                    ready = false;
+                }
+            }
+            if (ready) {
+                t.final = true;
+                view = viewFor(t);
+                name = stateName(view);
+            }
+        }
+
+        if (view.completedBytes != t.reportedBytes &&
+            (t.final || now - t.lastProgressEvent >= std::chrono::milliseconds(100))) {
+            reporter.progressed(view);
+            t.reportedBytes = view.completedBytes;
+            t.lastProgressEvent = now;
+            lastActivity = now;
+        }
+        bool reportable = !(view.succeeded() || view.failed()) || t.final;
+        if (reportable && name != t.reportedState) {
+            report(t, view);
+            t.reportedState = name;
+            lastActivity = now;
+        } else if (name == "running" && view.kind == "upload" && view.whole && !t.wholeAnnounced) {
+            report(t, view);
+        }
+        if (t.final && t.reportedState == name && t.reportedBytes == view.completedBytes)
+            t.settled = true;
+        if (t.final && t.counted && !t.countedFinal) {
+            t.countedFinal = true;
+            --openCounted;
+        }
+        count(views[index], -1);
+        count(view, 1);
+        views[index] = std::move(view);
+        return !t.settled && (name == "running" || t.finalizing);
+    };
+
     for (;;) {
         // Observers wake the wait when the last task of the run finishes.
         int signal = waitForTerminationSignal(std::chrono::milliseconds(100));
@@ -857,117 +983,40 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             break;
         }
         auto now = Clock::now();
-        std::vector<TaskView> views;
-        bool allFinal = true, anyRunning = false;
-        for (auto& t : tracked) {
-            if (t.settledView) {
-                views.push_back(*t.settledView);
-                continue;
-            }
-            // States passed through since the last turn, reported in order
-            // (completion is reported below, once it is final).
-            std::vector<Observed::Step> passed;
-            {
-                std::lock_guard lock(observed->mutex);
-                passed.swap(observed->states[t.entry.task.get()]);
-                // A task that passed through states since the last turn may
-                // have learnt more (its remote file, say) than its state shows.
-                if (!passed.empty()) t.idle.view.reset();
-            }
-            for (const auto& passedStep : passed) {
-                // A task that stops with an error it will retry waits to
-                // retry; its final completion is reported below.
-                bool retrying = !passedStep.retryError.empty();
-                if (t.final || (passedStep.state == ZNVNetworkTaskStateCompleted && !retrying)) {
-                    continue;
-                }
-                TaskView step = viewFor(t);
-                step.state = passedStep.state;
-                step.error.clear();
-                step.retryError = passedStep.retryError;
-                if (stateName(step) != t.reportedState) {
-                    report(t, step);
-                    t.reportedState = stateName(step);
-                    lastActivity = now;
-                }
-            }
-            TaskView view = viewFor(t);
-            std::string name = stateName(view);
-            if (name == "running") anyRunning = true;
-
-            if (!t.final && (view.succeeded() || view.failed()) && !t.finalizing) {
-                t.finalizing = true;
-                t.finalizingSince = now;
-                if (view.kind == "download" && view.succeeded()) {
-                    t.extraError = deliver(t);
-                    if (!t.extraError.empty()) {
-                        // The library saw a finished transfer; the queue must
-                        // say it failed, or `status` and later runs would
-                        // call it completed.
-                        t.entry.task->setRawError(ZNVNetworkErrorHandler_createURLError(
-                            NSURLErrorCannotCreateFile, t.extraError));
-                    }
-                }
-                auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(t.entry.task);
-                std::optional<ZNVURL> answered =
-                    upload ? upload->remoteContentURL() : std::optional<ZNVURL>();
-                if (view.kind == "upload" && view.succeeded() && answered) {
-                    // The completing answer named the content: no lookup.
-                    t.contentURL = answered->absoluteString();
-                } else if (view.kind == "upload" && view.succeeded() &&
-                           !view.remoteFileID.empty()) {
-                    t.urlRequested = true;
-                    std::string fileID = view.remoteFileID;
-                    storage_->URLForRemoteFile(
-                        fileID, [lookups, fileID](const std::optional<ZNVURL>& url) {
-                            std::lock_guard lock(lookups->mutex);
-                            lookups->urls[fileID] =
-                                url ? std::optional<std::string>(url->absoluteString())
-                                    : std::optional<std::string>();
-                        });
-                }
-            }
-            if (t.finalizing && !t.final) {
-                bool ready = true;
-                if (t.urlRequested) {
-                    std::lock_guard lock(lookups->mutex);
-                    auto it = lookups->urls.find(view.remoteFileID);
-                    if (it != lookups->urls.end()) {
-                        t.contentURL = it->second.value_or("");
-                    } else if (now - t.finalizingSince < std::chrono::seconds(10)) {
-                        ready = false;
-                    }
-                }
-                if (ready) {
-                    t.final = true;
-                    view = viewFor(t);
-                    name = stateName(view);
-                }
-            }
-
-            if (view.completedBytes != t.reportedBytes &&
-                (t.final || now - t.lastProgressEvent >= std::chrono::milliseconds(100))) {
-                reporter.progressed(view);
-                t.reportedBytes = view.completedBytes;
-                t.lastProgressEvent = now;
-                lastActivity = now;
-            }
-            bool reportable = !(view.succeeded() || view.failed()) || t.final;
-            if (reportable && name != t.reportedState) {
-                report(t, view);
-                t.reportedState = name;
-                lastActivity = now;
-            } else if (name == "running" && view.kind == "upload" && view.whole &&
-                       !t.wholeAnnounced) {
-                report(t, view);
-            }
-            if (!t.final && t.counted) allFinal = false;
-            if (t.final && t.reportedState == name && t.reportedBytes == view.completedBytes)
-                t.settledView = view;
-            views.push_back(std::move(view));
+        std::map<const ZNVNetworkTask*, std::vector<Observed::Step>> passed;
+        {
+            std::lock_guard lock(observed->mutex);
+            passed.swap(observed->states);
         }
-        reporter.tick(views);
-        if (allFinal) {
+        // Tasks in the order of the run, so that reports keep that order.
+        std::vector<size_t> due = std::move(active);
+        active.clear();
+        if (now >= nextSweep) {
+            nextSweep = now + std::chrono::seconds(2);
+            for (size_t i = 0; i < tracked.size(); ++i) {
+                if (!tracked[i].settled) due.push_back(i);
+            }
+        }
+        for (const auto& [task, steps] : passed) {
+            if (auto it = indexOf.find(task); it != indexOf.end()) due.push_back(it->second);
+        }
+        std::sort(due.begin(), due.end());
+        due.erase(std::unique(due.begin(), due.end()), due.end());
+        anyRunning = false;
+        static const std::vector<Observed::Step> kNoSteps;
+        for (size_t index : due) {
+            if (tracked[index].settled) continue;
+            auto it = passed.find(tracked[index].entry.task.get());
+            if (visit(index, it == passed.end() ? kNoSteps : it->second, now)) {
+                active.push_back(index);
+            }
+        }
+        live.running.clear();
+        for (size_t index : active) {
+            if (views[index].state == 1) live.running.push_back(&views[index]);
+        }
+        reporter.tick(live);
+        if (openCounted == 0) {
             result.tasks = std::move(views);
             break;
         }
