@@ -341,8 +341,16 @@ class TerminalReporter : public Reporter {
 
     void tick(const LiveView& live) override {
         auto now = RateMeter::Clock::now();
-        for (const TaskView* t : live.running)
-            meters_[t->id].add(now, t->completedBytes);
+        // Meters of the running tasks only: a run of many tasks keeps no
+        // samples of those that finished.
+        std::map<std::string, RateMeter> meters;
+        for (const TaskView* t : live.running) {
+            auto it = meters_.find(t->id);
+            RateMeter& meter = meters[t->id];
+            if (it != meters_.end()) meter = std::move(it->second);
+            meter.add(now, t->completedBytes);
+        }
+        meters_.swap(meters);
         totalMeter_.add(now, live.done);
         // At most ten draws a second; only the final one is forced.
         if (!forceDraw_ && now - lastDraw_ < std::chrono::milliseconds(100)) return;
@@ -439,7 +447,7 @@ class TerminalReporter : public Reporter {
     size_t liveLines_ = 0;
     bool forceDraw_ = false;
     RateMeter::Clock::time_point lastDraw_{};
-    std::map<std::string, RateMeter> meters_;
+    std::map<std::string, RateMeter> meters_;  // of the running tasks, by ID
     RateMeter totalMeter_;
 };
 
