@@ -1086,7 +1086,7 @@ void Emulator::Impl::handleFullFile(Exchange& ex, const std::string& id) {
         return replyCompleted(ex, id, result.info);
     }
 
-    std::string aside = store_.tempPath();
+    std::string aside = store_.incomingPath(id);
     int fd = ::open(aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (fd < 0) return replyMessage(ex, 500, std::string("cannot store: ") + std::strerror(errno));
     // Pieces from the socket are small; gather them to write in large blocks.

@@ -19,7 +19,11 @@
 namespace fs = std::filesystem;
 
 namespace znv::emulator {
+
 namespace {
+
+// Names of whole files being received, beside the file's content.
+constexpr const char kIncomingPrefix[] = "incoming-";
 
 std::string newUUID() {
     uuid_t uuid;
@@ -154,6 +158,13 @@ bool FileStore::open(const std::string& dataDir, std::string* error) {
 }
 
 bool FileStore::loadFile(const std::string& id) {
+    // Whole files whose receipt was cut off.
+    std::error_code ec;
+    for (const auto& dirent : fs::directory_iterator(fileDir(id), ec)) {
+        if (dirent.path().filename().string().rfind(kIncomingPrefix, 0) == 0) {
+            fs::remove(dirent.path(), ec);
+        }
+    }
     std::ifstream in(fileDir(id) + "/meta.json");
     if (!in) return false;
     nlohmann::json meta = nlohmann::json::parse(in, nullptr, false);
@@ -236,6 +247,10 @@ void FileStore::cleanLoop() {
 
 std::string FileStore::tempPath() const {
     return dataDir_ + "/tmp/" + newUUID();
+}
+
+std::string FileStore::incomingPath(const std::string& id) const {
+    return fileDir(id) + "/" + kIncomingPrefix + newUUID();
 }
 
 std::string FileStore::fileDir(const std::string& id) const {
@@ -435,7 +450,13 @@ void FileStore::installContent(Entry& entry, const std::string& id, const std::s
         return;
     }
     entry.info = updated;
-    if (!sink_) discard(fileDir(id) + "/chunks");
+    // Only a file sent in chunks has them; a rename that finds nothing would
+    // still lock tmp/ against every other request.
+    if (!sink_) {
+        const std::string chunks = fileDir(id) + "/chunks";
+        struct stat st {};
+        if (::lstat(chunks.c_str(), &st) == 0) discard(chunks);
+    }
     result.info = updated;
 }
 

@@ -8,8 +8,13 @@
 //                             (chunks/ is made with the first chunk)
 //   files/<id>/chunks/<i>.chunk   chunks whose index is past kMaxStrideIndex
 //   files/<id>/content        the finished file
-//   tmp/                      bodies being received (same file system, so that
-//                             a finished one is moved into place by rename)
+//   files/<id>/incoming-<uuid>  a whole file being received, renamed to
+//                             content when it is complete; in the file's own
+//                             directory, so that requests for different files
+//                             lock different directories
+//   tmp/                      other bodies being received, and what is
+//                             discarded (same file system, so that a finished
+//                             one is moved into place by rename)
 // Chunks 0, 1, 2 ... of a full stride each (the library's layout) thus already
 // lie in the data file as the finished content, and completing the file is a
 // truncation and a rename instead of a copy of every byte. A chunk counts as
@@ -97,6 +102,8 @@ class FileStore {
 
     // A fresh path under tmp/ for a body being received.
     std::string tempPath() const;
+    // A fresh path for the whole content of file `id` being received.
+    std::string incomingPath(const std::string& id) const;
 
     StoreResult create(const std::string& name, const std::string& sharedStorageId);
     std::optional<FileInfo> info(const std::string& id) const;

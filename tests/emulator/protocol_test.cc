@@ -408,13 +408,39 @@ TEST_F(ProtocolTest, RestartsKeepEveryFileAndChunkAndFullSizeChunksBecomeTheCont
     EXPECT_EQ(indices(get(api("files/" + id)).json()["uploadedChunks"]),
               (std::vector<uint64_t>{0, 2}));
 
-    // What was stored survives a restart; chunk 0 sent again replaces the
-    // stored one, and chunk 1 goes into its slot.
+    // What was stored survives a restart, and a whole body whose receipt a
+    // crash cut off does not; chunk 0 sent again replaces the stored one, and
+    // chunk 1 goes into its slot.
+    const std::string cutOff = emulator_.dataDir() + "/files/" + id + "/incoming-cut";
+    znv::test::writePatternFile(cutOff, 1000);
+    // A whole body whose client went away keeps nothing either.
+    const std::string gone = createFile("gone.bin");
+    {
+        int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(emulator_.port());
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        const std::string head = "PUT /api/files/" + gone +
+                                 "/fullfile HTTP/1.1\r\nHost: 127.0.0.1\r\n" + kAuth +
+                                 "\r\nContent-Length: 100000\r\n\r\n" + patternBytes(5000, 5);
+        ASSERT_EQ(::send(fd, head.data(), head.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(head.size()));
+        ::close(fd);
+    }
+    const std::string goneDir = emulator_.dataDir() + "/files/" + gone;
+    EXPECT_TRUE(znv::test::waitFor([&] {
+        for (const auto& entry : std::filesystem::directory_iterator(goneDir))
+            if (entry.path().filename() != "meta.json") return false;
+        return emulator_.requestLog().back().value("path", "").find(gone) != std::string::npos;
+    }));
     emulator_.stop();
     Emulator second(onDisk(emulator_.dataDir(), 0));
     ASSERT_TRUE(second.start());
     current_ = &second;
     EXPECT_EQ(second.dataDir(), emulator_.dataDir());
+    EXPECT_FALSE(std::filesystem::exists(cutOff));
     auto content = get(root("content/" + wholeId), {});
     EXPECT_EQ(content.body, whole);
     EXPECT_EQ(content.header("etag"), etag);
