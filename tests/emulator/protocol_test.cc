@@ -31,6 +31,20 @@ EmulatorOptions onDisk(const std::string& dataDir, uint16_t port = 0) {
     return options;
 }
 
+// A plain TCP connection to the emulator on this machine; -1 on failure.
+int connectTo(uint16_t port) {
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
 using ProtocolTest = EmulatorTest;
 
 TEST_F(ProtocolTest, CreateDescribeAndDeleteFiles) {
@@ -146,13 +160,8 @@ TEST_F(ProtocolTest, RequestsWrittenBackToBackOnOneConnectionAreEachAnswered) {
         "GET /api/files/" + id + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + kAuth + "\r\n\r\n";
     wire += describe + describe;
 
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int fd = connectTo(emulator_.port());
     ASSERT_GE(fd, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(emulator_.port());
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     std::mt19937 random(7);
     for (size_t sent = 0; sent < wire.size();) {
         size_t piece = std::min<size_t>(wire.size() - sent, 1 + random() % 70000);
@@ -416,12 +425,8 @@ TEST_F(ProtocolTest, RestartsKeepEveryFileAndChunkAndFullSizeChunksBecomeTheCont
     // A whole body whose client went away keeps nothing either.
     const std::string gone = createFile("gone.bin");
     {
-        int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(emulator_.port());
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        int fd = connectTo(emulator_.port());
+        ASSERT_GE(fd, 0);
         const std::string head = "PUT /api/files/" + gone +
                                  "/fullfile HTTP/1.1\r\nHost: 127.0.0.1\r\n" + kAuth +
                                  "\r\nContent-Length: 100000\r\n\r\n" + patternBytes(5000, 5);
