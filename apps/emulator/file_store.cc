@@ -214,6 +214,10 @@ FileStore::~FileStore() {
 }
 
 void FileStore::discard(const std::string& path) {
+    // A rename that finds nothing would still lock tmp/ against every other
+    // request (only a file sent in chunks has chunks to discard).
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0 && errno == ENOENT) return;
     std::string aside = tempPath();
     std::error_code ec;
     if (::rename(path.c_str(), aside.c_str()) != 0) {
@@ -450,13 +454,7 @@ void FileStore::installContent(Entry& entry, const std::string& id, const std::s
         return;
     }
     entry.info = updated;
-    // Only a file sent in chunks has them; a rename that finds nothing would
-    // still lock tmp/ against every other request.
-    if (!sink_) {
-        const std::string chunks = fileDir(id) + "/chunks";
-        struct stat st {};
-        if (::lstat(chunks.c_str(), &st) == 0) discard(chunks);
-    }
+    if (!sink_) discard(fileDir(id) + "/chunks");
     result.info = updated;
 }
 

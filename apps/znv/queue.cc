@@ -652,7 +652,6 @@ struct Tracked {
     bool wholeAnnounced = false;  // a line said the upload goes whole
     // Final and reported: its view changes no more, so turns skip it.
     bool settled = false;
-    bool countedFinal = false;  // its completion was taken off the run's open count
     // The library's view of a task that is not running, with the state and
     // errors it was made from: a queued task keeps it until one of them
     // changes, so a turn does not resolve the source of every queued upload.
@@ -855,9 +854,9 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
     std::unordered_map<const ZNVNetworkTask*, size_t> indexOf;
     for (size_t i = 0; i < tracked.size(); ++i)
         indexOf.emplace(tracked[i].entry.task.get(), i);
-    size_t openCounted = 0;  // counted tasks whose completion is not reported yet
-    for (const auto& t : tracked)
-        openCounted += t.counted ? 1 : 0;
+    // Counted tasks whose completion is not reported yet.
+    size_t openCounted = static_cast<size_t>(
+        std::count_if(tracked.begin(), tracked.end(), [](const Tracked& t) { return t.counted; }));
     std::vector<size_t> active;  // running or finishing at the end of the last turn
     auto lastActivity = Clock::now();
     auto nextSweep = lastActivity;  // the first turn looks at every task
@@ -935,6 +934,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             }
             if (ready) {
                 t.final = true;
+                if (t.counted) --openCounted;
                 view = viewFor(t);
                 name = stateName(view);
             }
@@ -957,10 +957,6 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         }
         if (t.final && t.reportedState == name && t.reportedBytes == view.completedBytes)
             t.settled = true;
-        if (t.final && t.counted && !t.countedFinal) {
-            t.countedFinal = true;
-            --openCounted;
-        }
         count(views[index], -1);
         count(view, 1);
         views[index] = std::move(view);
