@@ -76,7 +76,8 @@ Files (PROFILE is "live" unless --profile NAME is given):
              since the last save of the queue)
   server     ~/Library/Network/PROFILE.server (the server PROFILE is bound to)
   log        $XDG_STATE_HOME/znv/znv.log (default ~/.local/state/znv/znv.log)
-  downloads  $XDG_STATE_HOME/znv/PROFILE.downloads.json (download destinations)
+  downloads  $XDG_STATE_HOME/znv/PROFILE.downloads.json and .journal
+             (download destinations)
   emulator   $XDG_DATA_HOME/znv/emulator (default ~/.local/share/znv/emulator)
   staging    ${TMPDIR:-/tmp}/znv-UID/ (upload bodies on their way)
   A profile is bound to the first server it is used with (without --server:

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "apps/znv/commands.h"
+#include "apps/znv/destinations.h"
 #include "apps/znv/embedded.h"
 #include "apps/znv/output.h"
 #include "apps/znv/task_ids.h"
@@ -38,36 +39,6 @@ namespace znv::cli {
 void routeLibraryLog(int verbosity);
 
 TaskIdentity identityOf(const ZNVNetworkTaskRef& task);
-
-// Where a pending download is delivered: into a directory under the name
-// the server or the URL suggests, or to the path the user gave.
-struct Destination {
-    std::string path;        // absolute
-    bool directory = false;  // `path` is the directory to write into
-    bool force = false;      // replace an existing file instead of numbering the new one
-    // Once the file was delivered: `path` is the file written, `size` its size.
-    bool delivered = false;
-    int64_t size = -1;
-};
-
-// Where the downloads of a profile are delivered (task hash -> destination),
-// kept beside the log because the library's download task has no such field.
-// A delivered download keeps its entry, naming the file written, until its
-// task is finished.
-class DownloadDestinations {
-  public:
-    explicit DownloadDestinations(const std::string& profile);
-    std::optional<Destination> get(const std::string& hash) const;
-    void set(const std::string& hash, const Destination& destination);
-    void erase(const std::string& hash);
-    // Forgets several at once, with one write of the file.
-    void erase(const std::vector<std::string>& hashes);
-
-  private:
-    void save() const;
-    std::string path_;
-    std::map<std::string, Destination> entries_;
-};
 
 struct QueueEntry {
     ZNVNetworkTaskRef task;
