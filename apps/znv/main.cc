@@ -75,7 +75,8 @@ Files (PROFILE is "live" unless --profile NAME is given):
   journal    ~/Library/Network/PROFILE.state.journal (remote files created
              since the last save of the queue)
   server     ~/Library/Network/PROFILE.server (the server PROFILE is bound to)
-  log        $XDG_STATE_HOME/znv/znv.log (default ~/.local/state/znv/znv.log)
+  log        $XDG_STATE_HOME/znv/znv.log (default ~/.local/state/znv/znv.log),
+             at most 16 MiB; older parts in znv.1.log and znv.2.log
   downloads  $XDG_STATE_HOME/znv/PROFILE.downloads.json and .journal
              (download destinations)
   emulator   $XDG_DATA_HOME/znv/emulator (default ~/.local/share/znv/emulator)

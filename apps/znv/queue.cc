@@ -19,7 +19,7 @@
 #include <unordered_set>
 
 #include <spdlog/sinks/base_sink.h>
-#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/sinks/rotating_file_sink.h>
 #include <nlohmann/json.hpp>
 
 #include "apps/znv/binding.h"
@@ -99,12 +99,19 @@ bool unfinished(const ZNVNetworkTaskRef& task) {
 
 }  // namespace
 
+constexpr size_t kLogFileBytes = 16 << 20;
+constexpr size_t kOldLogFiles = 2;
+
 void routeLibraryLog(int verbosity) {
     std::string path = logFilePath();
     std::vector<spdlog::sink_ptr> sinks;
     if (ensureDirectory(stateDirectory()).empty()) {
         try {
-            sinks.push_back(std::make_shared<spdlog::sinks::basic_file_sink_mt>(path));
+            // Every run logs each task it restores, so with a long queue the
+            // log grows by megabytes a command: it is kept to the newest
+            // 16 MiB and two older files of that size (znv.1.log, znv.2.log).
+            sinks.push_back(std::make_shared<spdlog::sinks::rotating_file_sink_mt>(
+                path, kLogFileBytes, kOldLogFiles));
         } catch (const std::exception&) {
             // No log file: the log is dropped rather than drawn over the output.
         }
