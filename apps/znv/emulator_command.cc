@@ -7,6 +7,7 @@
 
 #include "apps/znv/commands.h"
 #include "apps/znv/embedded.h"
+#include "apps/znv/output.h"
 #include "apps/znv/paths.h"
 #include "apps/znv/signals.h"
 
@@ -26,13 +27,10 @@ int runEmulator(const GlobalOptions& global, const EmulatorCommandOptions& optio
         return kExitFailed;
     }
     if (global.json) {
-        nlohmann::json event = {{"event", "listening"},
-                                {"url", server.baseURL()},
-                                {"port", server.port()},
-                                {"token", options.token},
-                                {"adminToken", server.adminToken()},
-                                {"data", dataDir}};
-        std::printf("%s\n", event.dump().c_str());
+        nlohmann::json event = {
+            {"event", "listening"},   {"url", server.baseURL()},           {"port", server.port()},
+            {"token", options.token}, {"adminToken", server.adminToken()}, {"data", dataDir}};
+        std::printf("%s\n", dumpJson(event).c_str());
     } else {
         std::printf(
             "emulator listening on %s\n  token: %s\n  admin: %s (for /_admin/ requests)\n"
