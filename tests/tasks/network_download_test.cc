@@ -225,10 +225,7 @@ TEST_F(NetworkDownloadTest, PartialFileHoldingTheWholeBodyCompletesOnA416) {
 
 TEST_F(NetworkDownloadTest, TooManyRequestsIsRetriedNoSoonerThanItsRetryAfter) {
     test::ManualClock clock;
-    ZNVNetworkTask::setRecoveryDelayScale(1.0);
-    struct RestoreScale {
-        ~RestoreScale() { ZNVNetworkTask::setRecoveryDelayScale(0.0); }
-    } restoreScale;
+    test::FullRecoveryDelays fullDelays;
     const std::string id = seed("busy.bin", 64 * 1024, 4);
     ASSERT_TRUE(harness.emulator.addFault({{"method", "GET"},
                                            {"path", "/content/*"},
@@ -480,8 +477,7 @@ TEST_F(NetworkDownloadTest, ArchiveKeepsFileAndResumeDataButNotProgress) {
 
     ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*download);
     ZNVErrorRef error;
-    auto decoded = std::dynamic_pointer_cast<ZNVNetworkDownload>(
-        ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data, &error));
+    auto decoded = test::unarchivedTask<ZNVNetworkDownload>(data, &error);
     ASSERT_NE(decoded, nullptr) << (error ? error->description() : "");
     EXPECT_EQ(decoded->localFileURL(), download->localFileURL());
     EXPECT_EQ(decoded->resumeData(), (ZNVBytes{1, 2, 3}));

@@ -301,11 +301,10 @@ TEST_F(NetworkTaskTest, ValidationAndNewSessionTasks) {
 
 std::shared_ptr<ZNVNetworkTask> roundTrip(const ZNVNetworkTask& task) {
     ZNVErrorRef error;
-    ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(task, &error);
-    EXPECT_EQ(error, nullptr);
-    auto object = ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data, &error);
+    auto decoded =
+        test::unarchivedTask(ZNVKeyedArchiver::archivedDataWithRootObject(task, &error), &error);
     EXPECT_EQ(error, nullptr) << (error ? error->description() : "");
-    return std::dynamic_pointer_cast<ZNVNetworkTask>(object);
+    return decoded;
 }
 
 TEST_F(NetworkTaskTest, ArchiveWritesItsKeysInOrderAndNeverRunning) {
@@ -368,10 +367,7 @@ TEST_F(NetworkTaskTest, ArchiveWritesItsKeysInOrderAndNeverRunning) {
 
 TEST_F(NetworkTaskTest, RecoveriesArePacedHiddenFiveTimesInARowAndPublicTheSixth) {
     test::ManualClock clock;
-    ZNVNetworkTask::setRecoveryDelayScale(1.0);
-    struct RestoreScale {
-        ~RestoreScale() { ZNVNetworkTask::setRecoveryDelayScale(0.0); }
-    } restoreScale;
+    test::FullRecoveryDelays fullDelays;
     const auto secondsUntil = [](const ZNVDate& from, const ZNVDate& to) {
         return std::chrono::duration<double>(to - from).count();
     };
@@ -482,10 +478,8 @@ TEST_F(NetworkTaskTest, ArchivedErrorsDecideTheDecodedStateAndTheLegacyKeyIsRead
         << "the recovery budget is not archived";
 
     ZNVErrorRef error;
-    auto legacy =
-        std::dynamic_pointer_cast<ZNVNetworkTask>(ZNVKeyedUnarchiver::unarchivedObjectOfClasses(
-            {"ZNVNetworkTask"}, ZNVKeyedArchiver::archivedDataWithRootObject(LegacyTaskArchive()),
-            &error));
+    auto legacy = test::unarchivedTask(
+        ZNVKeyedArchiver::archivedDataWithRootObject(LegacyTaskArchive()), &error);
     ASSERT_NE(legacy, nullptr) << (error ? error->description() : "");
     ASSERT_NE(legacy->rawError(), nullptr);
     EXPECT_EQ(legacy->rawError()->localizedDescription(), "old");

@@ -22,6 +22,7 @@
 #include "znv/account/account.h"
 #include "znv/account/account_configuration.h"
 #include "znv/foundation/network_utilities.h"
+#include "znv/platform/keyed_archive.h"
 #include "znv/platform/main_queue.h"
 #include "znv/platform/url_session.h"
 #include "znv/protocol/storage_response.h"
@@ -162,6 +163,21 @@ inline bool wholeFileUploadFits(uint64_t size) {
     return ZNVNetworkUtilities_freeSizeAvailableOnFileSystem() >=
            ZNVStorageUploadFreeSpaceMargin + size;
 }
+
+// The task a later launch decodes from an archive of it, as `T` (null if it
+// is none).
+template <class T = ZNVNetworkTask>
+std::shared_ptr<T> unarchivedTask(const ZNVBytes& data, ZNVErrorRef* error = nullptr) {
+    return std::dynamic_pointer_cast<T>(
+        ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data, error));
+}
+
+// Recovery waits at their full length (the tests otherwise run them at scale
+// 0), for the life of the object.
+struct FullRecoveryDelays {
+    FullRecoveryDelays() { ZNVNetworkTask::setRecoveryDelayScale(1.0); }
+    ~FullRecoveryDelays() { ZNVNetworkTask::setRecoveryDelayScale(0.0); }
+};
 
 // A clock the test moves by hand; installed for the life of the object.
 class ManualClock {

@@ -47,11 +47,6 @@ class StorageUploadEmulatorTest : public ::testing::Test {
         return test::waitFor([&] { return upload->state() == ZNVNetworkTaskStateCompleted; },
                              std::chrono::seconds(120));
     }
-    // The upload the next launch decodes from its archive.
-    static std::shared_ptr<ZNVStorageUpload> relaunched(const ZNVBytes& data) {
-        return std::dynamic_pointer_cast<ZNVStorageUpload>(
-            ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data));
-    }
     // Reconnects a decoded upload and runs it on chunks to its end.
     bool runRelaunched(const std::shared_ptr<ZNVStorageUpload>& restored) {
         restored->connectToAccount(harness.account, harness.session, nullptr);
@@ -104,7 +99,7 @@ TEST_F(StorageUploadEmulatorTest,
     // next launch without turning it into a failure.
     ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*completed);
     fs::remove(second);
-    auto restored = relaunched(data);
+    auto restored = test::unarchivedTask<ZNVStorageUpload>(data);
     ASSERT_NE(restored, nullptr);
     EXPECT_EQ(restored->state(), ZNVNetworkTaskStateCompleted);
     EXPECT_EQ(restored->rawError(), nullptr);
@@ -127,7 +122,7 @@ TEST_F(StorageUploadEmulatorTest, RestoredUploadWhoseSourceWasRenamedStillUpload
     // old path.
     EXPECT_EQ(upload->sourceURL()->path(), ZNVRealPath(renamed));
 
-    auto restored = relaunched(data);
+    auto restored = test::unarchivedTask<ZNVStorageUpload>(data);
     ASSERT_NE(restored, nullptr);
     ASSERT_EQ(restored->error(), nullptr) << restored->rawError()->description();
     EXPECT_EQ(restored->sourceURL()->path(), ZNVRealPath(renamed));
@@ -247,7 +242,7 @@ TEST_F(StorageUploadEmulatorTest, ARestoredUploadNoticesASourceRewrittenWhileItW
     auto upload = make(source);
     ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*upload);
     test::writePatternFile(source, 3 * MiB, 99);
-    auto restored = relaunched(data);
+    auto restored = test::unarchivedTask<ZNVStorageUpload>(data);
     ASSERT_NE(restored, nullptr);
     ASSERT_EQ(restored->rawError(), nullptr) << "same size: only the next step can tell";
     ASSERT_TRUE(runRelaunched(restored));

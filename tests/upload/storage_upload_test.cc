@@ -70,6 +70,13 @@ class StorageUploadTest : public ::testing::Test {
         return ZNVStorageUpload::create(ZNVURL::fileURL(path), "", harness.account, "", "", video,
                                         harness.session);
     }
+    // An upload whose remote file `id` exists already.
+    std::shared_ptr<ZNVStorageUpload> uploadFor(const std::string& id, uint64_t size,
+                                                bool video = false) {
+        auto upload = makeUpload(size, video);
+        upload->setRemoteFileID(id);
+        return upload;
+    }
     // Hands a recorded answer to the upload and waits for the request it
     // starts in response (requests are made on the account's thread).
     void answer(const std::shared_ptr<ZNVStorageUpload>& upload, const ZNVStorageResponseRef& r,
@@ -152,8 +159,7 @@ TEST_F(StorageUploadTest, BatchesHoldAtMostEightChunksThenAssemble) {
 }
 
 TEST_F(StorageUploadTest, BatchSkipsGapsAndStopsAtAnIndexPastTheEnd) {
-    auto upload = makeUpload(40);  // 10 chunks
-    upload->setRemoteFileID("F2");
+    auto upload = uploadFor("F2", 40);  // 10 chunks
     upload->beginUploadingChunksAtIndices({1, 3, 20});
     settle();
     EXPECT_EQ(tag(upload), "chunk index 1, 3");
@@ -189,15 +195,13 @@ TEST_F(StorageUploadTest, CreateAnswerChoosesTheWholeFileOnlyWhenItFitsAndIsAllo
 }
 
 TEST_F(StorageUploadTest, FullFileFailureFallsBackToChunksOnlyWhileReachable) {
-    auto upload = makeUpload(12);  // 3 chunks
-    upload->setRemoteFileID("F5");
+    auto upload = uploadFor("F5", 12);  // 3 chunks
     answer(upload, recorded("PUT", "files/F5/fullfile", {}, serverError(500)));
     EXPECT_EQ(upload->error(), nullptr);
     EXPECT_EQ(tag(upload), "chunk index 0, 1, 2");
     EXPECT_EQ(upload->chunkIndicesToUpload(), ZNVIndexSet::withRange(0, 3));
 
-    auto offline = makeUpload(12);
-    offline->setRemoteFileID("F6");
+    auto offline = uploadFor("F6", 12);
     answer(offline, recorded("PUT", "files/F6/fullfile", {}, serverError(500)), false);
     ASSERT_NE(offline->error(), nullptr);
     EXPECT_EQ(ZNVNetworkErrorHandler_serverStatusForError(offline->error()), 500);
@@ -208,8 +212,7 @@ TEST_F(StorageUploadTest, FullFileFailureFallsBackToChunksOnlyWhileReachable) {
 }
 
 TEST_F(StorageUploadTest, AssemblyConflictResendsMissingChunksThreeTimesThenFails) {
-    auto upload = makeUpload(24);  // 6 chunks
-    upload->setRemoteFileID("F7");
+    auto upload = uploadFor("F7", 24);  // 6 chunks
     upload->assembleRemoteFile();
     settle();
     const nlohmann::json conflict = {{"message", "chunks are missing"},
@@ -227,8 +230,7 @@ TEST_F(StorageUploadTest, AssemblyConflictResendsMissingChunksThreeTimesThenFail
     EXPECT_EQ(upload->state(), ZNVNetworkTaskStateCompleted);
 
     // A conflict that names no missing chunk fails at once.
-    auto bare = makeUpload(24);
-    bare->setRemoteFileID("F8");
+    auto bare = uploadFor("F8", 24);
     answer(bare, recorded("POST", "files/F8/complete", {{"message", "x"}}, serverError(409)));
     EXPECT_NE(bare->error(), nullptr);
     // resetForResume restores the cycles.
@@ -238,16 +240,14 @@ TEST_F(StorageUploadTest, AssemblyConflictResendsMissingChunksThreeTimesThenFail
 
 TEST_F(StorageUploadTest, AlreadyCompletedFileFinishesOrPostProcesses) {
     const nlohmann::json done = {{"message", "the file was already completed"}};
-    auto plain = makeUpload(8);
-    plain->setRemoteFileID("F9");
+    auto plain = uploadFor("F9", 8);
     plain->beginUploadingChunksAtIndices({0, 1});
     settle();
     answer(plain, recorded("PUT", "files/F9", done, serverError(403), ZNVIndexSet{0, 1}));
     EXPECT_EQ(plain->state(), ZNVNetworkTaskStateCompleted);
     EXPECT_EQ(plain->error(), nullptr);
 
-    auto video = makeUpload(8, /*video=*/true);
-    video->setRemoteFileID("F10");
+    auto video = uploadFor("F10", 8, /*video=*/true);
     video->assembleRemoteFile();
     settle();
     answer(video, recorded("POST", "files/F10/complete", done, serverError(403)));
@@ -257,15 +257,13 @@ TEST_F(StorageUploadTest, AlreadyCompletedFileFinishesOrPostProcesses) {
     EXPECT_EQ(video->error(), nullptr);
 
     // Without the message a 403 is an ordinary failure.
-    auto refused = makeUpload(8);
-    refused->setRemoteFileID("F11");
+    auto refused = uploadFor("F11", 8);
     answer(refused, recorded("PUT", "files/F11", {{"message", "forbidden"}}, serverError(403)));
     EXPECT_NE(refused->error(), nullptr);
 }
 
 TEST_F(StorageUploadTest, SuccessWhileUnreachableKeepsTheProgressAndSuspends) {
-    auto upload = makeUpload(40);  // 10 chunks
-    upload->setRemoteFileID("F12");
+    auto upload = uploadFor("F12", 40);  // 10 chunks
     upload->beginUploadingChunksAtIndices(ZNVIndexSet::withRange(0, 10));
     settle();
     answer(upload, chunksSent("F12", ZNVIndexSet::withRange(0, 8)), /*reachable=*/false);
@@ -305,8 +303,7 @@ TEST_F(StorageUploadTest, EarlyRetrievalCreatesTheFileThenWaitsForItsTurn) {
 }
 
 TEST_F(StorageUploadTest, ChunkProgressCountsSentChunksTheIDAndTheBatchInFlight) {
-    auto upload = makeUpload(16);  // 4 chunks, 42 units
-    upload->setRemoteFileID("F14");
+    auto upload = uploadFor("F14", 16);  // 4 chunks, 42 units
     upload->beginUploadingChunksAtIndices({2, 3});
     settle();
     ASSERT_EQ(upload->pendingBatchChunkCount(), 2u);
@@ -385,8 +382,7 @@ TEST_F(StorageUploadTest, ArchiveRoundTripKeepsThePipelineFields) {
                   "source modification time", "uploads chunks"}));
 
     ZNVErrorRef error;
-    auto decoded = std::dynamic_pointer_cast<ZNVStorageUpload>(
-        ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data, &error));
+    auto decoded = test::unarchivedTask<ZNVStorageUpload>(data, &error);
     ASSERT_NE(decoded, nullptr) << (error ? error->description() : "");
     EXPECT_EQ(decoded->rawError(), nullptr);
     EXPECT_EQ(decoded->state(), ZNVNetworkTaskStateSuspended);
@@ -436,8 +432,7 @@ TEST_F(StorageUploadTest, AnUploadOnChunksNeverFallsBackToTheWholeFileAfterARela
     for (const auto& [upload, expected] :
          {std::pair{forced, "chunk index 0"}, std::pair{sent, "assemble remote file"}}) {
         ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*upload);
-        auto decoded = std::dynamic_pointer_cast<ZNVStorageUpload>(
-            ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data));
+        auto decoded = test::unarchivedTask<ZNVStorageUpload>(data);
         ASSERT_NE(decoded, nullptr);
         EXPECT_TRUE(decoded->uploadsChunks());
         decoded->connectToAccount(harness.account, harness.session, nullptr);
@@ -451,8 +446,7 @@ TEST_F(StorageUploadTest, DecodedUploadNoticesASourceThatGrewAcrossAChunkBoundar
     auto upload = makeUpload(8, false, "grows.bin");  // 2 full chunks
     ZNVBytes data = ZNVKeyedArchiver::archivedDataWithRootObject(*upload);
     test::appendFile(upload->sourceURL()->path(), "x");
-    auto decoded = std::dynamic_pointer_cast<ZNVStorageUpload>(
-        ZNVKeyedUnarchiver::unarchivedObjectOfClasses({"ZNVNetworkTask"}, data));
+    auto decoded = test::unarchivedTask<ZNVStorageUpload>(data);
     ASSERT_NE(decoded, nullptr);
     ASSERT_NE(decoded->error(), nullptr);
     EXPECT_EQ(decoded->error()->localizedDescription(),
