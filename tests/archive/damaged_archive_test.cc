@@ -77,6 +77,7 @@ std::vector<Damage> damagedArchives() {
         {"string field is number", node(R"("name":12)"), NSCoderReadCorruptError,
          "\"name\" of TestNode is an integer, expected a string"},
         {"integer field is text", node(R"("counter":"12")"), NSCoderReadCorruptError, "counter"},
+        {"integer field is boolean", node(R"("counter":true)"), NSCoderReadCorruptError, "counter"},
         {"integer field has fraction", node(R"("counter":1.5)"), NSCoderReadCorruptError,
          "counter"},
         {"signed integer too large", node(R"("counter":9223372036854775808)"),

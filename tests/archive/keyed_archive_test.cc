@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <cmath>
-#include <functional>
 #include <limits>
 #include <thread>
 
@@ -283,19 +282,7 @@ TEST_F(KeyedArchive, MissingKeysAreNotFailuresButWrongTypesAre) {
     EXPECT_FALSE(unarchiver->decodeStringForKey("configuration type"));
     EXPECT_FALSE(unarchiver->decodeBoolForKey("configuration type"));
     EXPECT_EQ(unarchiver->error(), first);
-
-    // Each typed decoder refuses the other kinds.
-    using Decode = std::function<bool(ZNVKeyedUnarchiver&)>;
-    for (const auto& [what, decode] : std::vector<std::pair<std::string, Decode>>{
-             {"text as integer",
-              [](auto& u) { return !!u.decodeInt64ForKey("configuration type"); }},
-             {"bool as integer", [](auto& u) { return !!u.decodeInt64ForKey("discretionary"); }},
-             {"number as text", [](auto& u) { return !!u.decodeStringForKey("retry count"); }},
-             {"number as bool", [](auto& u) { return !!u.decodeBoolForKey("retry count"); }}}) {
-        auto u = ZNVKeyedUnarchiver::create(text);
-        EXPECT_FALSE(decode(*u)) << what;
-        EXPECT_TRUE(u->error()) << what;
-    }
+    // Each typed decoder refusing the other kinds is in the damaged archives.
     auto u = ZNVKeyedUnarchiver::create(text);
     u->finishDecoding();
     EXPECT_FALSE(u->decodeStringForKey("configuration type"));
