@@ -165,7 +165,8 @@ std::string fetchServiceFileName(const ZNVURL& baseURL, const std::string& token
 }
 
 Delivered deliverDownload(const std::string& from, const std::string& directory,
-                          const std::string& name, bool force) {
+                          const std::string& name, bool force,
+                          const std::function<void(const std::string& path)>& chosen) {
     Delivered result;
     const mode_t mode = 0666 & ~processUmask.load();
     int dirfd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -212,6 +213,7 @@ Delivered deliverDownload(const std::string& from, const std::string& directory,
         }
     }
     std::string shown = directory + (directory.ends_with('/') ? "" : "/") + (force ? name : target);
+    if (placeholder >= 0 && chosen) chosen(shown);
     if (placeholder < 0) {
         result.error = errnoText("cannot create", shown);
     } else if (!moveInto(from, source, dirfd, target, placeholder, mode)) {

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <string>
 
 #include "znv/platform/url.h"
@@ -40,8 +41,12 @@ struct Delivered {
 };
 
 // Moves (or copies across file systems) the file `from` into `directory`
-// under `name` (a safe component) and removes `from`.
+// under `name` (a safe component) and removes `from`. Once the path it will
+// write is chosen (and taken by an empty placeholder) and before any byte
+// moves, `chosen` is called with it: a caller that records it can deliver to
+// the same path again after a crash instead of to a new numbered name.
 Delivered deliverDownload(const std::string& from, const std::string& directory,
-                          const std::string& name, bool force);
+                          const std::string& name, bool force,
+                          const std::function<void(const std::string& path)>& chosen = {});
 
 }  // namespace znv::cli

@@ -593,9 +593,23 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
     std::unordered_set<const ZNVNetworkTask*> given;
     for (const auto& task : tasks)
         given.insert(task.get());
+    // So does a download that completed without being delivered (the
+    // process ended in between): it is delivered now.
+    const auto undelivered = [this](const ZNVNetworkTaskRef& task) {
+        auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task);
+        if (!download || download->state() != ZNVNetworkTaskStateCompleted ||
+            download->rawError() || !download->localFileURL()) {
+            return false;
+        }
+        auto destination = destinations_.get(fullTaskHash(identityOf(task)));
+        return destination && !destination->delivered &&
+               fileSize(download->localFileURL()->path()) >= 0;
+    };
     const auto queued = storage_->tasks();
     for (const auto& task : queued) {
-        if (!given.count(task.get()) && unfinished(task)) runTasks.push_back(task);
+        if (!given.count(task.get()) && (unfinished(task) || undelivered(task))) {
+            runTasks.push_back(task);
+        }
     }
 
     auto lookups = std::make_shared<Lookups>();
@@ -675,7 +689,13 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         if (!local) return std::string("the download finished without a file");
         if (!t.destination) return std::string("no destination recorded for this download");
         if (t.destination->delivered) {
-            return std::string("the download was already delivered to ") + t.destination->path;
+            // Delivered before a crash kept the queue from noting that the
+            // download had ended, so it ran again: the user has the file, and
+            // this copy is not needed.
+            std::error_code ec;
+            std::filesystem::remove(local->path(), ec);
+            t.output = t.destination->path;
+            return std::string();
         }
         std::string directory = t.destination->path, name;
         if (t.destination->directory) {
@@ -697,7 +717,18 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             directory = parentOf(t.destination->path);
             name = std::filesystem::path(t.destination->path).filename().string();
         }
-        Delivered delivered = deliverDownload(local->path(), directory, name, t.destination->force);
+        // The path is noted before the bytes move: after a crash from there
+        // on, the download goes to that path again (replacing what is there)
+        // instead of to a new numbered name beside it.
+        auto reserve = [&](const std::string& path) {
+            Destination pending = *t.destination;
+            pending.path = path;
+            pending.directory = false;
+            pending.force = true;
+            destinations_.set(t.entry.hash, pending);
+        };
+        Delivered delivered =
+            deliverDownload(local->path(), directory, name, t.destination->force, reserve);
         if (!delivered.error.empty()) return delivered.error;
         t.output = delivered.path;
         // `status` names the file and its size after this run.

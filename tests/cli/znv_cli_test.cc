@@ -225,6 +225,103 @@ TEST_F(ZnvCliTest, UploadAndDownloadReportEachStepAsJsonLines) {
     EXPECT_EQ(whole.events("summary").at(0)["tasks"].at(0).value("mode", ""), "whole");
 }
 
+// A process can end at any point around a download's delivery: after the
+// file was delivered but before the queue noted the download's end (it runs
+// again), in the middle of the move, or after the download ended but before
+// its delivery. Each is delivered once, to the path first chosen.
+TEST_F(ZnvCliTest, DownloadsCutOffAroundTheirDeliveryAreDeliveredOnceByResume) {
+    const std::string server = server_;
+    ZnvUser user;
+    const std::string source = file("source.bin", 3000);
+    ZnvRun up = user.run({"--server", server, "upload", source});
+    ASSERT_EQ(up.status, 0) << up.err;
+    const std::string contentURL =
+        up.out.substr(up.out.find(' ') + 1, up.out.find('\n') - up.out.find(' ') - 1);
+
+    const std::string journal = user.home() + "/.local/state/znv/live.downloads.journal";
+    auto queueDownload = [&](const std::string& output) {
+        ZnvRun queued =
+            user.run({"--server", server, "--offline", "download", contentURL, "-o", output});
+        EXPECT_EQ(queued.status, 0) << queued.err;
+        auto lines = splitLines(readFile(journal));
+        return nlohmann::json::parse(lines.back())["hash"].get<std::string>();
+    };
+    auto note = [&](const std::string& hash, const nlohmann::json& destination) {
+        writeFile(journal, readFile(journal) +
+                               nlohmann::json{{"hash", hash}, {"set", destination}}.dump() + "\n");
+    };
+    const std::string delivered = files_ + "/delivered.bin", moving = files_ + "/moving.bin";
+    const std::string deliveredHash = queueDownload(delivered);
+    writeFile(delivered, "the copy delivered before the crash");
+    note(deliveredHash, {{"path", delivered},
+                         {"directory", false},
+                         {"force", false},
+                         {"delivered", true},
+                         {"size", 35}});
+    const std::string movingHash = queueDownload(moving);
+    writeFile(moving, "half of it");
+    note(movingHash, {{"path", moving}, {"directory", false}, {"force", true}});
+
+    auto completions = [](const ZnvRun& run) {
+        auto states = run.events("state");
+        return std::count_if(states.begin(), states.end(),
+                             [](const auto& e) { return e.value("state", "") == "completed"; });
+    };
+    ZnvRun resumed = user.run({"--server", server, "--json", "resume"});
+    ASSERT_EQ(resumed.status, 0) << resumed.out << resumed.err;
+    EXPECT_EQ(completions(resumed), 2) << resumed.out;
+    EXPECT_EQ(readFile(delivered), "the copy delivered before the crash");
+    EXPECT_TRUE(filesEqual(source, moving));
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(files_))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"delivered.bin", "moving.bin", "source.bin"}));
+
+    // Both downloads completed in the queue, and neither was delivered: the
+    // library's files are where the queue says, and a resume delivers them.
+    const std::string state = readFile(user.home() + "/Library/Network/live.state");
+    std::set<std::string> kept;
+    for (size_t at = 0; (at = state.find(".download\"", at)) != std::string::npos; ++at) {
+        size_t begin = state.rfind('"', at - 1) + 1;
+        std::string path = state.substr(begin, at + 9 - begin);
+        if (path.starts_with("file://")) path = path.substr(7);
+        kept.insert(path);
+    }
+    ASSERT_EQ(kept.size(), 2u) << state;
+    for (const auto& path : kept) {
+        EXPECT_FALSE(std::filesystem::exists(path)) << path << " was left behind";
+        std::filesystem::copy_file(source, path);
+    }
+    const std::string late1 = files_ + "/late1.bin", late2 = files_ + "/late2.bin";
+    note(deliveredHash, {{"path", late1}, {"directory", false}, {"force", false}});
+    note(movingHash, {{"path", late2}, {"directory", false}, {"force", false}});
+    ZnvRun again = user.run({"--server", server, "--json", "resume"});
+    ASSERT_EQ(again.status, 0) << again.out << again.err;
+    EXPECT_EQ(completions(again), 2) << again.out;
+    EXPECT_TRUE(filesEqual(source, late1));
+    EXPECT_TRUE(filesEqual(source, late2));
+    for (const auto& path : kept)
+        EXPECT_FALSE(std::filesystem::exists(path)) << path;
+    // The path was noted before the move, so that a crash during it would
+    // lead to the same path.
+    std::vector<std::string> steps;
+    for (const auto& line : splitLines(readFile(journal))) {
+        auto change = nlohmann::json::parse(line);
+        if (change["hash"] != movingHash || !change.contains("set")) continue;
+        const auto& set = change["set"];
+        steps.push_back(set.value("path", "") + (set.value("force", false) ? " force" : "") +
+                        (set.value("delivered", false) ? " delivered" : ""));
+    }
+    ASSERT_GE(steps.size(), 2u);
+    EXPECT_EQ(steps[steps.size() - 2], late2 + " force");
+    EXPECT_EQ(steps.back(), late2 + " delivered");
+    // Delivered now, they are not delivered again.
+    ZnvRun third = user.run({"--server", server, "--json", "resume"});
+    EXPECT_EQ(third.status, 0) << third.err;
+    EXPECT_EQ(completions(third), 0) << third.out;
+}
+
 // One command with many files: each gets exactly one remote file, however
 // the refreshes of fifty queued uploads interleave with the account.
 TEST_F(ZnvCliTest, FiftyFilesMakeFiftyCreatesAndFiftyRemoteFiles) {
