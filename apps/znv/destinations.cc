@@ -15,7 +15,6 @@
 #include "apps/znv/binding.h"
 #include "apps/znv/names.h"
 #include "apps/znv/paths.h"
-#include "znv/foundation/unicode.h"
 
 namespace znv::cli {
 namespace {
@@ -23,15 +22,6 @@ namespace {
 // The journal may run this many lines past the record's entry count before
 // the record is rewritten.
 constexpr size_t kJournalMargin = 64;
-
-bool isUTF8(std::string_view text) {
-    for (size_t at = 0; at < text.size();) {
-        auto decoded = ZNVDecodeUTF8(text, at);
-        if (decoded.codePoint == ZNVInvalidCodePoint) return false;
-        at += decoded.length;
-    }
-    return true;
-}
 
 std::string hexOf(std::string_view bytes) {
     static constexpr char kDigits[] = "0123456789abcdef";

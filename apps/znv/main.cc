@@ -285,6 +285,8 @@ int run(int argc, char** argv) {
         if (!upload.name.empty() && upload.files.size() != 1) {
             return usageError("--name needs exactly one FILE");
         }
+        // The service takes names as JSON text, which is UTF-8.
+        if (!isUTF8(upload.name)) return usageError("the remote name is not UTF-8: " + upload.name);
         for (auto& file : upload.files) {
             std::string problem = checkUploadFile(file);
             if (!problem.empty()) return usageError(problem);

@@ -108,6 +108,15 @@ std::string_view trim(std::string_view s) {
 
 }  // namespace
 
+bool isUTF8(std::string_view text) {
+    for (size_t i = 0; i < text.size();) {
+        CodePoint c = decodeAt(text, i);
+        if (c.value < 0) return false;
+        i += c.length;
+    }
+    return true;
+}
+
 std::string escapeControls(std::string_view text) {
     std::string out;
     out.reserve(text.size());

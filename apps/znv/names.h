@@ -19,6 +19,9 @@ namespace znv::cli {
 
 std::string escapeControls(std::string_view text);
 
+// Whether every byte belongs to a well-formed UTF-8 sequence.
+bool isUTF8(std::string_view text);
+
 // Decodes %XX escapes; malformed escapes stay as they are.
 std::string percentDecode(std::string_view text);
 

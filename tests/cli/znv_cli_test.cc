@@ -50,6 +50,7 @@ TEST_F(ZnvCliTest, BadInputEndsWithOneLineNamingTheProblemAndStatus2) {
         {{"upload", empty}, "empty file"},
         {{"upload", files_}, "directory"},
         {{"upload", "--name", "x", good, good}, "--name"},
+        {{"upload", "--name", "bad\xffname", good}, "not UTF-8: bad\\xffname"},
         {{"download", "not a url"}, "bad URL"},
         {{"download", "ftp://example.com/file"}, "bad URL"},
         {{"download", "http://127.0.0.1:9/content/x", "-o", files_ + "/nowhere/out.bin"},
