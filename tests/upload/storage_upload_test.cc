@@ -398,6 +398,15 @@ TEST_F(StorageUploadTest, ArchiveRoundTripKeepsThePipelineFields) {
     EXPECT_FALSE(decoded->forceChunkUploading());
     EXPECT_EQ(decoded->account(), nullptr) << "re-attached by connectToAccount";
     EXPECT_EQ(decoded->sourceURL(), upload->sourceURL());
+    // Restored from a bookmark the application made through a linked
+    // directory, the source is still named by its real path.
+    const std::string linked = fs::path(path).parent_path().string() + "-link";
+    fs::create_directory_symlink(fs::path(path).parent_path(), linked);
+    upload->setSourceURLBookmark(ZNVBookmark::createData(ZNVURL::fileURL(linked + "/clip.mov")));
+    auto viaLink = test::unarchivedTask<ZNVStorageUpload>(
+        ZNVKeyedArchiver::archivedDataWithRootObject(*upload));
+    ASSERT_NE(viaLink, nullptr);
+    EXPECT_EQ(viaLink->sourceURL(), upload->sourceURL());
 
     decoded->connectToAccount(harness.account, harness.session, nullptr);
     EXPECT_EQ(decoded->account(), harness.account);

@@ -1023,12 +1023,19 @@ std::shared_ptr<ZNVStorageUpload> ZNVStorageUpload::decode(ZNVCoder& coder) {
                 // The bookmark's staleness does not matter: the file is
                 // followed by identity, and its size is checked below.
                 ZNVErrorRef error;
+                bool moved = false;
+                const std::optional<ZNVBookmark> bookmark =
+                    ZNVBookmark::fromData(*upload->sourceURLBookmark_, &error);
                 std::optional<ZNVURL> resolved =
-                    ZNVBookmark::resolveData(*upload->sourceURLBookmark_, nullptr, &error);
+                    bookmark ? bookmark->resolve(&moved, &error) : std::nullopt;
                 if (!resolved) {
                     ZNVLogDefault("Failed to retrieve file location from persistent bookmark: {}",
                                   error ? error->localizedDescription() : std::string());
                     upload->sourceFileReferenceURL_.reset();
+                } else if (!moved) {
+                    // Found where the bookmark saw it, under the identity it
+                    // recorded: the bookmark's reference is the file's.
+                    upload->sourceFileReferenceURL_ = bookmark->reference().referenceURL();
                 } else {
                     const std::string real = ZNVRealPath(resolved->path());
                     upload->sourceFileReferenceURL_ =
