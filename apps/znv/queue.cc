@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -123,6 +124,14 @@ void routeLibraryLog(int verbosity) {
         sinks.push_back(std::move(console));
     }
     ZNVLogSetSinks(std::move(sinks));
+    // A log that cannot be written (a full disk) is said once, in znv's own
+    // words, instead of in spdlog's for every message.
+    ZNVLog().set_error_handler([](const std::string& message) {
+        static std::atomic<bool> said{false};
+        if (said.exchange(true)) return;
+        std::fprintf(stderr, "znv: the log cannot be written: %s\n",
+                     escapeControls(message).c_str());
+    });
     ZNVLogSetLevel(verbosity >= 2 ? spdlog::level::debug : spdlog::level::info);
     ZNVLog().flush_on(spdlog::level::warn);
 }
