@@ -374,9 +374,7 @@ struct TransferSession::Observed {
 };
 
 TransferSession::TransferSession(GlobalOptions global)
-    : global_(std::move(global)),
-      destinations_(global_.profile),
-      observed_(std::make_shared<Observed>()) {}
+    : global_(std::move(global)), observed_(std::make_shared<Observed>()) {}
 
 void TransferSession::observe(const ZNVNetworkTaskRef& task) {
     if (observations_.count(task.get())) return;
@@ -491,6 +489,9 @@ TransferSession* TransferSession::open(const GlobalOptions& global, std::string*
         *error = problem;
         return nullptr;
     }
+    // Read only now that this process holds the queue: another znv may have
+    // changed them while this one waited, and only the holder may repair them.
+    session->destinations_.emplace(global.profile);
     // Deliberately never destroyed (see the header).
     return session.release();
 }
@@ -518,7 +519,7 @@ std::shared_ptr<ZNVNetworkDownload> TransferSession::addDownload(const std::stri
     }
     observe(download);
     added_.insert(download.get());
-    destinations_.set(fullTaskHash(identityOf(download)), destination);
+    destinations_->set(fullTaskHash(identityOf(download)), destination);
     return download;
 }
 
@@ -610,7 +611,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             download->rawError() || !download->localFileURL()) {
             return false;
         }
-        auto destination = destinations_.get(fullTaskHash(identityOf(task)));
+        auto destination = destinations_->get(fullTaskHash(identityOf(task)));
         return destination && !destination->delivered &&
                fileSize(download->localFileURL()->path()) >= 0;
     };
@@ -638,7 +639,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             t.counted = countAll || given.count(task.get());
             bool isDownload = std::dynamic_pointer_cast<ZNVNetworkDownload>(task) != nullptr;
             if (isDownload) {
-                t.destination = destinations_.get(t.entry.hash);
+                t.destination = destinations_->get(t.entry.hash);
                 if (t.destination) t.output = t.destination->path;
             }
             observe(task);
@@ -734,7 +735,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             pending.path = path;
             pending.directory = false;
             pending.force = true;
-            destinations_.set(t.entry.hash, pending);
+            destinations_->set(t.entry.hash, pending);
         };
         Delivered delivered =
             deliverDownload(local->path(), directory, name, t.destination->force, reserve);
@@ -746,7 +747,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         done.directory = false;
         done.delivered = true;
         done.size = fileSize(delivered.path);
-        destinations_.set(t.entry.hash, done);
+        destinations_->set(t.entry.hash, done);
         return std::string();
     };
 

@@ -150,7 +150,7 @@ class TransferSession {
     EmbeddedEmulator emulator_;
     std::shared_ptr<ZNVTokenAccount> account_;
     std::shared_ptr<ZNVStorage> storage_;
-    DownloadDestinations destinations_;
+    std::optional<DownloadDestinations> destinations_;  // read once the queue is held
     struct Observed;
     std::shared_ptr<Observed> observed_;
     // The tasks this session added (main thread only): the run counts all

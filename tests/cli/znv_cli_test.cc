@@ -515,6 +515,31 @@ TEST_F(ZnvCliTest, ABusyQueueIsRefusedOrAwaitedAndADamagedOneIsKept) {
     ASSERT_EQ(waited.status, 0) << waited.err;
     EXPECT_EQ(waited.events("status").at(0)["tasks"].size(), 1u);
 
+    // What the holder changes while another znv waits is seen by the one
+    // that waited: it reads the download destinations once it holds the
+    // queue. (The journal is long enough that its first change rewrites the
+    // record from what it read.)
+    const std::string journal = user.home() + "/.local/state/znv/p.downloads.journal";
+    std::filesystem::create_directories(std::filesystem::path(journal).parent_path());
+    std::string churn;
+    for (int i = 0; i < 70; ++i)
+        churn += R"({"hash":"churn","set":{"path":"/tmp/churn"}})"
+                 "\n";
+    writeFile(journal, churn);
+    fd = ::open((state + ".lock").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(::flock(fd, LOCK_EX | LOCK_NB), 0);
+    pid_t later = user.start({"--wait", "--offline", "--profile", "p", "download",
+                              "http://127.0.0.1:9/content/x", "-o", files_ + "/later.bin"});
+    ASSERT_TRUE(waitFor([&] { return user.errSoFar().find("waiting") != std::string::npos; }));
+    writeFile(journal, churn + R"({"hash":"meanwhile","set":{"path":"/tmp/meanwhile"}})"
+                               "\n");
+    ::close(fd);
+    ZnvRun queuedLater = user.finish(later);
+    ASSERT_EQ(queuedLater.status, 0) << queuedLater.err;
+    const std::string record = readFile(user.home() + "/.local/state/znv/p.downloads.json");
+    EXPECT_NE(record.find("/tmp/meanwhile"), std::string::npos) << record;
+    EXPECT_NE(record.find("later.bin"), std::string::npos) << record;
+
     const std::string damage = R"({"hello":"world"})";
     writeFile(state, damage);
     ZnvRun damaged = user.run({"--profile", "p", "status"});
@@ -533,6 +558,8 @@ TEST_F(ZnvCliTest, ABusyQueueIsRefusedOrAwaitedAndADamagedOneIsKept) {
 
     // So is the file of download destinations, whatever is in its place.
     const std::string destinations = user.home() + "/.local/state/znv/p.downloads.json";
+    std::filesystem::remove(destinations);
+    std::filesystem::remove(journal);
     std::filesystem::create_directories(destinations);
     writeFile(destinations + "/inside", "x");
     ZnvRun noDestinations = user.run({"--profile", "p", "status"});
