@@ -14,6 +14,7 @@
 
 #include "tests/managers/managers_test_support.h"
 #include "tests/support/test_support.h"
+#include "znv/foundation/network_utilities.h"
 #include "znv/managers/network.h"
 #include "znv/platform/main_queue.h"
 
@@ -77,6 +78,45 @@ TEST(NetworkState, RoundTripRestoresEveryTaskInOrderWithoutRewritingTheFile) {
     // Restoring never saves.
     EXPECT_FALSE(log.contains("saving task state:"));
     EXPECT_EQ(test::readFile(statePath("roundtrip")), before);
+}
+
+// A finished download's file that no save recorded (the process was killed
+// in between) is removed at the next launch. Files a restored download names,
+// files the journal does not name (another queue's) and names that would
+// leave the file area are left alone.
+TEST(NetworkState, FilesOfDownloadsFinishedAfterTheLastSaveAreRemovedAtRestore) {
+    auto area = [](const std::string& name) {
+        return ZNVNetworkUtilities_libraryURLWithFileName(name)->path();
+    };
+    auto writer = ZNVNetwork::create(offlineConfiguration("leftovers"));
+    auto finished = makeDownload("kept.zip");
+    finished->setLocalFileURL(ZNVURL::fileURL(area("download-KEPT.zip")));
+    writer->addTask(finished);
+    writer->addTask(makeDownload("again.zip"));
+    const std::string outside = stateDirectory() + "/../download-escape.zip";
+    for (const auto& path : {area("download-KEPT.zip"), area("download-ORPHAN.zip"),
+                             area("download-OTHER.zip"), outside})
+        test::writeFile(path, "bytes");
+    test::writeFile(statePath("leftovers") + ".journal",
+                    "{\"downloaded\":\"download-KEPT.zip\"}\n"
+                    "{\"downloaded\":\"download-ORPHAN.zip\"}\n"
+                    "{\"downloaded\":\"download-GONE.zip\"}\n"
+                    "{\"downloaded\":\"../download-escape.zip\"}\n"
+                    "{\"downloaded\":\"download-TORN.zip\"}");
+    test::writeFile(area("download-TORN.zip"), "bytes");
+
+    LogCapture log;
+    auto reader = ZNVNetwork::create(offlineConfiguration("leftovers"));
+    reader->readState();
+    ASSERT_EQ(reader->downloads().size(), 2u);
+    EXPECT_FALSE(std::filesystem::exists(area("download-ORPHAN.zip")));
+    EXPECT_EQ(log.count("   removed "), 1u);
+    for (const auto& path : {area("download-KEPT.zip"), area("download-OTHER.zip"),
+                             area("download-TORN.zip"), outside})
+        EXPECT_TRUE(std::filesystem::exists(path)) << path;
+    for (const auto& path : {area("download-KEPT.zip"), area("download-OTHER.zip"),
+                             area("download-TORN.zip"), outside})
+        std::filesystem::remove(path);
 }
 
 TEST(NetworkState, ConfigurationsWithoutIdentifierShareTheLiveFileAndNoFileIsNoState) {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <cstdio>
+#include <filesystem>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -601,6 +602,15 @@ void ZNVNetwork::didFinishDownloadingToURL(
         ZNVLogInfo("no download found for {}", task ? task->taskDescription() : std::string());
     } else {
         download->handleDownloadedFile(location);
+        // Until a save names the file, the journal does: killed before that
+        // save, the relaunch removes it (the download runs again).
+        if (const std::optional<ZNVURL> local = download->localFileURL()) {
+            ZNVRemoteFileJournal::Entry entry;
+            entry.downloadedFile = std::filesystem::path(local->path()).filename().string();
+            if (const uint64_t recorded = recordRemoteFileID(entry)) {
+                forgetRemoteFileIDsAfterNextSave(recorded);
+            }
+        }
     }
     decrementBackgroundActivity();
 }

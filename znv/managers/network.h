@@ -283,6 +283,10 @@ class ZNVNetwork : public ZNVObservable,
     // While the state is read: gives the restored tasks the IDs recorded for
     // them that the file does not hold yet. Nothing here; uploads are the
     // storage manager's.
+    // Removes the files of finished downloads that the journal names and no
+    // restored download does.
+    void removeUnsavedDownloadedFiles(const std::vector<ZNVNetworkTaskRef>& restored,
+                                      const std::vector<ZNVRemoteFileJournal::Entry>& entries);
     virtual void applyRecordedRemoteFileIDs(
         const std::vector<ZNVNetworkTaskRef>& restored,
         const std::vector<ZNVRemoteFileJournal::Entry>& entries);

@@ -287,6 +287,30 @@ void ZNVNetwork::forgetRemoteFileIDsAfterNextSave(uint64_t count) {
 void ZNVNetwork::applyRecordedRemoteFileIDs(const std::vector<ZNVNetworkTaskRef>&,
                                             const std::vector<ZNVRemoteFileJournal::Entry>&) {}
 
+void ZNVNetwork::removeUnsavedDownloadedFiles(
+    const std::vector<ZNVNetworkTaskRef>& restored,
+    const std::vector<ZNVRemoteFileJournal::Entry>& entries) {
+    std::set<std::string> named;
+    for (const auto& task : restored) {
+        auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task);
+        if (!download) continue;
+        if (const std::optional<ZNVURL> local = download->localFileURL()) {
+            named.insert(local->path());
+        }
+    }
+    for (const auto& entry : entries) {
+        if (entry.downloadedFile.empty()) continue;
+        const std::optional<ZNVURL> file =
+            ZNVNetworkUtilities_libraryURLWithFileName(entry.downloadedFile);
+        struct stat info {};
+        if (!file || named.count(file->path()) || ::lstat(file->path().c_str(), &info) != 0) {
+            continue;
+        }
+        ZNVNetworkUtilities_removeFileAtURL(*file);
+        ZNVLogInfo("   removed {}, downloaded after the last save", file->path());
+    }
+}
+
 void ZNVNetwork::writeState() {
     if (isReadingState() || isBatchingSave()) return;
     const StateFilePaths& paths = stateFilePaths();
@@ -458,6 +482,7 @@ void ZNVNetwork::readState() {
         const auto entries = journal->read();
         if (!entries.empty()) {
             applyRecordedRemoteFileIDs(restored, entries);
+            removeUnsavedDownloadedFiles(restored, entries);
             forgetRemoteFileIDsAfterNextSave(0);
         }
     }

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 
@@ -31,7 +32,18 @@ ZNVRemoteFileJournal::~ZNVRemoteFileJournal() {
     if (fd_ >= 0) ::close(fd_);
 }
 
+bool ZNVRemoteFileJournal::isDownloadedFileName(std::string_view name) {
+    if (!name.starts_with("download-") || name.size() > 128) return false;
+    return std::all_of(name.begin(), name.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               c == '-' || c == '.';
+    });
+}
+
 std::string ZNVRemoteFileJournal::line(const Entry& entry) {
+    if (!entry.downloadedFile.empty()) {
+        return nlohmann::json{{"downloaded", entry.downloadedFile}}.dump() + "\n";
+    }
     nlohmann::json line = {{"source", entry.sourceURL},
                            {"start", entry.startMicroseconds},
                            {"fileId", entry.remoteFileID},
@@ -56,7 +68,8 @@ uint64_t ZNVRemoteFileJournal::record(const Entry& entry) {
     }
     // One write per line: a kill leaves whole lines, at most a torn last one.
     if (fd_ < 0 || !ZNVWriteAll(fd_, text.data(), text.size())) {
-        ZNVLogError("failed to record remote file {} in {}: {}", entry.remoteFileID, path_,
+        ZNVLogError("failed to record remote file {} in {}: {}",
+                    entry.downloadedFile.empty() ? entry.remoteFileID : entry.downloadedFile, path_,
                     std::strerror(errno));
         return 0;
     }
@@ -153,6 +166,14 @@ std::vector<ZNVRemoteFileJournal::Entry> ZNVRemoteFileJournal::parse(std::string
         if (line.size() > kMaximumLineLength) continue;
         const auto json = nlohmann::json::parse(line, nullptr, false);
         if (!json.is_object()) continue;
+        if (const auto downloaded = json.find("downloaded"); downloaded != json.end()) {
+            if (downloaded->is_string() && isDownloadedFileName(downloaded->get<std::string>())) {
+                Entry entry;
+                entry.downloadedFile = downloaded->get<std::string>();
+                entries.push_back(std::move(entry));
+            }
+            continue;
+        }
         const auto source = json.find("source");
         const auto start = json.find("start");
         const auto fileID = json.find("fileId");
@@ -168,6 +189,7 @@ std::vector<ZNVRemoteFileJournal::Entry> ZNVRemoteFileJournal::parse(std::string
                     maximum->get<uint64_t>(),
                     {},
                     false,
+                    {},
                     {}};
         if (entry.remoteFileID.empty()) continue;
         // A list of chunk indices, when present, is a non-empty array of them.

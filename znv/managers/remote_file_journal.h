@@ -16,6 +16,12 @@
 //   batch's chunk indices ("acked"), so that a relaunch does not send them
 //   again; one recorded when the service refused the whole file says so
 //   ("chunks": true), so that a relaunch goes on in chunks.
+// - A line can also name a finished download's file, moved into the
+//   library's file area ("downloaded": its file name, "download-" and the
+//   rest of one plain component). Restoring removes such a file when no
+//   restored download names it: the process was killed after the move and
+//   before a save recorded it, and the relaunched download fetches the file
+//   again under a new name.
 // - `forgetUpTo(count)` drops the records up to the one `record` numbered
 //   `count` (and what the file held before this object's first record): the
 //   caller does it once a save taken after that record is on disk. The file
@@ -58,6 +64,9 @@ class ZNVRemoteFileJournal {
         // Chunks the service reported missing at assembly: they are sent
         // again (a record after earlier acknowledgements of the same chunks).
         std::vector<uint64_t> missingChunks;
+        // A finished download's file in the library's area (its name); the
+        // other fields are empty in such a line.
+        std::string downloadedFile{};
         bool operator==(const Entry&) const = default;
     };
 
@@ -77,6 +86,9 @@ class ZNVRemoteFileJournal {
     static std::vector<Entry> parse(std::string_view text);
     // The line `record` appends for `entry`, newline included.
     static std::string line(const Entry& entry);
+    // Whether `name` can be the file name of a finished download: one plain
+    // component starting with "download-".
+    static bool isDownloadedFileName(std::string_view name);
 
   private:
     const std::string path_;
