@@ -15,6 +15,7 @@
 #include "apps/znv/binding.h"
 #include "apps/znv/names.h"
 #include "apps/znv/paths.h"
+#include "znv/platform/filesystem.h"
 
 namespace znv::cli {
 namespace {
@@ -137,17 +138,6 @@ std::optional<std::string> readRegular(const std::string& path, bool* damaged) {
         return std::nullopt;
     }
     return std::move(text).str();
-}
-
-bool writeAll(int fd, const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
 }
 
 std::string journalLine(const std::string& hash, const Destination* destination) {
@@ -273,7 +263,7 @@ void DownloadDestinations::record(const std::string& lines, size_t count) {
     // A line cut short by a failed write would hide every later line: cut
     // the journal back to where it was.
     const off_t before = ::lseek(fd, 0, SEEK_END);
-    if (!writeAll(fd, lines) && before >= 0) (void)::ftruncate(fd, before);
+    if (!ZNVWriteAll(fd, lines.data(), lines.size()) && before >= 0) (void)::ftruncate(fd, before);
     ::close(fd);
     journalLines_ += count;
 }
@@ -287,7 +277,8 @@ bool DownloadDestinations::rewrite() {
     const std::string temporary = recordPath_ + ".tmp";
     int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) return false;
-    const bool written = writeAll(fd, j.dump(2) + "\n");
+    const std::string text = j.dump(2) + "\n";
+    const bool written = ZNVWriteAll(fd, text.data(), text.size());
     ::close(fd);
     if (!written || ::rename(temporary.c_str(), recordPath_.c_str()) != 0) {
         ::unlink(temporary.c_str());
