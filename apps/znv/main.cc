@@ -25,6 +25,7 @@
 #include "apps/znv/signals.h"
 #include "znv/foundation/log.h"
 #include "znv/platform/url.h"
+#include "znv/session/storage_path_manager.h"
 
 namespace znv::cli {
 
@@ -310,8 +311,7 @@ int run(int argc, char** argv) {
     if (finishCommand->parsed()) return runFinish(global, taskID, finishCompleted);
     if (infoCommand->parsed() || deleteCommand->parsed()) {
         // One path segment of the service's URL, and nothing else.
-        if (fileID.empty() || fileID == "." || fileID == ".." ||
-            fileID.find_first_of("/?#% \\") != std::string::npos || hasControlCharacter(fileID)) {
+        if (!ZNVStoragePathManager::isPlainRemoteFileID(fileID)) {
             return usageError("bad file ID: " + fileID);
         }
         return infoCommand->parsed() ? runInfo(global, fileID) : runDelete(global, fileID);

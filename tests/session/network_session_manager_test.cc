@@ -98,6 +98,10 @@ TEST(SessionManagerConstruction, NeedsConfigurationDelegateAndStorageURL) {
     // The base URL gains its trailing slash so that "files" resolves below it.
     EXPECT_EQ(live->baseURL().absoluteString(), "http://h/api/");
     EXPECT_EQ(live->apiURLforRemoteFileID("F7").absoluteString(), "http://h/api/files/F7");
+    EXPECT_EQ(live->apiURLforRemoteFileID("F:7@x!$&'()*+,;=-._~").absoluteString(),
+              "http://h/api/files/F:7@x!$&'()*+,;=-._~");
+    EXPECT_EQ(live->apiURLforRemoteFileID("\xC3\xA9").absoluteString(),
+              "http://h/api/files/%C3%A9");
     const std::string app = ZNVApplicationIdentifier();
     ASSERT_FALSE(app.empty());
     EXPECT_EQ(live->formedBackgroundSessionIdentifier(), app + ".ZNVStorage");
@@ -436,15 +440,28 @@ TEST_F(SessionManagerTest, InputChecksComeFirstAndInOrder) {
     // Input checks run before the authentication.
     EXPECT_FALSE(manager_->createRemoteFileWithName("", std::nullopt, none, std::nullopt, &error));
     expectError(error, NSURLErrorCannotCreateFile, "empty filename");
-    for (auto make : std::vector<std::function<std::shared_ptr<ZNVURLSessionTask>()>>{
-             [&] { return manager_->postProcessRemoteVideoFile("", none, &error); },
-             [&] { return manager_->deleteRemoteFile("", none, &error); },
-             [&] { return manager_->uploadLocalFile(ZNVURL::fileURL("/x"), "", none, &error); },
-             [&] { return manager_->uploadChunks({}, ZNVURL::fileURL("/x"), "", none, &error); },
-             [&] { return manager_->assembleRemoteFile("", std::nullopt, nullptr, none, &error); },
-         }) {
-        EXPECT_FALSE(make());
-        expectError(error, NSURLErrorCannotWriteToFile, "empty file identifier");
+    // A remote file ID goes into the path as it is: one that would end or
+    // leave its segment is refused by every operation, never sent elsewhere.
+    for (const std::string& id :
+         std::vector<std::string>{"", ".", "..", "F1/../x", "a?b=1", "a#b", "a%2Fb", "a b", "a\\b",
+                                  std::string("a\0b", 3), "a\x1b[2J"}) {
+        for (auto make : std::vector<std::function<std::shared_ptr<ZNVURLSessionTask>()>>{
+                 [&] { return manager_->postProcessRemoteVideoFile(id, none, &error); },
+                 [&] { return manager_->getInformationForRemoteFile(id, none, &error); },
+                 [&] { return manager_->deleteRemoteFile(id, none, &error); },
+                 [&] { return manager_->uploadLocalFile(ZNVURL::fileURL("/x"), id, none, &error); },
+                 [&] {
+                     return manager_->uploadChunks({}, ZNVURL::fileURL("/x"), id, none, &error);
+                 },
+                 [&] {
+                     return manager_->assembleRemoteFile(id, ZNVIndexSet{0}, json{1}, none, &error);
+                 },
+             }) {
+            EXPECT_FALSE(make());
+            expectError(
+                error, NSURLErrorCannotWriteToFile,
+                id.empty() ? "empty file identifier" : "invalid file identifier \"" + id + "\"");
+        }
     }
 
     // Assembly checks, in order.

@@ -19,6 +19,22 @@ namespace {
 
 using json = nlohmann::json;
 
+// Why a remote file ID cannot go into a request's path as it is, or null. An
+// ID is inserted unescaped, so one that would end or leave its path segment
+// (an answer's or a saved state's) would address another resource.
+ZNVErrorRef remoteFileIDFailure(const std::string& remoteFileID) {
+    if (remoteFileID.empty()) {
+        return ZNVNetworkErrorHandler_createURLError(NSURLErrorCannotWriteToFile,
+                                                     "empty file identifier");
+    }
+    if (!ZNVStoragePathManager::isPlainRemoteFileID(remoteFileID)) {
+        return ZNVNetworkErrorHandler_createURLError(
+            NSURLErrorCannotWriteToFile,
+            fmt::format("invalid file identifier \"{}\"", remoteFileID));
+    }
+    return nullptr;
+}
+
 // Forwards the URL session's callbacks to the manager while it exists. The
 // session holds its delegate strongly until it becomes invalid; holding the
 // manager weakly here keeps the session from keeping the manager alive.
@@ -531,8 +547,9 @@ bool ZNVNetworkSessionManager::useAuthentication(const ZNVAuthenticationRef& aut
 }
 
 ZNVURL ZNVNetworkSessionManager::apiURLforRemoteFileID(const std::string& remoteFileID) const {
-    if (auto url = ZNVURL::resolve("files/" + remoteFileID, baseURL_)) return *url;
-    // Text that cannot stand in a URL as it is gets percent-encoded.
+    // A plain ID passes through unchanged; bytes that cannot stand in a URL
+    // (beyond ASCII) are escaped here, in upper case, rather than by the
+    // URL parser.
     auto url = ZNVURL::resolve("files/" + ZNVURL::percentEncodePathSegment(remoteFileID), baseURL_);
     return url ? *url : ZNVURL();
 }
@@ -632,11 +649,8 @@ std::shared_ptr<ZNVURLSessionUploadTask> ZNVNetworkSessionManager::uploadLocalFi
     ZNVErrorRef failure;
     std::shared_ptr<ZNVURLSessionUploadTask> task;
     do {
-        if (remoteFileID.empty()) {
-            failure = ZNVNetworkErrorHandler_createURLError(NSURLErrorCannotWriteToFile,
-                                                            "empty file identifier");
-            break;
-        }
+        failure = remoteFileIDFailure(remoteFileID);
+        if (failure) break;
         // Without a local file there is nothing to send, and nothing to report.
         if (localFile.isEmpty()) break;
         if (!useAuthentication(authentication, &failure)) break;
@@ -658,10 +672,8 @@ std::shared_ptr<ZNVURLSessionUploadTask> ZNVNetworkSessionManager::uploadChunks(
     const std::string& remoteFileID, const ZNVAuthenticationRef& authentication,
     ZNVErrorRef* error) {
     ZNVErrorRef failure;
-    if (remoteFileID.empty()) {
-        failure = ZNVNetworkErrorHandler_createURLError(NSURLErrorCannotWriteToFile,
-                                                        "empty file identifier");
-    } else {
+    failure = remoteFileIDFailure(remoteFileID);
+    if (!failure) {
         ZNVStorageChunkWriterRef writer = ZNVStorageChunkWriter::writerForChunks(chunks, localFile);
         std::optional<ZNVURL> staged =
             pathManager_->createUploadFileForChunkWriter(*writer, remoteFileID, &failure);
@@ -678,11 +690,8 @@ std::shared_ptr<ZNVURLSessionUploadTask> ZNVNetworkSessionManager::uploadStagedC
     ZNVErrorRef failure;
     std::shared_ptr<ZNVURLSessionUploadTask> task;
     do {
-        if (remoteFileID.empty()) {
-            failure = ZNVNetworkErrorHandler_createURLError(NSURLErrorCannotWriteToFile,
-                                                            "empty file identifier");
-            break;
-        }
+        failure = remoteFileIDFailure(remoteFileID);
+        if (failure) break;
         std::optional<ZNVIndexSet> indices = writer.chunkIndices();
         if (!useAuthentication(authentication, &failure)) break;
         std::optional<ZNVURLRequest> request = generateRequestWithMethod(
@@ -709,11 +718,8 @@ std::shared_ptr<ZNVURLSessionUploadTask> ZNVNetworkSessionManager::assembleRemot
     ZNVErrorRef failure;
     std::shared_ptr<ZNVURLSessionUploadTask> task;
     do {
-        if (remoteFileID.empty()) {
-            failure = ZNVNetworkErrorHandler_createURLError(NSURLErrorCannotWriteToFile,
-                                                            "empty file identifier");
-            break;
-        }
+        failure = remoteFileIDFailure(remoteFileID);
+        if (failure) break;
         if (!expectedChunkIndices || expectedChunkIndices->empty()) {
             failure = ZNVNetworkErrorHandler_createURLError(NSURLErrorCannotCreateFile,
                                                             "chunk indices must be specified");
@@ -775,11 +781,8 @@ std::shared_ptr<ZNVURLSessionDownloadTask> ZNVNetworkSessionManager::requestOnRe
     ZNVErrorRef failure;
     std::shared_ptr<ZNVURLSessionDownloadTask> task;
     do {
-        if (remoteFileID.empty()) {
-            failure = ZNVNetworkErrorHandler_createURLError(NSURLErrorCannotWriteToFile,
-                                                            "empty file identifier");
-            break;
-        }
+        failure = remoteFileIDFailure(remoteFileID);
+        if (failure) break;
         if (!useAuthentication(authentication, &failure)) break;
         ZNVURL url = apiURLforRemoteFileID(remoteFileID);
         if (lastPathComponent) url = url.appendingPathComponent(lastPathComponent);

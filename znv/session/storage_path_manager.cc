@@ -49,6 +49,15 @@ ZNVStoragePathManagerRef ZNVStoragePathManager::managerForConfiguration(
 ZNVStoragePathManager::ZNVStoragePathManager(ZNVAccountConfigurationRef configuration)
     : configuration_(std::move(configuration)) {}
 
+bool ZNVStoragePathManager::isPlainRemoteFileID(std::string_view remoteFileID) {
+    if (remoteFileID.empty() || remoteFileID == "." || remoteFileID == "..") return false;
+    return std::none_of(remoteFileID.begin(), remoteFileID.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte <= 0x20 || byte == 0x7F || c == '/' || c == '\\' || c == '?' || c == '#' ||
+               c == '%';
+    });
+}
+
 std::optional<ZNVURL> ZNVStoragePathManager::uploadURLForRemoteFile(
     const std::string& remoteFileID, const std::optional<ZNVIndexSet>& chunkIndices,
     const std::string& extension, ZNVErrorRef* error) const {
@@ -62,8 +71,7 @@ std::optional<ZNVURL> ZNVStoragePathManager::uploadURLForRemoteFile(
     } else if (extension.empty()) {
         failure = ZNVNetworkErrorHandler_createCocoaError(NSFileWriteInvalidFileNameError,
                                                           "a file extension is required");
-    } else if (remoteFileID == "." || remoteFileID == ".." ||
-               remoteFileID.find_first_of(std::string("/\0", 2)) != std::string::npos) {
+    } else if (!isPlainRemoteFileID(remoteFileID)) {
         // The ID becomes part of a file name; it must not leave the directory.
         failure = ZNVNetworkErrorHandler_createURLError(
             NSURLErrorCannotWriteToFile,

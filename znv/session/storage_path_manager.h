@@ -27,6 +27,7 @@
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "znv/account/account_configuration.h"
@@ -51,11 +52,18 @@ class ZNVStoragePathManager {
 
     const ZNVAccountConfigurationRef& configuration() const { return configuration_; }
 
+    // Whether a remote file ID can stand as it is for one path segment, of a
+    // request's URL or of a staged file's name: not empty, not "." or "..",
+    // and without "/", "\\", "?", "#", "%", spaces or control characters.
+    // IDs come from the service's answers and from saved state; one that
+    // would end, leave or escape its segment is refused, not sent.
+    static bool isPlainRemoteFileID(std::string_view remoteFileID);
+
     // The staged file's URL. Checks, in order: a configuration (Cocoa 512
     // "a configuration is required"), a non-empty remote file ID (URL -3003
     // "empty file identifier"), a non-empty extension (Cocoa 514 "a file
-    // extension is required"). A remote file ID that is "." or "..", or that
-    // holds "/" or a NUL, cannot name a file (URL -3003).
+    // extension is required"). A remote file ID that is not plain (below)
+    // cannot name a file (URL -3003 "invalid file identifier \"<ID>\"").
     std::optional<ZNVURL> uploadURLForRemoteFile(const std::string& remoteFileID,
                                                  const std::optional<ZNVIndexSet>& chunkIndices,
                                                  const std::string& extension,
