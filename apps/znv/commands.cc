@@ -18,6 +18,7 @@
 #include "apps/znv/names.h"
 #include "apps/znv/paths.h"
 #include "apps/znv/signals.h"
+#include "znv/foundation/error_handler.h"
 
 namespace znv::cli {
 namespace {
@@ -146,6 +147,20 @@ int runRetry(const GlobalOptions& global, const std::string& id) {
         printError(problem);
         return kExitUsage;
     }
+    switch (deliveryOf(entry->task, session->destinations().get(entry->hash))) {
+        case Delivery::Pending:
+            // The bytes are here: only their delivery is tried again.
+            entry->task->setRawError(nullptr);
+            return runTasks(*session, {entry->task});
+        case Delivery::Lost:
+            if (!entry->task->error()) {
+                entry->task->setRawError(ZNVNetworkErrorHandler_createURLError(
+                    NSURLErrorFileDoesNotExist, "the downloaded file is gone"));
+            }
+            break;
+        case Delivery::None:
+            break;
+    }
     if (!entry->task->error()) {
         printError("task " + entry->id + " has not failed; nothing to retry");
         return kExitUsage;
@@ -168,6 +183,7 @@ int runStatus(const GlobalOptions& global) {
         TaskView view = viewOf(entry);
         auto destination = destinations.get(entry.hash);
         if (!destination) return view;
+        applyDelivery(view, deliveryOf(entry.task, destination));
         view.output = destination->path;
         // A delivered download's task keeps no size; its file's was noted.
         if (destination->delivered && destination->size >= 0 && view.succeeded() &&
@@ -259,10 +275,22 @@ int runFinish(const GlobalOptions& global, const std::string& id, bool completed
         return kExitFailed;
     }
     DownloadDestinations destinations(global.profile);
+    // A download whose file waits for its delivery is not done: finishing it
+    // would delete the only copy of its bytes.
+    auto pending = [&](const QueueEntry& entry) {
+        return deliveryOf(entry.task, destinations.get(entry.hash)) == Delivery::Pending;
+    };
     std::vector<QueueEntry> chosen;
     if (completed) {
         for (const auto& entry : queue.entries()) {
-            if (entry.task->state() == ZNVNetworkTaskStateCompleted) chosen.push_back(entry);
+            if (entry.task->state() != ZNVNetworkTaskStateCompleted) continue;
+            if (pending(entry)) {
+                printError("kept " + entry.id + ": downloaded but not delivered yet (" +
+                           (entry.task->rawError() ? "znv retry " + entry.id : "znv resume") +
+                           " delivers it)");
+                continue;
+            }
+            chosen.push_back(entry);
         }
     } else {
         std::string problem;
@@ -271,9 +299,11 @@ int runFinish(const GlobalOptions& global, const std::string& id, bool completed
             printError(problem);
             return kExitUsage;
         }
-        if (entry->task->state() != ZNVNetworkTaskStateCompleted) {
-            printError("task " + entry->id + " is still " + stateName(viewOf(*entry)) +
-                       "; cancel it first");
+        if (entry->task->state() != ZNVNetworkTaskStateCompleted ||
+            (pending(*entry) && !entry->task->rawError())) {
+            TaskView view = viewOf(*entry);
+            applyDelivery(view, deliveryOf(entry->task, destinations.get(entry->hash)));
+            printError("task " + entry->id + " is still " + stateName(view) + "; cancel it first");
             return kExitUsage;
         }
         chosen.push_back(*entry);

@@ -270,6 +270,29 @@ TaskView viewOf(const QueueEntry& entry) {
     return view;
 }
 
+Delivery deliveryOf(const ZNVNetworkTaskRef& task, const std::optional<Destination>& destination) {
+    auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task);
+    if (!download || !destination || destination->delivered ||
+        download->state() != ZNVNetworkTaskStateCompleted) {
+        return Delivery::None;
+    }
+    // The library names a file only once its transfer succeeded.
+    auto local = download->localFileURL();
+    if (!local) return Delivery::None;
+    return fileSize(local->path()) >= 0 ? Delivery::Pending : Delivery::Lost;
+}
+
+void applyDelivery(TaskView& view, Delivery delivery) {
+    if (delivery == Delivery::Pending && view.succeeded()) {
+        view.state = ZNVNetworkTaskStateSuspended;
+    } else if (delivery == Delivery::Lost && view.error.empty()) {
+        view.error =
+            "the downloaded file is gone before it was delivered (znv retry downloads it "
+            "again)";
+        view.state = ZNVNetworkTaskStateCompleted;
+    }
+}
+
 // --- QueueFile ---------------------------------------------------------------
 
 QueueFile::QueueFile(const std::string& profile)
@@ -606,14 +629,14 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
     // So does a download that completed without being delivered (the
     // process ended in between): it is delivered now.
     const auto undelivered = [this](const ZNVNetworkTaskRef& task) {
+        // Cheap tests first: most tasks of a long queue are uploads.
         auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task);
         if (!download || download->state() != ZNVNetworkTaskStateCompleted ||
             download->rawError() || !download->localFileURL()) {
             return false;
         }
-        auto destination = destinations_->get(fullTaskHash(identityOf(task)));
-        return destination && !destination->delivered &&
-               fileSize(download->localFileURL()->path()) >= 0;
+        return deliveryOf(task, destinations_->get(fullTaskHash(identityOf(task)))) ==
+               Delivery::Pending;
     };
     const auto queued = storage_->tasks();
     for (const auto& task : queued) {

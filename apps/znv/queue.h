@@ -55,6 +55,18 @@ std::optional<QueueEntry> findEntry(const std::vector<QueueEntry>& entries,
 // adds what it knows).
 TaskView viewOf(const QueueEntry& entry);
 
+// Where a download the library completed stands for the user, who has it
+// only once its file is where they asked. `Pending`: its file waits in the
+// library's area for a run to put it in place (also after a delivery that
+// failed: `retry` tries again). `Lost`: that file is gone, and only a new
+// transfer brings the bytes back. `None` for every other task, a delivered
+// download included.
+enum class Delivery { None, Pending, Lost };
+Delivery deliveryOf(const ZNVNetworkTaskRef& task, const std::optional<Destination>& destination);
+// `view` as the user sees it: a download pending delivery is queued (or
+// failed, when its delivery failed), a lost one failed.
+void applyDelivery(TaskView& view, Delivery delivery);
+
 // Why the library could not open a profile's queue ("" when it did): held by
 // another process, or damaged (then kept aside). With --wait, `open` waits
 // for the other process instead.
@@ -107,6 +119,8 @@ class TransferSession {
     ~TransferSession();
 
     ZNVStorage& storage() { return *storage_; }
+    // The download destinations of the profile (read once the queue is held).
+    DownloadDestinations& destinations() { return *destinations_; }
     EmbeddedEmulator& emulator() { return emulator_; }
     const GlobalOptions& options() const { return global_; }
 

@@ -297,6 +297,23 @@ TEST_F(ZnvCliTest, DownloadsCutOffAroundTheirDeliveryAreDeliveredOnceByResume) {
     const std::string late1 = files_ + "/late1.bin", late2 = files_ + "/late2.bin";
     note(deliveredHash, {{"path", late1}, {"directory", false}, {"force", false}});
     note(movingHash, {{"path", late2}, {"directory", false}, {"force", false}});
+    // Completed in the queue but not delivered: `status` must not call them
+    // completed, nor `finish --completed` delete the only copy.
+    auto states = [&] {
+        const auto status = nlohmann::json::parse(user.run({"--json", "status"}).out);
+        std::string all;
+        for (const auto& task : status["tasks"])
+            if (task["kind"] == "download") all += task.value("state", "") + " ";
+        return all;
+    };
+    EXPECT_EQ(states(), "queued queued ");
+    ZnvRun finished = user.run({"finish", "--completed"});
+    EXPECT_EQ(finished.status, 0) << finished.err;
+    EXPECT_EQ(std::count(finished.err.begin(), finished.err.end(), '\n'), 2) << finished.err;
+    const std::string aside = files_ + "/aside";
+    std::filesystem::rename(*kept.begin(), aside);
+    EXPECT_EQ(states(), "failed queued ") << "a file that is gone is not pending";
+    std::filesystem::rename(aside, *kept.begin());
     ZnvRun again = user.run({"--server", server, "--json", "resume"});
     ASSERT_EQ(again.status, 0) << again.out << again.err;
     EXPECT_EQ(completions(again), 2) << again.out;
