@@ -212,8 +212,11 @@ class JsonReporter : public Reporter {
     explicit JsonReporter(FILE* stream) : stream_(stream) {}
 
     void taskAdded(const TaskView& task) override {
+        // Every task enters a run queued; what it waits to retry after shows
+        // with its next state.
         auto j = taskEventJson("queued", task);
         j["state"] = "queued";
+        j.erase("error");
         writeLine(stream_, dumpJson(j));
     }
     void stateChanged(const TaskView& task) override {

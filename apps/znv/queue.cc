@@ -207,9 +207,11 @@ TaskView viewOf(const QueueEntry& entry) {
         auto source = upload->sourceURL();
         view.subject = source ? source->path() : upload->remoteFilename();
         view.remoteFileID = upload->remoteFileID();
-        view.whole = !upload->forceChunkUploading() && upload->canUploadFullFile();
+        // An upload that moved to chunks (the file was refused whole) stays there.
+        const bool inChunks = upload->forceChunkUploading() || upload->uploadsChunks();
+        view.whole = !inChunks && upload->canUploadFullFile();
         // Until the service has answered the create, its whole-file limit is unknown.
-        view.modeKnown = upload->forceChunkUploading() || !view.remoteFileID.empty();
+        view.modeKnown = inChunks || !view.remoteFileID.empty();
         auto size = static_cast<int64_t>(upload->sourceFileSize());
         view.totalBytes = size;
         view.completedBytes = std::llround(fraction * static_cast<double>(size));

@@ -93,6 +93,17 @@ TEST_F(ZnvOutputTest, ResultsGoToStdoutAndEverythingElseToStderr) {
     EXPECT_EQ(wholePuts, 3u);
     EXPECT_EQ(batchPuts, 0u);
     emulator_.clearFaults();
+    // One that the service refuses whole goes on in chunks, and says so.
+    ASSERT_TRUE(emulator_.addFault({{"method", "PUT"},
+                                    {"path", "/api/files/*/fullfile"},
+                                    {"action", "status"},
+                                    {"status", 500},
+                                    {"times", 1}}));
+    ZnvRun refused = user.run({"--server", server_, "--json", "upload", file("refused.bin", 900)});
+    EXPECT_EQ(refused.status, 0) << refused.err;
+    EXPECT_EQ(refused.events("state").back().value("mode", ""), "chunks") << refused.out;
+    ZnvRun refusedStatus = user.run({"--json", "status"});
+    EXPECT_NE(refusedStatus.out.find(R"("mode":"chunks")"), std::string::npos) << refusedStatus.out;
 
     ZnvRun quiet = user.run({"--server", server_, "-q", "upload", file("q.bin", 100)});
     EXPECT_EQ(quiet.status, 0);
