@@ -321,7 +321,9 @@ int runFinish(const GlobalOptions& global, const std::string& id, bool completed
         printError(problem);
         return kExitFailed;
     }
-    destinations.erase(hashes);
+    // The tasks are gone from the queue; a destination left behind is only
+    // read by nobody.
+    if (std::string problem = destinations.erase(hashes); !problem.empty()) printError(problem);
     for (const auto& entry : chosen) {
         if (global.json) {
             std::printf("%s\n", dumpJson(taskEventJson("finished", viewOf(entry))).c_str());

@@ -166,7 +166,7 @@ std::string fetchServiceFileName(const ZNVURL& baseURL, const std::string& token
 
 Delivered deliverDownload(const std::string& from, const std::string& directory,
                           const std::string& name, bool force,
-                          const std::function<void(const std::string& path)>& chosen) {
+                          const std::function<std::string(const std::string& path)>& chosen) {
     Delivered result;
     const mode_t mode = 0666 & ~processUmask.load();
     int dirfd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -213,9 +213,11 @@ Delivered deliverDownload(const std::string& from, const std::string& directory,
         }
     }
     std::string shown = directory + (directory.ends_with('/') ? "" : "/") + (force ? name : target);
-    if (placeholder >= 0 && chosen) chosen(shown);
     if (placeholder < 0) {
         result.error = errnoText("cannot create", shown);
+    } else if (std::string refused = chosen ? chosen(shown) : std::string(); !refused.empty()) {
+        result.error = refused;
+        ::unlinkat(dirfd, target.c_str(), 0);
     } else if (!moveInto(from, source, dirfd, target, placeholder, mode)) {
         result.error = errnoText("cannot write", shown);
         ::unlinkat(dirfd, target.c_str(), 0);

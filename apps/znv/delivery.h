@@ -44,9 +44,11 @@ struct Delivered {
 // under `name` (a safe component) and removes `from`. Once the path it will
 // write is chosen (and taken by an empty placeholder) and before any byte
 // moves, `chosen` is called with it: a caller that records it can deliver to
-// the same path again after a crash instead of to a new numbered name.
+// the same path again after a crash instead of to a new numbered name. A
+// `chosen` that answers a problem (not "") stops the delivery with it, and
+// the placeholder goes.
 Delivered deliverDownload(const std::string& from, const std::string& directory,
                           const std::string& name, bool force,
-                          const std::function<void(const std::string& path)>& chosen = {});
+                          const std::function<std::string(const std::string& path)>& chosen = {});
 
 }  // namespace znv::cli

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -231,16 +232,17 @@ std::optional<Destination> DownloadDestinations::get(const std::string& hash) co
     return it->second;
 }
 
-void DownloadDestinations::set(const std::string& hash, const Destination& destination) {
+std::string DownloadDestinations::set(const std::string& hash, const Destination& destination) {
     entries_[hash] = destination;
-    record(journalLine(hash, &destination), 1);
+    return record(journalLine(hash, &destination), 1);
 }
 
-void DownloadDestinations::erase(const std::string& hash) {
-    if (entries_.erase(hash) != 0) record(journalLine(hash, nullptr), 1);
+std::string DownloadDestinations::erase(const std::string& hash) {
+    if (entries_.erase(hash) == 0) return {};
+    return record(journalLine(hash, nullptr), 1);
 }
 
-void DownloadDestinations::erase(const std::vector<std::string>& hashes) {
+std::string DownloadDestinations::erase(const std::vector<std::string>& hashes) {
     std::string lines;
     size_t count = 0;
     for (const auto& hash : hashes) {
@@ -248,24 +250,31 @@ void DownloadDestinations::erase(const std::vector<std::string>& hashes) {
         lines += journalLine(hash, nullptr);
         ++count;
     }
-    if (count != 0) record(lines, count);
+    return count == 0 ? std::string() : record(lines, count);
 }
 
-void DownloadDestinations::record(const std::string& lines, size_t count) {
+std::string DownloadDestinations::record(const std::string& lines, size_t count) {
     if (journalLines_ + count > entries_.size() + kJournalMargin) {
-        if (rewrite()) return;
+        if (rewrite()) return {};
     }
-    if (!ensureDirectory(std::filesystem::path(journalPath_).parent_path().string()).empty())
-        return;
+    const auto failed = [&](const std::string& reason) {
+        return "cannot record download destinations in " + journalPath_ + ": " + reason;
+    };
+    const std::string directory = std::filesystem::path(journalPath_).parent_path().string();
+    if (std::string problem = ensureDirectory(directory); !problem.empty()) return failed(problem);
     int fd =
         ::open(journalPath_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd < 0) return;
+    if (fd < 0) return failed(std::strerror(errno));
     // A line cut short by a failed write would hide every later line: cut
     // the journal back to where it was.
     const off_t before = ::lseek(fd, 0, SEEK_END);
-    if (!ZNVWriteAll(fd, lines.data(), lines.size()) && before >= 0) (void)::ftruncate(fd, before);
+    const bool written = ZNVWriteAll(fd, lines.data(), lines.size());
+    const int writeErrno = errno;
+    if (!written && before >= 0) (void)::ftruncate(fd, before);
     ::close(fd);
+    if (!written) return failed(std::strerror(writeErrno));
     journalLines_ += count;
+    return {};
 }
 
 bool DownloadDestinations::rewrite() {

@@ -51,10 +51,12 @@ class DownloadDestinations {
     static DownloadDestinations atPath(const std::string& base);
 
     std::optional<Destination> get(const std::string& hash) const;
-    void set(const std::string& hash, const Destination& destination);
-    void erase(const std::string& hash);
+    // Each change is kept in memory, and written: "" once it is on disk, else
+    // why it is not ("cannot record download destinations in <path>: ...").
+    std::string set(const std::string& hash, const Destination& destination);
+    std::string erase(const std::string& hash);
     // Forgets several at once, with one write.
-    void erase(const std::vector<std::string>& hashes);
+    std::string erase(const std::vector<std::string>& hashes);
 
     // Lines in the journal (for tests and for deciding when to rewrite).
     size_t journalLines() const { return journalLines_; }
@@ -65,7 +67,7 @@ class DownloadDestinations {
     void load();
     // Appends `lines` (each ending in a newline) to the journal, or rewrites
     // the record when the journal has grown past it.
-    void record(const std::string& lines, size_t count);
+    std::string record(const std::string& lines, size_t count);
     bool rewrite();
 
     std::string recordPath_;

@@ -542,9 +542,17 @@ std::shared_ptr<ZNVNetworkDownload> TransferSession::addDownload(const std::stri
         *error = "cannot download " + url + " (see " + logFilePath() + ")";
         return nullptr;
     }
+    // Without its destination on disk, a later run could not deliver the
+    // file: the download is dropped instead of queued.
+    if (std::string problem = destinations_->set(fullTaskHash(identityOf(download)), destination);
+        !problem.empty()) {
+        download->cancel();
+        storage_->finishTask(download);
+        *error = problem;
+        return nullptr;
+    }
     observe(download);
     added_.insert(download.get());
-    destinations_->set(fullTaskHash(identityOf(download)), destination);
     return download;
 }
 
@@ -760,7 +768,7 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
             pending.path = path;
             pending.directory = false;
             pending.force = true;
-            destinations_->set(t.entry.hash, pending);
+            return destinations_->set(t.entry.hash, pending);
         };
         Delivered delivered =
             deliverDownload(local->path(), directory, name, t.destination->force, reserve);
@@ -772,8 +780,9 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
         done.directory = false;
         done.delivered = true;
         done.size = fileSize(delivered.path);
-        destinations_->set(t.entry.hash, done);
-        return std::string();
+        // Unrecorded, the next run would deliver it once more (to the same
+        // path, recorded above): the run says so rather than succeed.
+        return destinations_->set(t.entry.hash, done);
     };
 
     // Reports a state; an upload learns whether it goes whole only from the

@@ -430,6 +430,19 @@ TEST_F(ZnvCliTest, FailuresEndWithStatus1AndTheirError) {
 
     ZnvRun info = user.run({"--server", server, "info", "no-such-file"});
     EXPECT_EQ(info.status, 1) << info.out << info.err;
+
+    // A download whose destination cannot be recorded could never be
+    // delivered by a later run: it fails now and is not queued.
+    ZnvUser blocked;
+    const std::string notADirectory = file("not-a-directory", 10);
+    blocked.setEnv("XDG_STATE_HOME", notADirectory);
+    ZnvRun unrecorded = blocked.run(
+        {"--server", server, "--offline", "download", server + "../content/x", "-o", files_ + "/"});
+    EXPECT_EQ(unrecorded.status, 1) << unrecorded.err;
+    EXPECT_NE(unrecorded.err.find("cannot record download destinations"), std::string::npos)
+        << unrecorded.err;
+    blocked.setEnv("XDG_STATE_HOME", "");
+    EXPECT_NE(blocked.run({"status"}).out.find("no tasks"), std::string::npos);
 }
 
 TEST_F(ZnvCliTest, ProfilesKeepSeparateQueuesAndStatusListsThem) {
