@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "apps/znv/names.h"
+#include "apps/znv/paths.h"
 #include "znv/foundation/network_utilities.h"
 #include "znv/platform/filesystem.h"
 
@@ -39,10 +40,10 @@ std::string bindingFilePath(const std::string& profile) {
 }
 
 std::string boundServer(const std::string& profile) {
-    std::ifstream in(bindingFilePath(profile));
-    std::string line;
-    std::getline(in, line);
-    return line;
+    // Anything but a regular file there binds nothing (and is replaced when
+    // the profile is bound).
+    const std::string text = readRegularFile(bindingFilePath(profile)).value_or("");
+    return text.substr(0, text.find('\n'));
 }
 
 std::string bindProfile(const std::string& profile, const std::string& server) {

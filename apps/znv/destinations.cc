@@ -123,22 +123,10 @@ void keepAside(const std::string& path, const char* what) {
 // The file's text; nullopt when it does not exist, and "damaged" when
 // something else (a directory, an unreadable file) is in its place.
 std::optional<std::string> readRegular(const std::string& path, bool* damaged) {
-    std::error_code ec;
-    const auto status = std::filesystem::symlink_status(path, ec);
-    if (ec || !std::filesystem::exists(status)) return std::nullopt;
-    std::ifstream in;
-    if (std::filesystem::is_regular_file(status)) in.open(path, std::ios::binary);
-    if (!in) {
-        *damaged = true;
-        return std::nullopt;
-    }
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (in.bad()) {
-        *damaged = true;
-        return std::nullopt;
-    }
-    return std::move(text).str();
+    std::string problem;
+    std::optional<std::string> text = readRegularFile(path, &problem);
+    if (!problem.empty()) *damaged = true;
+    return text;
 }
 
 std::string journalLine(const std::string& hash, const Destination* destination) {

@@ -6,17 +6,22 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
+#include "apps/znv/names.h"
 #include "apps/znv/paths.h"
+#include "apps/znv/signals.h"
 
 namespace znv::cli {
 namespace {
 
 uint16_t readRememberedPort(const std::string& dataDir) {
-    std::ifstream in(dataDir + ".port");
+    std::istringstream in(readRegularFile(dataDir + ".port").value_or(""));
     unsigned port = 0;
     if (!(in >> port) || port == 0 || port > 65535) return 0;
     return static_cast<uint16_t>(port);
@@ -54,7 +59,7 @@ std::string EmbeddedEmulator::rememberedBaseURL(const std::string& dataDir) {
 }
 
 bool EmbeddedEmulator::start(const std::string& dataDir, const std::string& token, uint16_t port,
-                             uint64_t maxFullFileBytes, std::string* error) {
+                             uint64_t maxFullFileBytes, std::string* error, bool wait) {
     stop();
     std::string parent = std::filesystem::path(dataDir).parent_path().string();
     if (std::string problem = ensureDirectory(parent.empty() ? "." : parent); !problem.empty()) {
@@ -62,10 +67,25 @@ bool EmbeddedEmulator::start(const std::string& dataDir, const std::string& toke
         return false;
     }
     std::string lockPath = dataDir + ".lock";
-    lockFd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    lockFd_ =
+        ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
     if (lockFd_ < 0) {
         *error = "cannot open " + lockPath + ": " + std::strerror(errno);
         return false;
+    }
+    bool announced = false;
+    while (wait && ::flock(lockFd_, LOCK_EX | LOCK_NB) != 0 &&
+           (errno == EWOULDBLOCK || errno == EINTR)) {
+        if (!announced) {
+            std::fprintf(stderr, "znv: waiting for the emulator data in %s ...\n",
+                         escapeControls(dataDir).c_str());
+            announced = true;
+        }
+        if (int signal = waitForTerminationSignal(std::chrono::milliseconds(100)); signal != 0) {
+            std::fprintf(stderr, "znv: interrupted while waiting for the emulator data\n");
+            std::fflush(stderr);
+            std::_Exit(exitStatusForSignal(signal));
+        }
     }
     if (::flock(lockFd_, LOCK_EX | LOCK_NB) != 0) {
         ::close(lockFd_);

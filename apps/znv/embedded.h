@@ -3,7 +3,7 @@
 //
 // - One data directory is used by one emulator at a time: `start` takes an
 //   exclusive lock on "<dataDir>.lock" and fails with a message naming the
-//   problem when another process holds it.
+//   problem when another process holds it (or waits for it, when asked to).
 // - The port is remembered in "<dataDir>.port" and tried first next time, so
 //   content URLs and queued downloads keep working across runs; when it is
 //   taken, any free loopback port is used.
@@ -28,9 +28,11 @@ class EmbeddedEmulator {
     EmbeddedEmulator(const EmbeddedEmulator&) = delete;
     EmbeddedEmulator& operator=(const EmbeddedEmulator&) = delete;
 
-    // `port` 0: the remembered port if free, else any.
+    // `port` 0: the remembered port if free, else any. With `wait`, a data
+    // directory in use is waited for (SIGINT or SIGTERM end the process
+    // meanwhile, with status 130 or 143) instead of refused.
     bool start(const std::string& dataDir, const std::string& token, uint16_t port,
-               uint64_t maxFullFileBytes, std::string* error);
+               uint64_t maxFullFileBytes, std::string* error, bool wait = false);
     void stop();
 
     bool running() const { return emulator_ != nullptr; }

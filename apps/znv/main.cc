@@ -101,7 +101,8 @@ std::string checkUploadFile(const std::string& path) {
     }
     if (S_ISDIR(st.st_mode)) return "is a directory, not a file: " + path;
     if (!S_ISREG(st.st_mode)) return "not a regular file: " + path;
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Not blocking should a FIFO have taken the file's place since the stat.
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return "cannot read " + path + ": " + std::strerror(errno);
     char byte;
     ssize_t n = ::read(fd, &byte, 1);
@@ -191,7 +192,8 @@ int run(int argc, char** argv) {
     app.add_flag("-v,--verbose", verbose,
                  "Show the library's log on standard error (-vv: debug messages too)")
         ->excludes(quietFlag);
-    app.add_flag("--wait", global.wait, "Wait while another znv uses the profile's queue");
+    app.add_flag("--wait", global.wait,
+                 "Wait while another znv uses the profile's queue (or the built-in emulator)");
 
     UploadOptions upload;
     auto* uploadCommand = app.add_subcommand("upload", "Upload files");

@@ -1,6 +1,12 @@
 #include "apps/znv/paths.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include "znv/platform/filesystem.h"
 
@@ -32,6 +38,42 @@ std::string ensureDirectory(const std::string& path) {
     ZNVErrorRef error;
     if (ZNVCreateDirectories(path, 0700, &error)) return {};
     return error ? error->localizedDescription() : "cannot create " + path;
+}
+
+std::optional<std::string> readRegularFile(const std::string& path, std::string* problem) {
+    std::string ignored;
+    std::string& why = problem ? *problem : ignored;
+    why.clear();
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno != ENOENT) why = "cannot read " + path + ": " + std::strerror(errno);
+        return std::nullopt;
+    }
+    struct stat info {};
+    std::string text;
+    if (::fstat(fd, &info) != 0) {
+        why = "cannot read " + path + ": " + std::strerror(errno);
+    } else if (!S_ISREG(info.st_mode)) {
+        why = "not a regular file: " + path;
+    } else {
+        text.resize(static_cast<size_t>(info.st_size));
+        size_t done = 0;
+        for (;;) {
+            if (done == text.size()) text.resize(text.size() + 4096);  // it grew meanwhile
+            const ssize_t n = ::read(fd, text.data() + done, text.size() - done);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) {
+                why = "cannot read " + path + ": " + std::strerror(errno);
+                break;
+            }
+            if (n == 0) break;
+            done += static_cast<size_t>(n);
+        }
+        text.resize(done);
+    }
+    ::close(fd);
+    if (!why.empty()) return std::nullopt;
+    return text;
 }
 
 }  // namespace znv::cli

@@ -9,6 +9,7 @@
 // Free functions; any thread; nothing is created until `ensureDirectory`.
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace znv::cli {
@@ -20,5 +21,11 @@ std::string logFilePath();
 
 // Creates the directory and its parents; "" on success, else a message.
 std::string ensureDirectory(const std::string& path);
+
+// The contents of the regular file at `path`. A link, FIFO, device or
+// directory put there is not opened through (a FIFO would block the process
+// before it could be interrupted): nullopt, with `*problem` saying why; a
+// file that does not exist is nullopt with `*problem` empty.
+std::optional<std::string> readRegularFile(const std::string& path, std::string* problem = nullptr);
 
 }  // namespace znv::cli

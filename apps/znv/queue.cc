@@ -336,7 +336,8 @@ void waitForQueue(const std::string& profile) {
         ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(configuration.get()) + ".state");
     if (!stateURL) return;
     const std::string lockPath = stateURL->path() + ".lock";
-    int fd = ::open(lockPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    // Not blocking on a FIFO planted there; flock then says whether it is a lock.
+    int fd = ::open(lockPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (fd < 0) return;
     std::fprintf(stderr, "znv: waiting for the queue of profile %s ...\n",
                  profileIdentifier(profile).c_str());
@@ -435,9 +436,9 @@ TransferSession::~TransferSession() = default;
 
 std::vector<int64_t> archivedUnfinishedTasks(const std::string& profile) {
     std::vector<int64_t> starts;
-    std::ifstream in(stateFilePath(profile), std::ios::binary);
-    if (!in) return starts;
-    auto document = nlohmann::json::parse(in, nullptr, false);
+    const std::optional<std::string> text = readRegularFile(stateFilePath(profile));
+    if (!text) return starts;
+    auto document = nlohmann::json::parse(*text, nullptr, false);
     // Every archived task is an object with a "$class" and a "start date".
     std::vector<const nlohmann::json*> pending = {&document};
     while (!pending.empty()) {
@@ -485,7 +486,8 @@ TransferSession* TransferSession::open(const GlobalOptions& global, std::string*
             baseURL = EmbeddedEmulator::rememberedBaseURL(dataDir);
             if (baseURL.empty()) baseURL = "http://127.0.0.1:9/api/";
         } else {
-            if (!session->emulator_.start(dataDir, global.token, 0, 1ull << 30, error)) {
+            if (!session->emulator_.start(dataDir, global.token, 0, 1ull << 30, error,
+                                          global.wait)) {
                 return nullptr;
             }
             baseURL = session->emulator_.baseURL();

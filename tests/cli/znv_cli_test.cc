@@ -598,6 +598,26 @@ TEST_F(ZnvCliTest, ABusyQueueIsRefusedOrAwaitedAndADamagedOneIsKept) {
         << noDestinations.err;
     EXPECT_FALSE(std::filesystem::exists(destinations));
     EXPECT_EQ(user.run({"--profile", "p", "status"}).err, "");
+    // A FIFO in the place of znv's own files is not waited on.
+    ASSERT_EQ(::mkfifo(journal.c_str(), 0600), 0);
+    std::filesystem::remove(dir + "/p.server");
+    ASSERT_EQ(::mkfifo((dir + "/p.server").c_str(), 0600), 0);
+    ZnvRun fifos = user.run({"--profile", "p", "status"}, std::chrono::seconds(30));
+    EXPECT_EQ(fifos.status, 0) << fifos.err;
+    EXPECT_NE(fifos.err.find("p.downloads.journal.damaged-"), std::string::npos) << fifos.err;
+
+    // The built-in emulator's data is waited for like the queue.
+    const std::string emulatorLock = user.home() + "/.local/share/znv/emulator.lock";
+    std::filesystem::create_directories(std::filesystem::path(emulatorLock).parent_path());
+    fd = ::open(emulatorLock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_EQ(::flock(fd, LOCK_EX | LOCK_NB), 0);
+    EXPECT_NE(user.run({"--profile", "e", "upload", file("e.bin", 10)}).err.find("emulator data"),
+              std::string::npos);
+    pid_t builtIn = user.start({"--wait", "--profile", "e", "upload", file("e.bin", 10)});
+    ASSERT_TRUE(waitFor([&] { return user.errSoFar().find("waiting") != std::string::npos; }));
+    ::close(fd);
+    ZnvRun uploaded = user.finish(builtIn);
+    EXPECT_EQ(uploaded.status, 0) << uploaded.err;
 }
 
 TEST_F(ZnvCliTest, EmulatorCommandListensOnAKernelChosenPortUntilTerminated) {
