@@ -513,8 +513,14 @@ TransferSession* TransferSession::open(const GlobalOptions& global, std::string*
         }
     }
     if (std::string problem = queueProblem(*session->storage_, global.profile); !problem.empty()) {
-        *error = problem;
-        return nullptr;
+        // A damaged queue was set aside by the library, which goes on with an
+        // empty one: the command runs, after saying so. A queue held by
+        // another process is not used at all.
+        if (session->storage_->stateRestoreError()->code() == NSFileLockingError) {
+            *error = problem;
+            return nullptr;
+        }
+        printError(problem);
     }
     // Read only now that this process holds the queue: another znv may have
     // changed them while this one waited, and only the holder may repair them.

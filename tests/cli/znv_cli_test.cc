@@ -585,6 +585,12 @@ TEST_F(ZnvCliTest, ABusyQueueIsRefusedOrAwaitedAndADamagedOneIsKept) {
     ZnvRun next = user.run({"--profile", "p", "status"});
     EXPECT_EQ(next.status, 0) << next.err;
     EXPECT_NE(next.out.find("no tasks"), std::string::npos) << next.out;
+    // A command that runs the queue says so and goes on with the empty one.
+    writeFile(state, damage);
+    ZnvRun afterDamage =
+        user.run({"--profile", "p", "--offline", "upload", file("after-damage.bin", 10)});
+    EXPECT_EQ(afterDamage.status, 0) << afterDamage.err;
+    EXPECT_NE(afterDamage.err.find("the queue starts empty"), std::string::npos) << afterDamage.err;
 
     // So is the file of download destinations, whatever is in its place.
     const std::string destinations = user.home() + "/.local/state/znv/p.downloads.json";
