@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -106,7 +107,15 @@ constexpr size_t kOldLogFiles = 2;
 void routeLibraryLog(int verbosity) {
     std::string path = logFilePath();
     std::vector<spdlog::sink_ptr> sinks;
-    if (ensureDirectory(stateDirectory()).empty()) {
+    // Only a regular file (or none) is logged to: a link would carry the log
+    // elsewhere, and a FIFO would block the command.
+    struct stat info {};
+    const bool regular =
+        ::lstat(path.c_str(), &info) == 0 ? S_ISREG(info.st_mode) : errno == ENOENT;
+    if (!regular) {
+        std::fprintf(stderr, "znv: the log is not written: %s is not a regular file\n",
+                     escapeControls(path).c_str());
+    } else if (ensureDirectory(stateDirectory()).empty()) {
         try {
             // Every run logs each task it restores, so with a long queue the
             // log grows by megabytes a command: it is kept to the newest

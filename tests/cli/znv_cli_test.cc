@@ -608,9 +608,14 @@ TEST_F(ZnvCliTest, ABusyQueueIsRefusedOrAwaitedAndADamagedOneIsKept) {
     ASSERT_EQ(::mkfifo(journal.c_str(), 0600), 0);
     std::filesystem::remove(dir + "/p.server");
     ASSERT_EQ(::mkfifo((dir + "/p.server").c_str(), 0600), 0);
+    const std::string log = user.home() + "/.local/state/znv/znv.log";
+    std::filesystem::remove(log);
+    ASSERT_EQ(::mkfifo(log.c_str(), 0600), 0);
     ZnvRun fifos = user.run({"--profile", "p", "status"}, std::chrono::seconds(30));
     EXPECT_EQ(fifos.status, 0) << fifos.err;
     EXPECT_NE(fifos.err.find("p.downloads.journal.damaged-"), std::string::npos) << fifos.err;
+    EXPECT_NE(fifos.err.find("the log is not written"), std::string::npos) << fifos.err;
+    std::filesystem::remove(log);
 
     // The built-in emulator's data is waited for like the queue.
     const std::string emulatorLock = user.home() + "/.local/share/znv/emulator.lock";
