@@ -313,13 +313,21 @@ QueueFile::QueueFile(const std::string& profile)
 }
 
 QueueFile::QueueFile(const GlobalOptions& global) : QueueFile(global.profile) {
-    while (global.wait && network_->stateRestoreError() &&
-           network_->stateRestoreError()->code() == NSFileLockingError) {
-        waitForQueue(global.profile);
+    const auto brief = std::chrono::steady_clock::now() + kBriefQueueWait;
+    while (queueHeldElsewhere(*network_) &&
+           waitForQueue(global.profile, global.wait,
+                        global.wait ? std::nullopt : std::optional(brief))) {
         network_ = ZNVNetwork::create(configurationFor("http://127.0.0.1/api/", global.profile));
         network_->readState();
         problem_ = queueProblem(*network_, global.profile);
     }
+}
+
+bool queueHeldElsewhere(const ZNVNetwork& network) {
+    const ZNVErrorRef error = network.stateRestoreError();
+    return error && error->code() == NSFileLockingError &&
+           (error->value(ZNVNetwork_StateLockHolderPIDKey) ||
+            error->localizedDescription().starts_with("The task queue is in use"));
 }
 
 std::string queueProblem(const ZNVNetwork& network, const std::string& profile) {
@@ -339,22 +347,34 @@ std::string queueProblem(const ZNVNetwork& network, const std::string& profile) 
            error->stringValue(NSFilePathErrorKey).value_or("?") + "; the queue starts empty.";
 }
 
-void waitForQueue(const std::string& profile) {
+bool waitForQueue(const std::string& profile, bool announce,
+                  std::optional<std::chrono::steady_clock::time_point> until) {
     auto configuration = configurationFor("http://127.0.0.1/api/", profile);
     const auto stateURL = ZNVNetworkUtilities_libraryURLWithFileName(
         ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(configuration.get()) + ".state");
-    if (!stateURL) return;
+    if (!stateURL) return false;
     const std::string lockPath = stateURL->path() + ".lock";
     // Not blocking on a FIFO planted there; flock then says whether it is a lock.
     int fd = ::open(lockPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-    if (fd < 0) return;
-    std::fprintf(stderr, "znv: waiting for the queue of profile %s ...\n",
-                 profileIdentifier(profile).c_str());
+    if (fd < 0) return false;
+    if (announce) {
+        std::fprintf(stderr, "znv: waiting for the queue of profile %s ...\n",
+                     profileIdentifier(profile).c_str());
+    }
     // Taken and given back at once: the library takes it on its own file.
     // Ctrl-C ends the wait: this process holds nothing that needs saving.
+    bool free = true;
     while (::flock(fd, LOCK_SH | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK && errno != EINTR) break;
-        if (int signal = waitForTerminationSignal(std::chrono::milliseconds(100)); signal != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            free = false;
+            break;
+        }
+        if (until && std::chrono::steady_clock::now() >= *until) {
+            free = false;
+            break;
+        }
+        if (int signal = waitForTerminationSignal(std::chrono::milliseconds(until ? 20 : 100));
+            signal != 0) {
             std::fprintf(stderr, "znv: interrupted while waiting for the queue of profile %s\n",
                          profileIdentifier(profile).c_str());
             std::fflush(stderr);
@@ -362,6 +382,7 @@ void waitForQueue(const std::string& profile) {
         }
     }
     ::close(fd);
+    return free;
 }
 
 namespace {
@@ -510,16 +531,18 @@ TransferSession* TransferSession::open(const GlobalOptions& global, std::string*
         *error = "cannot open the task queue";
         return nullptr;
     }
-    while (global.wait && session->storage_->stateRestoreError() &&
-           session->storage_->stateRestoreError()->code() == NSFileLockingError) {
+    const auto brief = std::chrono::steady_clock::now() + kBriefQueueWait;
+    while (queueHeldElsewhere(*session->storage_)) {
         session->storage_->invalidateClientAndCancelTasks();
         session->storage_.reset();
-        waitForQueue(global.profile);
+        const bool free = waitForQueue(global.profile, global.wait,
+                                       global.wait ? std::nullopt : std::optional(brief));
         session->storage_ = ZNVStorage::storageForAccount(session->account_);
         if (!session->storage_) {
             *error = "cannot open the task queue";
             return nullptr;
         }
+        if (!free) break;
     }
     if (std::string problem = queueProblem(*session->storage_, global.profile); !problem.empty()) {
         // A damaged queue was set aside by the library, which goes on with an

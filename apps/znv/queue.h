@@ -71,9 +71,16 @@ void applyDelivery(TaskView& view, Delivery delivery);
 // another process, or damaged (then kept aside). With --wait, `open` waits
 // for the other process instead.
 std::string queueProblem(const ZNVNetwork& network, const std::string& profile);
-// Blocks until no other process holds the profile's queue; SIGINT or
-// SIGTERM ends the process meanwhile (status 130 or 143).
-void waitForQueue(const std::string& profile);
+// Whether the library refused the queue because another process holds it.
+bool queueHeldElsewhere(const ZNVNetwork& network);
+// Blocks until no other process holds the profile's queue, saying so when
+// `announce`, or until `until` has passed (then false); SIGINT or SIGTERM
+// ends the process meanwhile (status 130 or 143).
+bool waitForQueue(const std::string& profile, bool announce = true,
+                  std::optional<std::chrono::steady_clock::time_point> until = std::nullopt);
+// How long a command waits, without --wait, for a holder of the queue that
+// may be about to let go (a `status` run by a script, say).
+inline constexpr std::chrono::seconds kBriefQueueWait{2};
 
 // The profile's queue read from its state file, with nothing started: for
 // status, cancel and finish. Changes are saved with `save`.

@@ -505,8 +505,8 @@ TEST_F(ZnvCliTest, ProfilesKeepSeparateQueuesAndStatusListsThem) {
 }
 
 // One process per queue: a queue held elsewhere is refused (exit 1, naming the
-// holder) or awaited with --wait. A damaged queue is kept aside, reported
-// with the kept copy's path (exit 1), and the next run starts empty.
+// holder) once a brief wait is over, or awaited with --wait. A damaged queue is kept aside,
+// reported with the kept copy's path (exit 1), and the next run starts empty.
 TEST_F(ZnvCliTest, ABusyQueueIsRefusedOrAwaitedAndADamagedOneIsKept) {
     ZnvUser user;
     const std::string a = file("a.bin", 5000);
@@ -531,6 +531,12 @@ TEST_F(ZnvCliTest, ABusyQueueIsRefusedOrAwaitedAndADamagedOneIsKept) {
             << busy.err;
     }
     EXPECT_EQ(readFile(state), saved);
+    // Held only for a moment (a script's `status`), it is waited out.
+    pid_t brief = user.start({"--profile", "p", "status"});
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ASSERT_EQ(::flock(fd, LOCK_UN), 0);
+    EXPECT_EQ(user.finish(brief).status, 0);
+    ASSERT_EQ(::flock(fd, LOCK_EX | LOCK_NB), 0);
 
     // Ctrl-C ends a wait; a wait that is not interrupted ends with the holder.
     pid_t given = user.start({"--wait", "--profile", "p", "status"});
