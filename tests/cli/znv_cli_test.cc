@@ -301,10 +301,12 @@ TEST_F(ZnvCliTest, DownloadsCutOffAroundTheirDeliveryAreDeliveredOnceByResume) {
     // completed, nor `finish --completed` delete the only copy.
     auto states = [&] {
         const auto status = nlohmann::json::parse(user.run({"--json", "status"}).out);
-        std::string all;
+        std::multiset<std::string> all;
         for (const auto& task : status["tasks"])
-            if (task["kind"] == "download") all += task.value("state", "") + " ";
-        return all;
+            if (task["kind"] == "download") all.insert(task.value("state", ""));
+        return std::accumulate(
+            all.begin(), all.end(), std::string(),
+            [](const std::string& a, const std::string& b) { return a + b + " "; });
     };
     EXPECT_EQ(states(), "queued queued ");
     ZnvRun finished = user.run({"finish", "--completed"});
