@@ -165,6 +165,18 @@ int runRetry(const GlobalOptions& global, const std::string& id) {
         printError("task " + entry->id + " has not failed; nothing to retry");
         return kExitUsage;
     }
+    // The upload was of the file as it was; the file it finds now is another.
+    if (auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(entry->task);
+        upload && upload->error()->code() == NSURLErrorFileDoesNotExist &&
+        upload->error()->localizedDescription() ==
+            "The source of the upload has changed or moved.") {
+        auto source = upload->sourceURL();
+        printError("task " + entry->id +
+                   " cannot be retried: its file changed after the upload started; upload it "
+                   "again (znv upload " +
+                   shellQuoted(source ? source->path() : std::string("FILE")) + ")");
+        return kExitUsage;
+    }
     entry->task->retry();
     return runTasks(*session, {entry->task});
 }

@@ -72,6 +72,18 @@ class EscapingStderrSink : public spdlog::sinks::base_sink<std::mutex> {
     void flush_() override { std::fflush(stderr); }
 };
 
+std::string parentOf(const std::string& path) {
+    auto parent = std::filesystem::path(path).parent_path().string();
+    return parent.empty() ? std::string("/") : parent;
+}
+
+bool unfinished(const ZNVNetworkTaskRef& task) {
+    // A completed task with an error it will still retry is not finished.
+    return task->state() != ZNVNetworkTaskStateCompleted || (!task->error() && task->rawError());
+}
+
+}  // namespace
+
 std::string shellQuoted(const std::string& text) {
     if (!text.empty() &&
         text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
@@ -88,18 +100,6 @@ std::string shellQuoted(const std::string& text) {
     }
     return quoted + "'";
 }
-
-std::string parentOf(const std::string& path) {
-    auto parent = std::filesystem::path(path).parent_path().string();
-    return parent.empty() ? std::string("/") : parent;
-}
-
-bool unfinished(const ZNVNetworkTaskRef& task) {
-    // A completed task with an error it will still retry is not finished.
-    return task->state() != ZNVNetworkTaskStateCompleted || (!task->error() && task->rawError());
-}
-
-}  // namespace
 
 constexpr size_t kLogFileBytes = 16 << 20;
 constexpr size_t kOldLogFiles = 2;

@@ -39,6 +39,9 @@ namespace znv::cli {
 void routeLibraryLog(int verbosity);
 
 TaskIdentity identityOf(const ZNVNetworkTaskRef& task);
+// `text` as one word for a POSIX shell: as it is when only safe characters
+// make it up, else in single quotes.
+std::string shellQuoted(const std::string& text);
 
 struct QueueEntry {
     ZNVNetworkTaskRef task;

@@ -211,6 +211,17 @@ TEST_F(ZnvQueueSafetyTest, StatusAndExitStatusSayWhatHappenedToEachTask) {
     ZnvRun resumed = user.run({"--server", server_, "resume"});
     EXPECT_EQ(resumed.status, 1) << resumed.err;
     EXPECT_NE(resumed.err.find("gone.bin failed"), std::string::npos) << resumed.err;
+    // A file that changed after its upload started cannot be retried as such.
+    std::string changed = file("changed.bin", 3000);
+    ASSERT_EQ(user.run({"--server", server_, "--offline", "upload", changed}).status, 0);
+    writeFile(changed, std::string(4000, 'x'));
+    ZnvRun changedRun = user.run({"--server", server_, "--json", "resume"});
+    EXPECT_EQ(changedRun.status, 1) << changedRun.err;
+    const std::string changedID = changedRun.events("queued").back().value("task", "");
+    ZnvRun retried = user.run({"--server", server_, "retry", changedID});
+    EXPECT_EQ(retried.status, 2) << retried.err;
+    EXPECT_NE(retried.err.find("upload it again (znv upload " + changed + ")"), std::string::npos)
+        << retried.err;
 
     // Queued offline, tasks exist only in the saved queue: a save that does
     // not reach the disk (here: files may not grow past 32 KiB) fails the
