@@ -334,6 +334,10 @@ std::string queueProblem(const ZNVNetwork& network, const std::string& profile) 
     const ZNVErrorRef error = network.stateRestoreError();
     if (!error) return {};
     const std::string name = profileIdentifier(profile);
+    if (error->code() == NSFileLockingError && !queueHeldElsewhere(network)) {
+        // The lock itself cannot be taken (a link or a directory in its place).
+        return "the queue of profile " + name + " cannot be used: " + error->localizedDescription();
+    }
     if (error->code() == NSFileLockingError) {
         const auto* pid = error->value(ZNVNetwork_StateLockHolderPIDKey);
         const std::string holder = pid && std::holds_alternative<int64_t>(*pid)
