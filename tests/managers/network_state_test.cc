@@ -10,6 +10,8 @@
 #include <barrier>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
+#include <future>
 #include <thread>
 
 #include "tests/managers/managers_test_support.h"
@@ -307,6 +309,79 @@ TEST_F(DamagedState, AnOversizedFileIsKeptWithoutBeingLoaded) {
     EXPECT_EQ(network_->stateRestoreError()->code(), NSFileReadCorruptFileError);
     EXPECT_TRUE(log.contains("larger than 256 MiB"));
     std::filesystem::remove(copies[0]);
+}
+
+// Runs `work` on a thread of its own; true when it ended within 10 s. Work
+// stuck opening one of `fifos` is let go by opening their other ends, so a
+// regression fails instead of hanging the suite.
+bool endsPromptly(std::function<void()> work, const std::vector<std::string>& fifos) {
+    auto done = std::async(std::launch::async, std::move(work));
+    if (done.wait_for(std::chrono::seconds(10)) == std::future_status::ready) return true;
+    std::vector<int> ends;
+    for (const auto& fifo : fifos)
+        ends.push_back(::open(fifo.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    for (int end : ends) {
+        if (end >= 0) ::close(end);
+    }
+    done.wait();
+    return false;
+}
+
+TEST_F(DamagedState, FIFOsAtTheStateFileAndTheJournalAreNeverWaitedOn) {
+    std::filesystem::create_directories(stateDirectory());
+    for (const auto& old : damagedCopies("damaged"))
+        std::filesystem::remove(old);
+    const std::string state = statePath("damaged");
+    const std::string journal = state + ".journal";
+    std::filesystem::remove(state);
+    std::filesystem::remove(journal);
+
+    // As the state file: damaged, kept aside as it is, and reported.
+    ASSERT_EQ(::mkfifo(state.c_str(), 0600), 0);
+    {
+        LogCapture log;
+        EXPECT_TRUE(endsPromptly(
+            [&] {
+                network_ = ZNVNetwork::create(offlineConfiguration("damaged"));
+                network_->readState();
+            },
+            {state}));
+        auto copies = damagedCopies("damaged");
+        ASSERT_EQ(copies.size(), 1u);
+        struct stat info {};
+        ASSERT_EQ(::lstat(copies[0].c_str(), &info), 0);
+        EXPECT_TRUE(S_ISFIFO(info.st_mode));
+        ASSERT_NE(network_->stateRestoreError(), nullptr);
+        EXPECT_EQ(network_->stateRestoreError()->localizedDescription(),
+                  "The saved task state is damaged (unreadable: not a regular file).");
+        EXPECT_TRUE(has(log.lines(), "kept damaged network task state as " + copies[0]));
+        std::filesystem::remove(copies[0]);
+    }
+
+    // As the journal: ignored, the state restored all the same, and a record
+    // fails instead of waiting for a reader.
+    network_->addTask(makeDownload("kept.zip"));
+    network_.reset();
+    ASSERT_EQ(::mkfifo(journal.c_str(), 0600), 0);
+    LogCapture log;
+    uint64_t recorded = 1;
+    EXPECT_TRUE(endsPromptly(
+        [&] {
+            network_ = ZNVNetwork::create(offlineConfiguration("damaged"));
+            network_->readState();
+            ZNVRemoteFileJournal::Entry entry;
+            entry.remoteFileID = "F1";
+            recorded = ZNVRemoteFileJournal(journal).record(entry);
+        },
+        {journal}));
+    EXPECT_EQ(network_->stateRestoreError(), nullptr);
+    EXPECT_EQ(network_->tasks().size(), 1u);
+    EXPECT_TRUE(has(log.lines(), "ignoring " + journal + ": not a regular file of at most 16 MiB"));
+    EXPECT_EQ(recorded, 0u);
+    EXPECT_TRUE(has(log.lines(), "failed to record remote file F1 in " + journal));
+    network_.reset();
+    std::filesystem::remove(journal);
 }
 
 TEST(NetworkState, AFailedReplacementIsReportedAndLeavesNoTemporaryFile) {

@@ -313,13 +313,18 @@ std::optional<ZNVBytes> ZNVNetworkUtilities_loadDataFromURL(const ZNVURL& url, Z
         return std::nullopt;
     }
     const std::string path = url.path();
+    // Opened without waiting for the writer of a FIFO (one without a writer
+    // reads as empty), then read blocking.
     int fd;
     do {
-        fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     } while (fd < 0 && errno == EINTR);
     if (fd < 0) {
         setError(error, ZNVFileErrorFromErrno(errno, "failed to open", path, false));
         return std::nullopt;
+    }
+    if (const int status = ::fcntl(fd, F_GETFL); status >= 0) {
+        ::fcntl(fd, F_SETFL, status & ~O_NONBLOCK);
     }
     struct stat st {};
     const bool regular = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);

@@ -46,11 +46,14 @@
 //   state file and `stateRestoreError` is NSCocoaErrorDomain /
 //   NSFileLockingError with the holder's PID (int64) under
 //   `ZNVNetwork_StateLockHolderPIDKey` when it could be read.
-// - A state file that exists but cannot be restored (unreadable, empty, over
-//   256 MiB, not an archive, no configuration type, undecodable tasks; a file
-//   of another configuration identifier excepted) is renamed to
-//   "<name>.state.damaged-<UTC yyyymmddThhmmssZ>" (mode 0600) before anything
-//   can save over it, that path is logged at error level, and
+// - Files of the state area (state file, journal, lock) are opened without
+//   blocking: a FIFO or device planted at a name is refused at once, never
+//   waited on. A state file that is not a regular file is damaged (below).
+// - A state file that exists but cannot be restored (unreadable, not a regular
+//   file, empty, over 256 MiB, not an archive, no configuration type,
+//   undecodable tasks; a file of another configuration identifier excepted)
+//   is renamed to "<name>.state.damaged-<UTC yyyymmddThhmmssZ>" (mode 0600)
+//   before anything can save over it, that path is logged at error level, and
 //   `stateRestoreError` is NSCocoaErrorDomain / NSFileReadCorruptFileError
 //   with NSFilePathErrorKey naming the kept copy. It is set before `launch`
 //   returns and stays null when the state was restored or there was no file;

@@ -49,6 +49,7 @@
 #include "znv/foundation/log.h"
 #include "znv/foundation/network_utilities.h"
 #include "znv/managers/network.h"
+#include "znv/platform/filesystem.h"
 #include "znv/platform/keyed_archive.h"
 
 namespace znv {
@@ -87,7 +88,7 @@ std::optional<ZNVURL> _fileURLForNetworkStateWithConfiguration(
 constexpr auto kEarlierSavesTimeout = std::chrono::seconds(10);
 
 // Larger state files are not loaded: no queue of ours comes near it.
-constexpr off_t kMaximumStateFileSize = off_t{256} << 20;
+constexpr uint64_t kMaximumStateFileSize = uint64_t{256} << 20;
 
 // The locks this process holds, by lock file path. A flock belongs to one
 // open file description, so managers of one process share one.
@@ -381,8 +382,10 @@ void ZNVNetwork::readState() {
             "network task state {} is still being saved by an earlier manager; reading it as it is",
             stateURL->path());
     }
-    struct stat info {};
-    if (::stat(stateURL->path().c_str(), &info) != 0) return;  // first launch
+    // Opened without waiting on whatever is at the name: a FIFO there would
+    // otherwise hold the launch (and the process) until a writer came.
+    const ZNVRegularFile file = ZNVOpenRegularFile(stateURL->path(), O_RDONLY);
+    if (file.fd < 0 && (file.error == ENOENT || file.error == ENOTDIR)) return;  // first launch
 
     // From here on a file exists: whatever keeps it from being restored
     // (other than belonging to another configuration) keeps it aside.
@@ -391,43 +394,30 @@ void ZNVNetwork::readState() {
         std::lock_guard<std::mutex> lock(stateMutex_);
         stateRestoreError_ = std::move(error);
     };
-
-    if (info.st_size > kMaximumStateFileSize) {
+    if (file.fd < 0 || file.size == 0) {
+        const std::string why = file.fd < 0 ? file.reason() : "the file is empty";
+        if (file.fd >= 0) ::close(file.fd);
+        ZNVLogError("failed to read network task state: {}", why);
+        damaged(file.fd < 0 ? "unreadable: " + why : "empty");
+        return;
+    }
+    if (file.size > kMaximumStateFileSize) {
+        ::close(file.fd);
         ZNVLogError("failed to read network task state: {}",
-                    "the file is larger than 256 MiB (" + std::to_string(info.st_size) + " bytes)");
+                    "the file is larger than 256 MiB (" + std::to_string(file.size) + " bytes)");
         damaged("larger than 256 MiB");
         return;
     }
 
     // The tasks are decoded while the file is read and parsed, so a long
     // queue is held neither as its bytes nor as one document besides its
-    // tasks. A file that is empty, not a regular file or cannot be opened is
-    // loaded whole, which reports why.
+    // tasks.
     const std::set<std::string> taskClasses{ZNVArchiveMutableArrayClassName, "ZNVNetworkTask"};
     ZNVErrorRef setupError;
-    std::unique_ptr<ZNVKeyedUnarchiver> unarchiver;
-    int fd = -1;
-    if (S_ISREG(info.st_mode) && info.st_size > 0) {
-        do {
-            fd = ::open(stateURL->path().c_str(), O_RDONLY | O_CLOEXEC);
-        } while (fd < 0 && errno == EINTR);
-    }
-    if (fd >= 0) {
-        ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-        unarchiver =
-            ZNVKeyedUnarchiver::createDecodingArray(fd, kTasksKey, taskClasses, &setupError);
-        ::close(fd);
-    } else {
-        ZNVErrorRef readError;
-        auto data = ZNVNetworkUtilities_loadDataFromURL(*stateURL, &readError);
-        if (!data || data->empty()) {
-            ZNVLogError("failed to read network task state: {}", describe(readError));
-            damaged(data ? "empty" : "unreadable: " + describe(readError));
-            return;
-        }
-        unarchiver =
-            ZNVKeyedUnarchiver::createDecodingArray(*data, kTasksKey, taskClasses, &setupError);
-    }
+    ::posix_fadvise(file.fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    std::unique_ptr<ZNVKeyedUnarchiver> unarchiver =
+        ZNVKeyedUnarchiver::createDecodingArray(file.fd, kTasksKey, taskClasses, &setupError);
+    ::close(file.fd);
     if (!unarchiver) {
         ZNVLogError("failed to set up reader for network task state: {}", describe(setupError));
         damaged("not a task archive");

@@ -17,7 +17,7 @@
 namespace znv {
 namespace {
 
-constexpr off_t kMaximumJournalSize = off_t{16} << 20;
+constexpr uint64_t kMaximumJournalSize = uint64_t{16} << 20;
 // A line longer than this is not one of ours (a file ID and a path at most).
 constexpr size_t kMaximumLineLength = 64 * 1024;
 // A journal that still has records no save holds is rewritten without the
@@ -59,18 +59,20 @@ std::string ZNVRemoteFileJournal::line(const Entry& entry) {
 uint64_t ZNVRemoteFileJournal::record(const Entry& entry) {
     const std::string text = line(entry);
     std::lock_guard<std::mutex> lock(mutex_);
+    std::string problem;
     if (fd_ < 0) {
-        do {
-            fd_ =
-                ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-        } while (fd_ < 0 && errno == EINTR);
+        const ZNVRegularFile file =
+            ZNVOpenRegularFile(path_, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW, 0600);
+        fd_ = file.fd;
         if (fd_ >= 0) ::fchmod(fd_, 0600);  // also when an older file was there
+        if (fd_ < 0) problem = file.reason();
     }
     // One write per line: a kill leaves whole lines, at most a torn last one.
-    if (fd_ < 0 || !ZNVWriteAll(fd_, text.data(), text.size())) {
+    if (fd_ >= 0 && !ZNVWriteAll(fd_, text.data(), text.size())) problem = std::strerror(errno);
+    if (!problem.empty()) {
         ZNVLogError("failed to record remote file {} in {}: {}",
                     entry.downloadedFile.empty() ? entry.remoteFileID : entry.downloadedFile, path_,
-                    std::strerror(errno));
+                    problem);
         return 0;
     }
     dirty_ = true;
@@ -90,9 +92,9 @@ void ZNVRemoteFileJournal::forgetUpTo(uint64_t count) {
     // their appends.
     if (!uncovered_.empty() && size_ < kRewriteSize) return;
     if (uncovered_.empty()) {
-        while (fd_ < 0) {  // only read so far: what an earlier process recorded
-            fd_ = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW);
-            if (fd_ < 0 && errno != EINTR) return;
+        if (fd_ < 0) {  // only read so far: what an earlier process recorded
+            fd_ = ZNVOpenRegularFile(path_, O_WRONLY | O_APPEND | O_NOFOLLOW).fd;
+            if (fd_ < 0) return;
         }
         if (::ftruncate(fd_, 0) != 0) {
             ZNVLogError("failed to empty {}: {}", path_, std::strerror(errno));
@@ -128,15 +130,13 @@ void ZNVRemoteFileJournal::forgetUpTo(uint64_t count) {
 
 std::vector<ZNVRemoteFileJournal::Entry> ZNVRemoteFileJournal::read() {
     std::lock_guard<std::mutex> lock(mutex_);
-    int fd = -1;
-    do {
-        fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    } while (fd < 0 && errno == EINTR);
-    if (fd < 0) return {};
-    struct stat info {};
+    // Never waits on a FIFO at the name; a link there is not followed.
+    const ZNVRegularFile file = ZNVOpenRegularFile(path_, O_RDONLY | O_NOFOLLOW);
+    if (file.fd < 0 && !file.notRegular() && file.error != ELOOP) return {};
+    const int fd = file.fd;
     std::string text;
-    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size <= kMaximumJournalSize) {
-        text.resize(static_cast<size_t>(info.st_size));
+    if (fd >= 0 && file.size <= kMaximumJournalSize) {
+        text.resize(static_cast<size_t>(file.size));
         size_t done = 0;
         while (done < text.size()) {
             const ssize_t n = ::read(fd, text.data() + done, text.size() - done);
@@ -148,7 +148,7 @@ std::vector<ZNVRemoteFileJournal::Entry> ZNVRemoteFileJournal::read() {
     } else {
         ZNVLogError("ignoring {}: not a regular file of at most 16 MiB", path_);
     }
-    ::close(fd);
+    if (fd >= 0) ::close(fd);
     // What was there before this process counts as recorded: the next save
     // may empty it.
     if (!text.empty()) dirty_ = true;

@@ -5,10 +5,11 @@
 //
 // Contract
 // - One journal per state file, at "<name>.state.journal" beside it (mode
-//   0600, never followed through a symbolic link). Each `record` appends one
-//   line of JSON with a plain write: it survives the process being killed the
-//   moment the call returns (not a crash of the machine; the state file's own
-//   saves, flushed to disk, cover that).
+//   0600, never followed through a symbolic link; anything at the name that
+//   is not a regular file, a FIFO included, is neither waited on nor used).
+//   Each `record` appends one line of JSON with a plain write: it survives
+//   the process being killed the moment the call returns (not a crash of the
+//   machine; the state file's own saves, flushed to disk, cover that).
 // - A line names the upload by its source URL text and start date (in
 //   microseconds since the epoch) and carries the remote file ID and the
 //   largest file the service accepts in one request, as the creation answered;

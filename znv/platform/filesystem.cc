@@ -63,7 +63,9 @@ int openRetrying(const char* path, int flags, mode_t mode = 0) {
 }
 
 bool syncPath(const std::string& path, bool directory, ZNVErrorRef* error) {
-    FileDescriptor f(openRetrying(path.c_str(), O_RDONLY | (directory ? O_DIRECTORY : 0)));
+    // O_NONBLOCK: a FIFO planted at the name must not hold the flush up.
+    FileDescriptor f(
+        openRetrying(path.c_str(), O_RDONLY | O_NONBLOCK | (directory ? O_DIRECTORY : 0)));
     if (f.fd < 0) {
         setError(error, ZNVFileErrorFromErrno(errno, "failed to open", path, false));
         return false;
@@ -79,9 +81,10 @@ bool syncPath(const std::string& path, bool directory, ZNVErrorRef* error) {
 // returns its path, or "" (with nothing left behind) on failure.
 std::string copyBeside(const std::string& source, const std::string& directory,
                        ZNVErrorRef* error) {
-    FileDescriptor in(openRetrying(source.c_str(), O_RDONLY));
+    const ZNVRegularFile opened = ZNVOpenRegularFile(source, O_RDONLY);
+    FileDescriptor in(opened.fd);
     if (in.fd < 0) {
-        setError(error, ZNVFileErrorFromErrno(errno, "failed to open", source, false));
+        setError(error, opened.failure("failed to open", source, false));
         return {};
     }
     std::string pattern = directory + "/.znv-replace-XXXXXX";
@@ -260,6 +263,45 @@ std::string ZNVApplicationIdentifier() {
     size_t slash = executable.find_last_of('/');
     std::string name = slash == std::string::npos ? executable : executable.substr(slash + 1);
     return name.empty() ? std::string("znv") : name;
+}
+
+std::string ZNVRegularFile::reason() const {
+    if (error == 0) return "not a regular file";
+    char buffer[256];
+    return ::strerror_r(error, buffer, sizeof buffer);
+}
+
+ZNVErrorRef ZNVRegularFile::failure(const std::string& what, const std::string& path,
+                                    bool writing) const {
+    if (error != 0) return ZNVFileErrorFromErrno(error, what, path, writing);
+    return ZNVError::make(NSCocoaErrorDomain,
+                          writing ? NSFileWriteUnknownError : NSFileReadUnknownError,
+                          {{NSLocalizedDescriptionKey, what + " \"" + path + "\": " + reason()},
+                           {NSFilePathErrorKey, path}});
+}
+
+ZNVRegularFile ZNVOpenRegularFile(const std::string& path, int flags, unsigned mode) {
+    ZNVRegularFile file;
+    const int fd = openRetrying(path.c_str(), flags | O_NONBLOCK, static_cast<mode_t>(mode));
+    if (fd < 0) {
+        file.error = errno;
+        return file;
+    }
+    struct stat info {};
+    if (::fstat(fd, &info) != 0) {
+        file.error = errno;
+    } else if (S_ISREG(info.st_mode)) {
+        const int status = ::fcntl(fd, F_GETFL);
+        if (status < 0 || ::fcntl(fd, F_SETFL, status & ~O_NONBLOCK) != 0) {
+            file.error = errno;
+        } else {
+            file.fd = fd;
+            file.size = static_cast<uint64_t>(info.st_size);
+            return file;
+        }
+    }
+    ::close(fd);
+    return file;
 }
 
 bool ZNVWriteAll(int fd, const void* data, size_t size) {

@@ -50,6 +50,26 @@ std::string ZNVApplicationIdentifier();
 // nothing.
 std::string ZNVRealPath(const std::string& path);
 
+// An existing regular file opened by ZNVOpenRegularFile, or why it was not.
+struct ZNVRegularFile {
+    int fd = -1;        // owned by the caller; -1 on failure
+    int error = 0;      // errno of the failed call; 0 when the entry is not a regular file
+    uint64_t size = 0;  // the file's size when it was opened
+    bool notRegular() const { return fd < 0 && error == 0; }
+    // "not a regular file", or the text of `error`.
+    std::string reason() const;
+    // The failure as ZNVFileErrorFromErrno makes it: "<what> \"<path>\": <reason>".
+    ZNVErrorRef failure(const std::string& what, const std::string& path, bool writing) const;
+};
+
+// Opens `path` (`flags`: the access mode and any of O_CREAT, O_NOFOLLOW,
+// O_APPEND, O_TRUNC; close-on-exec always) only if it is a regular file,
+// without ever waiting on anything else at the name: opening a FIFO waits
+// for its other end, for ever if nobody comes. The file is opened with
+// O_NONBLOCK, refused unless fstat finds a regular file (a FIFO, device,
+// socket or directory is closed again), then set back to blocking.
+ZNVRegularFile ZNVOpenRegularFile(const std::string& path, int flags, unsigned mode = 0);
+
 // Writes all `size` bytes to `fd`, retrying interrupted and short writes;
 // false with errno set (EIO when the file took nothing) on failure.
 bool ZNVWriteAll(int fd, const void* data, size_t size);

@@ -854,15 +854,17 @@ ZNVErrorRef ZNVURLSession::Core::setUp(Transfer& t) {
     if (task.kind() == ZNVURLSessionTask::Kind::Upload) {
         const auto& upload = static_cast<const ZNVURLSessionUploadTask&>(task);
         std::string path = upload.fileURL().path();
-        t.inFd = upload.fileURL().isFileURL() ? open(path.c_str(), O_RDONLY | O_CLOEXEC) : -1;
-        struct stat info {};
-        if (t.inFd < 0 || fstat(t.inFd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        // Only a regular file: a FIFO would hold this thread in open().
+        ZNVRegularFile body;
+        if (upload.fileURL().isFileURL()) body = ZNVOpenRegularFile(path, O_RDONLY);
+        t.inFd = body.fd;
+        if (t.inFd < 0) {
             return makeURLError(NSURLErrorCannotOpenFile,
                                 fmt::format("the file to upload cannot be read: {}",
-                                            t.inFd < 0 ? std::strerror(errno) : "not a file"),
+                                            body.notRegular() ? "not a file" : body.reason()),
                                 t.url);
         }
-        t.inSize = info.st_size;
+        t.inSize = static_cast<int64_t>(body.size);
         posix_fadvise(t.inFd, 0, 0, POSIX_FADV_SEQUENTIAL);
         t.task->bytesExpectedToSend_.store(t.inSize);
     }
@@ -873,9 +875,13 @@ ZNVErrorRef ZNVURLSession::Core::setUp(Transfer& t) {
         if (!download.resumeDataUsed().empty()) {
             auto info = ZNVURLSessionResumeData::decode(download.resumeDataUsed());
             if (info && ZNVURLSessionResumeData::isPartialFilePath(info->partialFile)) {
-                int fd = open(info->partialFile.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+                // Opened for writing without waiting for a reader of a
+                // FIFO planted at the name (it is refused below).
+                int fd =
+                    open(info->partialFile.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
                 struct stat st {};
                 if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+                    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) == 0 &&
                     st.st_uid == getuid() && flock(fd, LOCK_EX | LOCK_NB) == 0) {
                     t.outFd = fd;
                     t.outPath = info->partialFile;

@@ -283,9 +283,12 @@ bool ZNVStorageChunkWriter::writeMultiPartFormToOutput(int output, CopyMode mode
     }
     if (!validate(error)) return false;
     const std::string sourcePath = sourceURL_.path();
-    int source = ::open(sourcePath.c_str(), O_RDONLY | O_CLOEXEC);
+    // A source that is not a regular file has no chunks to read at offsets,
+    // and a FIFO would hold the caller in open().
+    const ZNVRegularFile opened = ZNVOpenRegularFile(sourcePath, O_RDONLY);
+    const int source = opened.fd;
     if (source < 0) {
-        if (error) *error = ZNVFileErrorFromErrno(errno, "failed to open", sourcePath, false);
+        if (error) *error = opened.failure("failed to open", sourcePath, false);
         return false;
     }
 
