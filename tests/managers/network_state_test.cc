@@ -9,6 +9,7 @@
 
 #include <barrier>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <future>
@@ -506,26 +507,24 @@ class LockHolder {
     bool ready_ = false;
 };
 
-TEST(NetworkState, AQueueHeldByAnotherProcessIsNeitherReadNorWritten) {
+TEST(NetworkState, AQueueHeldElsewhereOrWithAnUnusableLockIsNeitherReadNorWritten) {
     const std::string lockPath = statePath("shared") + ".lock";
     {
         auto writer = ZNVNetwork::create(offlineConfiguration("shared"));
         writer->addTask(makeDownload("queued.zip"));
     }  // the last manager of the queue lets go of it
     const std::string saved = test::readFile(statePath("shared"));
-    {
-        LockHolder holder(lockPath);
-        ASSERT_TRUE(holder.ready());
+    // A refused manager restores nothing, saves nothing and says why.
+    const auto expectRefused = [&](const std::string& why) -> ZNVErrorRef {
         LogCapture log;
         auto refused = ZNVNetwork::create(offlineConfiguration("shared"));
         refused->launch();
         auto error = refused->stateRestoreError();
-        ASSERT_NE(error, nullptr);
+        EXPECT_NE(error, nullptr);
+        if (!error) return nullptr;
         EXPECT_EQ(error->domain(), NSCocoaErrorDomain);
         EXPECT_EQ(error->code(), NSFileLockingError);
-        const auto* holderPID = error->value(ZNVNetwork_StateLockHolderPIDKey);
-        ASSERT_NE(holderPID, nullptr);
-        EXPECT_EQ(std::get<int64_t>(*holderPID), holder.pid());
+        EXPECT_EQ(error->localizedDescription(), why);
         EXPECT_TRUE(refused->tasks().empty());
         refused->addTask(makeDownload("elsewhere.zip"));
         refused->commitBatch();
@@ -533,7 +532,44 @@ TEST(NetworkState, AQueueHeldByAnotherProcessIsNeitherReadNorWritten) {
         ZNVMainQueue::waitUntilDrained();
         EXPECT_FALSE(log.contains("saving task state:"));
         EXPECT_EQ(test::readFile(statePath("shared")), saved);
+        return error;
+    };
+    {
+        LockHolder holder(lockPath);
+        ASSERT_TRUE(holder.ready());
+        auto error = expectRefused("The task queue is in use by process " +
+                                   std::to_string(holder.pid()) + ".");
+        ASSERT_NE(error, nullptr);
+        const auto* holderPID = error->value(ZNVNetwork_StateLockHolderPIDKey);
+        ASSERT_NE(holderPID, nullptr);
+        EXPECT_EQ(std::get<int64_t>(*holderPID), holder.pid());
+        EXPECT_EQ(error->value(NSUnderlyingErrorKey), nullptr);
     }
+
+    // A lock file that cannot be opened as a regular file of its own could
+    // hide another process's hold just as well.
+    struct Planted {
+        const char* what;
+        std::function<int()> plant;
+        std::string reason;
+    };
+    const Planted planted[] = {
+        {"a dangling link", [&] { return ::symlink("/nonexistent/x", lockPath.c_str()); },
+         std::strerror(ELOOP)},
+        {"a directory", [&] { return ::mkdir(lockPath.c_str(), 0700); }, std::strerror(EISDIR)},
+        {"a FIFO", [&] { return ::mkfifo(lockPath.c_str(), 0600); }, "not a regular file"},
+    };
+    for (const auto& p : planted) {
+        SCOPED_TRACE(p.what);
+        std::filesystem::remove(lockPath);
+        ASSERT_EQ(p.plant(), 0);
+        auto error =
+            expectRefused("The task queue cannot be locked (" + lockPath + ": " + p.reason + ").");
+        ASSERT_NE(error, nullptr);
+        EXPECT_NE(error->value(NSUnderlyingErrorKey), nullptr);
+        EXPECT_EQ(error->value(ZNVNetwork_StateLockHolderPIDKey), nullptr);
+    }
+    std::filesystem::remove(lockPath);
 
     // Once the other process is gone the queue is this process's.
     auto owner = ZNVNetwork::create(offlineConfiguration("shared"));

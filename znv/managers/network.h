@@ -44,8 +44,15 @@
 //   it); the holder writes its PID, in decimal and a newline, into that file.
 //   When another process holds it, the manager neither reads nor writes the
 //   state file and `stateRestoreError` is NSCocoaErrorDomain /
-//   NSFileLockingError with the holder's PID (int64) under
-//   `ZNVNetwork_StateLockHolderPIDKey` when it could be read.
+//   NSFileLockingError "The task queue is in use by process N." with the
+//   holder's PID (int64) under `ZNVNetwork_StateLockHolderPIDKey` when it
+//   could be read. A lock file that cannot be opened as a regular file of
+//   its own (a symbolic link, directory or FIFO at its name, no permission)
+//   or locked is refused the same way, with NSFileLockingError "The task
+//   queue cannot be locked (<lock path>: <reason>)." and the cause under
+//   NSUnderlyingErrorKey (a holder's refusal has none). Only a file system
+//   without flock (ENOLCK, EOPNOTSUPP, ENOSYS) lets the manager use the
+//   state file unlocked, with an error in the log.
 // - Files of the state area (state file, journal, lock) are opened without
 //   blocking: a FIFO or device planted at a name is refused at once, never
 //   waited on. A state file that is not a regular file is damaged (below).
@@ -360,8 +367,9 @@ class ZNVNetwork : public ZNVObservable,
         std::make_shared<std::atomic<uint64_t>>(0);
 
     // Whether this manager may use the state file (network_state.cc).
-    enum class StateLockStatus { Untried, Held, HeldElsewhere, Unavailable };
-    // Takes the queue's lock on first use; false when another process holds it.
+    enum class StateLockStatus { Untried, Held, Refused, Unavailable };
+    // Takes the queue's lock on first use; false when another process holds
+    // it or the lock file cannot be used.
     bool acquireStateLock();
     mutable std::mutex stateMutex_;
     StateLockStatus stateLockStatus_ = StateLockStatus::Untried;  // guarded by stateMutex_

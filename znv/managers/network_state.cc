@@ -24,6 +24,8 @@
 // as long as a manager of this process uses the file (all managers of the
 // process share the one lock). Another process's queue is never read or
 // written: a refused manager works on an empty collection and saves nothing.
+// A lock file that cannot be used (a link, directory or FIFO at its name)
+// refuses the queue too: it cannot tell whether another process holds it.
 //
 // A state file that exists and cannot be restored is kept under a new name
 // before anything can save over it, and the application is told through
@@ -119,7 +121,15 @@ struct StateLockAttempt {
     bool heldElsewhere = false;
     std::optional<int64_t> holder;  // when held elsewhere and readable
     std::string problem;            // when the lock file cannot be used at all
+    ZNVErrorRef problemError;       // the same, as an error naming the lock file
+    bool unsupported = false;       // the file opened but cannot carry a flock
 };
+
+// flock errors of a file system that has no locks at all (some network and
+// FUSE file systems), as opposed to a lock file that is not as it should be.
+bool lockingUnsupported(int error) {
+    return error == ENOLCK || error == EOPNOTSUPP || error == ENOTSUP || error == ENOSYS;
+}
 
 StateLockAttempt lockStateFile(const std::string& path) {
     auto& registry = stateLockRegistry();
@@ -131,11 +141,15 @@ StateLockAttempt lockStateFile(const std::string& path) {
     }
     std::error_code ec;
     std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd < 0) {
-        attempt.problem = std::strerror(errno);
+    // Only a regular file of its own name: a link planted there (even a
+    // dangling one), a directory or a FIFO makes the lock unusable.
+    const ZNVRegularFile file = ZNVOpenRegularFile(path, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
+    if (file.fd < 0) {
+        attempt.problem = file.reason();
+        attempt.problemError = file.failure("cannot lock", path, true);
         return attempt;
     }
+    const int fd = file.fd;
     int result;
     do {
         result = ::flock(fd, LOCK_EX | LOCK_NB);
@@ -147,6 +161,8 @@ StateLockAttempt lockStateFile(const std::string& path) {
             attempt.holder = readLockHolder(fd);
         } else {
             attempt.problem = std::strerror(lockErrno);
+            attempt.problemError = ZNVFileErrorFromErrno(lockErrno, "cannot lock", path, true);
+            attempt.unsupported = lockingUnsupported(lockErrno);
         }
         ::close(fd);
         return attempt;
@@ -208,7 +224,7 @@ ZNVErrorRef ZNVNetwork::stateRestoreError() const {
 bool ZNVNetwork::acquireStateLock() {
     std::lock_guard<std::mutex> lock(stateMutex_);
     if (stateLockStatus_ != StateLockStatus::Untried) {
-        return stateLockStatus_ != StateLockStatus::HeldElsewhere;
+        return stateLockStatus_ != StateLockStatus::Refused;
     }
     const auto stateURL = _fileURLForNetworkStateWithConfiguration(accountConfiguration_);
     if (!stateURL || !stateURL->isFileURL()) {
@@ -222,13 +238,28 @@ bool ZNVNetwork::acquireStateLock() {
         stateLockStatus_ = StateLockStatus::Held;
         return true;
     }
-    if (!attempt.heldElsewhere) {
-        // Without a usable lock file the queue works as it would alone.
+    if (attempt.unsupported) {
+        // A file system without flock cannot tell two processes apart; the
+        // queue works as it would alone rather than not at all.
         ZNVLogError("cannot lock network task state {}: {}", lockPath, attempt.problem);
         stateLockStatus_ = StateLockStatus::Unavailable;
         return true;
     }
-    stateLockStatus_ = StateLockStatus::HeldElsewhere;
+    stateLockStatus_ = StateLockStatus::Refused;
+    if (!attempt.heldElsewhere) {
+        // A lock file that cannot be opened or locked (a link, directory or
+        // FIFO planted at its name, no permission) could be hiding another
+        // process's hold on the queue: the queue is refused as if it were held.
+        // The underlying error tells this refusal from a holder's.
+        ZNVLogError("cannot lock network task state {}: {}", lockPath, attempt.problem);
+        stateRestoreError_ = ZNVError::make(
+            NSCocoaErrorDomain, NSFileLockingError,
+            {{NSLocalizedDescriptionKey,
+              "The task queue cannot be locked (" + lockPath + ": " + attempt.problem + ")."},
+             {NSFilePathErrorKey, stateURL->path()},
+             {NSUnderlyingErrorKey, std::move(attempt.problemError)}});
+        return false;
+    }
     const std::string holder =
         attempt.holder ? "process " + std::to_string(*attempt.holder) : "another process";
     ZNVUserInfo info{{NSLocalizedDescriptionKey, "The task queue is in use by " + holder + "."},
