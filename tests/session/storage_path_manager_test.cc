@@ -1,9 +1,13 @@
 #include "znv/session/storage_path_manager.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <functional>
 #include <nlohmann/json.hpp>
 
 #include "tests/support/test_support.h"
@@ -148,6 +152,70 @@ TEST(StoragePathManager, StagesAChunkBatchThroughTheWriter) {
     const std::string content = test::readFile(source);
     EXPECT_NE(body.find(content.substr(4 * MiB, 4 * MiB)), std::string::npos);
     EXPECT_NE(body.find(content.substr(8 * MiB)), std::string::npos);
+}
+
+// A staging that fails once its file exists removes what it wrote, or a
+// full disk would stay full: the body of a source shorter than its chunks,
+// and bodies cut off by the file size limit (as by a full disk) in either
+// copy mode and for the assembly.
+TEST(StoragePathManager, AFailedStagingLeavesNothingBehind) {
+    std::string source = test::makeTempDir("short") + "/source.bin";
+    test::writePatternFile(source, 4 * MiB + 1000, 3);
+    const auto firstTwoChunks = [&](uint64_t fileSize) {
+        std::vector<ZNVStorageChunkRef> chunks{_chunkWithIndexForFileSize(0, fileSize),
+                                               _chunkWithIndexForFileSize(1, fileSize)};
+        return ZNVStorageChunkWriter::writerForChunks(chunks, ZNVURL::fileURL(source));
+    };
+    const auto shortSource = firstTwoChunks(8 * MiB);
+    const auto wholeSource = firstTwoChunks(4 * MiB + 1000);
+    ZNVStoragePathManager manager(configuration("full"));
+    using Mode = ZNVStorageChunkWriter::CopyMode;
+    struct Case {
+        const char* what;
+        rlim_t sizeLimit;
+        std::function<std::optional<ZNVURL>(ZNVErrorRef*)> stage;
+    };
+    const Case cases[] = {
+        {"short source", RLIM_INFINITY,
+         [&](ZNVErrorRef* e) {
+             return manager.createUploadFileForChunkWriter(*shortSource, "R", e);
+         }},
+        {"full, kernel-side copy", MiB,
+         [&](ZNVErrorRef* e) {
+             return manager.createUploadFileForChunkWriter(*wholeSource, "R", e);
+         }},
+        {"full, read and write", MiB,
+         [&](ZNVErrorRef* e) {
+             return manager.createUploadFileForChunkWriter(*wholeSource, "R", e, Mode::ReadWrite);
+         }},
+        {"full, assembly", 8,
+         [&](ZNVErrorRef* e) {
+             return manager.createUploadFileForChunkDescriptions({{"expectedChunks", {1, 2, 3}}},
+                                                                 "R", e);
+         }},
+    };
+    // Past the limit a write fails with EFBIG instead of killing the process.
+    const auto previousHandler = ::signal(SIGXFSZ, SIG_IGN);
+    struct rlimit unlimited {};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &unlimited), 0);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        struct rlimit limited = unlimited;
+        limited.rlim_cur = c.sizeLimit;
+        ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limited), 0);
+        ZNVErrorRef error;
+        const auto staged = c.stage(&error);
+        ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &unlimited), 0);
+        EXPECT_FALSE(staged);
+        EXPECT_TRUE(error);
+        std::vector<std::string> left;
+        for (const auto& entry :
+             std::filesystem::directory_iterator(ZNVPrivateTemporaryDirectory()))
+            if (entry.path().filename().string().starts_with("ZNVStorageUpload-full-"))
+                left.push_back(entry.path().filename().string());
+        EXPECT_TRUE(left.empty()) << left.front();
+    }
+    ::signal(SIGXFSZ, previousHandler);
 }
 
 // Removal classifies the task by its request: the assemble body and the

@@ -24,18 +24,41 @@ namespace {
 // The code the platform's JSON writer uses for a document it cannot write.
 constexpr int64_t kJSONWriteInvalidError = 3851;
 
+// A staged file being written: its path, descriptor and identity.
+struct StagedFile {
+    std::string path;
+    int fd = -1;
+    struct stat identity {};
+
+    // Removes what a failed write left, so a full disk is not kept full by
+    // it; only while the name still holds this file, so that a staging of
+    // the same name that came in between keeps its body.
+    void discard() const {
+        struct stat there {};
+        if (::lstat(path.c_str(), &there) == 0 && there.st_dev == identity.st_dev &&
+            there.st_ino == identity.st_ino) {
+            ::unlink(path.c_str());
+        }
+    }
+};
+
 // Clears the name and creates a new, empty file there (mode 0600) without
-// following whatever was planted at the name. The descriptor, or -1 with
-// `error` set.
-int createStagedFile(const ZNVURL& url, ZNVErrorRef* error) {
-    const std::string path = url.path();
-    if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
-        ZNVErrorRef failure = ZNVFileErrorFromErrno(errno, "failed to remove", path, true);
+// following whatever was planted at the name. The file has no descriptor
+// (-1) when it could not be created; `error` then says why.
+StagedFile createStagedFile(const ZNVURL& url, ZNVErrorRef* error) {
+    StagedFile file;
+    file.path = url.path();
+    if (::unlink(file.path.c_str()) != 0 && errno != ENOENT) {
+        ZNVErrorRef failure = ZNVFileErrorFromErrno(errno, "failed to remove", file.path, true);
         ZNVLogDefault("failed to clear out file: {}", failure->localizedDescription());
     }
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0 && error) *error = ZNVFileErrorFromErrno(errno, "failed to create", path, true);
-    return fd;
+    file.fd = ::open(file.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (file.fd < 0) {
+        if (error) *error = ZNVFileErrorFromErrno(errno, "failed to create", file.path, true);
+    } else if (::fstat(file.fd, &file.identity) != 0) {
+        file.identity = {};  // matches no file: a failed write then leaves it
+    }
+    return file;
 }
 
 }  // namespace
@@ -104,13 +127,16 @@ std::optional<ZNVURL> ZNVStoragePathManager::createUploadFileForChunkWriter(
     std::optional<ZNVURL> url =
         uploadURLForRemoteFile(remoteFileID, writer.chunkIndices(), "chunk", error);
     if (!url) return std::nullopt;
-    int fd = createStagedFile(*url, error);
-    if (fd < 0) return std::nullopt;
+    const StagedFile file = createStagedFile(*url, error);
+    if (file.fd < 0) return std::nullopt;
     ZNVErrorRef writeError;
-    bool written = writer.writeMultiPartFormToOutput(fd, mode, statistics, &writeError);
-    ::close(fd);
+    const bool written = writer.writeMultiPartFormToOutput(file.fd, mode, statistics, &writeError);
+    ::close(file.fd);
     if (error) *error = writeError;
-    if (!written) return std::nullopt;
+    if (!written) {
+        file.discard();
+        return std::nullopt;
+    }
     return url;
 }
 
@@ -129,15 +155,16 @@ std::optional<ZNVURL> ZNVStoragePathManager::createUploadFileForChunkDescription
         }
         return std::nullopt;
     }
-    int fd = createStagedFile(*url, error);
-    if (fd < 0) return std::nullopt;
-    bool written = ZNVWriteAll(fd, bytes.data(), bytes.size());
+    const StagedFile file = createStagedFile(*url, error);
+    if (file.fd < 0) return std::nullopt;
+    bool written = ZNVWriteAll(file.fd, bytes.data(), bytes.size());
     int writeErrno = errno;
-    if (::close(fd) != 0 && written) {
+    if (::close(file.fd) != 0 && written) {
         written = false;
         writeErrno = errno;
     }
     if (!written) {
+        file.discard();
         if (error) *error = ZNVFileErrorFromErrno(writeErrno, "failed to write", url->path(), true);
         return std::nullopt;
     }

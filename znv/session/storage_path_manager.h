@@ -14,8 +14,9 @@
 // - The manager holds no mutable state: any thread may call it. Staging runs
 //   on the thread of the service operation, or on an upload's own thread for
 //   the batch it stages ahead; removal on the session's callback queue.
-// - Failures come back through the error out-parameter; a partly written
-//   file is left in place until the name is staged again.
+// - Failures come back through the error out-parameter. A staging that fails
+//   once its file exists (a full disk, a source that cannot be read) removes
+//   the file it wrote, unless another staging of the name replaced it since.
 // - Clean-up beyond single tasks: the bodies of an upload that ended for good
 //   (`removeUploadFilesForRemoteFile`) and, at launch, bodies of this
 //   configuration that no task of the manager refers to and that predate the

@@ -633,16 +633,10 @@ void ZNVStorageUpload::preStageBatchAfter(const ZNVIndexSet& sending) {
         staging->result = std::async(std::launch::async, [paths, writer, remoteFileID] {
             auto staged = std::make_shared<StagedBatch>();
             staged->writer = writer;
+            // A body that could not be finished is removed by the staging
+            // itself; the batch is staged again when it is sent.
             staged->body =
                 paths->createUploadFileForChunkWriter(*writer, remoteFileID, &staged->error);
-            // A body that could not be finished is nobody's: the batch is
-            // staged again when it is sent.
-            if (!staged->body) {
-                if (std::optional<ZNVURL> partial = paths->uploadURLForRemoteFile(
-                        remoteFileID, writer->chunkIndices(), "chunk")) {
-                    ZNVNetworkUtilities_removeFileAtURL(*partial);
-                }
-            }
             return staged;
         });
     } catch (const std::system_error& failure) {
