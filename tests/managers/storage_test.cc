@@ -367,5 +367,41 @@ TEST_F(StorageTest, LaunchRemovesOnlyOrphanStagedBodiesOlderThanTheProcess) {
     EXPECT_TRUE(std::filesystem::exists(fresh));
 }
 
+// A manager that only keeps the queue (never launched, so without a session)
+// removes an upload's staged bodies when the upload is cancelled or finished,
+// as a launched one does; another upload's stay.
+TEST_F(StorageTest, CancelAndFinishRemoveStagedBodiesAlsoFromAQueueNeverLaunched) {
+    const std::vector<std::string> ids = {"CANCEL", "FINISH", "OTHER"};
+    {
+        auto network = ZNVNetwork::create(offlineConfiguration(name()));
+        for (const auto& id : ids) {
+            auto upload = ZNVStorageUpload::create(sourceFile(id + ".bin", 5000), "", account_, "",
+                                                   "", false, nullptr);
+            upload->setRemoteFileID(id);
+            network->addTask(upload);
+        }
+    }
+    const std::string prefix = ZNVPrivateTemporaryDirectory() + "/ZNVStorageUpload-" + name() + "-";
+    const auto remaining = [&](const std::string& id) {
+        size_t count = 0;
+        for (const auto& suffix : {"-0.chunk", "-8.chunk", ".json"})
+            count += std::filesystem::exists(prefix + id + suffix) ? 1 : 0;
+        return count;
+    };
+    for (const auto& id : ids) {
+        for (const auto& suffix : {"-0.chunk", "-8.chunk", ".json"})
+            test::writeFile(prefix + id + suffix, "body");
+    }
+    auto queue = ZNVNetwork::create(offlineConfiguration(name()));
+    queue->readState();
+    ASSERT_EQ(queue->tasks().size(), 3u);
+    queue->tasks()[0]->cancel();
+    EXPECT_EQ(remaining("CANCEL"), 0u);
+    EXPECT_EQ(remaining("FINISH"), 3u);
+    queue->finishTask(queue->tasks()[1]);
+    EXPECT_EQ(remaining("FINISH"), 0u);
+    EXPECT_EQ(remaining("OTHER"), 3u);
+}
+
 }  // namespace
 }  // namespace znv

@@ -262,6 +262,7 @@ void ZNVNetwork::addTask(const ZNVNetworkTaskRef& task) {
         downloadPosition = ZNVIndexSet{static_cast<uint64_t>(mutableDownloads_.size())};
         taskPosition = ZNVIndexSet{static_cast<uint64_t>(mutableTasks_.size())};
     }
+    task->setQueueConfiguration(accountConfiguration_);
     if (download) willChange("downloads", ZNVKeyValueChange::Insertion, downloadPosition);
     willChange("tasks", ZNVKeyValueChange::Insertion, taskPosition);
     {

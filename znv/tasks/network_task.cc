@@ -600,6 +600,8 @@ void ZNVNetworkTask::cancel() {
     });
 }
 
+void ZNVNetworkTask::setQueueConfiguration(const ZNVAccountConfigurationRef&) {}
+
 void ZNVNetworkTask::retry() {
     Lock lock(*this);
     if (!error()) return;

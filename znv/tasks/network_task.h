@@ -48,6 +48,7 @@
 #include <string>
 #include <vector>
 
+#include "znv/account/account_configuration.h"
 #include "znv/platform/error.h"
 #include "znv/platform/keyed_archive.h"
 #include "znv/platform/observable.h"
@@ -191,6 +192,11 @@ class ZNVNetworkTask : public ZNVObservable,
     void startNewSessionTask(const std::shared_ptr<ZNVURLSessionTask>& task,
                              const ZNVErrorRef& factoryError);
     virtual void taskDidFinish();
+    // Told by the manager that takes the task in: the account configuration
+    // of its queue. Files the task keeps under that configuration's names
+    // are found by it while no session is connected (a manager that was
+    // never launched). Nothing by default.
+    virtual void setQueueConfiguration(const ZNVAccountConfigurationRef& configuration);
     // The files a finished task leaves behind, detached from the task: the
     // returned work removes them (none when there are none). The network
     // manager runs it once its state file no longer lists the task, so a

@@ -913,12 +913,23 @@ void ZNVStorageUpload::resetForResume() {
 }
 
 void ZNVStorageUpload::removeStagedBodies() {
+    Lock lock(*this);
     // A body still being written would otherwise appear after the sweep.
     discardPreStagedBatch();
-    const std::string remoteFileID = this->remoteFileID();
+    if (remoteFileID_.empty()) return;
+    // Without a session (a manager that only keeps the queue) the queue's
+    // configuration names the bodies.
     const std::shared_ptr<ZNVNetworkSessionManager> owner = session();
-    if (remoteFileID.empty() || !owner || !owner->pathManager()) return;
-    owner->pathManager()->removeUploadFilesForRemoteFile(remoteFileID);
+    ZNVStoragePathManagerRef paths = owner ? owner->pathManager() : nullptr;
+    if (!paths) paths = ZNVStoragePathManager::managerForConfiguration(queueConfiguration_);
+    if (paths) paths->removeUploadFilesForRemoteFile(remoteFileID_);
+}
+
+void ZNVStorageUpload::setQueueConfiguration(const ZNVAccountConfigurationRef& configuration) {
+    // Held as on a const task: the configuration is not archived, so taking
+    // the upload into a queue does not make the next save encode it again.
+    Lock lock(std::as_const(*this));
+    queueConfiguration_ = configuration;
 }
 
 void ZNVStorageUpload::setTask(const std::shared_ptr<ZNVURLSessionTask>& task) {

@@ -172,6 +172,7 @@ class ZNVStorageUpload : public ZNVNetworkTask {
     void resetForResume() override;
     // Dropping the session task of a cancelled upload removes its staged bodies.
     void setTask(const std::shared_ptr<ZNVURLSessionTask>& task) override;
+    void setQueueConfiguration(const ZNVAccountConfigurationRef& configuration) override;
     // Removed from its manager: the bodies staged for it go too.
     void taskDidFinish() override;
     std::string description() const override;
@@ -226,6 +227,10 @@ class ZNVStorageUpload : public ZNVNetworkTask {
 
     // Guarded by the base task's lock.
     std::shared_ptr<ZNVAccount> account_;
+    // The queue's configuration, which names the staged bodies when no
+    // session is connected. Not archived (set without moving the archive
+    // revision, hence mutable).
+    mutable ZNVAccountConfigurationRef queueConfiguration_;
     std::string remoteFileID_;
     // Set once the file is complete; a pointer keeps the uploads still queued small.
     std::unique_ptr<const ZNVURL> remoteContentURL_;
