@@ -625,6 +625,15 @@ TEST_F(ZnvCliTest, ABusyQueueIsRefusedOrAwaitedAndADamagedOneIsKept) {
     EXPECT_NE(fifos.err.find("the log is not written"), std::string::npos) << fifos.err;
     std::filesystem::remove(log);
 
+    // A lock that cannot be taken at all is not waited for.
+    std::filesystem::remove(dir + "/p.state.lock");
+    std::filesystem::create_symlink("/nonexistent/lock", dir + "/p.state.lock");
+    ZnvRun unlockable = user.run({"--wait", "--profile", "p", "status"}, std::chrono::seconds(30));
+    EXPECT_EQ(unlockable.status, 1) << unlockable.err;
+    EXPECT_NE(unlockable.err.find("the queue of profile p cannot be used"), std::string::npos)
+        << unlockable.err;
+    std::filesystem::remove(dir + "/p.state.lock");
+
     // The built-in emulator's data is waited for like the queue.
     const std::string emulatorLock = user.home() + "/.local/share/znv/emulator.lock";
     std::filesystem::create_directories(std::filesystem::path(emulatorLock).parent_path());
