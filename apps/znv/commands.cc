@@ -147,7 +147,7 @@ int runRetry(const GlobalOptions& global, const std::string& id) {
         printError(problem);
         return kExitUsage;
     }
-    switch (deliveryOf(entry->task, session->destinations().get(entry->hash))) {
+    switch (deliveryOf(entry->task, [&] { return session->destinations().get(entry->hash); })) {
         case Delivery::Pending:
             // The bytes are here: only their delivery is tried again.
             entry->task->setRawError(nullptr);
@@ -167,9 +167,7 @@ int runRetry(const GlobalOptions& global, const std::string& id) {
     }
     // The upload was of the file as it was; the file it finds now is another.
     if (auto upload = std::dynamic_pointer_cast<ZNVStorageUpload>(entry->task);
-        upload && upload->error()->code() == NSURLErrorFileDoesNotExist &&
-        upload->error()->localizedDescription() ==
-            "The source of the upload has changed or moved.") {
+        upload && ZNVStorageUpload_errorIsSourceChange(upload->error())) {
         auto source = upload->sourceURL();
         printError("task " + entry->id +
                    " cannot be retried: its file changed after the upload started; upload it "
@@ -195,7 +193,7 @@ int runStatus(const GlobalOptions& global) {
         TaskView view = viewOf(entry);
         auto destination = destinations.get(entry.hash);
         if (!destination) return view;
-        applyDelivery(view, deliveryOf(entry.task, destination));
+        applyDelivery(view, deliveryOf(entry.task, [&] { return destination; }));
         view.output = destination->path;
         // A delivered download's task keeps no size; its file's was noted.
         if (destination->delivered && destination->size >= 0 && view.succeeded() &&
@@ -289,14 +287,14 @@ int runFinish(const GlobalOptions& global, const std::string& id, bool completed
     DownloadDestinations destinations(global.profile);
     // A download whose file waits for its delivery is not done: finishing it
     // would delete the only copy of its bytes.
-    auto pending = [&](const QueueEntry& entry) {
-        return deliveryOf(entry.task, destinations.get(entry.hash)) == Delivery::Pending;
+    auto delivery = [&](const QueueEntry& entry) {
+        return deliveryOf(entry.task, [&] { return destinations.get(entry.hash); });
     };
     std::vector<QueueEntry> chosen;
     if (completed) {
         for (const auto& entry : queue.entries()) {
             if (entry.task->state() != ZNVNetworkTaskStateCompleted) continue;
-            if (pending(entry)) {
+            if (delivery(entry) == Delivery::Pending) {
                 printError("kept " + entry.id + ": downloaded but not delivered yet (" +
                            (entry.task->rawError() ? "znv retry " + entry.id : "znv resume") +
                            " delivers it)");
@@ -311,10 +309,11 @@ int runFinish(const GlobalOptions& global, const std::string& id, bool completed
             printError(problem);
             return kExitUsage;
         }
+        const Delivery state = delivery(*entry);
         if (entry->task->state() != ZNVNetworkTaskStateCompleted ||
-            (pending(*entry) && !entry->task->rawError())) {
+            (state == Delivery::Pending && !entry->task->rawError())) {
             TaskView view = viewOf(*entry);
-            applyDelivery(view, deliveryOf(entry->task, destinations.get(entry->hash)));
+            applyDelivery(view, state);
             printError("task " + entry->id + " is still " + stateName(view) + "; cancel it first");
             return kExitUsage;
         }

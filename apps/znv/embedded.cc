@@ -73,19 +73,10 @@ bool EmbeddedEmulator::start(const std::string& dataDir, const std::string& toke
         *error = "cannot open " + lockPath + ": " + std::strerror(errno);
         return false;
     }
-    bool announced = false;
-    while (wait && ::flock(lockFd_, LOCK_EX | LOCK_NB) != 0 &&
-           (errno == EWOULDBLOCK || errno == EINTR)) {
-        if (!announced) {
-            std::fprintf(stderr, "znv: waiting for the emulator data in %s ...\n",
-                         escapeControls(dataDir).c_str());
-            announced = true;
-        }
-        if (int signal = waitForTerminationSignal(std::chrono::milliseconds(100)); signal != 0) {
-            std::fprintf(stderr, "znv: interrupted while waiting for the emulator data\n");
-            std::fflush(stderr);
-            std::_Exit(exitStatusForSignal(signal));
-        }
+    if (wait && ::flock(lockFd_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+        std::fprintf(stderr, "znv: waiting for the emulator data in %s ...\n",
+                     escapeControls(dataDir).c_str());
+        waitForLock(lockFd_, LOCK_EX, "the emulator data");
     }
     if (::flock(lockFd_, LOCK_EX | LOCK_NB) != 0) {
         ::close(lockFd_);

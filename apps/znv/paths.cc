@@ -1,7 +1,6 @@
 #include "apps/znv/paths.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -44,35 +43,26 @@ std::optional<std::string> readRegularFile(const std::string& path, std::string*
     std::string ignored;
     std::string& why = problem ? *problem : ignored;
     why.clear();
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) {
-        if (errno != ENOENT) why = "cannot read " + path + ": " + std::strerror(errno);
+    const ZNVRegularFile file = ZNVOpenRegularFile(path, O_RDONLY | O_NOFOLLOW);
+    if (file.fd < 0) {
+        if (file.error != ENOENT) why = "cannot read " + path + ": " + file.reason();
         return std::nullopt;
     }
-    struct stat info {};
-    std::string text;
-    if (::fstat(fd, &info) != 0) {
-        why = "cannot read " + path + ": " + std::strerror(errno);
-    } else if (!S_ISREG(info.st_mode)) {
-        why = "not a regular file: " + path;
-    } else {
-        text.resize(static_cast<size_t>(info.st_size));
-        size_t done = 0;
-        for (;;) {
-            if (done == text.size()) text.resize(text.size() + 4096);  // it grew meanwhile
-            const ssize_t n = ::read(fd, text.data() + done, text.size() - done);
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0) {
-                why = "cannot read " + path + ": " + std::strerror(errno);
-                break;
-            }
-            if (n == 0) break;
-            done += static_cast<size_t>(n);
+    std::string text(file.size, '\0');
+    size_t done = 0;
+    for (;;) {
+        if (done == text.size()) text.resize(text.size() + 4096);  // it grew meanwhile
+        const ssize_t n = ::read(file.fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (n < 0) why = "cannot read " + path + ": " + std::strerror(errno);
+            break;
         }
-        text.resize(done);
+        done += static_cast<size_t>(n);
     }
-    ::close(fd);
+    ::close(file.fd);
     if (!why.empty()) return std::nullopt;
+    text.resize(done);
     return text;
 }
 

@@ -281,15 +281,15 @@ TaskView viewOf(const QueueEntry& entry) {
     return view;
 }
 
-Delivery deliveryOf(const ZNVNetworkTaskRef& task, const std::optional<Destination>& destination) {
+Delivery deliveryOf(const ZNVNetworkTaskRef& task,
+                    const std::function<std::optional<Destination>()>& destination) {
     auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task);
-    if (!download || !destination || destination->delivered ||
-        download->state() != ZNVNetworkTaskStateCompleted) {
-        return Delivery::None;
-    }
+    if (!download || download->state() != ZNVNetworkTaskStateCompleted) return Delivery::None;
     // The library names a file only once its transfer succeeded.
     auto local = download->localFileURL();
     if (!local) return Delivery::None;
+    const std::optional<Destination> to = destination();
+    if (!to || to->delivered) return Delivery::None;
     return fileSize(local->path()) >= 0 ? Delivery::Pending : Delivery::Lost;
 }
 
@@ -324,10 +324,10 @@ QueueFile::QueueFile(const GlobalOptions& global) : QueueFile(global.profile) {
 }
 
 bool queueHeldElsewhere(const ZNVNetwork& network) {
+    // A lock that cannot be taken at all is refused with the lock file's
+    // error underneath; a holder's refusal has none.
     const ZNVErrorRef error = network.stateRestoreError();
-    return error && error->code() == NSFileLockingError &&
-           (error->value(ZNVNetwork_StateLockHolderPIDKey) ||
-            error->localizedDescription().starts_with("The task queue is in use"));
+    return error && error->code() == NSFileLockingError && !error->value(NSUnderlyingErrorKey);
 }
 
 std::string queueProblem(const ZNVNetwork& network, const std::string& profile) {
@@ -367,24 +367,8 @@ bool waitForQueue(const std::string& profile, bool announce,
     }
     // Taken and given back at once: the library takes it on its own file.
     // Ctrl-C ends the wait: this process holds nothing that needs saving.
-    bool free = true;
-    while (::flock(fd, LOCK_SH | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK && errno != EINTR) {
-            free = false;
-            break;
-        }
-        if (until && std::chrono::steady_clock::now() >= *until) {
-            free = false;
-            break;
-        }
-        if (int signal = waitForTerminationSignal(std::chrono::milliseconds(until ? 20 : 100));
-            signal != 0) {
-            std::fprintf(stderr, "znv: interrupted while waiting for the queue of profile %s\n",
-                         profileIdentifier(profile).c_str());
-            std::fflush(stderr);
-            std::_Exit(exitStatusForSignal(signal));
-        }
-    }
+    const bool free =
+        waitForLock(fd, LOCK_SH, "the queue of profile " + profileIdentifier(profile), until);
     ::close(fd);
     return free;
 }
@@ -683,14 +667,9 @@ RunResult TransferSession::run(Reporter& reporter, const std::vector<ZNVNetworkT
     // So does a download that completed without being delivered (the
     // process ended in between): it is delivered now.
     const auto undelivered = [this](const ZNVNetworkTaskRef& task) {
-        // Cheap tests first: most tasks of a long queue are uploads.
-        auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task);
-        if (!download || download->state() != ZNVNetworkTaskStateCompleted ||
-            download->rawError() || !download->localFileURL()) {
-            return false;
-        }
-        return deliveryOf(task, destinations_->get(fullTaskHash(identityOf(task)))) ==
-               Delivery::Pending;
+        return !task->rawError() && deliveryOf(task, [&] {
+                                        return destinations_->get(fullTaskHash(identityOf(task)));
+                                    }) == Delivery::Pending;
     };
     const auto queued = storage_->tasks();
     for (const auto& task : queued) {

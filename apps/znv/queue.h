@@ -12,6 +12,7 @@
 #define ZNV_CLI_HAVE_QUEUE 1
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -64,8 +65,10 @@ TaskView viewOf(const QueueEntry& entry);
 // failed: `retry` tries again). `Lost`: that file is gone, and only a new
 // transfer brings the bytes back. `None` for every other task, a delivered
 // download included.
+// `destination` is looked up only for a completed download.
 enum class Delivery { None, Pending, Lost };
-Delivery deliveryOf(const ZNVNetworkTaskRef& task, const std::optional<Destination>& destination);
+Delivery deliveryOf(const ZNVNetworkTaskRef& task,
+                    const std::function<std::optional<Destination>()>& destination);
 // `view` as the user sees it: a download pending delivery is queued (or
 // failed, when its delivery failed), a lost one failed.
 void applyDelivery(TaskView& view, Delivery delivery);

@@ -3,11 +3,14 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 
 namespace znv::cli {
@@ -89,6 +92,21 @@ void wakeTerminationWait() {
 
 int exitStatusForSignal(int signal) {
     return 128 + signal;
+}
+
+bool waitForLock(int fd, int operation, const std::string& what,
+                 std::optional<std::chrono::steady_clock::time_point> until) {
+    while (::flock(fd, operation | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) return false;
+        if (until && std::chrono::steady_clock::now() >= *until) return false;
+        if (int signal = waitForTerminationSignal(std::chrono::milliseconds(until ? 20 : 100));
+            signal != 0) {
+            std::fprintf(stderr, "znv: interrupted while waiting for %s\n", what.c_str());
+            std::fflush(stderr);
+            std::_Exit(exitStatusForSignal(signal));
+        }
+    }
+    return true;
 }
 
 }  // namespace znv::cli

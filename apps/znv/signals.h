@@ -10,6 +10,8 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
+#include <string>
 
 namespace znv::cli {
 
@@ -19,5 +21,12 @@ int waitForTerminationSignal(std::chrono::milliseconds timeout);
 void wakeTerminationWait();
 // The conventional exit status for a program ended by `signal` (130, 143).
 int exitStatusForSignal(int signal);
+
+// Takes the flock `operation` (LOCK_EX or LOCK_SH) on `fd`, waiting while
+// another process holds it: true once taken, false when the lock fails
+// otherwise or `until` has passed. SIGINT or SIGTERM meanwhile end the
+// process (130 or 143) after "znv: interrupted while waiting for <what>".
+bool waitForLock(int fd, int operation, const std::string& what,
+                 std::optional<std::chrono::steady_clock::time_point> until = std::nullopt);
 
 }  // namespace znv::cli

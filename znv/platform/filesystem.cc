@@ -297,6 +297,7 @@ ZNVRegularFile ZNVOpenRegularFile(const std::string& path, int flags, unsigned m
         } else {
             file.fd = fd;
             file.size = static_cast<uint64_t>(info.st_size);
+            file.owner = info.st_uid;
             return file;
         }
     }

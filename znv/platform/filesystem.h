@@ -52,9 +52,10 @@ std::string ZNVRealPath(const std::string& path);
 
 // An existing regular file opened by ZNVOpenRegularFile, or why it was not.
 struct ZNVRegularFile {
-    int fd = -1;        // owned by the caller; -1 on failure
-    int error = 0;      // errno of the failed call; 0 when the entry is not a regular file
-    uint64_t size = 0;  // the file's size when it was opened
+    int fd = -1;         // owned by the caller; -1 on failure
+    int error = 0;       // errno of the failed call; 0 when the entry is not a regular file
+    uint64_t size = 0;   // the file's size when it was opened
+    unsigned owner = 0;  // the file's owner (uid)
     bool notRegular() const { return fd < 0 && error == 0; }
     // "not a regular file", or the text of `error`.
     std::string reason() const;

@@ -875,21 +875,19 @@ ZNVErrorRef ZNVURLSession::Core::setUp(Transfer& t) {
         if (!download.resumeDataUsed().empty()) {
             auto info = ZNVURLSessionResumeData::decode(download.resumeDataUsed());
             if (info && ZNVURLSessionResumeData::isPartialFilePath(info->partialFile)) {
-                // Opened for writing without waiting for a reader of a
-                // FIFO planted at the name (it is refused below).
-                int fd =
-                    open(info->partialFile.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-                struct stat st {};
-                if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
-                    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) == 0 &&
-                    st.st_uid == getuid() && flock(fd, LOCK_EX | LOCK_NB) == 0) {
+                // Only a regular file of this user's: a FIFO planted at the
+                // name would hold this thread in open().
+                const ZNVRegularFile partial =
+                    ZNVOpenRegularFile(info->partialFile, O_WRONLY | O_NOFOLLOW);
+                const int fd = partial.fd;
+                if (fd >= 0 && partial.owner == getuid() && flock(fd, LOCK_EX | LOCK_NB) == 0) {
                     t.outFd = fd;
                     t.outPath = info->partialFile;
                     // Data taken while the file was filling names where that
                     // transfer began; the file holds all it wrote since.
-                    int64_t offset = ZNVURLSessionResumeData::continuationOffset(
-                        *info, static_cast<int64_t>(st.st_size));
-                    if (offset < st.st_size && ftruncate(fd, offset) != 0) offset = 0;
+                    const auto held = static_cast<int64_t>(partial.size);
+                    int64_t offset = ZNVURLSessionResumeData::continuationOffset(*info, held);
+                    if (offset < held && ftruncate(fd, offset) != 0) offset = 0;
                     std::string validator =
                         isStrongValidator(info->etag) ? info->etag : info->lastModified;
                     if (offset > 0 && !validator.empty()) {

@@ -19,22 +19,6 @@ namespace {
 
 using json = nlohmann::json;
 
-// Why a remote file ID cannot go into a request's path as it is, or null. An
-// ID is inserted unescaped, so one that would end or leave its path segment
-// (an answer's or a saved state's) would address another resource.
-ZNVErrorRef remoteFileIDFailure(const std::string& remoteFileID) {
-    if (remoteFileID.empty()) {
-        return ZNVNetworkErrorHandler_createURLError(NSURLErrorCannotWriteToFile,
-                                                     "empty file identifier");
-    }
-    if (!ZNVStoragePathManager::isPlainRemoteFileID(remoteFileID)) {
-        return ZNVNetworkErrorHandler_createURLError(
-            NSURLErrorCannotWriteToFile,
-            fmt::format("invalid file identifier \"{}\"", remoteFileID));
-    }
-    return nullptr;
-}
-
 // Forwards the URL session's callbacks to the manager while it exists. The
 // session holds its delegate strongly until it becomes invalid; holding the
 // manager weakly here keeps the session from keeping the manager alive.
@@ -649,7 +633,7 @@ std::shared_ptr<ZNVURLSessionUploadTask> ZNVNetworkSessionManager::uploadLocalFi
     ZNVErrorRef failure;
     std::shared_ptr<ZNVURLSessionUploadTask> task;
     do {
-        failure = remoteFileIDFailure(remoteFileID);
+        failure = ZNVStoragePathManager::remoteFileIDError(remoteFileID);
         if (failure) break;
         // Without a local file there is nothing to send, and nothing to report.
         if (localFile.isEmpty()) break;
@@ -671,8 +655,7 @@ std::shared_ptr<ZNVURLSessionUploadTask> ZNVNetworkSessionManager::uploadChunks(
     const std::vector<ZNVStorageChunkRef>& chunks, const ZNVURL& localFile,
     const std::string& remoteFileID, const ZNVAuthenticationRef& authentication,
     ZNVErrorRef* error) {
-    ZNVErrorRef failure;
-    failure = remoteFileIDFailure(remoteFileID);
+    ZNVErrorRef failure = ZNVStoragePathManager::remoteFileIDError(remoteFileID);
     if (!failure) {
         ZNVStorageChunkWriterRef writer = ZNVStorageChunkWriter::writerForChunks(chunks, localFile);
         std::optional<ZNVURL> staged =
@@ -690,7 +673,7 @@ std::shared_ptr<ZNVURLSessionUploadTask> ZNVNetworkSessionManager::uploadStagedC
     ZNVErrorRef failure;
     std::shared_ptr<ZNVURLSessionUploadTask> task;
     do {
-        failure = remoteFileIDFailure(remoteFileID);
+        failure = ZNVStoragePathManager::remoteFileIDError(remoteFileID);
         if (failure) break;
         std::optional<ZNVIndexSet> indices = writer.chunkIndices();
         if (!useAuthentication(authentication, &failure)) break;
@@ -718,7 +701,7 @@ std::shared_ptr<ZNVURLSessionUploadTask> ZNVNetworkSessionManager::assembleRemot
     ZNVErrorRef failure;
     std::shared_ptr<ZNVURLSessionUploadTask> task;
     do {
-        failure = remoteFileIDFailure(remoteFileID);
+        failure = ZNVStoragePathManager::remoteFileIDError(remoteFileID);
         if (failure) break;
         if (!expectedChunkIndices || expectedChunkIndices->empty()) {
             failure = ZNVNetworkErrorHandler_createURLError(NSURLErrorCannotCreateFile,
@@ -781,7 +764,7 @@ std::shared_ptr<ZNVURLSessionDownloadTask> ZNVNetworkSessionManager::requestOnRe
     ZNVErrorRef failure;
     std::shared_ptr<ZNVURLSessionDownloadTask> task;
     do {
-        failure = remoteFileIDFailure(remoteFileID);
+        failure = ZNVStoragePathManager::remoteFileIDError(remoteFileID);
         if (failure) break;
         if (!useAuthentication(authentication, &failure)) break;
         ZNVURL url = apiURLforRemoteFileID(remoteFileID);

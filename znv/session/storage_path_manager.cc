@@ -81,6 +81,16 @@ bool ZNVStoragePathManager::isPlainRemoteFileID(std::string_view remoteFileID) {
     });
 }
 
+ZNVErrorRef ZNVStoragePathManager::remoteFileIDError(const std::string& remoteFileID) {
+    if (remoteFileID.empty()) {
+        return ZNVNetworkErrorHandler_createURLError(NSURLErrorCannotWriteToFile,
+                                                     "empty file identifier");
+    }
+    if (isPlainRemoteFileID(remoteFileID)) return nullptr;
+    return ZNVNetworkErrorHandler_createURLError(
+        NSURLErrorCannotWriteToFile, fmt::format("invalid file identifier \"{}\"", remoteFileID));
+}
+
 std::optional<ZNVURL> ZNVStoragePathManager::uploadURLForRemoteFile(
     const std::string& remoteFileID, const std::optional<ZNVIndexSet>& chunkIndices,
     const std::string& extension, ZNVErrorRef* error) const {
@@ -89,16 +99,13 @@ std::optional<ZNVURL> ZNVStoragePathManager::uploadURLForRemoteFile(
         failure = ZNVNetworkErrorHandler_createCocoaError(NSFileWriteUnknownError,
                                                           "a configuration is required");
     } else if (remoteFileID.empty()) {
-        failure = ZNVNetworkErrorHandler_createURLError(NSURLErrorCannotWriteToFile,
-                                                        "empty file identifier");
+        failure = remoteFileIDError(remoteFileID);
     } else if (extension.empty()) {
         failure = ZNVNetworkErrorHandler_createCocoaError(NSFileWriteInvalidFileNameError,
                                                           "a file extension is required");
-    } else if (!isPlainRemoteFileID(remoteFileID)) {
+    } else {
         // The ID becomes part of a file name; it must not leave the directory.
-        failure = ZNVNetworkErrorHandler_createURLError(
-            NSURLErrorCannotWriteToFile,
-            fmt::format("invalid file identifier \"{}\"", remoteFileID));
+        failure = remoteFileIDError(remoteFileID);
     }
     std::string directory;
     if (!failure) directory = ZNVPrivateTemporaryDirectory(&failure);

@@ -59,6 +59,9 @@ class ZNVStoragePathManager {
     // IDs come from the service's answers and from saved state; one that
     // would end, leave or escape its segment is refused, not sent.
     static bool isPlainRemoteFileID(std::string_view remoteFileID);
+    // Why `remoteFileID` cannot be used, or null: URL -3003 "empty file
+    // identifier", or "invalid file identifier \"<ID>\"" when it is not plain.
+    static ZNVErrorRef remoteFileIDError(const std::string& remoteFileID);
 
     // The staged file's URL. Checks, in order: a configuration (Cocoa 512
     // "a configuration is required"), a non-empty remote file ID (URL -3003

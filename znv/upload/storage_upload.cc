@@ -152,8 +152,8 @@ void ZNVStorageUpload::validateChunkCount(uint64_t chunkCount, uint64_t sizeOfLa
     Lock lock(*this);
     if (rawError()) return;
     if (chunkCount != chunkCount_ || sizeOfLastChunk != sizeOfLastChunk_) {
-        setRawError(ZNVNetworkErrorHandler_createURLError(
-            NSURLErrorFileDoesNotExist, "The source of the upload has changed or moved."));
+        setRawError(ZNVNetworkErrorHandler_createURLError(NSURLErrorFileDoesNotExist,
+                                                          ZNVStorageUploadSourceChangedMessage));
     }
 }
 
@@ -177,7 +177,13 @@ ZNVErrorRef ZNVStorageUpload::sourceChangeError() const {
     if (now && *now == *sourceIdentity_) return nullptr;
     ZNVLogDefault("{}: the source file changed since the upload started.", description());
     return ZNVNetworkErrorHandler_createURLError(NSURLErrorFileDoesNotExist,
-                                                 "The source of the upload has changed or moved.");
+                                                 ZNVStorageUploadSourceChangedMessage);
+}
+
+bool ZNVStorageUpload_errorIsSourceChange(const ZNVErrorRef& error) {
+    return error && error->domain() == NSURLErrorDomain &&
+           error->code() == NSURLErrorFileDoesNotExist &&
+           error->localizedDescription() == ZNVStorageUploadSourceChangedMessage;
 }
 
 // ---------------------------------------------------------------------------

@@ -62,6 +62,12 @@
 
 namespace znv {
 
+// The description of an upload's failure when its source changed (URL -1100).
+inline constexpr const char* ZNVStorageUploadSourceChangedMessage =
+    "The source of the upload has changed or moved.";
+// Whether `error` is that failure: retrying would only meet the change again.
+bool ZNVStorageUpload_errorIsSourceChange(const ZNVErrorRef& error);
+
 class ZNVAccount;
 class ZNVAuthentication;
 class ZNVStorageResponse;
