@@ -418,11 +418,13 @@ struct ZNVURLSession::Core {
         queueCommand(std::move(command));
     }
 
-    // Adds a command and wakes the I/O thread unless a wake-up is pending.
-    // Under `mutex`.
-    void queueCommand(Command command) {
+    // Adds a command and wakes the I/O thread unless a wake-up is pending or
+    // the command can wait for the thread's next turn (`wake` false: nothing
+    // is asked of the network until a later command that wakes it). Under
+    // `mutex`.
+    void queueCommand(Command command, bool wake = true) {
         commands.push_back(std::move(command));
-        if (wakeUpPending) return;
+        if (!wake || wakeUpPending) return;
         wakeUpPending = true;
         curl_multi_wakeup(multi);
     }
@@ -561,8 +563,11 @@ bool ZNVURLSession::isInvalidated() const {
 template <class T>
 std::shared_ptr<T> ZNVURLSession::registerTask(std::shared_ptr<T> task) {
     // The caller made the task under `core_->mutex` with the identifier it took.
+    // A new task is suspended: the I/O thread learns of it with the command
+    // that resumes or cancels it, so creating and resuming a task costs one
+    // wake-up of that thread, not two.
     core_->liveTasks.emplace(task->taskIdentifier(), task);
-    core_->queueCommand(Command{Command::Type::Register, task, nullptr});
+    core_->queueCommand(Command{Command::Type::Register, task, nullptr}, false);
     return task;
 }
 
