@@ -7,8 +7,12 @@
 
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <limits>
+#include <mutex>
 #include <thread>
+
+#include <fmt/format.h>
 
 #include "tests/tasks/task_test_support.h"
 #include "znv/platform/filesystem.h"
@@ -337,6 +341,186 @@ TEST_F(NetworkDownloadTest, FailuresWithBytesBetweenThemNeverUseUpTheRecoveries)
     ASSERT_NE(starved->error(), nullptr);
     EXPECT_EQ(starved->error()->code(), NSURLErrorNetworkConnectionLost);
     EXPECT_EQ(empty.requests.load(), 6);
+}
+
+// Serves "v1" of a payload with byte ranges and "If-Range", except that the
+// first answer is the one the test gives.
+class RangeServer {
+  public:
+    using Answer = std::function<void(int64_t offset, httplib::Response&)>;
+    RangeServer(std::string payload, Answer first) : payload_(std::move(payload)) {
+        // The answers below are the ranges: httplib must not slice them again.
+        server_.set_pre_routing_handler([](const httplib::Request& req, httplib::Response&) {
+            const_cast<httplib::Request&>(req).ranges.clear();
+            return httplib::Server::HandlerResponse::Unhandled;
+        });
+        server_.Get("/v.bin", [this, first](const httplib::Request& req, httplib::Response& res) {
+            const bool ranged = req.has_header("Range");
+            const int64_t offset = ranged ? std::stoll(req.get_header_value("Range").substr(6)) : 0;
+            {
+                std::lock_guard lock(mutex_);
+                ranges_.push_back(ranged ? offset : -1);
+                if (ranges_.size() == 1) return first(offset, res);
+            }
+            res.set_header("ETag", "\"v1\"");
+            res.set_header("Accept-Ranges", "bytes");
+            if (offset > 0 && req.get_header_value("If-Range") == "\"v1\"") {
+                res.status = 206;
+                res.set_header("Content-Range", fmt::format("bytes {}-{}/{}", offset,
+                                                            payload_.size() - 1, payload_.size()));
+                res.set_content(payload_.substr(static_cast<size_t>(offset)),
+                                "application/octet-stream");
+            } else {
+                res.set_content(payload_, "application/octet-stream");
+            }
+        });
+        server_.set_keep_alive_max_count(1);
+        port_ = server_.bind_to_any_port("127.0.0.1");
+        thread_ = std::thread([this] { server_.listen_after_bind(); });
+    }
+    ~RangeServer() {
+        server_.stop();
+        thread_.join();
+    }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/v.bin"; }
+    // Per request: the offset asked for, -1 for none.
+    std::vector<int64_t> ranges() {
+        std::lock_guard lock(mutex_);
+        return ranges_;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::vector<int64_t> ranges_;  // guarded by mutex_
+    const std::string payload_;
+    httplib::Server server_;
+    int port_ = 0;
+    std::thread thread_;
+};
+
+// A 206 continues a download only with the range it names, and only when it
+// is of the version the partial file came from: a body that stops before the
+// whole body's end is a transfer cut short (the next attempt asks for the
+// rest), bytes past the range are dropped, a range of another version drops
+// the partial file (a retry starts over). Either way the delivered file is the
+// payload, never a truncated or mixed one.
+TEST_F(NetworkDownloadTest, ARangeContinuesOnlyItsOwnVersionAndOnlyToItsEnd) {
+    const std::string payload = test::patternBytes(300 * 1024, 3);
+    const std::string other = test::patternBytes(300 * 1024, 4);
+    const int64_t size = static_cast<int64_t>(payload.size());
+    const int64_t held = 100 * 1024;  // what the partial file holds
+    const int64_t part = 50 * 1024;   // what a short answer brings
+    const auto answer206 = [](httplib::Response& res, const std::string& body, int64_t first,
+                              int64_t last, int64_t total, const std::string& etag) {
+        res.status = 206;
+        res.set_header("ETag", etag);
+        res.set_header("Content-Range", fmt::format("bytes {}-{}/{}", first, last, total));
+        res.set_content(body, "application/octet-stream");
+    };
+    struct Row {
+        const char* name;
+        bool resumed;  // from a partial file of `held` bytes of v1
+        RangeServer::Answer first;
+        int64_t continuedFrom;  // the second request's offset (-1: it starts over)
+    };
+    const std::vector<Row> rows = {
+        {"a shorter range than asked for", true,
+         [&](int64_t offset, httplib::Response& res) {
+             answer206(res, payload.substr(offset, part), offset, offset + part - 1, size,
+                       "\"v1\"");
+         },
+         held + part},
+        {"a shorter range of a length it does not name", true,
+         [&](int64_t offset, httplib::Response& res) {
+             res.status = 206;
+             res.set_header("ETag", "\"v1\"");
+             res.set_header("Content-Range",
+                            fmt::format("bytes {}-{}/*", offset, offset + part - 1));
+             res.set_content(payload.substr(offset, part), "application/octet-stream");
+         },
+         held + part},
+        {"a body that ends before its range", true,
+         [&](int64_t offset, httplib::Response& res) {
+             res.status = 206;
+             res.set_header("ETag", "\"v1\"");
+             res.set_header("Content-Range", fmt::format("bytes {}-{}/{}", offset, size - 1, size));
+             res.set_chunked_content_provider("application/octet-stream",
+                                              [&, offset](size_t, httplib::DataSink& sink) {
+                                                  sink.write(payload.data() + offset, part);
+                                                  sink.done();
+                                                  return true;
+                                              });
+         },
+         held + part},
+        {"a body that runs past its range", true,
+         [&](int64_t offset, httplib::Response& res) {
+             answer206(res, payload.substr(offset, part) + other.substr(0, 1000), offset,
+                       offset + part - 1, size, "\"v1\"");
+         },
+         held + part},
+        {"a range of a version with another validator", true,
+         [&](int64_t offset, httplib::Response& res) {
+             answer206(res, other.substr(offset), offset, size - 1, size, "\"v2\"");
+         },
+         -1},
+        {"a range of a version of another length", true,
+         [&](int64_t offset, httplib::Response& res) {
+             answer206(res, other.substr(offset, part), offset, offset + part - 1, offset + part,
+                       "\"v1\"");
+         },
+         -1},
+        {"a range nobody asked for", false,
+         [&](int64_t, httplib::Response& res) {
+             answer206(res, payload.substr(0, part), 0, part - 1, size, "\"v1\"");
+         },
+         part},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        RangeServer server(payload, row.first);
+        auto download = makeDownload(server.url());
+        std::string partial;
+        if (row.resumed) {
+            partial = ZNVPrivateTemporaryDirectory() + "/ZNVDownload-XXXXXX";
+            close(mkstemp(partial.data()));
+            test::writeFile(partial, payload.substr(0, held));
+            ZNVURLSessionResumeData::Info info;
+            info.url = server.url();
+            info.partialFile = partial;
+            info.bytesReceived = held;
+            info.etag = "\"v1\"";
+            info.expectedTotalBytes = size;
+            download->setResumeData(ZNVURLSessionResumeData::encode(info));
+        }
+        ASSERT_TRUE(download->resume());
+        ASSERT_TRUE(test::waitFor([&] {
+            return download->rawError() != nullptr ||
+                   download->state() == ZNVNetworkTaskStateCompleted;
+        }));
+        if (!download->rawError()) {
+            ADD_FAILURE() << "the first answer completed the download";
+            continue;
+        }
+        if (row.continuedFrom >= 0) {
+            EXPECT_EQ(download->rawError()->code(), NSURLErrorNetworkConnectionLost);
+            EXPECT_EQ(download->error(), nullptr) << "recoverable";
+            EXPECT_EQ(partialOf(download->rawError()).second, row.continuedFrom);
+            download->automaticallyRecoverFromError();
+            ASSERT_TRUE(download->resume());
+        } else {
+            ASSERT_NE(download->error(), nullptr);
+            EXPECT_EQ(download->error()->code(), NSURLErrorBadServerResponse);
+            EXPECT_EQ(download->error()->value(NSURLSessionDownloadTaskResumeData), nullptr);
+            EXPECT_FALSE(fs::exists(partial)) << "the partial file of v1 stays behind";
+            download->retry();
+        }
+        ASSERT_TRUE(finished(download));
+        ASSERT_EQ(download->error(), nullptr) << download->rawError()->description();
+        EXPECT_TRUE(test::readFile(download->localFileURL()->path()) == payload);
+        EXPECT_EQ(server.ranges(),
+                  (std::vector<int64_t>{row.resumed ? held : -1, row.continuedFrom}));
+        download->taskDidFinish();
+    }
 }
 
 TEST_F(NetworkDownloadTest, ResumeDataNamingAFileOutsideThePrivateDirectoryIsRefused) {

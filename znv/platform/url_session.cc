@@ -349,6 +349,12 @@ struct ZNVURLSession::Core {
         std::string etag;
         std::string lastModified;
         bool acceptsRanges = false;
+        // Where the range of a 206 ends in the file (-1: no 206), and where
+        // the whole body does when its "Content-Range" names the length. A
+        // body that stops before the whole body's end is a transfer cut short.
+        int64_t rangeEnd = -1;
+        int64_t rangeTotal = -1;
+        bool cutShort = false;
 
         // Redirects followed when the request last went out (-1: not yet),
         // and whether libcurl was stopped from sending it again by itself.
@@ -1074,31 +1080,56 @@ bool ZNVURLSession::Core::beginBody(Transfer& t) {
     if (t.task->kind() != ZNVURLSessionTask::Kind::Download) return true;
 
     auto download = std::static_pointer_cast<ZNVURLSessionDownloadTask>(t.task);
-    if (auto etag = response->valueForHTTPHeaderField("ETag")) t.etag = *etag;
-    if (auto modified = response->valueForHTTPHeaderField("Last-Modified")) {
-        t.lastModified = *modified;
-    }
+    // The validators the partial file was received with, before the answer's
+    // replace them.
+    const std::string partialETag = t.etag;
+    const std::string partialLastModified = t.lastModified;
+    auto etag = response->valueForHTTPHeaderField("ETag");
+    auto modified = response->valueForHTTPHeaderField("Last-Modified");
+    if (etag) t.etag = *etag;
+    if (modified) t.lastModified = *modified;
     auto ranges = response->valueForHTTPHeaderField("Accept-Ranges");
     t.acceptsRanges = t.status == 206 || (ranges && ranges->find("bytes") != std::string::npos);
+
+    long long first = -1;
+    long long last = -1;
+    long long complete = -1;
+    if (t.status == 206) {
+        // "bytes <first>-<last>/<total>": only the range asked for (from 0
+        // when none was) is the body's continuation.
+        auto range = response->valueForHTTPHeaderField("Content-Range").value_or("");
+        if (std::sscanf(range.c_str(), "bytes %lld-%lld/%lld", &first, &last, &complete) < 2 ||
+            first != t.requestedOffset || last < first || (complete > 0 && last >= complete)) {
+            t.badRange = true;
+            return false;
+        }
+        t.rangeEnd = last + 1;
+        // Without the length, the one the resumed transfer's first answer
+        // announced.
+        t.rangeTotal = complete > 0            ? complete
+                       : t.requestedOffset > 0 ? std::max(t.resumedTotal, t.rangeEnd)
+                                               : t.rangeEnd;
+    }
 
     if (t.requestedOffset > 0) {
         int64_t offset = 0;
         int64_t total = contentLength;
         if (t.status == 206) {
-            // "bytes <first>-<last>/<total>"
-            auto range = response->valueForHTTPHeaderField("Content-Range").value_or("");
-            long long first = -1;
-            long long last = -1;
-            long long complete = -1;
-            if (std::sscanf(range.c_str(), "bytes %lld-%lld/%lld", &first, &last, &complete) < 2 ||
-                first != t.requestedOffset) {
+            // A server that ignored "If-Range" may answer with a range of
+            // another version of the file: its bytes do not continue the
+            // partial file, which goes (the next attempt starts over).
+            const bool otherVersion =
+                (isStrongValidator(partialETag) && etag && *etag != partialETag) ||
+                (!isStrongValidator(partialETag) && !partialLastModified.empty() && modified &&
+                 *modified != partialLastModified) ||
+                (complete > 0 && t.resumedTotal >= 0 && complete != t.resumedTotal);
+            if (otherVersion) {
+                t.resumedFrom.clear();
                 t.badRange = true;
                 return false;
             }
             offset = t.requestedOffset;
-            total = complete > 0 ? complete
-                                 : (contentLength >= 0 ? offset + contentLength
-                                                       : ZNVURLSessionTransferSizeUnknown);
+            total = t.rangeTotal;
         } else if (t.status == 416) {
             // Nothing lies beyond the partial file. "If-Range" made the server
             // compare the representation with the one the partial file came
@@ -1106,7 +1137,6 @@ bool ZNVURLSession::Core::beginBody(Transfer& t) {
             // server names ("bytes */<length>") or, without it, the length
             // the first answer announced, is the file's.
             auto range = response->valueForHTTPHeaderField("Content-Range").value_or("");
-            long long complete = -1;
             if (std::sscanf(range.c_str(), "bytes */%lld", &complete) != 1) {
                 complete = t.resumedTotal >= 0 ? t.resumedTotal : t.requestedOffset;
             }
@@ -1150,7 +1180,7 @@ bool ZNVURLSession::Core::beginBody(Transfer& t) {
         });
     } else {
         t.fileSize = 0;
-        t.expectedTotal = contentLength;
+        t.expectedTotal = t.rangeTotal >= 0 ? t.rangeTotal : contentLength;
     }
     t.postedWritten = t.fileSize;
     if (ZNVBytes running = describeFile(t, true); !running.empty()) {
@@ -1317,6 +1347,10 @@ ZNVErrorRef ZNVURLSession::Core::errorFor(Transfer& t, CURLcode code) const {
     if (t.badRange) {
         return makeURLError(NSURLErrorBadServerResponse,
                             "the server answered a resumed download with another range", url);
+    }
+    if (t.cutShort) {
+        return makeURLError(NSURLErrorNetworkConnectionLost, "The network connection was lost.",
+                            url);
     }
     switch (code) {
         case CURLE_OPERATION_TIMEDOUT:
@@ -1505,6 +1539,24 @@ void ZNVURLSession::Core::transferDone(uint64_t identifier, CURLcode code) {
 
     bool ok = code == CURLE_OK && !t.bodyTooLarge && !t.readFailed && !t.writeFailed;
     if (ok && !beginBody(t)) ok = false;
+    if (ok && t.rangeEnd >= 0 && t.outFd >= 0) {
+        // Bytes past the end of the range belong to no range: they go. A
+        // body that ends before the whole body does (a range shorter than
+        // asked for, a close before the last byte) is a transfer cut short:
+        // its resume data asks for the rest.
+        if (t.fileSize > t.rangeEnd) {
+            if (ftruncate(t.outFd, t.rangeEnd) == 0) {
+                t.fileSize = t.rangeEnd;
+            } else {
+                t.writeFailed = true;
+                ok = false;
+            }
+        }
+        if (ok && t.fileSize < t.rangeTotal) {
+            t.cutShort = true;
+            ok = false;
+        }
+    }
     postSentProgress(t, true);
     if (t.task->kind() == ZNVURLSessionTask::Kind::Download && t.bodyBegun) {
         postWrittenProgress(t, true);
