@@ -260,11 +260,22 @@ int runCancel(const GlobalOptions& global, const std::string& id) {
         printError(problem);
         return kExitUsage;
     }
-    if (entry->task->state() == ZNVNetworkTaskStateCompleted && !entry->task->error()) {
+    DownloadDestinations destinations(global.profile);
+    const bool undelivered =
+        deliveryOf(entry->task, [&] { return destinations.get(entry->hash); }) == Delivery::Pending;
+    if (entry->task->state() == ZNVNetworkTaskStateCompleted && !entry->task->error() &&
+        !undelivered) {
         printError("task " + entry->id + " has already completed; nothing to cancel");
         return kExitUsage;
     }
-    entry->task->cancel();
+    if (undelivered && !entry->task->error()) {
+        // The transfer ended, the delivery did not: the library has nothing
+        // left to cancel, and a run delivers only downloads without an error.
+        entry->task->setRawError(
+            ZNVNetworkErrorHandler_createURLError(NSURLErrorCancelled, "network task cancelled"));
+    } else {
+        entry->task->cancel();
+    }
     if (std::string problem = queue.save(); !problem.empty()) {
         printError(problem);
         return kExitFailed;

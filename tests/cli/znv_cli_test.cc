@@ -316,11 +316,24 @@ TEST_F(ZnvCliTest, DownloadsCutOffAroundTheirDeliveryAreDeliveredOnceByResume) {
     std::filesystem::rename(*kept.begin(), aside);
     EXPECT_EQ(states(), "failed queued ") << "a file that is gone is not pending";
     std::filesystem::rename(aside, *kept.begin());
+    // One is cancelled as `finish` asks: a run no longer delivers it, a retry does.
+    std::string lateID;
+    const auto listed = nlohmann::json::parse(user.run({"--json", "status"}).out);
+    for (const auto& task : listed["tasks"])
+        if (task.value("file", "") == late1) lateID = task.value("task", "");
+    ZnvRun refused = user.run({"finish", lateID});
+    EXPECT_NE(refused.err.find("cancel it first"), std::string::npos) << refused.err;
+    ZnvRun cancelled = user.run({"cancel", lateID});
+    EXPECT_EQ(cancelled.status, 0) << cancelled.err;
+    EXPECT_EQ(states(), "failed queued ");
     ZnvRun again = user.run({"--server", server, "--json", "resume"});
     ASSERT_EQ(again.status, 0) << again.out << again.err;
-    EXPECT_EQ(completions(again), 2) << again.out;
-    EXPECT_TRUE(filesEqual(source, late1));
+    EXPECT_EQ(completions(again), 1) << again.out;
+    EXPECT_FALSE(std::filesystem::exists(late1)) << "a cancelled download was delivered";
     EXPECT_TRUE(filesEqual(source, late2));
+    ZnvRun retried = user.run({"--server", server, "--json", "retry", lateID});
+    ASSERT_EQ(retried.status, 0) << retried.out << retried.err;
+    EXPECT_TRUE(filesEqual(source, late1));
     for (const auto& path : kept)
         EXPECT_FALSE(std::filesystem::exists(path)) << path;
     // The path was noted before the move, so that a crash during it would
