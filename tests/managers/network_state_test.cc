@@ -19,7 +19,9 @@
 #include "tests/support/test_support.h"
 #include "znv/foundation/network_utilities.h"
 #include "znv/managers/network.h"
+#include "znv/platform/filesystem.h"
 #include "znv/platform/main_queue.h"
+#include "znv/platform/url_session_resume_data.h"
 
 namespace znv {
 namespace {
@@ -84,18 +86,50 @@ TEST(NetworkState, RoundTripRestoresEveryTaskInOrderWithoutRewritingTheFile) {
 }
 
 // A finished download's file that no save recorded (the process was killed
-// in between) is removed at the next launch. Files a restored download names,
-// files the journal does not name (another queue's) and names that would
-// leave the file area are left alone.
-TEST(NetworkState, FilesOfDownloadsFinishedAfterTheLastSaveAreRemovedAtRestore) {
+// in between) is removed at the next launch, and so is a partial file of the
+// queue that no resume data names (its transfer ended with the process before
+// a save named it). Files a restored download names, files the journal does
+// not name (another queue's), names that would leave the file area, partial
+// files of other queues and those written since the process began are left
+// alone.
+TEST(NetworkState, FilesNoRestoredDownloadWillUseAreRemovedAtRestore) {
     auto area = [](const std::string& name) {
         return ZNVNetworkUtilities_libraryURLWithFileName(name)->path();
+    };
+    auto partial = [](const std::string& name) {
+        return ZNVPrivateTemporaryDirectory() + "/ZNVDownload-" + name;
+    };
+    auto resumeData = [](const std::string& file) {
+        ZNVURLSessionResumeData::Info info;
+        info.url = "https://example.invalid/again.zip";
+        info.partialFile = file;
+        info.bytesReceived = 5;
+        return ZNVURLSessionResumeData::encode(info);
     };
     auto writer = ZNVNetwork::create(offlineConfiguration("leftovers"));
     auto finished = makeDownload("kept.zip");
     finished->setLocalFileURL(ZNVURL::fileURL(area("download-KEPT.zip")));
     writer->addTask(finished);
-    writer->addTask(makeDownload("again.zip"));
+    auto paused = makeDownload("again.zip");
+    paused->setResumeData(resumeData(partial("leftovers-Paused")));
+    writer->addTask(paused);
+    auto failed = makeDownload("failed.zip");
+    failed->setRawError(ZNVError::make(
+        NSURLErrorDomain, NSURLErrorTimedOut,
+        {{NSLocalizedDescriptionKey, std::string("timed out")},
+         {NSURLSessionDownloadTaskResumeData, resumeData(partial("leftovers-Failed"))}}));
+    writer->addTask(failed);
+    const std::vector<std::string> kept = {partial("leftovers-Paused"), partial("leftovers-Failed"),
+                                           partial("leftovers-Recent"), partial("other-Orphan"),
+                                           partial("Untagd")};
+    for (const auto& path : kept)
+        test::writeFile(path, "bytes");
+    const std::string orphan = partial("leftovers-Orphan");
+    test::writeFile(orphan, "bytes");
+    // Written before this process began, as the recent one was not.
+    const timespec old[2] = {{1000000000, 0}, {1000000000, 0}};
+    for (const auto& path : {orphan, kept[0], kept[1], kept[3], kept[4]})
+        ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), old, 0), 0) << path;
     const std::string outside = stateDirectory() + "/../download-escape.zip";
     for (const auto& path : {area("download-KEPT.zip"), area("download-ORPHAN.zip"),
                              area("download-OTHER.zip"), outside})
@@ -111,9 +145,16 @@ TEST(NetworkState, FilesOfDownloadsFinishedAfterTheLastSaveAreRemovedAtRestore) 
     LogCapture log;
     auto reader = ZNVNetwork::create(offlineConfiguration("leftovers"));
     reader->readState();
-    ASSERT_EQ(reader->downloads().size(), 2u);
+    ASSERT_EQ(reader->downloads().size(), 3u);
     EXPECT_FALSE(std::filesystem::exists(area("download-ORPHAN.zip")));
-    EXPECT_EQ(log.count("   removed "), 1u);
+    EXPECT_FALSE(std::filesystem::exists(orphan));
+    EXPECT_TRUE(log.contains(
+        "   removed partial download file that no task refers to: ZNVDownload-leftovers-Orphan"));
+    EXPECT_EQ(log.count("   removed "), 2u);
+    for (const auto& path : kept) {
+        EXPECT_TRUE(std::filesystem::exists(path)) << path;
+        std::filesystem::remove(path);
+    }
     for (const auto& path : {area("download-KEPT.zip"), area("download-OTHER.zip"),
                              area("download-TORN.zip"), outside})
         EXPECT_TRUE(std::filesystem::exists(path)) << path;

@@ -137,6 +137,8 @@ TEST_F(NetworkDownloadTest, InterruptedDownloadNeverLosesTheReceivedBytes) {
     EXPECT_EQ(download->error()->code(), NSURLErrorCancelled);
     const auto [partial, received] = partialOf(download->rawError());
     ASSERT_EQ(static_cast<int64_t>(fs::file_size(partial)), received);
+    // Named after its queue, whose next launch removes it if no save names it.
+    EXPECT_TRUE(fs::path(partial).filename().string().starts_with("ZNVDownload-tests-")) << partial;
 
     // A retry after the cancel, then a passing 503 and connections dropped
     // before any answer (also the one the transfer library retries on by

@@ -297,6 +297,11 @@ class ZNVNetwork : public ZNVObservable,
     // restored download does.
     void removeUnsavedDownloadedFiles(const std::vector<ZNVNetworkTaskRef>& restored,
                                       const std::vector<ZNVRemoteFileJournal::Entry>& entries);
+    // Removes the partial files of this queue's sessions (named after its
+    // identifier) that no restored download's resume data names and that no
+    // transfer of this process wrote: a process that ended before saving the
+    // resume data of a transfer left them, and nothing would ever resume them.
+    void removeUnnamedPartialFiles(const std::vector<ZNVNetworkTaskRef>& restored);
     virtual void applyRecordedRemoteFileIDs(
         const std::vector<ZNVNetworkTaskRef>& restored,
         const std::vector<ZNVRemoteFileJournal::Entry>& entries);

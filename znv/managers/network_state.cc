@@ -46,6 +46,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <variant>
 
 #include "znv/foundation/error_handler.h"
 #include "znv/foundation/log.h"
@@ -53,6 +54,9 @@
 #include "znv/managers/network.h"
 #include "znv/platform/filesystem.h"
 #include "znv/platform/keyed_archive.h"
+#include "znv/platform/url_session_resume_data.h"
+#include "znv/session/storage_path_manager.h"
+#include "znv/tasks/network_download.h"
 
 namespace znv {
 
@@ -510,6 +514,30 @@ void ZNVNetwork::readState() {
     for (const auto& task : restored) {
         addTask(task);
         if (logEach) ZNVLogInfo("   restored state for {}", task->description());
+    }
+    removeUnnamedPartialFiles(restored);
+}
+
+void ZNVNetwork::removeUnnamedPartialFiles(const std::vector<ZNVNetworkTaskRef>& restored) {
+    std::set<std::string> named;
+    const auto name = [&named](const ZNVBytes& data) {
+        if (auto info = ZNVURLSessionResumeData::decode(data)) named.insert(info->partialFile);
+    };
+    for (const auto& task : restored) {
+        auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task);
+        if (!download) continue;
+        if (const std::optional<ZNVBytes> data = download->resumeData()) name(*data);
+        if (const ZNVErrorRef raw = download->rawError()) {
+            if (const ZNVUserInfoValue* value = raw->value(NSURLSessionDownloadTaskResumeData)) {
+                if (const ZNVBytes* bytes = std::get_if<ZNVBytes>(value)) name(*bytes);
+            }
+        }
+    }
+    const std::string tag =
+        ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(accountConfiguration_.get());
+    for (const auto& file : ZNVURLSessionResumeData::removeUnnamedPartialFiles(
+             tag, named, ZNVStoragePathManager::processStartTime())) {
+        ZNVLogInfo("   removed partial download file that no task refers to: {}", file);
     }
 }
 

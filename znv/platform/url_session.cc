@@ -87,10 +87,11 @@ ZNVErrorRef cancelledError(const std::string& url, const ZNVBytes& resumeData = 
 }
 
 // Opens a fresh download file (mode 0600); -1 on failure.
-int createDownloadFile(std::string* path) {
+int createDownloadFile(std::string* path, const std::string& tag = {}) {
     std::string dir = ZNVPrivateTemporaryDirectory();
     if (dir.empty()) return -1;
-    std::string pattern = dir + "/ZNVDownload-XXXXXX";
+    const bool tagged = ZNVURLSessionResumeData::isPlainTag(tag);
+    std::string pattern = dir + "/ZNVDownload-" + (tagged ? tag + "-" : "") + "XXXXXX";
     std::vector<char> buffer(pattern.begin(), pattern.end());
     buffer.push_back('\0');
     int fd = mkostemp(buffer.data(), O_CLOEXEC);
@@ -918,7 +919,7 @@ ZNVErrorRef ZNVURLSession::Core::setUp(Transfer& t) {
         }
         if (download.resumeDataUsed().empty()) t.inMemoryLimit = download.inMemoryBodyLimit();
         if (t.outFd < 0 && t.inMemoryLimit == 0) {
-            t.outFd = createDownloadFile(&t.outPath);
+            t.outFd = createDownloadFile(&t.outPath, owner->configuration_.downloadFileTag);
             if (t.outFd < 0) {
                 return makeURLError(
                     NSURLErrorCannotWriteToFile,

@@ -112,6 +112,11 @@ struct ZNVURLSessionConfiguration {
     // Largest response body a data or upload task keeps in memory; a larger
     // one fails the task with -1103.
     uint64_t maximumInMemoryBodyBytes = 16ull << 20;
+    // Names the partial files of the session's downloads
+    // ("ZNVDownload-<tag>-XXXXXX"), so that their owner can remove those that
+    // no resume data names (ZNVURLSessionResumeData::removeUnnamedPartialFiles).
+    // Unused unless plain (ZNVURLSessionResumeData::isPlainTag).
+    std::string downloadFileTag;
 };
 
 // Observable key: "state" (announced on the thread that changes it: the caller

@@ -6,6 +6,8 @@
 #include <cctype>
 #include <string_view>
 
+#include <dirent.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "znv/platform/filesystem.h"
@@ -76,17 +78,75 @@ int64_t ZNVURLSessionResumeData::continuationOffset(const Info& info, int64_t fi
     return info.growing ? fileSize : std::min(fileSize, info.bytesReceived);
 }
 
-bool ZNVURLSessionResumeData::isPartialFilePath(const std::string& path) {
-    static constexpr std::string_view kPrefix = "/ZNVDownload-";
-    const std::string directory = ZNVPrivateTemporaryDirectory();
-    if (directory.empty() || path.size() != directory.size() + kPrefix.size() + 6) return false;
-    if (path.compare(0, directory.size(), directory) != 0) return false;
-    if (path.compare(directory.size(), kPrefix.size(), kPrefix) != 0) return false;
-    for (size_t i = directory.size() + kPrefix.size(); i < path.size(); ++i) {
-        const char c = path[i];
-        if (!std::isalnum(static_cast<unsigned char>(c))) return false;
+namespace {
+
+constexpr std::string_view kPartialPrefix = "ZNVDownload-";
+
+// The tag of a partial file's name ("" for an untagged one), or nullopt for
+// a name the session does not give.
+std::optional<std::string_view> partialFileTag(std::string_view name) {
+    if (!name.starts_with(kPartialPrefix) || name.size() < kPartialPrefix.size() + 6) {
+        return std::nullopt;
     }
-    return true;
+    const std::string_view unique = name.substr(name.size() - 6);
+    if (!std::all_of(unique.begin(), unique.end(),
+                     [](char c) { return std::isalnum(static_cast<unsigned char>(c)); })) {
+        return std::nullopt;
+    }
+    std::string_view tag =
+        name.substr(kPartialPrefix.size(), name.size() - 6 - kPartialPrefix.size());
+    if (tag.empty()) return tag;
+    if (tag.back() != '-') return std::nullopt;
+    tag.remove_suffix(1);
+    if (!ZNVURLSessionResumeData::isPlainTag(std::string(tag))) return std::nullopt;
+    return tag;
+}
+
+}  // namespace
+
+bool ZNVURLSessionResumeData::isPlainTag(const std::string& tag) {
+    return !tag.empty() && tag.size() <= 64 && std::all_of(tag.begin(), tag.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '_' || c == '-';
+    });
+}
+
+bool ZNVURLSessionResumeData::isPartialFilePath(const std::string& path) {
+    const std::string directory = ZNVPrivateTemporaryDirectory();
+    if (directory.empty() || path.size() <= directory.size() + 1) return false;
+    if (path.compare(0, directory.size(), directory) != 0 || path[directory.size()] != '/') {
+        return false;
+    }
+    return partialFileTag(std::string_view(path).substr(directory.size() + 1)).has_value();
+}
+
+std::vector<std::string> ZNVURLSessionResumeData::removeUnnamedPartialFiles(
+    const std::string& tag, const std::set<std::string>& named,
+    std::chrono::system_clock::time_point before) {
+    std::vector<std::string> removed;
+    const std::string directory = ZNVPrivateTemporaryDirectory();
+    if (!isPlainTag(tag) || directory.empty()) return removed;
+    DIR* dir = ::opendir(directory.c_str());
+    if (!dir) return removed;
+    std::vector<std::string> names;
+    while (dirent* entry = ::readdir(dir)) {
+        if (partialFileTag(entry->d_name) == std::optional<std::string_view>(tag)) {
+            names.emplace_back(entry->d_name);
+        }
+    }
+    ::closedir(dir);
+    const auto limit =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(before.time_since_epoch()).count();
+    for (const auto& name : names) {
+        const std::string path = directory + "/" + name;
+        struct stat info {};
+        if (named.count(path) || ::lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
+            continue;
+        }
+        const int64_t written =
+            static_cast<int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
+        if (written < limit && ::unlink(path.c_str()) == 0) removed.push_back(name);
+    }
+    return removed;
 }
 
 void ZNVURLSessionResumeData::removePartialFile(const ZNVBytes& data) {

@@ -8,12 +8,16 @@
 //   marked as growing: the file it names holds at least `bytesReceived` bytes.
 // - `decode` accepts only what `encode` writes (a version member and the
 //   required members with the right types); anything else gives std::nullopt.
-// - Callable from any thread; only `removePartialFile` touches the disk.
+// - Callable from any thread; only `removePartialFile` and
+//   `removeUnnamedPartialFiles` touch the disk.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "znv/platform/url_request.h"
 
@@ -40,10 +44,21 @@ class ZNVURLSessionResumeData {
     static std::optional<Info> decode(const ZNVBytes& data);
 
     // Whether a path names one of the session's partial files: directly in the
-    // private temporary directory and named like the files it creates. Resume
-    // data naming anything else (read back from a state file, say) is never
-    // written to or deleted.
+    // private temporary directory and named like the files it creates
+    // ("ZNVDownload-XXXXXX", or "ZNVDownload-<tag>-XXXXXX" for a session whose
+    // configuration names a tag). Resume data naming anything else (read back
+    // from a state file, say) is never written to or deleted.
     static bool isPartialFilePath(const std::string& path);
+    // Whether `tag` can name partial files: 1 to 64 ASCII letters, digits,
+    // '.', '_' or '-'.
+    static bool isPlainTag(const std::string& tag);
+    // Removes the partial files of sessions with this tag that are not in
+    // `named` and were last written before `before` (a process killed before
+    // it saved the resume data of its transfers leaves them behind); returns
+    // their names. Nothing for a tag that is not plain.
+    static std::vector<std::string> removeUnnamedPartialFiles(
+        const std::string& tag, const std::set<std::string>& named,
+        std::chrono::system_clock::time_point before);
     // Where a transfer made from this data continues in a partial file of
     // `fileSize` bytes: all the file holds for growing data, else at most the
     // count recorded.

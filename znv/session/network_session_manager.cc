@@ -198,6 +198,10 @@ void ZNVNetworkSessionManager::start() {
     const std::string& container = accountConfiguration_->sharedContainerIdentifier();
     configuration.sharedContainerIdentifier =
         container.empty() ? std::nullopt : std::optional<std::string>(container);
+    // Partial files carry the queue's name: its manager finds those of
+    // transfers that ended with the process before a save named them.
+    configuration.downloadFileTag =
+        ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(accountConfiguration_.get());
 
     callbackQueue_ =
         std::make_shared<ZNVOperationQueue>("ZNVNetworkSessionManager callbacks", true);
