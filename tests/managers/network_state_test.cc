@@ -86,12 +86,13 @@ TEST(NetworkState, RoundTripRestoresEveryTaskInOrderWithoutRewritingTheFile) {
 }
 
 // A finished download's file that no save recorded (the process was killed
-// in between) is removed at the next launch, and so is a partial file of the
-// queue that no resume data names (its transfer ended with the process before
-// a save named it). Files a restored download names, files the journal does
-// not name (another queue's), names that would leave the file area, partial
-// files of other queues and those written since the process began are left
-// alone.
+// in between) goes back to the partial file it was moved from when restored
+// resume data still names that (the transfer asks only whether it is whole),
+// else it is removed at the next launch; so is a partial file of the queue
+// that no resume data names (its transfer ended with the process before a
+// save named it). Files a restored download names, files the journal does not
+// name (another queue's), names that would leave the file area, partial files
+// of other queues and those written since the process began are left alone.
 TEST(NetworkState, FilesNoRestoredDownloadWillUseAreRemovedAtRestore) {
     auto area = [](const std::string& name) {
         return ZNVNetworkUtilities_libraryURLWithFileName(name)->path();
@@ -119,11 +120,14 @@ TEST(NetworkState, FilesNoRestoredDownloadWillUseAreRemovedAtRestore) {
         {{NSLocalizedDescriptionKey, std::string("timed out")},
          {NSURLSessionDownloadTaskResumeData, resumeData(partial("leftovers-Failed"))}}));
     writer->addTask(failed);
-    const std::vector<std::string> kept = {partial("leftovers-Paused"), partial("leftovers-Failed"),
-                                           partial("leftovers-Recent"), partial("other-Orphan"),
-                                           partial("Untagd")};
+    auto moved = makeDownload("moved.zip");
+    moved->setResumeData(resumeData(partial("leftovers-Moved0")));
+    writer->addTask(moved);
+    const std::vector<std::string> kept = {
+        partial("leftovers-Paused"), partial("leftovers-Failed"), partial("leftovers-Recent"),
+        partial("other-Orphan"),     partial("Untagd"),           partial("leftovers-Moved0")};
     for (const auto& path : kept)
-        test::writeFile(path, "bytes");
+        if (path != kept[5]) test::writeFile(path, "bytes");
     const std::string orphan = partial("leftovers-Orphan");
     test::writeFile(orphan, "bytes");
     // Written before this process began, as the recent one was not.
@@ -132,25 +136,36 @@ TEST(NetworkState, FilesNoRestoredDownloadWillUseAreRemovedAtRestore) {
         ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), old, 0), 0) << path;
     const std::string outside = stateDirectory() + "/../download-escape.zip";
     for (const auto& path : {area("download-KEPT.zip"), area("download-ORPHAN.zip"),
-                             area("download-OTHER.zip"), outside})
+                             area("download-OTHER.zip"), area("download-FAILED.zip"), outside})
         test::writeFile(path, "bytes");
+    test::writeFile(area("download-MOVED.zip"), "whole");
+    const auto from = [&](const std::string& file, const std::string& name) {
+        return nlohmann::json{{"downloaded", file}, {"from", partial(name)}}.dump() + "\n";
+    };
     test::writeFile(statePath("leftovers") + ".journal",
-                    "{\"downloaded\":\"download-KEPT.zip\"}\n"
-                    "{\"downloaded\":\"download-ORPHAN.zip\"}\n"
-                    "{\"downloaded\":\"download-GONE.zip\"}\n"
-                    "{\"downloaded\":\"../download-escape.zip\"}\n"
-                    "{\"downloaded\":\"download-TORN.zip\"}");
+                    "{\"downloaded\":\"download-KEPT.zip\"}\n" +
+                        from("download-ORPHAN.zip", "leftovers-Nobdy0") +
+                        from("download-FAILED.zip", "leftovers-Failed") +
+                        from("download-MOVED.zip", "leftovers-Moved0") +
+                        "{\"downloaded\":\"download-GONE.zip\"}\n"
+                        "{\"downloaded\":\"../download-escape.zip\"}\n"
+                        "{\"downloaded\":\"download-TORN.zip\"}");
     test::writeFile(area("download-TORN.zip"), "bytes");
 
     LogCapture log;
     auto reader = ZNVNetwork::create(offlineConfiguration("leftovers"));
     reader->readState();
-    ASSERT_EQ(reader->downloads().size(), 3u);
+    ASSERT_EQ(reader->downloads().size(), 4u);
     EXPECT_FALSE(std::filesystem::exists(area("download-ORPHAN.zip")));
+    EXPECT_FALSE(std::filesystem::exists(area("download-FAILED.zip")));
+    EXPECT_EQ(test::readFile(partial("leftovers-Failed")), "bytes") << "never replaced";
+    EXPECT_FALSE(std::filesystem::exists(area("download-MOVED.zip")));
+    EXPECT_EQ(test::readFile(partial("leftovers-Moved0")), "whole");
+    EXPECT_EQ(log.count("   moved "), 1u);
     EXPECT_FALSE(std::filesystem::exists(orphan));
     EXPECT_TRUE(log.contains(
         "   removed partial download file that no task refers to: ZNVDownload-leftovers-Orphan"));
-    EXPECT_EQ(log.count("   removed "), 2u);
+    EXPECT_EQ(log.count("   removed "), 3u);
     for (const auto& path : kept) {
         EXPECT_TRUE(std::filesystem::exists(path)) << path;
         std::filesystem::remove(path);

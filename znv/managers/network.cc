@@ -608,6 +608,7 @@ void ZNVNetwork::didFinishDownloadingToURL(
         if (const std::optional<ZNVURL> local = download->localFileURL()) {
             ZNVRemoteFileJournal::Entry entry;
             entry.downloadedFile = std::filesystem::path(local->path()).filename().string();
+            entry.downloadedFrom = location.path();
             if (const uint64_t recorded = recordRemoteFileID(entry)) {
                 forgetRemoteFileIDsAfterNextSave(recorded);
             }

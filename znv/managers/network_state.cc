@@ -323,6 +323,30 @@ void ZNVNetwork::forgetRemoteFileIDsAfterNextSave(uint64_t count) {
 void ZNVNetwork::applyRecordedRemoteFileIDs(const std::vector<ZNVNetworkTaskRef>&,
                                             const std::vector<ZNVRemoteFileJournal::Entry>&) {}
 
+namespace {
+
+// The partial files that restored downloads' resume data (in the task or in
+// its error) names.
+std::set<std::string> partialFilesNamedBy(const std::vector<ZNVNetworkTaskRef>& restored) {
+    std::set<std::string> named;
+    const auto name = [&named](const ZNVBytes& data) {
+        if (auto info = ZNVURLSessionResumeData::decode(data)) named.insert(info->partialFile);
+    };
+    for (const auto& task : restored) {
+        auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task);
+        if (!download) continue;
+        if (const std::optional<ZNVBytes> data = download->resumeData()) name(*data);
+        if (const ZNVErrorRef raw = download->rawError()) {
+            if (const ZNVUserInfoValue* value = raw->value(NSURLSessionDownloadTaskResumeData)) {
+                if (const ZNVBytes* bytes = std::get_if<ZNVBytes>(value)) name(*bytes);
+            }
+        }
+    }
+    return named;
+}
+
+}  // namespace
+
 void ZNVNetwork::removeUnsavedDownloadedFiles(
     const std::vector<ZNVNetworkTaskRef>& restored,
     const std::vector<ZNVRemoteFileJournal::Entry>& entries) {
@@ -334,12 +358,25 @@ void ZNVNetwork::removeUnsavedDownloadedFiles(
             named.insert(local->path());
         }
     }
+    const std::set<std::string> partials = partialFilesNamedBy(restored);
     for (const auto& entry : entries) {
         if (entry.downloadedFile.empty()) continue;
         const std::optional<ZNVURL> file =
             ZNVNetworkUtilities_libraryURLWithFileName(entry.downloadedFile);
         struct stat info {};
         if (!file || named.count(file->path()) || ::lstat(file->path().c_str(), &info) != 0) {
+            continue;
+        }
+        // A restored download whose resume data still names the partial file
+        // this one was moved from gets it back, whole: its next transfer asks
+        // for nothing more than the server's word that it is complete.
+        struct stat from {};
+        const std::string& partial = entry.downloadedFrom;
+        if (partials.count(partial) && ZNVURLSessionResumeData::isPartialFilePath(partial) &&
+            ::lstat(partial.c_str(), &from) != 0 && errno == ENOENT &&
+            ::rename(file->path().c_str(), partial.c_str()) == 0) {
+            ZNVLogInfo("   moved {}, downloaded after the last save, back to {}", file->path(),
+                       partial);
             continue;
         }
         ZNVNetworkUtilities_removeFileAtURL(*file);
@@ -519,20 +556,7 @@ void ZNVNetwork::readState() {
 }
 
 void ZNVNetwork::removeUnnamedPartialFiles(const std::vector<ZNVNetworkTaskRef>& restored) {
-    std::set<std::string> named;
-    const auto name = [&named](const ZNVBytes& data) {
-        if (auto info = ZNVURLSessionResumeData::decode(data)) named.insert(info->partialFile);
-    };
-    for (const auto& task : restored) {
-        auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task);
-        if (!download) continue;
-        if (const std::optional<ZNVBytes> data = download->resumeData()) name(*data);
-        if (const ZNVErrorRef raw = download->rawError()) {
-            if (const ZNVUserInfoValue* value = raw->value(NSURLSessionDownloadTaskResumeData)) {
-                if (const ZNVBytes* bytes = std::get_if<ZNVBytes>(value)) name(*bytes);
-            }
-        }
-    }
+    const std::set<std::string> named = partialFilesNamedBy(restored);
     const std::string tag =
         ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(accountConfiguration_.get());
     for (const auto& file : ZNVURLSessionResumeData::removeUnnamedPartialFiles(

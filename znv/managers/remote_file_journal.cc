@@ -42,7 +42,9 @@ bool ZNVRemoteFileJournal::isDownloadedFileName(std::string_view name) {
 
 std::string ZNVRemoteFileJournal::line(const Entry& entry) {
     if (!entry.downloadedFile.empty()) {
-        return nlohmann::json{{"downloaded", entry.downloadedFile}}.dump() + "\n";
+        nlohmann::json line = {{"downloaded", entry.downloadedFile}};
+        if (!entry.downloadedFrom.empty()) line["from"] = entry.downloadedFrom;
+        return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
     }
     nlohmann::json line = {{"source", entry.sourceURL},
                            {"start", entry.startMicroseconds},
@@ -170,6 +172,9 @@ std::vector<ZNVRemoteFileJournal::Entry> ZNVRemoteFileJournal::parse(std::string
             if (downloaded->is_string() && isDownloadedFileName(downloaded->get<std::string>())) {
                 Entry entry;
                 entry.downloadedFile = downloaded->get<std::string>();
+                if (const auto from = json.find("from"); from != json.end() && from->is_string()) {
+                    entry.downloadedFrom = from->get<std::string>();
+                }
                 entries.push_back(std::move(entry));
             }
             continue;

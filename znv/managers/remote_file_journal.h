@@ -65,9 +65,11 @@ class ZNVRemoteFileJournal {
         // Chunks the service reported missing at assembly: they are sent
         // again (a record after earlier acknowledgements of the same chunks).
         std::vector<uint64_t> missingChunks;
-        // A finished download's file in the library's area (its name); the
-        // other fields are empty in such a line.
+        // A finished download's file in the library's area (its name), and
+        // the partial file it was moved from (empty when none); the other
+        // fields are empty in such a line.
         std::string downloadedFile{};
+        std::string downloadedFrom{};
         bool operator==(const Entry&) const = default;
     };
 
