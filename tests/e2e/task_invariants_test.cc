@@ -200,5 +200,71 @@ TEST_F(TaskInvariants, ARestoredUploadNeverTakesTheAnswerOfANewOne) {
     EXPECT_NE(restored->error(), nullptr);
 }
 
+TEST_F(TaskInvariants, AnUploadFinishedBeforeItCompletedStopsAndNeverRunsAgain) {
+    // One whose body is on the wire: its request stops before the upload that
+    // takes its slot sends anything, and it never sends again.
+    ASSERT_TRUE(emulator_->addFault(
+        {{"method", "PUT"}, {"path", "/api/files/*/fullfile"}, {"action", "stall"}}));
+    auto storage = makeStorage();
+    std::vector<ZNVStorageUploadRef> uploads;
+    for (int i = 0; i < 3; ++i) {
+        uploads.push_back(storage->uploadFromFile(
+            ZNVURL::fileURL(writeSource("slow" + std::to_string(i), 100000, 60 + i)), false));
+        ASSERT_NE(uploads.back(), nullptr);
+    }
+    const auto bodies = [&] { return requests("PUT", "/api/files/", "/fullfile"); };
+    ASSERT_TRUE(test::waitFor([&] { return bodies().size() == 2; }));
+    const std::string victimPath = bodies()[0]["path"];
+    ZNVStorageUploadRef victim;
+    for (const auto& upload : uploads) {
+        if (!upload->remoteFileID().empty() &&
+            victimPath == "/api/files/" + upload->remoteFileID() + "/fullfile")
+            victim = upload;
+    }
+    ASSERT_NE(victim, nullptr);
+    storage->finishTask(victim);
+    refresh(storage);
+    ASSERT_TRUE(test::waitFor([&] { return bodies().size() == 3; }));
+    EXPECT_EQ(victim->state(), ZNVNetworkTaskStateCompleted);
+    victim->retry();
+    EXPECT_FALSE(victim->resume());
+    emulator_->clearFaults();
+    std::vector<ZNVNetworkTaskRef> rest;
+    for (const auto& upload : uploads) {
+        if (upload != victim) rest.push_back(upload);
+    }
+    ASSERT_TRUE(waitForCompletion(rest));
+    const auto log = bodies();
+    ASSERT_EQ(log.size(), 3u) << "the finished upload sent its body again";
+    ASSERT_EQ(log[0]["path"], victimPath);
+    ASSERT_TRUE(log[0].contains("endMs"));
+    EXPECT_TRUE(log[0].value("aborted", false));
+    // The log's end comes a moment after the client let go.
+    EXPECT_LE(log[0]["endMs"].get<int64_t>(), log[2]["startMs"].get<int64_t>() + 50)
+        << "three uploads had a body on the wire";
+
+    // One whose create waits for its token: finished meanwhile, it never sends it.
+    TokenGate gate;
+    account_->setTokenProvider(gate.provider());
+    auto waiting =
+        storage->uploadFromFile(ZNVURL::fileURL(writeSource("waiting", 1000, 70)), false);
+    ASSERT_NE(waiting, nullptr);
+    ASSERT_TRUE(gate.waitUntilWaiting());
+    const size_t creates = requests("POST", "/api/files").size();
+    storage->finishTask(waiting);
+    gate.open();
+    account_->waitUntilIdle();
+    refresh(storage);
+    EXPECT_EQ(requests("POST", "/api/files").size(), creates);
+    EXPECT_EQ(waiting->state(), ZNVNetworkTaskStateCompleted);
+
+    // Taken in again, a finished upload runs as any other.
+    storage->addTask(waiting);
+    waiting->retry();
+    ASSERT_TRUE(waitForCompletion({waiting}, std::chrono::seconds(20)));
+    EXPECT_EQ(waiting->error(), nullptr);
+    EXPECT_EQ(requests("POST", "/api/files").size(), creates + 1);
+}
+
 }  // namespace
 }  // namespace znv

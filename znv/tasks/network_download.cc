@@ -192,8 +192,8 @@ bool ZNVNetworkDownload::handleProgress(float fraction) {
         std::shared_ptr<ZNVURLSessionTask> running = task();
         if (running && running->kind() == ZNVURLSessionTask::Kind::Download &&
             running != runningResumeDataOf_.lock()) {
-            ZNVBytes data = std::static_pointer_cast<ZNVURLSessionDownloadTask>(running)
-                                ->runningResumeData();
+            ZNVBytes data =
+                std::static_pointer_cast<ZNVURLSessionDownloadTask>(running)->runningResumeData();
             if (!data.empty()) {
                 runningResumeData_ = std::move(data);
                 runningResumeDataOf_ = running;
@@ -281,6 +281,7 @@ void ZNVNetworkDownload::resetForResume() {
 }
 
 void ZNVNetworkDownload::taskDidFinish() {
+    ZNVNetworkTask::taskDidFinish();
     if (auto remove = takeFilesToRemoveOnFinish()) remove();
 }
 

@@ -519,6 +519,7 @@ void ZNVNetworkTask::applyErrorToProgress() {
 
 bool ZNVNetworkTask::resume() {
     Lock lock(*this);
+    if (finished_) return false;
     freezeProgress_ = false;
     return true;
 }
@@ -552,7 +553,14 @@ void ZNVNetworkTask::resetForResume() {
     setState(ZNVNetworkTaskStateSuspended);
 }
 
-void ZNVNetworkTask::taskDidFinish() {}
+void ZNVNetworkTask::taskDidFinish() {
+    Lock lock(*this);
+    finished_ = true;
+    // A task dropped while it runs or waits would otherwise go on outside
+    // every count: a request on the wire beside the ones its manager allows,
+    // an answer nobody routes, a step still waiting for the account.
+    if (state_ != ZNVNetworkTaskStateCompleted) cancel();
+}
 
 std::function<void()> ZNVNetworkTask::takeFilesToRemoveOnFinish() {
     return nullptr;
@@ -588,8 +596,9 @@ void ZNVNetworkTask::cancel() {
             }
             Lock lock(*self);
             // Resume data that arrives after a retry (or once the task has
-            // moved on) belongs to nobody: its partial file is deleted.
-            if (self->workGeneration_ != ticket || !self->rawError_) {
+            // moved on, or was finished) belongs to nobody: its partial file
+            // is deleted.
+            if (self->workGeneration_ != ticket || !self->rawError_ || self->finished_) {
                 ZNVURLSessionResumeData::removePartialFile(resumeData);
                 return;
             }
@@ -600,7 +609,12 @@ void ZNVNetworkTask::cancel() {
     });
 }
 
-void ZNVNetworkTask::setQueueConfiguration(const ZNVAccountConfigurationRef&) {}
+void ZNVNetworkTask::setQueueConfiguration(const ZNVAccountConfigurationRef&) {
+    // Counted by a manager again. Not archived: held as on a const task, so
+    // the next save does not encode the task again for it.
+    Lock lock(std::as_const(*this));
+    finished_ = false;
+}
 
 void ZNVNetworkTask::retry() {
     Lock lock(*this);

@@ -191,11 +191,18 @@ class ZNVNetworkTask : public ZNVObservable,
                           const std::shared_ptr<ZNVURLSessionTask>& task);
     void startNewSessionTask(const std::shared_ptr<ZNVURLSessionTask>& task,
                              const ZNVErrorRef& factoryError);
+    // Told by the manager that drops the task from its collection. No manager
+    // counts the task any more, so from here on it never resumes (`resume`
+    // and `retry` do nothing) until a manager takes it in again
+    // (`setQueueConfiguration`), and one dropped before it completed is
+    // cancelled: its request stops and work dispatched for it never runs.
+    // Subclasses that override it call it first.
     virtual void taskDidFinish();
     // Told by the manager that takes the task in: the account configuration
     // of its queue. Files the task keeps under that configuration's names
     // are found by it while no session is connected (a manager that was
-    // never launched). Nothing by default.
+    // never launched). The base lets a finished task run again; subclasses
+    // that override it call it first.
     virtual void setQueueConfiguration(const ZNVAccountConfigurationRef& configuration);
     // The files a finished task leaves behind, detached from the task: the
     // returned work removes them (none when there are none). The network
@@ -308,6 +315,7 @@ class ZNVNetworkTask : public ZNVObservable,
     bool discretionary_ = false;
     bool needsEarlyActivation_ = false;
     bool wasDecoded_ = false;
+    bool finished_ = false;  // dropped by its manager: never resumes again
     ZNVNetworkTaskState state_ = ZNVNetworkTaskStateSuspended;
     ZNVDate startDate_{};
     uint64_t retryCount_ = 0;

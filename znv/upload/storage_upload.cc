@@ -932,6 +932,7 @@ void ZNVStorageUpload::removeStagedBodies() {
 }
 
 void ZNVStorageUpload::setQueueConfiguration(const ZNVAccountConfigurationRef& configuration) {
+    ZNVNetworkTask::setQueueConfiguration(configuration);
     // Held as on a const task: the configuration is not archived, so taking
     // the upload into a queue does not make the next save encode it again.
     Lock lock(std::as_const(*this));
