@@ -20,6 +20,7 @@
 //   queue (with none / false on failure), except when the session manager
 //   refuses to make the request: then the completion runs on the account's
 //   callback thread. A request whose answer cannot be parsed never completes.
+//   Without a completion the request is sent all the same.
 // - The upload collection and the lookup maps are guarded by a mutex that is
 //   never held while calling out; walks work on copies.
 #pragma once
