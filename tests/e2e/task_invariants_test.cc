@@ -1,8 +1,9 @@
 // The task engine's invariants against a real emulator, made deterministic by
 // a token provider that the test holds closed: a step waiting for its
 // authentication is started (one create per upload, two uploads at a time),
-// work queued before a cancel and retry never runs, and a restored upload
-// never takes the answer of a new one.
+// work queued before a cancel and retry never runs, a task finished before it
+// completed stops, a lookup waiting for its token is answered when the
+// manager goes, and a restored upload never takes the answer of a new one.
 #include <gtest/gtest.h>
 
 #include <condition_variable>
@@ -128,6 +129,25 @@ TEST_F(TaskInvariants, WorkQueuedBeforeACancelAndRetryNeverRuns) {
     EXPECT_EQ(requests("PUT", "/api/files/" + upload->remoteFileID(), "/fullfile").size(), 1u);
     EXPECT_EQ(remoteFileCount(), 1u);
     EXPECT_TRUE(test::filesEqual(remoteContentPath(upload->remoteFileID()), source));
+}
+
+TEST_F(TaskInvariants, LookupsWaitingForTheirTokenCompleteWhenTheManagerIsInvalidated) {
+    TokenGate gate;
+    account_->setTokenProvider(gate.provider());
+    auto storage = makeStorage();
+    auto calls = std::make_shared<std::atomic<int>>(0);
+    storage->URLForRemoteFile("F1", [calls](const std::optional<ZNVURL>& url) {
+        if (!url) ++*calls;
+    });
+    storage->deleteRemoteFile("F1", [calls](bool deleted) {
+        if (!deleted) ++*calls;
+    });
+    ASSERT_TRUE(gate.waitUntilWaiting());
+    storage->invalidateClientAndCancelTasks();
+    gate.open();
+    account_->waitUntilIdle();
+    EXPECT_TRUE(test::waitFor([&] { return calls->load() == 2; }, std::chrono::seconds(5)));
+    EXPECT_TRUE(emulator_->requestLog().empty());
 }
 
 TEST_F(TaskInvariants, ARestoredUploadNeverTakesTheAnswerOfANewOne) {

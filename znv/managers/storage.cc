@@ -521,10 +521,15 @@ void ZNVStorage::startRemoteFileRequest(Completion completion, std::function<voi
     auto weak = weakStorage();
     account_->dispatchAuthenticatedBlock([weak, completion, failure, pending, failureLog, makeTask](
                                              ZNVAuthenticationRef authentication, ZNVErrorRef) {
+        // A manager invalidated (or gone) while the request waited for its
+        // token fails it, as one without a session fails at once: a caller
+        // waiting for its completion is never left waiting for good.
         auto self = weak.lock();
-        if (!self) return;
-        auto session = self->sessionManager();
-        if (!session) return;
+        auto session = self ? self->sessionManager() : nullptr;
+        if (!session) {
+            callBlock(failure);
+            return;
+        }
         ZNVErrorRef error;
         auto task = makeTask(*session, authentication, &error);
         if (error) {
