@@ -1,9 +1,10 @@
 // The task engine's invariants against a real emulator, made deterministic by
 // a token provider that the test holds closed: a step waiting for its
 // authentication is started (one create per upload, two uploads at a time),
-// work queued before a cancel and retry never runs, a task finished before it
-// completed stops, a lookup waiting for its token is answered when the
-// manager goes, and a restored upload never takes the answer of a new one.
+// work queued before a cancel and retry never runs, retrying many failed
+// uploads keeps two running, a task finished before it completed stops, a
+// lookup waiting for its token is answered when the manager goes, and a
+// restored upload never takes the answer of a new one.
 #include <gtest/gtest.h>
 
 #include <condition_variable>
@@ -120,7 +121,8 @@ TEST_F(TaskInvariants, WorkQueuedBeforeACancelAndRetryNeverRuns) {
     ASSERT_NE(upload->error(), nullptr);
     upload->retry();
     EXPECT_EQ(upload->error(), nullptr);
-    EXPECT_EQ(upload->state(), ZNVNetworkTaskStateRunning);
+    // The manager's next round starts it again; its step waits for the token.
+    ASSERT_TRUE(test::waitFor([&] { return upload->state() == ZNVNetworkTaskStateRunning; }));
 
     gate.open();
     ASSERT_TRUE(waitForCompletion({upload}));
@@ -129,6 +131,50 @@ TEST_F(TaskInvariants, WorkQueuedBeforeACancelAndRetryNeverRuns) {
     EXPECT_EQ(requests("PUT", "/api/files/" + upload->remoteFileID(), "/fullfile").size(), 1u);
     EXPECT_EQ(remoteFileCount(), 1u);
     EXPECT_TRUE(test::filesEqual(remoteContentPath(upload->remoteFileID()), source));
+}
+
+TEST_F(TaskInvariants, RetryingEveryFailedUploadAtOnceKeepsTwoRunning) {
+    // Every create refused: five uploads fail for good.
+    ASSERT_TRUE(emulator_->addFault({{"method", "POST"},
+                                     {"path", "/api/files"},
+                                     {"action", "status"},
+                                     {"status", 400},
+                                     {"times", 5}}));
+    auto storage = makeStorage();
+    std::vector<ZNVNetworkTaskRef> uploads;
+    std::vector<std::string> sources;
+    for (int i = 0; i < 5; ++i) {
+        sources.push_back(writeSource("failed" + std::to_string(i), 5000 + i, 80 + i));
+        uploads.push_back(storage->uploadFromFile(ZNVURL::fileURL(sources.back()), false));
+        ASSERT_NE(uploads.back(), nullptr);
+    }
+    ASSERT_TRUE(waitForCompletion(uploads));
+    for (const auto& upload : uploads)
+        ASSERT_NE(upload->error(), nullptr);
+
+    // The application retries them all at once, while creates go unanswered.
+    ASSERT_TRUE(
+        emulator_->addFault({{"method", "POST"}, {"path", "/api/files"}, {"action", "stall"}}));
+    for (const auto& upload : uploads)
+        upload->retry();
+    for (int i = 0; i < 3; ++i)
+        refresh(storage);
+    EXPECT_EQ(runningUploads(storage), 2u);
+    const auto unanswered = [&] {
+        size_t count = 0;
+        for (const auto& entry : requests("POST", "/api/files"))
+            count += entry.contains("endMs") ? 0 : 1;
+        return count;
+    };
+    EXPECT_LE(unanswered(), 2u);
+
+    emulator_->clearFaults();
+    ASSERT_TRUE(waitForCompletion(uploads));
+    for (size_t i = 0; i < uploads.size(); ++i) {
+        auto upload = std::static_pointer_cast<ZNVStorageUpload>(uploads[i]);
+        EXPECT_EQ(upload->error(), nullptr);
+        EXPECT_TRUE(test::filesEqual(remoteContentPath(upload->remoteFileID()), sources[i]));
+    }
 }
 
 TEST_F(TaskInvariants, LookupsWaitingForTheirTokenCompleteWhenTheManagerIsInvalidated) {

@@ -622,6 +622,10 @@ void ZNVNetworkTask::retry() {
     resetForResume();
     remainingAttemptsForAutomaticErrorRecovery_ = ZNVNetworkTaskAutomaticRecoveryAttempts;
     ++retryCount_;
+    // A task in a manager's queue (its index observes it) waits for the
+    // manager's next round, which its change to suspended asks for: a retry
+    // of many failed tasks at once stays within the manager's capacity.
+    if (settledObserver_.lock()) return;
     if (!resume()) ZNVLogError("Failed to restart {}", description());
 }
 

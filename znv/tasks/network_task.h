@@ -183,6 +183,10 @@ class ZNVNetworkTask : public ZNVObservable,
     // --- Operations for the client and the network manager -----------------
     virtual bool resume();
     void cancel();
+    // Starts a task that failed for good again with a fresh set of recovery
+    // attempts. A task in a manager's queue is left suspended for the
+    // manager's next round (its change of state asks for one), so it starts
+    // within the manager's capacity; any other task resumes at once.
     void retry();
     void automaticallyResumeFromStall();
     void automaticallyRecoverFromError();
