@@ -521,6 +521,35 @@ TEST(NetworkState, ALaunchRightAfterAReleaseRestoresTheLastSaveOfTheReleasedMana
     EXPECT_TRUE(second->waitUntilStateIsWritten());
 }
 
+TEST(NetworkState, AnInvalidatedManagerNeverWritesOverItsSuccessor) {
+    auto first = ZNVNetwork::create(offlineConfiguration("successor"));
+    first->launch();
+    auto stale = FakeTask::make(nullptr, "stale");
+    first->addTask(stale);
+    first->invalidateClientAndCancelTasks();
+    ASSERT_TRUE(first->waitUntilStateIsWritten());
+
+    auto second = ZNVNetwork::create(offlineConfiguration("successor"));
+    second->launch();
+    EXPECT_TRUE(second->tasks().empty());
+    second->addTask(FakeTask::make(nullptr, "kept"));
+    ASSERT_TRUE(second->waitUntilStateIsWritten());
+    // The application still holds the first one and keeps using it.
+    first->addTask(FakeTask::make(nullptr, "late"));
+    first->finishTask(stale);
+    first->addTask(stale);
+    first->beginBatch();
+    first->commitBatch();
+    ASSERT_TRUE(first->waitUntilStateIsWritten());
+
+    auto third = ZNVNetwork::create(offlineConfiguration("successor"));
+    third->launch();
+    ASSERT_EQ(third->tasks().size(), 1u);
+    EXPECT_EQ(third->tasks()[0]->sourceURL(), ZNVURL::fromString("https://example.invalid/kept"));
+    for (const auto& manager : {first, second, third})
+        manager->invalidateClientAndCancelTasks();
+}
+
 // A child process that holds a queue's lock until it is destroyed; the lock
 // file names it, as a process holding the queue writes its ID there.
 class LockHolder {

@@ -787,6 +787,7 @@ void ZNVNetwork::invalidateClientAndCancelTasks() {
         if (downloadCount > 0) didChange("downloads", ZNVKeyValueChange::Removal, downloadRange);
         assertValidDownloadCount();
     }
+    invalidated_ = true;
 
     std::lock_guard<std::mutex> lock(sessionMutex_);
     sessionManager_ = nullptr;

@@ -236,7 +236,10 @@ class ZNVNetwork : public ZNVObservable,
     void handleDidBecomeActiveNotification(const ZNVNotification& notification);
 
     // Invalidates the session (cancelling its transfers), empties the
-    // collections, saves the empty list and drops the session manager.
+    // collections, saves the empty list and drops the session manager. The
+    // manager never writes the state file after that: a manager made for the
+    // same configuration afterwards owns it, whatever the application still
+    // does with this one.
     virtual void invalidateClientAndCancelTasks();
 
   protected:
@@ -340,6 +343,9 @@ class ZNVNetwork : public ZNVObservable,
     std::mutex batchMutex_;
     std::vector<std::function<void()>> batchRemovals_;
     std::atomic<bool> networkIsLaunched_{false};
+    // Set once the invalidation has asked for its last save: the queue on
+    // disk may belong to a successor by now, so nothing writes it again.
+    std::atomic<bool> invalidated_{false};
     const ZNVAccountConfigurationRef accountConfiguration_;
     std::shared_ptr<ZNVReachabilityManager> reachabilityManager_;
     std::shared_ptr<ZNVNetworkBackground> backgroundManager_;  // set once by launch

@@ -385,7 +385,7 @@ void ZNVNetwork::removeUnsavedDownloadedFiles(
 }
 
 void ZNVNetwork::writeState() {
-    if (isReadingState() || isBatchingSave()) return;
+    if (isReadingState() || isBatchingSave() || invalidated_.load()) return;
     const StateFilePaths& paths = stateFilePaths();
     if (!paths.stateURL || !paths.tempURL) return;
     const ZNVURL& stateURL = *paths.stateURL;
