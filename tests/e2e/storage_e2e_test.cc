@@ -182,17 +182,6 @@ TEST_F(StorageEndToEnd, URLLookupAndDeletion) {
     EXPECT_TRUE(answer->onMainQueue);
     // Answers to one-shot requests are never taken for an upload's.
     EXPECT_FALSE(log.contains("no upload found for storage response"));
-
-    // A caller that does not wait for the answer still has its request sent.
-    auto other = storage->uploadFromFile(ZNVURL::fileURL(source), false);
-    ASSERT_TRUE(waitForCompletion({other}));
-    const size_t lookups = requests("GET", "/api/files/").size();
-    storage->URLForRemoteFile(other->remoteFileID(), nullptr);
-    storage->deleteRemoteFile(other->remoteFileID(), nullptr);
-    EXPECT_TRUE(
-        test::waitFor([&] { return requests("GET", "/api/files/").size() == lookups + 1; }));
-    EXPECT_TRUE(test::waitFor(
-        [&] { return !std::filesystem::exists(remoteContentPath(other->remoteFileID())); }));
 }
 
 TEST_F(StorageEndToEnd, SignedOutStartsNothingUntilSignedIn) {

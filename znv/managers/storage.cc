@@ -537,15 +537,13 @@ void ZNVStorage::startRemoteFileRequest(Completion completion, std::function<voi
             failure();
             return;
         }
-        if (!task) return;
-        // Without a completion the request still goes out: a deletion the
-        // caller does not wait for is still a deletion, and a request made
-        // but never resumed would stay in the session for good.
-        if (completion) {
-            std::lock_guard<std::mutex> lock(self->storageMutex_);
-            (self.get()->*pending)[task->taskIdentifier()] = completion;
+        if (completion && task) {
+            {
+                std::lock_guard<std::mutex> lock(self->storageMutex_);
+                (self.get()->*pending)[task->taskIdentifier()] = completion;
+            }
+            task->resume();
         }
-        task->resume();
     });
 }
 

@@ -20,8 +20,9 @@
 //   queue (with none / false on failure), except when the session manager
 //   refuses to make the request: then the completion runs on the account's
 //   callback thread. A manager invalidated while the request waits for the
-//   account's authentication completes it with none / false too. A request whose answer cannot be
-//   parsed never completes. Without a completion the request is sent all the same.
+//   account's authentication completes it with none / false too. A request
+//   whose answer cannot be parsed never completes. Without a completion the
+//   request is made but not sent: nobody would hear its answer.
 // - The upload collection and the lookup maps are guarded by a mutex that is
 //   never held while calling out; walks work on copies.
 #pragma once
