@@ -3,10 +3,14 @@
 // fault recovery and stale answers.
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <set>
 #include <thread>
 
 #include "tests/e2e/e2e_support.h"
 #include "znv/platform/progress.h"
+#include "znv/platform/url_session_resume_data.h"
 #include "znv/protocol/internal/chunk_size_testing.h"
 #include "znv/protocol/storage_response.h"
 #include "znv/session/network_session_manager.h"
@@ -91,7 +95,9 @@ TEST_F(StorageEndToEnd, NeverMoreThanTwoUploadsAndTwoDownloadsRun) {
     // The server's view: how many requests were in flight at once.
     EXPECT_EQ(maxRequestsInFlight("/api/files"), 2u) << "the uploads never overlapped, or more did";
 
-    // Downloads of the finished files, with the same cap.
+    // Downloads of the finished files, with the same cap. No save runs during
+    // the batch, so the journal keeps what it recorded for each finished one.
+    storage->beginBatch();
     std::vector<ZNVNetworkTaskRef> downloads;
     for (const auto& upload : uploads) {
         auto url =
@@ -102,6 +108,23 @@ TEST_F(StorageEndToEnd, NeverMoreThanTwoUploadsAndTwoDownloadsRun) {
     }
     ASSERT_TRUE(waitForCompletion(downloads));
     EXPECT_EQ(maxRequestsInFlight("/content/"), 2u);
+    // Each finished download is journaled with the partial file it was moved
+    // from, which a relaunch before the next save moves it back to.
+    {
+        std::ifstream journal(std::string(std::getenv("HOME")) + "/Library/Network/" +
+                              configuration_->accountConfigurationIdentifier() + ".state.journal");
+        std::set<std::string> from;
+        for (std::string line; std::getline(journal, line);) {
+            const auto entry = nlohmann::json::parse(line, nullptr, false);
+            if (entry.is_object() && entry.contains("downloaded")) {
+                from.insert(entry.value("from", ""));
+            }
+        }
+        EXPECT_EQ(from.size(), downloads.size());
+        for (const auto& path : from)
+            EXPECT_TRUE(ZNVURLSessionResumeData::isPartialFilePath(path)) << path;
+    }
+    storage->commitBatch();
 
     ASSERT_TRUE(ZNVMainQueue::waitUntilDrained());
     EXPECT_EQ(events.maxRunningUploads(), 2u);
