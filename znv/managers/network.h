@@ -78,6 +78,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -293,18 +294,22 @@ class ZNVNetwork : public ZNVObservable,
     // Any thread.
     uint64_t recordRemoteFileID(const ZNVRemoteFileJournal::Entry& entry);
     void forgetRemoteFileIDsAfterNextSave(uint64_t count);
+    // Removes the files of finished downloads that the journal names and no
+    // restored download does. `partials` are the partial files the restored
+    // downloads' resume data names: a finished file moved from one of them,
+    // with nothing at that name now, goes back to it instead.
+    void removeUnsavedDownloadedFiles(const std::vector<ZNVNetworkTaskRef>& restored,
+                                      const std::vector<ZNVRemoteFileJournal::Entry>& entries,
+                                      const std::set<std::string>& partials);
+    // Removes the partial files of this queue's sessions (named after its
+    // identifier, `tag`) that are not in `named` (the restored downloads'
+    // resume data) and that no transfer of this process wrote: a process that
+    // ended before saving the resume data of a transfer left them, and
+    // nothing would ever resume them.
+    void removeUnnamedPartialFiles(const std::string& tag, const std::set<std::string>& named);
     // While the state is read: gives the restored tasks the IDs recorded for
     // them that the file does not hold yet. Nothing here; uploads are the
     // storage manager's.
-    // Removes the files of finished downloads that the journal names and no
-    // restored download does.
-    void removeUnsavedDownloadedFiles(const std::vector<ZNVNetworkTaskRef>& restored,
-                                      const std::vector<ZNVRemoteFileJournal::Entry>& entries);
-    // Removes the partial files of this queue's sessions (named after its
-    // identifier) that no restored download's resume data names and that no
-    // transfer of this process wrote: a process that ended before saving the
-    // resume data of a transfer left them, and nothing would ever resume them.
-    void removeUnnamedPartialFiles(const std::vector<ZNVNetworkTaskRef>& restored);
     virtual void applyRecordedRemoteFileIDs(
         const std::vector<ZNVNetworkTaskRef>& restored,
         const std::vector<ZNVRemoteFileJournal::Entry>& entries);

@@ -349,7 +349,8 @@ std::set<std::string> partialFilesNamedBy(const std::vector<ZNVNetworkTaskRef>& 
 
 void ZNVNetwork::removeUnsavedDownloadedFiles(
     const std::vector<ZNVNetworkTaskRef>& restored,
-    const std::vector<ZNVRemoteFileJournal::Entry>& entries) {
+    const std::vector<ZNVRemoteFileJournal::Entry>& entries,
+    const std::set<std::string>& partials) {
     std::set<std::string> named;
     for (const auto& task : restored) {
         auto download = std::dynamic_pointer_cast<ZNVNetworkDownload>(task);
@@ -358,7 +359,6 @@ void ZNVNetwork::removeUnsavedDownloadedFiles(
             named.insert(local->path());
         }
     }
-    const std::set<std::string> partials = partialFilesNamedBy(restored);
     for (const auto& entry : entries) {
         if (entry.downloadedFile.empty()) continue;
         const std::optional<ZNVURL> file =
@@ -538,13 +538,14 @@ void ZNVNetwork::readState() {
     }
     decoded.reset();
     unarchiver->finishDecoding();
+    const std::set<std::string> partials = partialFilesNamedBy(restored);
     // IDs the service gave after the last save, before a kill: without them
     // the uploads would create their remote files again.
     if (auto journal = remoteFileJournal()) {
         const auto entries = journal->read();
         if (!entries.empty()) {
             applyRecordedRemoteFileIDs(restored, entries);
-            removeUnsavedDownloadedFiles(restored, entries);
+            removeUnsavedDownloadedFiles(restored, entries, partials);
             forgetRemoteFileIDsAfterNextSave(0);
         }
     }
@@ -552,13 +553,11 @@ void ZNVNetwork::readState() {
         addTask(task);
         if (logEach) ZNVLogInfo("   restored state for {}", task->description());
     }
-    removeUnnamedPartialFiles(restored);
+    removeUnnamedPartialFiles(identifier, partials);
 }
 
-void ZNVNetwork::removeUnnamedPartialFiles(const std::vector<ZNVNetworkTaskRef>& restored) {
-    const std::set<std::string> named = partialFilesNamedBy(restored);
-    const std::string tag =
-        ZNVNetworkUtilities_sanitizedIdentifierForConfiguration(accountConfiguration_.get());
+void ZNVNetwork::removeUnnamedPartialFiles(const std::string& tag,
+                                           const std::set<std::string>& named) {
     for (const auto& file : ZNVURLSessionResumeData::removeUnnamedPartialFiles(
              tag, named, ZNVStoragePathManager::processStartTime())) {
         ZNVLogInfo("   removed partial download file that no task refers to: {}", file);

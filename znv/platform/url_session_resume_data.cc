@@ -98,13 +98,13 @@ std::optional<std::string_view> partialFileTag(std::string_view name) {
     if (tag.empty()) return tag;
     if (tag.back() != '-') return std::nullopt;
     tag.remove_suffix(1);
-    if (!ZNVURLSessionResumeData::isPlainTag(std::string(tag))) return std::nullopt;
+    if (!ZNVURLSessionResumeData::isPlainTag(tag)) return std::nullopt;
     return tag;
 }
 
 }  // namespace
 
-bool ZNVURLSessionResumeData::isPlainTag(const std::string& tag) {
+bool ZNVURLSessionResumeData::isPlainTag(std::string_view tag) {
     return !tag.empty() && tag.size() <= 64 && std::all_of(tag.begin(), tag.end(), [](char c) {
         return std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '_' || c == '-';
     });

@@ -17,6 +17,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "znv/platform/url_request.h"
@@ -51,7 +52,7 @@ class ZNVURLSessionResumeData {
     static bool isPartialFilePath(const std::string& path);
     // Whether `tag` can name partial files: 1 to 64 ASCII letters, digits,
     // '.', '_' or '-'.
-    static bool isPlainTag(const std::string& tag);
+    static bool isPlainTag(std::string_view tag);
     // Removes the partial files of sessions with this tag that are not in
     // `named` and were last written before `before` (a process killed before
     // it saved the resume data of its transfers leaves them behind); returns
