@@ -5,6 +5,10 @@
 #include <cstring>
 #include <vector>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 namespace znv::emulator {
 namespace {
 
@@ -60,6 +64,40 @@ std::string parameterValue(std::string_view raw) {
     }
     return std::string(raw);
 }
+
+#if defined(__x86_64__)
+// Candidates for a delimiter of `m` (at least 2) bytes are the positions
+// where both its first and its last byte sit; 32 positions are tested at
+// once and only candidates are compared whole. In chunk content the two bytes
+// meet by chance once in 64 KiB, so this runs at the speed of the loads, a
+// few times faster than Horspool's skips. Returns the first hit, or where the
+// blocks ran out: the caller searches the rest (fewer than m + 31 bytes).
+__attribute__((target("avx2"))) const char* scanBlocksAVX2(const char* text, const char* end,
+                                                           std::string_view delimiter,
+                                                           bool* found) {
+    const size_t m = delimiter.size();
+    const __m256i first = _mm256_set1_epi8(delimiter.front());
+    const __m256i last = _mm256_set1_epi8(delimiter.back());
+    const char* at = text;
+    for (; end - at >= static_cast<ptrdiff_t>(m - 1 + 32); at += 32) {
+        const __m256i head = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
+        const __m256i tail = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at + m - 1));
+        auto mask = static_cast<uint32_t>(_mm256_movemask_epi8(
+            _mm256_and_si256(_mm256_cmpeq_epi8(head, first), _mm256_cmpeq_epi8(tail, last))));
+        for (; mask != 0; mask &= mask - 1) {
+            const char* candidate = at + __builtin_ctz(mask);
+            if (std::memcmp(candidate + 1, delimiter.data() + 1, m - 2) == 0) {
+                *found = true;
+                return candidate;
+            }
+        }
+    }
+    *found = false;
+    return at;
+}
+
+const bool kHaveAVX2 = __builtin_cpu_supports("avx2");
+#endif
 
 }  // namespace
 
@@ -136,11 +174,20 @@ size_t MultipartParser::findDelimiter() const {
     return findDelimiter(buffer_.data(), buffer_.size());
 }
 
-// Horspool's search skips close to a delimiter's length of chunk content at
-// each step.
+// Long runs go by blocks where the processor has the instructions; the rest,
+// and everything elsewhere, by Horspool's search, which skips close to a
+// delimiter's length of chunk content at each step.
 size_t MultipartParser::findDelimiter(const char* text, size_t n) const {
     const char* end = text + n;
-    const char* hit = searcher_(text, end).first;
+    const char* from = text;
+#if defined(__x86_64__)
+    if (kHaveAVX2 && delimiter_.size() >= 2) {
+        bool found = false;
+        from = scanBlocksAVX2(text, end, delimiter_, &found);
+        if (found) return static_cast<size_t>(from - text);
+    }
+#endif
+    const char* hit = searcher_(from, end).first;
     return hit == end ? std::string::npos : static_cast<size_t>(hit - text);
 }
 
@@ -246,9 +293,8 @@ bool MultipartParser::feedContent(const char*& data, size_t& size) {
         // The buffered bytes (fewer than a delimiter) go on unless a
         // delimiter begins among them, which the first m - 1 new bytes tell.
         if (size < m - 1) return true;
-        std::string window = buffer_;
-        window.append(data, m - 1);
-        if (findDelimiter(window.data(), window.size()) != std::string::npos) return true;
+        window_.assign(buffer_).append(data, m - 1);
+        if (findDelimiter(window_.data(), window_.size()) != std::string::npos) return true;
         if (callbacks_.partData && !callbacks_.partData(buffer_.data(), buffer_.size())) {
             return fail("part content rejected");
         }

@@ -69,6 +69,9 @@ class MultipartParser {
     Callbacks callbacks_;
     State state_ = State::Preamble;
     std::string buffer_;
+    // The buffered bytes and the first new ones, searched together; kept to
+    // reuse its memory from one piece to the next.
+    std::string window_;
     std::string error_;
 };
 

@@ -90,13 +90,21 @@ TEST(MultipartParser, LargeContentWithScatteredNearDelimitersComesThroughIntact)
         }
         content += lookalike;
     }
-    std::string body = test::batchBody(boundary, {{0, content}, {1, content.substr(0, 4097)}});
+    // Two large parts, then parts of every length up to 200 bytes so that the
+    // delimiters fall at every offset within the search's blocks.
+    std::vector<std::pair<uint64_t, std::string>> chunks = {{0, content},
+                                                            {1, content.substr(0, 4097)}};
+    for (size_t length = 0; length <= 200; ++length)
+        chunks.emplace_back(chunks.size(), content.substr(next() % 4096, length));
+    std::string body = test::batchBody(boundary, chunks);
     for (size_t piece : {size_t{4093}, size_t{65536}, body.size()}) {
         auto out = parse(boundary, body, piece);
         ASSERT_TRUE(out.finished) << "piece " << piece << ": " << out.error;
-        ASSERT_EQ(out.parts.size(), 2u);
-        EXPECT_TRUE(out.parts[0].data == content) << "piece " << piece;
-        EXPECT_TRUE(out.parts[1].data == content.substr(0, 4097)) << "piece " << piece;
+        ASSERT_EQ(out.parts.size(), chunks.size());
+        for (size_t i = 0; i < chunks.size(); ++i) {
+            ASSERT_TRUE(out.parts[i].data == chunks[i].second)
+                << "piece " << piece << ", part " << i;
+        }
     }
 }
 
