@@ -484,7 +484,7 @@ bool ZNVNetwork::activateSelected(uint64_t count, const std::vector<ZNVNetworkTa
     }
     bool resumed = false;
     for (const auto& task : selected) {
-        if (task->resume()) resumed = true;
+        if (task->resumeForManager()) resumed = true;
     }
     return resumed;
 }

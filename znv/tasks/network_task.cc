@@ -517,9 +517,25 @@ void ZNVNetworkTask::applyErrorToProgress() {
 // ---------------------------------------------------------------------------
 // Operations
 
+namespace {
+// Set while a manager starts a task of its queue on this thread.
+thread_local bool tResumingForManager = false;
+}  // namespace
+
+bool ZNVNetworkTask::resumeForManager() {
+    const bool outer = tResumingForManager;
+    tResumingForManager = true;
+    const bool resumed = resume();
+    tResumingForManager = outer;
+    return resumed;
+}
+
 bool ZNVNetworkTask::resume() {
     Lock lock(*this);
     if (finished_) return false;
+    if (!tResumingForManager && state_ == ZNVNetworkTaskStateSuspended && settledObserver_.lock()) {
+        return false;
+    }
     freezeProgress_ = false;
     return true;
 }

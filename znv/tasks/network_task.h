@@ -181,7 +181,14 @@ class ZNVNetworkTask : public ZNVObservable,
     void setSession(const std::shared_ptr<ZNVNetworkSessionManager>& session);
 
     // --- Operations for the client and the network manager -----------------
+    // Asks the task to (re)start; true when it started. A suspended task in a
+    // manager's queue starts only when the manager starts it
+    // (`resumeForManager`): the application's resume of one answers false and
+    // leaves the start to the manager's rounds, which keep its capacity.
     virtual bool resume();
+    // `resume` on behalf of the manager whose queue holds the task, which has
+    // counted the task against its capacity.
+    bool resumeForManager();
     void cancel();
     // Starts a task that failed for good again with a fresh set of recovery
     // attempts. A task in a manager's queue is left suspended for the

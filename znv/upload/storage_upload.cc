@@ -745,7 +745,9 @@ void ZNVStorageUpload::resolveRemoteFileID() {
         return;
     }
     setNeedsEarlyActivation(true);
-    resume();
+    // Early retrieval runs outside the manager's capacity: it sends only the
+    // create.
+    resumeForManager();
 }
 
 // ---------------------------------------------------------------------------
