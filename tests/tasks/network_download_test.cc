@@ -168,10 +168,14 @@ TEST_F(NetworkDownloadTest, InterruptedDownloadNeverLosesTheReceivedBytes) {
         EXPECT_EQ(static_cast<int64_t>(fs::file_size(partial)), received) << fault;
     }
 
+    // Recovered but not resumed yet (no transfer running), then cancelled:
+    // the partial file goes with the cancellation, and a retry continues it.
     harness.emulator.clearFaults();
     harness.emulator.clearRequestLog();
     download->automaticallyRecoverFromError();
-    ASSERT_TRUE(download->resume());
+    download->cancel();
+    EXPECT_EQ(partialOf(download->error()), std::pair(partial, received));
+    download->retry();
     ASSERT_TRUE(finished(download));
     ASSERT_EQ(download->error(), nullptr) << download->rawError()->description();
     EXPECT_TRUE(test::filesEqual(download->localFileURL()->path(), source));

@@ -280,6 +280,15 @@ void ZNVNetworkDownload::resetForResume() {
     ZNVNetworkTask::resetForResume();
 }
 
+// A download paused between transfers (after a relaunch, or waiting for its
+// turn) keeps its partial file through a cancel: a retry continues from it.
+ZNVErrorRef ZNVNetworkDownload::cancellationKeepingReceivedData(
+    const ZNVErrorRef& cancelled) const {
+    Lock lock(*this);
+    return resumeData_ ? ZNVNetworkErrorHandler_addResumeDataToError(*resumeData_, cancelled)
+                       : cancelled;
+}
+
 void ZNVNetworkDownload::taskDidFinish() {
     ZNVNetworkTask::taskDidFinish();
     if (auto remove = takeFilesToRemoveOnFinish()) remove();

@@ -67,6 +67,7 @@ class ZNVNetworkDownload : public ZNVNetworkTask {
     std::vector<std::string> takePathsToFlushBeforeSave() override;
     bool validateParameters() override;
     void resetForResume() override;
+    ZNVErrorRef cancellationKeepingReceivedData(const ZNVErrorRef& cancelled) const override;
     std::string description() const override;
 
     void startDownload();

@@ -591,9 +591,13 @@ void ZNVNetworkTask::cancel() {
     if (state_ == ZNVNetworkTaskStateCompleted && !rawError_) return;
     ++workGeneration_;
     std::shared_ptr<ZNVURLSessionTask> sessionTask = task_;
-    setRawError(
-        ZNVNetworkErrorHandler_createURLError(NSURLErrorCancelled, "network task cancelled"));
-    if (!sessionTask) return;
+    ZNVErrorRef cancelled =
+        ZNVNetworkErrorHandler_createURLError(NSURLErrorCancelled, "network task cancelled");
+    if (!sessionTask) {
+        setRawError(cancellationKeepingReceivedData(cancelled));
+        return;
+    }
+    setRawError(cancelled);
 
     auto download = std::dynamic_pointer_cast<ZNVURLSessionDownloadTask>(sessionTask);
     if (!download) {
@@ -623,6 +627,10 @@ void ZNVNetworkTask::cancel() {
                 ZNVNetworkErrorHandler_addResumeDataToError(resumeData, self->rawError_));
         });
     });
+}
+
+ZNVErrorRef ZNVNetworkTask::cancellationKeepingReceivedData(const ZNVErrorRef& cancelled) const {
+    return cancelled;
 }
 
 void ZNVNetworkTask::setQueueConfiguration(const ZNVAccountConfigurationRef&) {

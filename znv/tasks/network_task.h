@@ -246,6 +246,10 @@ class ZNVNetworkTask : public ZNVObservable,
     // --- Subclass hooks and the lower-level operations ---------------------
     virtual bool validateParameters();
     virtual void resetForResume();
+    // The error of a cancel that finds no transfer running, given the plain
+    // cancellation error: a subclass adds what the task had received so far
+    // (a download's resume data), so that a retry continues from it.
+    virtual ZNVErrorRef cancellationKeepingReceivedData(const ZNVErrorRef& cancelled) const;
     void finishTaskInit();
     void setPrimitiveTask(const std::shared_ptr<ZNVURLSessionTask>& task);
     void applyTaskToState();
