@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -68,20 +69,35 @@ std::string bindProfile(const std::string& profile, const std::string& server) {
     // and the other sees that binding (and is refused if it names another
     // server), instead of both going on with the one queue.
     std::string temporary = path + ".tmp-" + std::to_string(::getpid());
+    const auto failed = [&](int error) {
+        ::unlink(temporary.c_str());
+        return "cannot write " + path + ": " + std::strerror(error);
+    };
     int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) return failed(errno);
     std::string line = server + "\n";
-    bool ok = fd >= 0 && ::write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
-    ok = ok && ::fsync(fd) == 0;
-    if (fd >= 0) ::close(fd);
-    const bool linked = ok && ::link(temporary.c_str(), path.c_str()) == 0;
-    const int linkError = errno;
-    ::unlink(temporary.c_str());
-    if (!linked) {
+    const bool written =
+        ::write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size()) &&
+        ::fsync(fd) == 0;
+    const int writeError = errno;
+    ::close(fd);
+    if (!written) return failed(writeError ? writeError : EIO);
+    if (::link(temporary.c_str(), path.c_str()) != 0) {
+        if (errno != EEXIST) return failed(errno);
         // Bound meanwhile: that binding decides (read again, once).
-        if (ok && linkError == EEXIST && !boundServer(profile).empty())
+        if (!boundServer(profile).empty()) {
+            ::unlink(temporary.c_str());
             return bindProfile(profile, server);
-        return "cannot write " + path;
+        }
+        // What is there names no server (an empty file, a link, a FIFO):
+        // this binding takes its place. Of two first uses doing so at once,
+        // the one whose binding is not the one left is refused, as above.
+        if (::rename(temporary.c_str(), path.c_str()) != 0) return failed(errno);
+        const std::string bound = boundServer(profile);
+        if (bound == server) return {};
+        return bound.empty() ? failed(EIO) : bindProfile(profile, server);
     }
+    ::unlink(temporary.c_str());
     return {};
 }
 

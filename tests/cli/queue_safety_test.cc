@@ -173,6 +173,21 @@ TEST_F(ZnvQueueSafetyTest, AProfileStaysWithTheServerItWasFirstUsedWith) {
     EXPECT_EQ(away.status, 2);
     EXPECT_NE(away.err.find("bound to the built-in emulator"), std::string::npos) << away.err;
     EXPECT_TRUE(other.requestLog().empty());
+
+    // A binding file that names no server (left empty, or a link) binds
+    // nothing: the next use binds the profile, and binds it for good.
+    const std::string network = user.home() + "/Library/Network/";
+    writeFile(network + "blank.server", "");
+    fs::create_symlink(network + "live.server", network + "linked.server");
+    for (const std::string profile : {"blank", "linked"}) {
+        SCOPED_TRACE(profile);
+        ZnvRun bound =
+            user.run({"--profile", profile, "--server", other.baseURL(), "--offline", "upload", a});
+        EXPECT_EQ(bound.status, 0) << bound.err;
+        EXPECT_EQ(readFile(network + profile + ".server"), other.baseURL() + "\n");
+        EXPECT_EQ(user.run({"--profile", profile, "--server", server_, "resume"}).status, 2);
+    }
+    EXPECT_EQ(readFile(network + "live.server"), server_ + "\n");
 }
 
 TEST_F(ZnvQueueSafetyTest, StatusAndExitStatusSayWhatHappenedToEachTask) {
