@@ -161,6 +161,8 @@ bool hasControlCharacter(const std::string& text) {
     return false;
 }
 
+constexpr size_t kMaximumProfileBytes = 128;
+
 int usageError(const std::string& message) {
     printError(message);
     return kExitUsage;
@@ -278,10 +280,17 @@ int run(int argc, char** argv) {
     if (hasControlCharacter(global.token)) {
         return usageError("the access token has control characters");
     }
-    // The name becomes part of file names and of printed commands.
+    // The name becomes part of file names and of printed commands. The
+    // longest of those files (a damaged one kept aside) adds about fifty
+    // bytes to it, and a name the file system refuses would leave a damaged
+    // queue where the next save replaces it.
     if (global.profile.find('/') != std::string::npos || hasControlCharacter(global.profile) ||
         global.profile == "." || global.profile == "..") {
         return usageError("bad profile name: " + global.profile);
+    }
+    if (global.profile.size() > kMaximumProfileBytes) {
+        return usageError("the profile name is longer than " +
+                          std::to_string(kMaximumProfileBytes) + " bytes");
     }
 
     if (uploadCommand->parsed()) {

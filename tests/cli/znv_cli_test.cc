@@ -65,6 +65,7 @@ TEST_F(ZnvCliTest, BadInputEndsWithOneLineNamingTheProblemAndStatus2) {
         {{"info", ""}, "bad file ID"},
         {{"delete", "a\x1b[2Jb"}, "bad file ID: a\\x1b[2Jb"},
         {{"--profile", "w\x1b]0;x\x07", "status"}, "bad profile name: w\\x1b]0;x\\x07"},
+        {{"--profile", std::string(129, 'p'), "status"}, "longer than 128 bytes"},
         {{"download", "http://127.0.0.1:9/content/x", "-o", "/dev/null", "-f"},
          "not a regular file"},
         {{}, ""},
@@ -606,6 +607,14 @@ TEST_F(ZnvCliTest, ABusyQueueIsRefusedOrAwaitedAndADamagedOneIsKept) {
     ZnvRun next = user.run({"--profile", "p", "status"});
     EXPECT_EQ(next.status, 0) << next.err;
     EXPECT_NE(next.out.find("no tasks"), std::string::npos) << next.out;
+    // The longest profile name leaves room for the name its damaged queue is
+    // kept under: a queue left in place would be replaced by the next save.
+    const std::string longest(128, 'l');
+    writeFile(dir + "/" + longest + ".state", damage);
+    ZnvRun longDamaged = user.run({"--profile", longest, "--offline", "upload", a});
+    EXPECT_EQ(longDamaged.status, 0) << longDamaged.err;
+    EXPECT_NE(longDamaged.err.find(longest + ".state.damaged-"), std::string::npos)
+        << longDamaged.err;
     // A command that runs the queue says so and goes on with the empty one.
     writeFile(state, damage);
     ZnvRun afterDamage =
