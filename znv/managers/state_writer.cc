@@ -487,8 +487,11 @@ bool ZNVStateWriter::run(const Save& save) {
         ZNVNetworkUtilities_removeFileAtURL(save.tempURL);
         ZNVNetworkUtilities_ensureFileAtURL(save.tempURL);
         const std::string path = save.tempURL.path();
+        // O_CREAT only for the reason of a failure: when the file could not be
+        // made above (a directory that cannot be written), this open fails
+        // with that cause instead of "no such file".
         do {
-            fd = ::open(path.c_str(), O_RDWR | O_TRUNC | O_CLOEXEC);
+            fd = ::open(path.c_str(), O_RDWR | O_TRUNC | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
         } while (fd < 0 && errno == EINTR);
         if (fd < 0) {
             error = posixError(errno, "cannot open the task state file for writing", save.tempURL);
