@@ -288,6 +288,35 @@ TEST_F(StorageEndToEnd, RecoversFromServerErrorsAndConnectionResets) {
     EXPECT_GE(events.count(ZNVNetwork_TaskDidSuspendNotification), 2u);
 }
 
+TEST_F(StorageEndToEnd, AWholeFileAskedToComeBackLaterGoesOnInChunksAfterTheWait) {
+    // Waits as the service asks, not scaled down as elsewhere in the tests.
+    ZNVNetworkTask::setRecoveryDelayScale(1.0);
+    struct RestoreScale {
+        ~RestoreScale() { ZNVNetworkTask::setRecoveryDelayScale(0.0); }
+    } restoreScale;
+    ASSERT_TRUE(emulator_->addFault({{"method", "PUT"},
+                                     {"path", "/api/files/*/fullfile"},
+                                     {"action", "status"},
+                                     {"status", 503},
+                                     {"headers", {{"Retry-After", "1"}}},
+                                     {"times", 1}}));
+    auto storage = makeStorage();
+    const auto source = writeSource("later.bin", 5 * kMiB, 23);
+    auto upload = storage->uploadFromFile(ZNVURL::fileURL(source), false);
+    ASSERT_TRUE(waitForCompletion({upload}));
+    EXPECT_EQ(upload->error(), nullptr);
+    EXPECT_TRUE(test::filesEqual(remoteContentPath(upload->remoteFileID()), source));
+
+    const std::string file = "/api/files/" + upload->remoteFileID();
+    auto puts = requests("PUT", file);
+    ASSERT_EQ(puts.size(), 2u);
+    EXPECT_EQ(puts[0]["path"], file + "/fullfile");
+    EXPECT_EQ(puts[0]["status"], 503);
+    EXPECT_EQ(puts[1]["path"], file);
+    EXPECT_EQ(puts[1]["parts"].size(), 2u);
+    EXPECT_GE(puts[1]["startMs"].get<int64_t>() - puts[0]["endMs"].get<int64_t>(), 1000);
+}
+
 TEST_F(StorageEndToEnd, MissingChunksAreSentAgainAndCompletedFilesAreAccepted) {
     ASSERT_TRUE(emulator_->addFault({{"method", "POST"},
                                      {"path", "/api/files/*/complete"},

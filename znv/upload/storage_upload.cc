@@ -763,7 +763,14 @@ void ZNVStorageUpload::handleStorageResponse(const ZNVStorageResponse& response,
         const ZNVErrorRef& error = response.error();
         bool handled = false;
         if (reachableNetwork) {
-            if (type == ZNVStorageResponseTypeUploadedFullFile) {
+            if (type == ZNVStorageResponseTypeUploadedFullFile &&
+                error->value(ZNVURLErrorRetryAfterKey)) {
+                // The service asked to come back later: the upload goes on in
+                // chunks, but only once the recovery has waited as asked.
+                uploadsChunks_ = true;
+                chunkIndicesToUpload_ = allChunkIndices();
+                pendingBatchChunkCount_ = 0;
+            } else if (type == ZNVStorageResponseTypeUploadedFullFile) {
                 // The service refused the whole file: send it in chunks instead.
                 beginUploadingChunksAtIndices(allChunkIndices());
                 handled = true;
