@@ -305,12 +305,15 @@ TEST_F(DamagedState, EveryUnrestorableFileIsKeptAsideAndReportedButAForeignOneIs
     wrongMember["$top"]["tasks"]["$objects"][1]["source URL"] = "not wrapped";
     auto notAList = json;
     notAList["$top"]["tasks"] = "nothing";
+    auto newer = json;
+    newer["$version"] = 2;
     std::string random(4096, '\0');
     for (size_t i = 0; i < random.size(); ++i)
         random[i] = static_cast<char>((i * 2654435761u) >> 13);
 
     struct Case {
         std::string name, content, logged;
+        std::string reported = "";  // in the error the application gets, when given
     };
     const std::vector<Case> cases = {
         {"empty", "", "failed to read network task state: "},
@@ -324,6 +327,8 @@ TEST_F(DamagedState, EveryUnrestorableFileIsKeptAsideAndReportedButAForeignOneIs
          "Failed to load (null) task state for damaged network session."},
         {"unknown task class", unknownClass.dump(), "Unable to decode 32-bit task data."},
         {"task member of the wrong type", wrongMember.dump(), "failed to parse network task state"},
+        {"newer version", newer.dump(), "unsupported archive version 2",
+         "(not a task archive: unsupported archive version 2)"},
         {"tasks not a list", notAList.dump(), "failed to parse network task state: "},
     };
     for (const auto& c : cases) {
@@ -331,6 +336,10 @@ TEST_F(DamagedState, EveryUnrestorableFileIsKeptAsideAndReportedButAForeignOneIs
         auto lines = restoreFrom(c.content);
         EXPECT_TRUE(has(lines, c.logged));
         expectKept(c.content, lines);
+        // The application learns why, not only that the file is damaged.
+        if (auto error = network_->stateRestoreError(); error && !c.reported.empty()) {
+            EXPECT_NE(error->localizedDescription().find(c.reported), std::string::npos);
+        }
     }
 
     // The next save starts a new file and leaves the kept copy alone.

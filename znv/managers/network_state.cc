@@ -492,7 +492,10 @@ void ZNVNetwork::readState() {
     ::close(file.fd);
     if (!unarchiver) {
         ZNVLogError("failed to set up reader for network task state: {}", describe(setupError));
-        damaged("not a task archive");
+        // The reader's reason (a newer archive version, a parse error) tells
+        // the user more than the bare verdict.
+        damaged(setupError ? "not a task archive: " + setupError->localizedDescription()
+                           : "not a task archive");
         return;
     }
 
