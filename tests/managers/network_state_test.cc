@@ -329,6 +329,9 @@ TEST_F(DamagedState, EveryUnrestorableFileIsKeptAsideAndReportedButAForeignOneIs
         {"task member of the wrong type", wrongMember.dump(), "failed to parse network task state"},
         {"newer version", newer.dump(), "unsupported archive version 2",
          "(not a task archive: unsupported archive version 2)"},
+        {"a megabyte in an unterminated string",
+         R"({"$archiver":")" + std::string(1 << 20, 'a') + "\x01",
+         "failed to set up reader for network task state: ", "parse error"},
         {"tasks not a list", notAList.dump(), "failed to parse network task state: "},
     };
     for (const auto& c : cases) {
@@ -339,6 +342,7 @@ TEST_F(DamagedState, EveryUnrestorableFileIsKeptAsideAndReportedButAForeignOneIs
         // The application learns why, not only that the file is damaged.
         if (auto error = network_->stateRestoreError(); error && !c.reported.empty()) {
             EXPECT_NE(error->localizedDescription().find(c.reported), std::string::npos);
+            EXPECT_LT(error->localizedDescription().size(), 400u) << "one line, not the file";
         }
     }
 

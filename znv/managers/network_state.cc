@@ -214,6 +214,9 @@ ZNVErrorRef keepDamagedStateFile(const ZNVURL& stateURL, const std::string& reas
          {NSFilePathErrorKey, kept}});
 }
 
+// The longest reader's reason a damaged state file is reported with.
+constexpr size_t kMaximumDamageReason = 160;
+
 std::string describe(const ZNVErrorRef& error) {
     return error ? error->description() : std::string("(null)");
 }
@@ -493,9 +496,16 @@ void ZNVNetwork::readState() {
     if (!unarchiver) {
         ZNVLogError("failed to set up reader for network task state: {}", describe(setupError));
         // The reader's reason (a newer archive version, a parse error) tells
-        // the user more than the bare verdict.
-        damaged(setupError ? "not a task archive: " + setupError->localizedDescription()
-                           : "not a task archive");
+        // the user more than the bare verdict. A parse error quotes what it
+        // read, which can be megabytes: the reason is cut to a line.
+        std::string reason = setupError ? setupError->localizedDescription() : std::string();
+        if (reason.size() > kMaximumDamageReason) {
+            size_t cut = kMaximumDamageReason;
+            while (cut > 0 && (static_cast<unsigned char>(reason[cut]) & 0xC0) == 0x80)
+                --cut;  // not inside a UTF-8 sequence
+            reason = reason.substr(0, cut) + "...";
+        }
+        damaged(reason.empty() ? "not a task archive" : "not a task archive: " + reason);
         return;
     }
 
