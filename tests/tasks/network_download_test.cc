@@ -480,6 +480,14 @@ TEST_F(NetworkDownloadTest, ARangeContinuesOnlyItsOwnVersionAndOnlyToItsEnd) {
              answer206(res, payload.substr(0, part), 0, part - 1, size, "\"v1\"");
          },
          part},
+        {"a range whose end no count of bytes reaches", false,
+         [&](int64_t, httplib::Response& res) {
+             res.status = 206;
+             res.set_header("ETag", "\"v1\"");
+             res.set_header("Content-Range", "bytes 0-9223372036854775807/*");
+             res.set_content(payload.substr(0, part), "application/octet-stream");
+         },
+         -1},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);

@@ -1097,10 +1097,13 @@ bool ZNVURLSession::Core::beginBody(Transfer& t) {
     long long complete = -1;
     if (t.status == 206) {
         // "bytes <first>-<last>/<total>": only the range asked for (from 0
-        // when none was) is the body's continuation.
+        // when none was) is the body's continuation. A last byte at the end of
+        // the number range names no end a file can have (and its end, one
+        // past it, would overflow).
         auto range = response->valueForHTTPHeaderField("Content-Range").value_or("");
         if (std::sscanf(range.c_str(), "bytes %lld-%lld/%lld", &first, &last, &complete) < 2 ||
-            first != t.requestedOffset || last < first || (complete > 0 && last >= complete)) {
+            first != t.requestedOffset || last < first || last == LLONG_MAX ||
+            (complete > 0 && last >= complete)) {
             t.badRange = true;
             return false;
         }
