@@ -20,6 +20,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <nlohmann/json.hpp>
@@ -72,6 +73,30 @@ class EscapingStderrSink : public spdlog::sinks::base_sink<std::mutex> {
     void flush_() override { std::fflush(stderr); }
 };
 
+// The log file's lines: spdlog's usual pattern, each message on one line with
+// the control characters of names and server texts escaped, so that the file
+// shown on a terminal neither runs escape sequences nor holds forged lines.
+class EscapingFormatter : public spdlog::formatter {
+  public:
+    explicit EscapingFormatter(std::unique_ptr<spdlog::formatter> inner)
+        : inner_(std::move(inner)) {}
+    void format(const spdlog::details::log_msg& msg, spdlog::memory_buf_t& dest) override {
+        spdlog::memory_buf_t formatted;
+        inner_->format(msg, formatted);
+        std::string_view text(formatted.data(), formatted.size());
+        while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+            text.remove_suffix(1);
+        const std::string line = escapeControls(text) + "\n";
+        dest.append(line.data(), line.data() + line.size());
+    }
+    std::unique_ptr<spdlog::formatter> clone() const override {
+        return std::make_unique<EscapingFormatter>(inner_->clone());
+    }
+
+  private:
+    std::unique_ptr<spdlog::formatter> inner_;
+};
+
 std::string parentOf(const std::string& path) {
     auto parent = std::filesystem::path(path).parent_path().string();
     return parent.empty() ? std::string("/") : parent;
@@ -120,8 +145,11 @@ void routeLibraryLog(int verbosity) {
             // Every run logs each task it restores, so with a long queue the
             // log grows by megabytes a command: it is kept to the newest
             // 16 MiB and two older files of that size (znv.1.log, znv.2.log).
-            sinks.push_back(std::make_shared<spdlog::sinks::rotating_file_sink_mt>(
-                path, kLogFileBytes, kOldLogFiles));
+            auto file = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(path, kLogFileBytes,
+                                                                               kOldLogFiles);
+            file->set_formatter(
+                std::make_unique<EscapingFormatter>(std::make_unique<spdlog::pattern_formatter>()));
+            sinks.push_back(std::move(file));
         } catch (const std::exception&) {
             // No log file: the log is dropped rather than drawn over the output.
         }

@@ -136,6 +136,22 @@ TEST_F(ZnvOutputTest, ResultsGoToStdoutAndEverythingElseToStderr) {
     EXPECT_NE(table.out.find("evil\\x1b[2J\\ncompleted.bin"), std::string::npos) << table.out;
     ZnvRun json = user.run({"--json", "status"});
     EXPECT_NE(json.out.find(nlohmann::json(hostile).dump()), std::string::npos) << json.out;
+    // So is a server's message, on standard error and in the log file, where
+    // it would otherwise reach whoever reads the log on a terminal.
+    ASSERT_TRUE(emulator_.addFault({{"method", "GET"},
+                                    {"path", "/api/files/*"},
+                                    {"times", 1},
+                                    {"action", "status"},
+                                    {"status", 404},
+                                    {"message", "gone\x1b]0;owned\x07\nforged line"}}));
+    ZnvRun told = user.run({"--server", server_, "-v", "info", "no-such-file"});
+    EXPECT_EQ(told.status, 1);
+    const std::string log = readFile(user.home() + "/.local/state/znv/znv.log");
+    for (const std::string& text : {told.err, log}) {
+        EXPECT_EQ(text.find_first_of("\x1b\x07"), std::string::npos) << text;
+        EXPECT_EQ(text.find("\nforged line"), std::string::npos) << text;
+        EXPECT_NE(text.find("gone\\x1b]0;owned\\x07\\nforged line"), std::string::npos) << text;
+    }
 
     ZnvRun debug = user.run({"--server", server_, "-vv", "status"});
     EXPECT_EQ(debug.status, 0);
