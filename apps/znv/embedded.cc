@@ -10,12 +10,12 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "apps/znv/names.h"
 #include "apps/znv/paths.h"
 #include "apps/znv/signals.h"
+#include "znv/platform/filesystem.h"
 
 namespace znv::cli {
 namespace {
@@ -116,7 +116,16 @@ bool EmbeddedEmulator::start(const std::string& dataDir, const std::string& toke
     }
     dataDir_ = dataDir;
     adminToken_ = options.adminToken;
-    std::ofstream(dataDir + ".port") << emulator_->port() << "\n";
+    // Remembered for the next start; a link or anything but a regular file
+    // at the name (the data directory may lie where others can write) is
+    // neither followed nor waited on.
+    const ZNVRegularFile portFile =
+        ZNVOpenRegularFile(dataDir + ".port", O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600);
+    if (portFile.fd >= 0) {
+        const std::string text = std::to_string(emulator_->port()) + "\n";
+        (void)ZNVWriteAll(portFile.fd, text.data(), text.size());
+        ::close(portFile.fd);
+    }
     return true;
 }
 

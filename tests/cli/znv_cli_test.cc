@@ -673,7 +673,13 @@ TEST_F(ZnvCliTest, ABusyQueueIsRefusedOrAwaitedAndADamagedOneIsKept) {
 TEST_F(ZnvCliTest, EmulatorCommandListensOnAKernelChosenPortUntilTerminated) {
     ZnvUser user;
     ZnvUser client;
-    pid_t pid = user.start({"--json", "emulator", "--port", "0", "--token", "t0k"});
+    // The data directory may lie where others can write: a link planted at
+    // the name of its port file is not written through.
+    const std::string victim = file("victim.txt", 10);
+    const std::string data = std::filesystem::path(victim).parent_path().string() + "/data";
+    const std::string before = readFile(victim);
+    std::filesystem::create_symlink(victim, data + ".port");
+    pid_t pid = user.start({"--json", "emulator", "--port", "0", "--token", "t0k", "--data", data});
     std::string url;
     ASSERT_TRUE(waitFor(
         [&] {
@@ -690,6 +696,7 @@ TEST_F(ZnvCliTest, EmulatorCommandListensOnAKernelChosenPortUntilTerminated) {
     kill(pid, SIGTERM);
     ZnvRun stopped = user.finish(pid, std::chrono::seconds(30));
     EXPECT_EQ(stopped.status, 0) << stopped.err;
+    EXPECT_EQ(readFile(victim), before);
 }
 
 TEST_F(ZnvCliTest, DemoUploadsBothWaysAndVerifiesTheCopies) {
