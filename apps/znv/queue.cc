@@ -21,8 +21,8 @@
 #include <unordered_set>
 
 #include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/sinks/stdout_sinks.h>
 #include <nlohmann/json.hpp>
 
 #include "apps/znv/binding.h"
@@ -57,25 +57,10 @@ int64_t fileSize(const std::string& path) {
     return ec ? -1 : static_cast<int64_t>(size);
 }
 
-// The log on standard error (-v): each message on one line, with the
-// control characters of names and server texts escaped.
-class EscapingStderrSink : public spdlog::sinks::base_sink<std::mutex> {
-  protected:
-    void sink_it_(const spdlog::details::log_msg& msg) override {
-        spdlog::memory_buf_t formatted;
-        formatter_->format(msg, formatted);
-        std::string text(formatted.data(), formatted.size());
-        while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
-            text.pop_back();
-        text = escapeControls(text) + "\n";
-        std::fwrite(text.data(), 1, text.size(), stderr);
-    }
-    void flush_() override { std::fflush(stderr); }
-};
-
-// The log file's lines: spdlog's usual pattern, each message on one line with
-// the control characters of names and server texts escaped, so that the file
-// shown on a terminal neither runs escape sequences nor holds forged lines.
+// The log's lines, in the log file and on standard error (-v): the inner
+// pattern's, each message on one line with the control characters of names
+// and server texts escaped, so that neither a terminal nor the file shown on
+// one runs escape sequences or holds forged lines.
 class EscapingFormatter : public spdlog::formatter {
   public:
     explicit EscapingFormatter(std::unique_ptr<spdlog::formatter> inner)
@@ -155,8 +140,9 @@ void routeLibraryLog(int verbosity) {
         }
     }
     if (verbosity >= 1) {
-        auto console = std::make_shared<EscapingStderrSink>();
-        console->set_pattern("znv: [%l] %v");
+        auto console = std::make_shared<spdlog::sinks::stderr_sink_mt>();
+        console->set_formatter(std::make_unique<EscapingFormatter>(
+            std::make_unique<spdlog::pattern_formatter>("znv: [%l] %v")));
         console->set_level(verbosity >= 2 ? spdlog::level::debug : spdlog::level::info);
         sinks.push_back(std::move(console));
     }
